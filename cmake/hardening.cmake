@@ -1,0 +1,39 @@
+# A process that loads closed code and reads foreign bytes is built to fail early and to be hard to bend.
+include(CheckPIESupported)
+check_pie_supported()
+
+set(TVKINTIF_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined")
+option(TVKINTIF_COVERAGE "Count executed lines and branches" OFF)
+
+add_library(tvkintif_hardening INTERFACE)
+
+target_compile_options(tvkintif_hardening INTERFACE
+  -fstack-protector-strong
+  -fstack-clash-protection)
+# Fortified calls need an optimising build, and the sanitizers bring checks of their own.
+if(NOT TVKINTIF_SANITIZE)
+  target_compile_options(tvkintif_hardening INTERFACE
+    "$<$<CONFIG:RelWithDebInfo,Release,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
+endif()
+target_link_options(tvkintif_hardening INTERFACE
+  LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack LINKER:--as-needed)
+
+# Assertions guard against programming errors in shipped builds too: a null context handed to libusb
+# must abort here, not crash somewhere inside it.
+foreach(config RELEASE RELWITHDEBINFO MINSIZEREL)
+  foreach(language C CXX)
+    string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${config} "${CMAKE_${language}_FLAGS_${config}}")
+  endforeach()
+endforeach()
+
+if(TVKINTIF_SANITIZE)
+  target_compile_options(tvkintif_hardening INTERFACE
+    -fsanitize=${TVKINTIF_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tvkintif_hardening INTERFACE -fsanitize=${TVKINTIF_SANITIZE})
+endif()
+
+if(TVKINTIF_COVERAGE)
+  # Atomic counters: a child that forks while another counts must not corrupt the figures.
+  target_compile_options(tvkintif_hardening INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tvkintif_hardening INTERFACE --coverage)
+endif()

@@ -1,0 +1,16 @@
+add_library(tvkintif_warnings INTERFACE)
+
+set(common_warnings
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wcast-align -Wcast-qual
+  -Wformat=2 -Wnull-dereference -Wdouble-promotion -Wundef -Wduplicated-cond -Wduplicated-branches
+  -Wlogical-op)
+set(cxx_warnings
+  -Wold-style-cast -Wuseless-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi
+  -Wsuggest-override -Wzero-as-null-pointer-constant)
+
+target_compile_options(tvkintif_warnings INTERFACE
+  ${common_warnings}
+  "$<$<COMPILE_LANGUAGE:CXX>:${cxx_warnings}>"
+  "$<$<BOOL:${TVKINTIF_WERROR}>:-Werror>"
+  # GCC's note that an ABI detail changed in version 7.1 concerns nobody who builds with one compiler.
+  -Wno-psabi)
