@@ -1,0 +1,141 @@
+#pragma once
+
+#include <cstdarg>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+namespace vl::common::log {
+
+/// Severity of a record. The settings file may ask for any number, so a value outside the named ones is
+/// legal: it prints as an empty name and compares by its number.
+enum class ESeveryLevel : int { trace = 0, info = 1, warning = 2, error = 3, fatal = 4 };
+
+/// Serialises init_log() and every write to the log file.
+extern std::mutex log_mtx;
+
+/// Finds the log directory ("/tmp/velnor", then "/" and `name` unless it is empty), reads `config_file`
+/// from it and fixes the stem of the daily log file. Logging stays off, silently, when the directory does
+/// not exist: creating it is the switch. Call once, before any record is to be written. The first
+/// argument is not used.
+void init_log(void*, const std::string& name, const std::string& config_file);
+
+/// The process's log settings: which levels are written, whether lines take the verbose form, and where
+/// they go. Filled by init_log(), fixed afterwards.
+///
+/// Threads: is_enabled() fills its cache on the first successful call, which init_log() makes under
+/// log_mtx; from then on it only reads. output_logfile() is called under log_mtx.
+class logConfigure {
+public:
+    /// The one object that records ask.
+    static logConfigure instance_;
+
+    logConfigure() = default;
+    logConfigure(const logConfigure&) = delete;
+    logConfigure& operator=(const logConfigure&) = delete;
+    // The cached level lasts as long as the object: whoever needs fresh settings moves in a new one.
+    logConfigure(logConfigure&&) = default;
+    logConfigure& operator=(logConfigure&&) = default;
+    ~logConfigure() = default;
+
+    /// Replaces the settings by those of the file at `path`; a missing file in an existing directory means
+    /// level INFO. Does not reset a level that was already cached.
+    void set_config_file(const std::string& path);
+
+    /// Whether records of `level` are written: "loglevel" names the lowest severity that is.
+    bool is_enabled(ESeveryLevel level) { return m_level ? *m_level <= level : read_level(level); }
+
+    /// True when TRACE is enabled: lines then carry source and line, and are copied to standard error.
+    bool is_verbose() const { return verbose; }
+
+    /// Today's log file: the stem, an underscore, the local date as YYYYMMDD, ".log"; at most 259 bytes.
+    std::string output_logfile() const;
+
+private:
+    friend void init_log(void*, const std::string&, const std::string&);
+
+    bool read_level(ESeveryLevel level);
+
+    std::map<std::string, std::string, std::less<>> settings; ///< keys in lower case, values as written
+    std::shared_ptr<ESeveryLevel> m_level;                    ///< empty until "loglevel" was first parsed
+    std::string m_stem;                                       ///< path of the log file up to the date
+    bool verbose = false;
+};
+
+/// One log line, on the stack of the statement that writes it:
+///
+///     Logger("usb", __LINE__, ESeveryLevel::info)("usb write : %s", name);
+///
+/// The constructor prepares the line's header, one formatting call appends header and message to today's
+/// file, the destructor ends the line. A record whose level is disabled does nothing at all. Problems with
+/// the file are never reported: a line that cannot be written is dropped.
+///
+/// Threads: any; each write holds log_mtx, so another thread's line can fall between a message and its
+/// newline but not into either.
+class Logger {
+public:
+    /// `unit` is the name of the calling unit; it is kept by address and must outlive the record.
+    Logger(const char* unit, int source_line, ESeveryLevel severity)
+        : file(unit), line(source_line), level(severity)
+    {
+        add_header(false);
+    }
+    Logger(const Logger&) = delete;
+    Logger& operator=(const Logger&) = delete;
+    virtual ~Logger()
+    {
+        if (written)
+            end_line();
+    }
+
+    /// Prepares a header, ending an already written line first. A short one stops after the thread id.
+    void add_header(bool is_short)
+    {
+        if (written)
+            end_line();
+        if (is_enabled())
+            append_header(is_short);
+    }
+
+    /// Writes a printf-style message, cut to its first 1023 characters.
+    __attribute__((format(printf, 2, 3))) void operator()(const char* format, ...);
+
+    /// Writes the value as an output stream shows it; a null string writes an empty message.
+    template <typename T>
+    Logger& operator<<(const T& value);
+
+    /// As operator(), for a caller that holds the arguments already.
+    __attribute__((format(printf, 2, 0))) void put(const char* format, std::va_list arguments);
+
+    /// Appends the pending header and `text` to today's file. A null `text` writes the header alone.
+    void put(const char* text);
+
+    /// Writes `length` bytes as upper-case hexadecimal pairs, each followed by a blank, on one line.
+    void Dumpbin(char* data, unsigned int length);
+
+private:
+    bool is_enabled() const { return logConfigure::instance_.is_enabled(level); }
+    void append_header(bool is_short);
+    void end_line();
+
+    const char* file;
+    int line;
+    ESeveryLevel level;
+    std::string m_pending; ///< the header, until the first write
+    bool written = false;  ///< the line has begun and needs its newline
+};
+
+template <typename T>
+Logger& Logger::operator<<(const T& value)
+{
+    if (is_enabled()) {
+        std::ostringstream text;
+        text << value;
+        put(text.str().c_str());
+    }
+    return *this;
+}
+
+} // namespace vl::common::log
