@@ -1,0 +1,226 @@
+#include "tvkintif/src/ipc_connection.h"
+
+#include <arpa/inet.h>
+#include <signal.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/log/logger.h"
+#include "tvkintif/src/transceiver.h"
+
+using vl::common::log::ESeveryLevel;
+using vl::common::log::Logger;
+
+namespace {
+
+constexpr const char* kUnit = "ipc_connection";
+constexpr int kAnyPort = 0;
+constexpr unsigned int kTimeoutSeconds = 300;
+constexpr std::int32_t kErrorOk = 0;
+constexpr std::int32_t kErrorFailed = -1;
+constexpr unsigned char kNak = 0x15;
+
+/// Holds SIGTERM and SIGINT back for its lifetime. One that came meanwhile is delivered at its end.
+class termination_blocker {
+public:
+    termination_blocker()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        sigprocmask(SIG_BLOCK, &signals, &m_previous);
+    }
+    termination_blocker(const termination_blocker&) = delete;
+    termination_blocker& operator=(const termination_blocker&) = delete;
+    ~termination_blocker() { sigprocmask(SIG_SETMASK, &m_previous, nullptr); }
+
+private:
+    sigset_t m_previous = {};
+};
+
+ssize_t read_once(int fd, void* buffer, unsigned int size)
+{
+    const termination_blocker blocker;
+    errno = 0;
+    const ssize_t result = ::read(fd, buffer, size);
+    if (result < 0) {
+        const int cause = errno;
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("read failed: %s", std::strerror(cause));
+    }
+    return result;
+}
+
+ssize_t write_once(int fd, const void* buffer, unsigned int size)
+{
+    const termination_blocker blocker;
+    errno = 0;
+    const ssize_t result = ::write(fd, buffer, size);
+    if (result < 0) {
+        const int cause = errno;
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("write failed: %s", std::strerror(cause));
+    }
+    return result;
+}
+
+int read_all(int fd, void* buffer, unsigned int size)
+{
+    if (buffer == nullptr || size == 0)
+        return ipc_connection::kFailed;
+    unsigned int total = 0;
+    while (total < size) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection read get called = %d",
+                                                    static_cast<int>(size - total));
+        const ssize_t result = read_once(fd, static_cast<unsigned char*>(buffer) + total, size - total);
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection read get bail rv = %d",
+                                                    static_cast<int>(result));
+        // No retry, not even after an interruption or a time-out: the caller looks at the termination flag
+        // and then reads on from here as if a message began.
+        if (result < 0)
+            return ipc_connection::kFailed;
+        total += static_cast<unsigned int>(result);
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("transferred %zd bytes, total %zd/%zd", result,
+                                                    static_cast<ssize_t>(total), static_cast<ssize_t>(size));
+        if (result == 0)
+            return ipc_connection::kPeerClosed;
+    }
+    return static_cast<int>(total);
+}
+
+/// Unlike read_all, ends with the short count when a call makes no progress.
+int write_all(int fd, const void* buffer, unsigned int size)
+{
+    if (buffer == nullptr || size == 0)
+        return ipc_connection::kFailed;
+    unsigned int total = 0;
+    for (;;) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection wrute get called = %d",
+                                                    static_cast<int>(size - total));
+        const ssize_t result =
+            write_once(fd, static_cast<const unsigned char*>(buffer) + total, size - total);
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection wrte  bail rv = %d",
+                                                    static_cast<int>(result));
+        if (result < 0)
+            return ipc_connection::kFailed;
+        total += static_cast<unsigned int>(result);
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("transferred %zd bytes, total %zd/%zd", result,
+                                                    static_cast<ssize_t>(total), static_cast<ssize_t>(size));
+        if (total == size || result == 0)
+            return static_cast<int>(total);
+    }
+}
+
+ipc_header reply_header(unsigned int id, std::int32_t error, unsigned int size)
+{
+    ipc_header header = {};
+    header.id = htonl(id);
+    header.error = static_cast<std::int32_t>(htonl(static_cast<std::uint32_t>(error)));
+    header.size = htonl(size);
+    return header;
+}
+
+unsigned int length_of(const std::vector<unsigned char>& payload)
+{
+    return static_cast<unsigned int>(payload.size());
+}
+
+} // namespace
+
+void make_zeroed(std::vector<unsigned char>& buffer, unsigned int length)
+{
+    buffer.clear(); // so that nothing is copied into a larger buffer only to be zeroed there
+    buffer.reserve(length);
+    buffer.resize(length);
+}
+
+ipc_connection::ipc_connection() : ipc_connection(kAnyPort) {}
+
+ipc_connection::ipc_connection(int port) : m_transceiver(std::make_unique<transceiver>(port, kTimeoutSeconds))
+{
+}
+
+ipc_connection::~ipc_connection() = default;
+
+int ipc_connection::port() const
+{
+    return m_transceiver->port();
+}
+
+int ipc_connection::read(ipc_header& header, std::vector<unsigned char>& payload)
+{
+    header = {};
+    const int result = read_all(*m_transceiver, &header, sizeof header);
+    if (result < 0)
+        return result;
+    const std::uint32_t size = ntohl(header.size);
+    // The payload keeps its earlier length: a request without payload passes that many zero bytes on.
+    if (size == 0)
+        return 0;
+    make_zeroed(payload, size);
+    return read_all(*m_transceiver, payload.data(), size);
+}
+
+void ipc_connection::send_ok(unsigned int id, const void* data, int size)
+{
+    const auto length = static_cast<unsigned int>(size);
+    const bool has_payload = data != nullptr && size != 0;
+    send_reply(reply_header(id, kErrorOk, length), data, has_payload ? length : 0);
+}
+
+int ipc_connection::send_ok(unsigned int id, std::vector<unsigned char>& payload)
+{
+    const unsigned int length = length_of(payload);
+    return send_reply(reply_header(id, kErrorOk, length), payload.data(), length);
+}
+
+int ipc_connection::send_ng(unsigned int id)
+{
+    return send_header(reply_header(id, kErrorFailed, 0));
+}
+
+int ipc_connection::send_nak(unsigned int id)
+{
+    return send_reply(reply_header(id, kErrorFailed, sizeof kNak), &kNak, sizeof kNak);
+}
+
+int ipc_connection::write(unsigned int id, unsigned int error, const void* data, int size)
+{
+    return write(reply_header(id, static_cast<std::int32_t>(error), static_cast<unsigned int>(size)), data,
+                 size);
+}
+
+int ipc_connection::write(unsigned int id, unsigned int error, std::vector<unsigned char>& payload)
+{
+    return write(reply_header(id, static_cast<std::int32_t>(error), length_of(payload)), payload);
+}
+
+int ipc_connection::write(ipc_header header, const void* data, int size)
+{
+    if (send_header(header) <= 0)
+        return kFailed;
+    if (size == 0)
+        return 0;
+    return write_all(*m_transceiver, data, static_cast<unsigned int>(size));
+}
+
+int ipc_connection::write(ipc_header header, std::vector<unsigned char>& payload)
+{
+    return write(header, payload.data(), static_cast<int>(payload.size()));
+}
+
+int ipc_connection::send_header(const ipc_header& header)
+{
+    return write_all(*m_transceiver, &header, sizeof header);
+}
+
+/// A payload follows only a header that went out.
+int ipc_connection::send_reply(const ipc_header& header, const void* data, unsigned int size)
+{
+    const int result = send_header(header);
+    if (result <= 0 || size == 0)
+        return result;
+    return write_all(*m_transceiver, data, size);
+}
