@@ -1,0 +1,408 @@
+#include "tvkintif/src/usb.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <cassert>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+#include "common/log/logger.h"
+
+#ifdef NDEBUG
+#error "The assertions here guard libusb against programming errors and belong into shipped builds too."
+#endif
+
+using vl::common::log::ESeveryLevel;
+using vl::common::log::Logger;
+
+namespace {
+
+constexpr const char* kUnit = "usb";
+constexpr const char* kPrefix = "usb:";
+constexpr int kOpenTries = 5;
+constexpr useconds_t kOpenPauseMicroseconds = 100;
+constexpr int kLibusbMessages = 3; ///< errors, warnings and information
+constexpr std::uint8_t kVendorSpecific = 0xFF;
+constexpr int kConfiguration = 1;
+constexpr int kDriverBound = 1;
+
+struct device_list_deleter {
+    void operator()(libusb_device** list) const { libusb_free_device_list(list, 1); }
+};
+using device_list = std::unique_ptr<libusb_device*, device_list_deleter>;
+
+struct config_descriptor_deleter {
+    void operator()(libusb_config_descriptor* descriptor) const { libusb_free_config_descriptor(descriptor); }
+};
+using config_descriptor = std::unique_ptr<libusb_config_descriptor, config_descriptor_deleter>;
+
+bool has_prefix(const std::string& udi)
+{
+    return udi.find(kPrefix) == 0;
+}
+
+/// The field that begins at `start`, as a 16-bit hexadecimal number; 0 unless all of it is one.
+std::uint16_t hex_field(const std::string& udi, std::size_t start)
+{
+    const std::string text = udi.substr(start, udi.find(':', start) - start);
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text.c_str(), &end, 16);
+    return *end == '\0' && value < 0x10000 ? static_cast<std::uint16_t>(value) : std::uint16_t{0};
+}
+
+std::vector<std::string> split(const std::string& udi)
+{
+    std::vector<std::string> fields;
+    std::istringstream input(udi);
+    for (std::string field; std::getline(input, field, ':');)
+        fields.push_back(field);
+    return fields;
+}
+
+/// Low 8 bits of a field, in a UDI that has bus and device number.
+std::uint8_t location_field(const std::string& udi, std::size_t index)
+{
+    const std::vector<std::string> fields = split(udi);
+    if (fields.size() <= 4)
+        return 0;
+    unsigned int value = 0;
+    std::sscanf(fields[index].c_str(), "%x", &value);
+    return static_cast<std::uint8_t>(value & 0xFF);
+}
+
+bool is_valid(const std::string& udi)
+{
+    return has_prefix(udi) && get_vid(udi) != 0 && get_pid(udi) != 0;
+}
+
+/// Models whose device wants a reset before its handle is closed.
+bool is_reset_on_close(std::uint16_t product_id)
+{
+    return (product_id >= 0x0A71 && product_id <= 0x0A76) || product_id == 0x0A8C;
+}
+
+bool is_vendor_specific(const libusb_interface_descriptor& setting)
+{
+    return setting.bInterfaceClass == kVendorSpecific && setting.bInterfaceProtocol == kVendorSpecific;
+}
+
+config_descriptor read_configuration(libusb_device* device, std::uint8_t index)
+{
+    libusb_config_descriptor* descriptor = nullptr;
+    if (libusb_get_config_descriptor(device, index, &descriptor) != LIBUSB_SUCCESS)
+        return nullptr;
+    return config_descriptor(descriptor);
+}
+
+} // namespace
+
+std::uint16_t get_vid(const std::string& udi)
+{
+    return has_prefix(udi) ? hex_field(udi, udi.find(':') + 1) : std::uint16_t{0};
+}
+
+std::uint16_t get_pid(const std::string& udi)
+{
+    if (!has_prefix(udi))
+        return 0;
+    const std::size_t second = udi.find(':', udi.find(':') + 1);
+    return second == std::string::npos ? std::uint16_t{0} : hex_field(udi, second + 1);
+}
+
+std::string get_device_serial(const std::string& udi)
+{
+    const std::vector<std::string> fields = split(udi);
+    return fields.size() > 3 ? fields[3] : std::string();
+}
+
+std::uint8_t get_bus_number(const std::string& udi)
+{
+    return location_field(udi, 3);
+}
+
+std::uint8_t get_device_number(const std::string& udi)
+{
+    return location_field(udi, 4);
+}
+
+libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_t vid, std::uint16_t pid,
+                                               int tries, useconds_t sleep)
+{
+    assert(ctx && vid && pid);
+    for (; tries > 0; --tries) {
+        if (libusb_device_handle* handle = libusb_open_device_with_vid_pid(ctx, vid, pid))
+            return handle;
+        usleep(sleep);
+    }
+    return nullptr;
+}
+
+libusb_context* usb_transceiver::sm_ctx = nullptr;
+bool usb_transceiver::sm_isInitialized = false;
+int usb_transceiver::sm_nConnectionCount = 0;
+int usb_transceiver::sm_nDefaultTimeout = 60000;
+
+usb_transceiver::usb_transceiver()
+{
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver start");
+    if (!sm_isInitialized) {
+        const int result = libusb_init(&sm_ctx);
+        sm_isInitialized = result == LIBUSB_SUCCESS;
+        if (!sm_isInitialized) {
+            sm_ctx = nullptr;
+            const char* name = libusb_error_name(result);
+            Logger(kUnit, __LINE__, ESeveryLevel::info)("libusb error = %s", name);
+            throw std::runtime_error(std::string("libusb_init: ") + name);
+        }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // the old call is kept on purpose
+        libusb_set_debug(sm_ctx, kLibusbMessages);
+#pragma GCC diagnostic pop
+    }
+    ++sm_nConnectionCount;
+}
+
+usb_transceiver::~usb_transceiver()
+{
+    close();
+    --sm_nConnectionCount;
+    if (sm_nConnectionCount == 0 && sm_ctx != nullptr) {
+        libusb_exit(sm_ctx);
+        sm_ctx = nullptr;
+        sm_isInitialized = false;
+    }
+}
+
+int usb_transceiver::getpid(const std::string& udi)
+{
+    if (is_valid(udi))
+        return get_pid(udi);
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", udi.c_str());
+    return -1;
+}
+
+bool usb_transceiver::Is_matchID(std::uint16_t vid, std::uint16_t pid, std::string serial,
+                                 libusb_device* device)
+{
+    libusb_device_descriptor descriptor = {};
+    if (libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS)
+        return false;
+    if (descriptor.idVendor != vid || descriptor.idProduct != pid)
+        return false;
+    libusb_device_handle* handle = nullptr;
+    if (libusb_open(device, &handle) != LIBUSB_SUCCESS)
+        return true;
+    std::array<unsigned char, 256> text{}; // stays empty when the serial cannot be read
+    libusb_get_string_descriptor_ascii(handle, descriptor.iSerialNumber, text.data(),
+                                       static_cast<int>(text.size()));
+    libusb_close(handle);
+    return std::strcmp(reinterpret_cast<const char*>(text.data()), // libusb hands text out as bytes
+                       serial.c_str()) == 0;
+}
+
+bool usb_transceiver::open(const std::string& udi)
+{
+    if (!is_valid(udi)) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", udi.c_str());
+        return false;
+    }
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open start");
+    const std::uint16_t pid = get_pid(udi);
+    const std::uint16_t vid = get_vid(udi);
+    assert(vid && pid);
+    const std::string serial = get_device_serial(udi);
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open %s", serial.c_str());
+    bool is_found = false;
+    if (!serial.empty()) {
+        is_found = open_by_serial(vid, pid, serial);
+        if (!is_found)
+            Logger(kUnit, __LINE__, ESeveryLevel::info)("not found retry");
+    }
+    if (!is_found)
+        m_handle = open_device_with_vid_pid(sm_ctx, vid, pid, kOpenTries, kOpenPauseMicroseconds);
+    if (m_handle == nullptr) {
+        close();
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open fails");
+        return false;
+    }
+    if (!set_bulk_endpoints()) {
+        close();
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver set_bulk_endpoints fails");
+        return false;
+    }
+    return true;
+}
+
+bool usb_transceiver::open_by_serial(std::uint16_t vid, std::uint16_t pid, const std::string& serial)
+{
+    libusb_device** devices = nullptr;
+    const ssize_t count = libusb_get_device_list(sm_ctx, &devices);
+    const device_list owner(devices);
+    for (ssize_t i = 0; i < count; ++i) {
+        if (!Is_matchID(vid, pid, serial, devices[i]))
+            continue;
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("found device");
+        if (libusb_open(devices[i], &m_handle) == LIBUSB_SUCCESS && m_handle != nullptr)
+            return true;
+    }
+    return false;
+}
+
+bool usb_transceiver::set_bulk_endpoints()
+{
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver set_bulk_endpoints");
+    libusb_device* device = libusb_get_device(m_handle);
+    libusb_device_descriptor descriptor = {};
+    int active = 0;
+    if (device == nullptr || libusb_get_device_descriptor(device, &descriptor) != LIBUSB_SUCCESS ||
+        libusb_get_configuration(m_handle, &active) != LIBUSB_SUCCESS)
+        return false;
+    for (std::uint8_t index = 0; index < descriptor.bNumConfigurations; ++index) {
+        m_nConfiguration = -1;
+        const config_descriptor configuration = read_configuration(device, index);
+        if (!configuration)
+            break;
+        // Configuration 1 whatever this one's value is, and `active` stays as first read: on purpose, plugins
+        // expect their scanner in configuration 1.
+        if (configuration->bConfigurationValue != active &&
+            libusb_set_configuration(m_handle, kConfiguration) != LIBUSB_SUCCESS)
+            break;
+        if (!search_interfaces(*configuration))
+            return false;
+        if (m_nConfiguration != -1)
+            break;
+    }
+    return m_nInterface != -1 && m_nBulkIn != -1 && m_nBulkOut != -1;
+}
+
+bool usb_transceiver::search_interfaces(const libusb_config_descriptor& configuration)
+{
+    for (int i = 0; i < configuration.bNumInterfaces; ++i) {
+        const libusb_interface& interface = configuration.interface[i];
+        m_nInterface = -1;
+        m_isKernelDriverDetached = false;
+        for (int j = 0; j < interface.num_altsetting; ++j) {
+            const libusb_interface_descriptor& setting = interface.altsetting[j];
+            if (!is_vendor_specific(setting))
+                continue;
+            if (!try_setting(setting))
+                return false;
+            if (m_nInterface != -1) {
+                m_nConfiguration = configuration.bConfigurationValue;
+                return true;
+            }
+        }
+    }
+    return true;
+}
+
+bool usb_transceiver::try_setting(const libusb_interface_descriptor& setting)
+{
+    const int number = setting.bInterfaceNumber;
+    const bool is_driver_bound = libusb_kernel_driver_active(m_handle, number) == kDriverBound;
+    if (is_driver_bound && libusb_detach_kernel_driver(m_handle, number) != LIBUSB_SUCCESS)
+        return false;
+    if (libusb_claim_interface(m_handle, number) != LIBUSB_SUCCESS) {
+        if (is_driver_bound)
+            libusb_attach_kernel_driver(m_handle, number);
+        return false;
+    }
+    take_endpoints(setting);
+    if (m_nBulkIn == -1 || m_nBulkOut == -1) {
+        release(number, is_driver_bound);
+        return true;
+    }
+    // The alternate setting is not selected, only its endpoint addresses are used: on purpose, plugins
+    // expect to find their device in the setting that it started with.
+    m_isKernelDriverDetached = is_driver_bound;
+    m_nInterface = number;
+    return true;
+}
+
+void usb_transceiver::take_endpoints(const libusb_interface_descriptor& setting)
+{
+    m_nBulkIn = -1;
+    m_nBulkOut = -1;
+    if (setting.endpoint == nullptr) // libusb may count endpoints of which it has no descriptors
+        return;
+    for (int i = 0; i < setting.bNumEndpoints; ++i) {
+        const libusb_endpoint_descriptor& endpoint = setting.endpoint[i];
+        if ((endpoint.bmAttributes & LIBUSB_TRANSFER_TYPE_MASK) != LIBUSB_TRANSFER_TYPE_BULK)
+            continue;
+        const bool is_in = (endpoint.bEndpointAddress & LIBUSB_ENDPOINT_IN) != 0;
+        (is_in ? m_nBulkIn : m_nBulkOut) = endpoint.bEndpointAddress; // the last of each direction counts
+    }
+}
+
+void usb_transceiver::release(int interface_number, bool is_driver_detached)
+{
+    libusb_release_interface(m_handle, interface_number);
+    if (is_driver_detached)
+        libusb_attach_kernel_driver(m_handle, interface_number);
+}
+
+int usb_transceiver::write(void* buf, int size)
+{
+    int transferred = 0;
+    const int result = transfer(m_nBulkOut, buf, size, transferred);
+    if (transferred != size)
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb write : transferred %d of %d bytes", transferred,
+                                                    size);
+    clear_stall(m_nBulkOut, result);
+    if (result != LIBUSB_SUCCESS)
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb write : %s", libusb_error_name(result));
+    return transferred;
+}
+
+int usb_transceiver::read(void* buf, int size)
+{
+    int transferred = 0;
+    const int result = transfer(m_nBulkIn, buf, size, transferred);
+    if (transferred != size)
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb read : transferred %d of %d bytes", transferred,
+                                                    size);
+    clear_stall(m_nBulkIn, result);
+    if (result != LIBUSB_SUCCESS)
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb read : %s", libusb_error_name(result));
+    return transferred;
+}
+
+int usb_transceiver::transfer(int endpoint, void* buf, int size, int& transferred)
+{
+    return libusb_bulk_transfer(m_handle, static_cast<unsigned char>(endpoint),
+                                static_cast<unsigned char*>(buf), size, &transferred,
+                                static_cast<unsigned int>(sm_nDefaultTimeout));
+}
+
+void usb_transceiver::clear_stall(int endpoint, int result)
+{
+    if (result != LIBUSB_ERROR_PIPE)
+        return;
+    libusb_clear_halt(m_handle, static_cast<unsigned char>(endpoint));
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("clearing halt: %s", libusb_error_name(result));
+}
+
+void usb_transceiver::close()
+{
+    if (is_reset_on_close(m_nProductId)) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("libusb reset device");
+        libusb_reset_device(m_handle);
+    }
+    if (m_nInterface != -1) {
+        release(m_nInterface, m_isKernelDriverDetached);
+        m_nConfiguration = -1;
+        m_nInterface = -1;
+        m_nBulkIn = -1;
+        m_nBulkOut = -1;
+    }
+    if (m_handle != nullptr) {
+        libusb_close(m_handle);
+        m_handle = nullptr;
+    }
+}

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <libusb.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+// A scanner is named by a UDI, one of
+//     usb:VVVV:PPPP    usb:VVVV:PPPP:SERIAL    usb:VVVV:PPPP:BB:DD
+// with vendor id, product id, bus and device number in hexadecimal. The readers below take one field each
+// and never throw for a malformed UDI: 0 or an empty string stands for absent or unreadable. A number may
+// end in a NUL, so that a front-end that sends its string's terminator along is served.
+
+/// Vendor id; 0 also when the UDI does not begin with "usb:".
+std::uint16_t get_vid(const std::string& udi);
+/// Product id; 0 also when the UDI does not begin with "usb:".
+std::uint16_t get_pid(const std::string& udi);
+/// Field 3, whatever the prefix and whether or not a field 4 makes it a bus number.
+std::string get_device_serial(const std::string& udi);
+/// Low 8 bits of field 3, in a UDI that also has a field 4.
+std::uint8_t get_bus_number(const std::string& udi);
+/// Low 8 bits of field 4.
+std::uint8_t get_device_number(const std::string& udi);
+
+/// Opens the first device with these ids, trying up to `tries` times with `sleep` microseconds after each
+/// failure. The handle is the caller's; null when there was none. A null context or a zero id aborts.
+libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_t vid, std::uint16_t pid,
+                                               int tries, useconds_t sleep);
+
+/// The one connection to a scanner on USB: finds the device, claims a vendor-specific interface that has
+/// bulk endpoints both ways, and moves bytes over them.
+///
+/// Owns the device handle and the claim on the interface, and gives both back in close(), together with
+/// the kernel driver that was detached for it. All objects share one libusb context, which lives as long
+/// as any of them. Failures are told by the result; their cause is in the log.
+///
+/// Threads: all objects on one thread.
+class usb_transceiver {
+public:
+    /// Throws std::runtime_error when libusb cannot be initialised.
+    usb_transceiver();
+    usb_transceiver(const usb_transceiver&) = delete;
+    usb_transceiver& operator=(const usb_transceiver&) = delete;
+    virtual ~usb_transceiver();
+
+    /// The product id that `udi` names, -1 when it is no valid address. Needs no device.
+    static int getpid(const std::string& udi);
+
+    /// Opens the device that `udi` names and prepares its endpoints; when it names a serial number that no
+    /// device has, the first device with its ids. On failure the object is closed. Not for an open object.
+    bool open(const std::string& udi);
+    /// Gives everything back; harmless on a closed object.
+    void close();
+    bool is_open() const { return m_handle != nullptr; }
+
+    /// One bulk transfer of `size` bytes to or from the device. Returns the bytes moved: fewer than `size`
+    /// is a failure, or on reading perhaps a short packet. After a stall the endpoint is usable again.
+    int write(void* buf, int size);
+    int read(void* buf, int size);
+
+    /// Chooses and claims the interface of the open device; part of open().
+    bool set_bulk_endpoints();
+
+    /// Whether `device` carries these ids and this serial number. One with the right ids that cannot be
+    /// opened to ask for its serial counts as a match, on purpose: the caller's own attempt decides.
+    static bool Is_matchID(std::uint16_t vid, std::uint16_t pid, std::string serial, libusb_device* device);
+
+protected:
+    static libusb_context* sm_ctx;
+    static bool sm_isInitialized;
+    static int sm_nConnectionCount; ///< live objects
+    static int sm_nDefaultTimeout;  ///< of every bulk transfer, in milliseconds
+
+    libusb_device_handle* m_handle = nullptr; ///< non-null exactly while open
+    std::uint16_t m_nVendorId = 0;
+    std::uint16_t m_nProductId = 0; ///< nothing assigns it yet; close() resets some models by it
+    int m_nConfiguration = -1;      ///< bConfigurationValue; in this and the next ones -1 means none
+    int m_nInterface = -1;          ///< bInterfaceNumber of the claimed interface
+    bool m_isKernelDriverDetached = false;
+    int m_nBulkIn = -1;  ///< bEndpointAddress
+    int m_nBulkOut = -1; ///< bEndpointAddress
+
+private:
+    /// Opens the first device that matches; false leaves the search by ids to the caller.
+    bool open_by_serial(std::uint16_t vid, std::uint16_t pid, const std::string& serial);
+    /// Looks for the first usable setting of a configuration and keeps its interface claimed. False when an
+    /// interface that might do could not be had.
+    bool search_interfaces(const libusb_config_descriptor& configuration);
+    /// Claims the setting's interface and keeps it if both endpoints are there. False when it could not be
+    /// had.
+    bool try_setting(const libusb_interface_descriptor& setting);
+    void take_endpoints(const libusb_interface_descriptor& setting);
+    void release(int interface_number, bool is_driver_detached);
+    int transfer(int endpoint, void* buf, int size, int& transferred);
+    /// Makes an endpoint usable again whose transfer ended with a stall.
+    void clear_stall(int endpoint, int result);
+};
