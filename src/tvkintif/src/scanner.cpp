@@ -1,0 +1,212 @@
+#include "tvkintif/src/scanner.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <array>
+#include <stdexcept>
+#include <utility>
+
+#include "common/log/logger.h"
+#include "tvkintif/src/interpreter.h"
+#include "tvkintif/src/usb.h"
+
+using vl::common::log::ESeveryLevel;
+using vl::common::log::Logger;
+
+namespace {
+
+constexpr const char* kUnit = "scanner";
+constexpr const char* kDefaultPlugin = "libryo-mora-hk-t210.so";
+constexpr const char* kFirmwareDirectory = "/usr/share/tarvik/";
+constexpr std::array<const char*, 4> kFirmwareVariables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
+                                                           "MORA_FIRMWARE_DIR", "QUBAN_FW_DIR"};
+constexpr int kConnectionAttempts = 5;
+constexpr unsigned int kPauseSeconds = 3;
+
+struct plugin_of_model {
+    int product_id;
+    const char* library;
+};
+constexpr std::array<plugin_of_model, 6> kPlugins = {{
+    {0x0A71, "libqvintZ4.so"},
+    {0x0A72, "libquban-plugin-stellan-x440.so"},
+    {0x0A7E, "libmora-interpreter-stellan-x120.so"},
+    {0x0A83, "libquban-plugin-stellan-x660.so"},
+    {0x0A75, "libryo-mora-rt0915.so"},
+    {0x0A76, "libryo-mora-rt0915.so"},
+}};
+
+const char* plugin_for(int product_id)
+{
+    for (const plugin_of_model& entry : kPlugins)
+        if (entry.product_id == product_id)
+            return entry.library;
+    return kDefaultPlugin;
+}
+
+/// Plugins look their firmware files up through these.
+void set_firmware_directories()
+{
+    for (const char* variable : kFirmwareVariables)
+        setenv(variable, kFirmwareDirectory, 1);
+}
+
+/// File name of the plugin for the model that `udi` names; null when it is no valid address.
+const char* choose_plugin(const std::string& udi)
+{
+    const int product_id = usb_transceiver::getpid(udi);
+    if (product_id < 0) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("get pid fails");
+        return nullptr;
+    }
+    const char* name = plugin_for(product_id);
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("interpName %s", name);
+    return name;
+}
+
+/// A scanner that was just switched on takes its time to appear on the bus.
+bool connect_with_retries(usb_transceiver& usb, const std::string& udi)
+{
+    for (int attempts = kConnectionAttempts;;) {
+        const bool ok = usb.open(udi);
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("connection open isSuccess = %d", ok ? 1 : 0);
+        if (ok) {
+            Logger(kUnit, __LINE__, ESeveryLevel::info)("break");
+            return true;
+        }
+        if (--attempts == 0) {
+            Logger(kUnit, __LINE__, ESeveryLevel::info)("retry finish");
+            return false;
+        }
+        sleep(kPauseSeconds);
+    }
+}
+
+/// The plugin is C code, through which no exception may pass: to it, one is a transfer that moved nothing.
+template <typename Transfer>
+int transfer_for_plugin(Transfer transfer) noexcept
+{
+    try {
+        // The copy keeps the connection alive until the transfer returns.
+        const std::shared_ptr<usb_transceiver> usb = scanner::instance().usb_con();
+        return usb ? transfer(*usb) : 0;
+    } catch (...) {
+        return 0;
+    }
+}
+
+extern "C" {
+
+static int usb_reader(void* buffer, int length)
+{
+    return transfer_for_plugin([=](usb_transceiver& usb) { return usb.read(buffer, length); });
+}
+
+static int usb_writer(void* buffer, int length)
+{
+    return transfer_for_plugin([=](usb_transceiver& usb) { return usb.write(buffer, length); });
+}
+}
+
+} // namespace
+
+std::string lib_path(std::string name)
+{
+    if (name.find('/') != std::string::npos)
+        return {};
+    std::string path = TVKINTIF_PLUGIN_DIR;
+    if (!path.empty() && path.back() != '/')
+        path += '/';
+    return path + "libexec/" + name;
+}
+
+scanner& scanner::instance()
+{
+    static const std::unique_ptr<scanner> session = std::make_unique<scanner>();
+    return *session;
+}
+
+scanner::scanner() = default;
+
+scanner::~scanner()
+{
+    close();
+}
+
+bool scanner::open(const std::string& udi)
+{
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", udi.c_str());
+    if (m_usb && m_usb->is_open())
+        return true;
+    set_firmware_directories();
+    try {
+        const char* name = choose_plugin(udi);
+        if (name == nullptr)
+            return false; // without the closing line, on purpose: the log of a bad address ends here
+        auto plugin = std::make_unique<interpreter>(lib_path(name));
+        auto usb = std::make_shared<usb_transceiver>();
+        if (connect_with_retries(*usb, udi))
+            return start(std::move(plugin), std::move(usb));
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("usb connection failer.");
+    } catch (const std::invalid_argument& error) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("%s", error.what());
+    } catch (const std::runtime_error& error) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("%s", error.what());
+    } catch (...) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("unknown exception");
+    }
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("open fails");
+    return false;
+}
+
+bool scanner::start(std::unique_ptr<interpreter> plugin, std::shared_ptr<usb_transceiver> usb)
+{
+    m_usb = std::move(usb);
+    if (plugin->ctor(usb_reader, usb_writer) != 0) {
+        // A plugin left from before a lost device is unloaded without being stopped, on purpose: what it
+        // would tell its device can no longer arrive.
+        m_interpreter = std::move(plugin);
+        return true;
+    }
+    // The device must be free again by the time the log says so, and the line that ends every other failed
+    // open is left out here on purpose.
+    m_usb.reset();
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb ctor failer.");
+    return false;
+}
+
+void scanner::close()
+{
+    if (m_interpreter) {
+        m_interpreter->dtor(); // while the device is still open: the plugin may park it
+        m_interpreter.reset();
+    }
+    if (m_usb) {
+        m_usb->close();
+        m_usb.reset();
+    }
+}
+
+int scanner::send(unsigned char* data, unsigned int length, unsigned int)
+{
+    if (!m_interpreter)
+        return kNoPlugin;
+    if (data == nullptr || length == 0)
+        return kSendFailed;
+    return m_interpreter->write(data, static_cast<int>(length)) != 0 ? kOk : kSendFailed;
+}
+
+int scanner::recv(unsigned char* data, unsigned int length)
+{
+    if (!m_interpreter)
+        return kNoPlugin;
+    if (data == nullptr || length == 0)
+        return kRecvFailed;
+    return m_interpreter->read(data, static_cast<int>(length)) != 0 ? kOk : kRecvFailed;
+}
+
+std::shared_ptr<usb_transceiver> scanner::usb_con()
+{
+    return m_usb;
+}
