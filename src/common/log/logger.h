@@ -45,7 +45,13 @@ public:
     void set_config_file(const std::string& path);
 
     /// Whether records of `level` are written: "loglevel" names the lowest severity that is.
-    bool is_enabled(ESeveryLevel level) { return m_level ? *m_level <= level : read_level(level); }
+    bool is_enabled(ESeveryLevel level)
+    {
+        if (m_level)
+            return *m_level <= level;
+        // Logging that is off altogether is the normal case and must not cost a look-up.
+        return !settings.empty() && read_level(level);
+    }
 
     /// True when TRACE is enabled: lines then carry source and line, and are copied to standard error.
     bool is_verbose() const { return verbose; }
