@@ -85,9 +85,19 @@ std::tm* local_now()
 
 const char* level_name(ESeveryLevel level)
 {
-    constexpr std::array<const char*, 5> names = {"TRACE", "INFO", "WARNING", "ERROR", "FATAL"};
-    const auto index = static_cast<std::size_t>(level);
-    return index < names.size() ? names[index] : "";
+    switch (level) {
+    case ESeveryLevel::trace:
+        return "TRACE";
+    case ESeveryLevel::info:
+        return "INFO";
+    case ESeveryLevel::warning:
+        return "WARNING";
+    case ESeveryLevel::error:
+        return "ERROR";
+    case ESeveryLevel::fatal:
+        return "FATAL";
+    }
+    return "";
 }
 
 /// "hh:mm:ss.f". The last field is the second times a thousand, so 0000 or five digits from second 10 on,
