@@ -1,5 +1,7 @@
 #pragma once
 
+#include <tarvik/interpreter.h>
+
 #include <string>
 
 /// Binding to one scanner plugin: loads the shared library, finds its four entry points, passes calls on,
@@ -14,7 +16,7 @@ class interpreter {
 public:
     /// One bulk transfer on behalf of the plugin: moves at most `length` bytes and returns how many, 0 when
     /// nothing could be moved.
-    using transfer = int (*)(void* buffer, int length);
+    using transfer = tarvik_transfer;
 
     /// Loads the library at `path`. Throws std::runtime_error when it cannot be loaded or lacks an entry
     /// point; nothing stays loaded then.
@@ -36,8 +38,8 @@ private:
     void unload();
 
     void* m_handle = nullptr; ///< the loader's
-    int (*m_ctor)(transfer reader, transfer writer) = nullptr;
-    void (*m_dtor)() = nullptr;
-    int (*m_reader)(void* buffer, int length) = nullptr;
-    int (*m_writer)(void* buffer, int length) = nullptr;
+    decltype(&interpreter_ctor) m_ctor = nullptr;
+    decltype(&interpreter_dtor) m_dtor = nullptr;
+    decltype(&interpreter_reader) m_reader = nullptr;
+    decltype(&interpreter_writer) m_writer = nullptr;
 };

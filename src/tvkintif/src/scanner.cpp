@@ -1,6 +1,7 @@
 #include "tvkintif/src/scanner.h"
 
 #include <stdlib.h>
+#include <tarvik/interpreter.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,7 +19,6 @@ namespace {
 
 constexpr const char* kUnit = "scanner";
 constexpr const char* kDefaultPlugin = "libryo-mora-hk-t210.so";
-constexpr const char* kFirmwareDirectory = "/usr/share/tarvik/";
 constexpr std::array<const char*, 4> kFirmwareVariables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
                                                            "MORA_FIRMWARE_DIR", "QUBAN_FW_DIR"};
 constexpr int kConnectionAttempts = 5;
@@ -37,21 +37,6 @@ constexpr std::array<plugin_of_model, 6> kPlugins = {{
     {0x0A76, "libryo-mora-rt0915.so"},
 }};
 
-const char* plugin_for(int product_id)
-{
-    for (const plugin_of_model& entry : kPlugins)
-        if (entry.product_id == product_id)
-            return entry.library;
-    return kDefaultPlugin;
-}
-
-/// Plugins look their firmware files up through these.
-void set_firmware_directories()
-{
-    for (const char* variable : kFirmwareVariables)
-        setenv(variable, kFirmwareDirectory, 1);
-}
-
 /// File name of the plugin for the model that `udi` names; null when it is no valid address.
 const char* choose_plugin(const std::string& udi)
 {
@@ -60,7 +45,7 @@ const char* choose_plugin(const std::string& udi)
         Logger(kUnit, __LINE__, ESeveryLevel::info)("get pid fails");
         return nullptr;
     }
-    const char* name = plugin_for(product_id);
+    const char* name = plugin_name(product_id);
     Logger(kUnit, __LINE__, ESeveryLevel::info)("interpName %s", name);
     return name;
 }
@@ -110,6 +95,20 @@ static int usb_writer(void* buffer, int length)
 }
 
 } // namespace
+
+const char* plugin_name(int product_id)
+{
+    for (const plugin_of_model& entry : kPlugins)
+        if (entry.product_id == product_id)
+            return entry.library;
+    return kDefaultPlugin;
+}
+
+void set_firmware_directories()
+{
+    for (const char* variable : kFirmwareVariables)
+        setenv(variable, TARVIK_FIRMWARE_DIR, 1);
+}
 
 std::string lib_path(std::string name)
 {

@@ -6,6 +6,13 @@
 class interpreter;
 class usb_transceiver;
 
+/// File name of the plugin that serves the model with this USB product id; models without one of their own
+/// share a default.
+const char* plugin_name(int product_id);
+
+/// Tells plugins, through this process's environment, where their firmware files are.
+void set_firmware_directories();
+
 /// Installed path of the plugin library with the bare file name `name`; empty when the name has a
 /// directory part, which is refused on purpose. Nobody looks whether the file exists.
 std::string lib_path(std::string name);

@@ -1,0 +1,313 @@
+/*
+ * A sample plugin, to start from. It serves the virtual scanner of tests/target: whatever the front-end sends
+ * is passed on, and whatever the scanner answers is passed back, but for one command that the scanner does
+ * not know and that the plugin makes of several transfers: the scan of an area. COMMANDS.md has the bytes.
+ *
+ * The file shows what most plugins need: keeping the two transfers from start to end, transfers that bring
+ * less than was asked, a stall, answers that are checked before they are believed, data that the front-end
+ * takes in other pieces than the device gives, and leaving the device in order whenever the session ends.
+ *
+ * All calls come from one thread, one after the other: no locks.
+ */
+#include <stdint.h>
+#include <string.h>
+#include <tarvik/interpreter.h>
+
+enum {
+    BLOCK_SIZE = 16,
+    AREA_SIZE = 16,
+    SCAN_SIZE = BLOCK_SIZE + AREA_SIZE,
+
+    COMMAND_READ_PATTERN = 3,
+    COMMAND_SCAN = 256,
+
+    STATUS_DONE = 0,
+    STATUS_BAD_ARGUMENT = 2,
+
+    LINE_PIXELS = 2048, /* a multiple of the packet size: reads of other sizes overflow */
+    SHEET_LINES = 4096,
+    STRIPE_LINES = 8, /* taken from the device at once */
+    STRIPE_SIZE = STRIPE_LINES * LINE_PIXELS
+};
+
+static const unsigned char command_mark[4] = {'V', 'S', 'C', '1'};
+static const unsigned char answer_mark[4] = {'V', 'S', 'A', '1'};
+
+/* The first 16 bytes of a command or an answer. */
+struct block {
+    uint16_t code;
+    uint16_t tag;
+    uint32_t third; /* argument or status */
+    uint32_t length;
+};
+
+/* In pixels and lines. */
+struct area {
+    uint32_t left;
+    uint32_t top;
+    uint32_t width;
+    uint32_t height;
+};
+
+static struct {
+    tarvik_transfer read_device;
+    tarvik_transfer write_device;
+
+    struct area area;    /* of the scan under way */
+    uint32_t next_line;  /* of the sheet, that the device gives next */
+    uint32_t end_line;   /* of the sheet, where the device stops; equal to next_line: no more to come */
+    uint32_t bytes_left; /* that the front-end may still take; 0: no scan under way */
+
+    unsigned char ready[STRIPE_SIZE]; /* for the front-end */
+    uint32_t ready_begin;
+    uint32_t ready_end;
+} session;
+
+static uint32_t get16(const unsigned char* from)
+{
+    return from[0] | (uint32_t)from[1] << 8;
+}
+
+static uint32_t get32(const unsigned char* from)
+{
+    return get16(from) | get16(from + 2) << 16;
+}
+
+static void put16(unsigned char* to, uint32_t value)
+{
+    to[0] = (unsigned char)(value & 0xFF);
+    to[1] = (unsigned char)(value >> 8 & 0xFF);
+}
+
+static void put32(unsigned char* to, uint32_t value)
+{
+    put16(to, value & 0xFFFF);
+    put16(to + 2, value >> 16);
+}
+
+static int is_marked(const unsigned char* bytes, const unsigned char* mark)
+{
+    return memcmp(bytes, mark, sizeof command_mark) == 0;
+}
+
+static void encode(unsigned char* to, const unsigned char* mark, const struct block* what)
+{
+    memcpy(to, mark, sizeof command_mark);
+    put16(to + 4, what->code);
+    put16(to + 6, what->tag);
+    put32(to + 8, what->third);
+    put32(to + 12, what->length);
+}
+
+static struct block decode(const unsigned char* from)
+{
+    struct block what;
+    what.code = (uint16_t)get16(from + 4);
+    what.tag = (uint16_t)get16(from + 6);
+    what.third = get32(from + 8);
+    what.length = get32(from + 12);
+    return what;
+}
+
+/*
+ * Fills all of `buffer`, or fails with 0. A device may answer in several transfers, so a short one is no
+ * failure by itself; one that brings nothing is, for then the rest will not come either.
+ */
+static int read_all(void* buffer, int length)
+{
+    unsigned char* next = buffer;
+    int missing = length;
+    while (missing > 0) {
+        const int moved = session.read_device(next, missing);
+        if (moved <= 0)
+            return 0;
+        next += moved;
+        missing -= moved;
+    }
+    return 1;
+}
+
+/* Passes all of `buffer` on, or fails with 0 when a transfer takes nothing. */
+static int write_all(void* buffer, int length)
+{
+    unsigned char* next = buffer;
+    int left = length;
+    while (left > 0) {
+        const int moved = session.write_device(next, left);
+        if (moved <= 0)
+            return 0;
+        next += moved;
+        left -= moved;
+    }
+    return 1;
+}
+
+/* A stall moves nothing and is over when the transfer returns: the second try is the one that counts. */
+static int transfer_past_a_stall(tarvik_transfer transfer, void* buffer, int length)
+{
+    const int moved = transfer(buffer, length);
+    return moved > 0 ? moved : transfer(buffer, length);
+}
+
+static int write_block(unsigned char* block)
+{
+    const int moved = transfer_past_a_stall(session.write_device, block, BLOCK_SIZE);
+    return moved > 0 && write_all(block + moved, BLOCK_SIZE - moved);
+}
+
+static int read_block(unsigned char* block)
+{
+    const int moved = transfer_past_a_stall(session.read_device, block, BLOCK_SIZE);
+    return moved > 0 && read_all(block + moved, BLOCK_SIZE - moved);
+}
+
+/* Moves what the area has of the `count` lines in `stripe` to its front; the number of bytes. */
+static uint32_t crop(unsigned char* stripe, uint32_t count)
+{
+    uint32_t kept = 0;
+    for (uint32_t line = 0; line < count; ++line) {
+        if (session.next_line + line < session.area.top)
+            continue;
+        memmove(stripe + kept, stripe + line * LINE_PIXELS + session.area.left, session.area.width);
+        kept += session.area.width;
+    }
+    return kept;
+}
+
+static void end_scan(void)
+{
+    session.next_line = 0;
+    session.end_line = 0;
+    session.bytes_left = 0;
+    session.ready_begin = 0;
+    session.ready_end = 0;
+}
+
+/* Takes the next lines of the sheet from the device. */
+static int take_stripe(void)
+{
+    uint32_t count = session.end_line - session.next_line;
+    if (count > STRIPE_LINES)
+        count = STRIPE_LINES;
+    if (!read_all(session.ready, (int)(count * LINE_PIXELS)))
+        return 0;
+    session.ready_begin = 0;
+    session.ready_end = crop(session.ready, count);
+    session.next_line += count;
+    return 1;
+}
+
+/* The device goes on until it has given all that it was asked for: a new command would get old pixels. */
+static void abandon_scan(void)
+{
+    while (session.next_line != session.end_line && take_stripe()) {
+    }
+    end_scan();
+}
+
+static int is_on_sheet(const struct area* area)
+{
+    return area->width > 0 && area->width <= LINE_PIXELS && area->left <= LINE_PIXELS - area->width &&
+           area->height > 0 && area->height <= SHEET_LINES && area->top <= SHEET_LINES - area->height;
+}
+
+/* Makes the plugin's own answer the next thing that the front-end receives. */
+static void answer_scan(uint16_t tag, uint32_t status, uint32_t length)
+{
+    const struct block answer = {COMMAND_SCAN, tag, status, length};
+    encode(session.ready, answer_mark, &answer);
+    session.ready_begin = 0;
+    session.ready_end = BLOCK_SIZE;
+    session.bytes_left = BLOCK_SIZE + length;
+}
+
+/* Asks the device for the first `length` bytes of the sheet; whether it will give them. */
+static int ask_for_sheet(uint16_t tag, uint32_t length)
+{
+    const struct block command = {COMMAND_READ_PATTERN, tag, length, 0};
+    unsigned char bytes[BLOCK_SIZE];
+    encode(bytes, command_mark, &command);
+    if (!write_block(bytes) || !read_block(bytes) || !is_marked(bytes, answer_mark))
+        return 0;
+    const struct block answer = decode(bytes);
+    return answer.code == command.code && answer.tag == tag && answer.third == STATUS_DONE &&
+           answer.length == length;
+}
+
+static int start_scan(const unsigned char* request)
+{
+    const uint16_t tag = decode(request).tag;
+    const unsigned char* area = request + BLOCK_SIZE;
+    session.area = (struct area){get32(area), get32(area + 4), get32(area + 8), get32(area + 12)};
+    if (!is_on_sheet(&session.area)) {
+        answer_scan(tag, STATUS_BAD_ARGUMENT, 0);
+        return 1;
+    }
+    const uint32_t end_line = session.area.top + session.area.height;
+    if (!ask_for_sheet(tag, end_line * LINE_PIXELS))
+        return 0;
+    answer_scan(tag, STATUS_DONE, session.area.width * session.area.height);
+    session.end_line = end_line;
+    return 1;
+}
+
+static int is_scan(const unsigned char* request, int length)
+{
+    if (length != SCAN_SIZE || !is_marked(request, command_mark))
+        return 0;
+    const struct block what = decode(request);
+    return what.code == COMMAND_SCAN && what.length == AREA_SIZE;
+}
+
+/* Hands the front-end the next bytes of the scan, in its own pieces. */
+static int give(unsigned char* buffer, uint32_t length)
+{
+    if (length > session.bytes_left)
+        return 0;
+    session.bytes_left -= length;
+    while (length > 0) {
+        if (session.ready_begin == session.ready_end && !take_stripe()) {
+            end_scan();
+            return 0;
+        }
+        uint32_t count = session.ready_end - session.ready_begin;
+        if (count > length)
+            count = length;
+        memcpy(buffer, session.ready + session.ready_begin, count);
+        session.ready_begin += count;
+        buffer += count;
+        length -= count;
+    }
+    return 1;
+}
+
+/* May find what a session left that was never stopped: its device is gone. */
+int interpreter_ctor(tarvik_transfer reader, tarvik_transfer writer)
+{
+    if (reader == NULL || writer == NULL)
+        return 0;
+    session.read_device = reader;
+    session.write_device = writer;
+    end_scan();
+    return 1;
+}
+
+void interpreter_dtor(void)
+{
+    abandon_scan();
+    session.read_device = NULL;
+    session.write_device = NULL;
+}
+
+int interpreter_reader(void* buffer, int length)
+{
+    if (session.bytes_left > 0)
+        return give(buffer, (uint32_t)length);
+    return read_all(buffer, length);
+}
+
+int interpreter_writer(void* buffer, int length)
+{
+    abandon_scan();
+    return is_scan(buffer, length) ? start_scan(buffer) : write_all(buffer, length);
+}
