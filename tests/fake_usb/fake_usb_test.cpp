@@ -1,0 +1,622 @@
+#include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <array>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fake_usb/bus.h"
+#include "fake_usb/checked_bus.h"
+#include "fake_usb/script.h"
+#include "support/dialogue.h"
+
+using fake_usb::scanner_device;
+using support::text;
+using lines = std::vector<std::string>;
+
+namespace {
+
+/// A program at the fake bus, written as the program under test might be.
+class fake_usb_test : public testing::Test {
+protected:
+    void SetUp() override { support::take_dialogue(); }
+
+    /// Context, device, open handle; interface 0 claimed.
+    void begin_session()
+    {
+        libusb_init(&context);
+        handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+        libusb_claim_interface(handle, 0);
+    }
+    void end_session()
+    {
+        libusb_release_interface(handle, 0);
+        libusb_close(handle);
+        libusb_exit(context);
+    }
+
+    int transfer(unsigned char address, int size)
+    {
+        buffer.assign(static_cast<std::size_t>(size), 0xEE);
+        moved = -5;
+        return libusb_bulk_transfer(handle, address, buffer.data(), size, &moved, 60000);
+    }
+
+    libusb_context* context = nullptr;
+    libusb_device_handle* handle = nullptr;
+    std::vector<unsigned char> buffer;
+    int moved = 0;
+};
+
+class fake_usb_at_a_scanner : public fake_usb_test {
+protected:
+    fake_usb_at_a_scanner() { bus.plug(scanner_device()); }
+
+    fake_usb::bus bus;
+};
+
+TEST_F(fake_usb_at_a_scanner, records_a_session_call_by_call_with_its_results)
+{
+    begin_session();
+    libusb_set_debug(context, 3);
+    transfer(0x02, 3);
+    transfer(0x81, 4);
+    end_session();
+
+    EXPECT_EQ(
+        text({"init -> 0", "open_device_with_vid_pid 1a2b:3c4d -> scanner", "claim_interface scanner 0 -> 0",
+              "set_debug 3", "bulk_transfer scanner 0x02 3 60000 -> 0 (3)",
+              "bulk_transfer scanner 0x81 4 60000 -> 0 (4)", "release_interface scanner 0 -> 0",
+              "close scanner", "exit"}),
+        text(support::dialogue()));
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_nothing_left_after_a_tidy_session)
+{
+    begin_session();
+    end_session();
+
+    EXPECT_EQ("", text(bus.leftovers()));
+    EXPECT_EQ("", text(bus.misuses()));
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_context_left_behind)
+{
+    libusb_init(&context);
+
+    EXPECT_EQ(lines{"context"}, bus.leftovers());
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_handle_left_behind_with_its_reference)
+{
+    begin_session();
+    libusb_release_interface(handle, 0);
+
+    EXPECT_EQ((lines{"context", "handle of scanner", "1 references to scanner"}), bus.leftovers());
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_claim_left_behind)
+{
+    begin_session();
+
+    EXPECT_EQ(
+        (lines{"context", "handle of scanner", "claim of scanner interface 0", "1 references to scanner"}),
+        bus.leftovers());
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_device_list_left_behind_with_its_references)
+{
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+
+    EXPECT_EQ((lines{"context", "device list of 1", "1 references to scanner"}), bus.leftovers());
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_references_left_behind_when_a_list_is_freed_without_them)
+{
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+    libusb_free_device_list(list, 0);
+
+    EXPECT_EQ((lines{"context", "1 references to scanner"}), bus.leftovers());
+}
+
+TEST_F(fake_usb_at_a_scanner, finds_the_configuration_descriptor_left_behind)
+{
+    begin_session();
+    libusb_config_descriptor* descriptor = nullptr;
+    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+    end_session();
+
+    EXPECT_EQ(lines{"configuration descriptor scanner 0"}, bus.leftovers());
+}
+
+TEST_F(fake_usb_test, finds_the_kernel_driver_that_was_not_attached_again)
+{
+    fake_usb::bus bus;
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+    bus.plug(scanner);
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    libusb_detach_kernel_driver(handle, 0);
+    libusb_close(handle);
+    libusb_exit(context);
+
+    EXPECT_EQ(lines{"detached kernel driver of scanner interface 0"}, bus.leftovers());
+}
+
+TEST_F(fake_usb_test, checked_bus_fails_the_test_for_a_thing_left_behind)
+{
+    EXPECT_NONFATAL_FAILURE(
+        {
+            fake_usb::checked_bus bus;
+            libusb_context* forgotten = nullptr;
+            libusb_init(&forgotten);
+        },
+        "left behind on the USB bus: context");
+}
+
+TEST_F(fake_usb_test, checked_bus_fails_the_test_for_a_misuse)
+{
+    EXPECT_NONFATAL_FAILURE(
+        {
+            fake_usb::checked_bus bus;
+            libusb_exit(nullptr);
+        },
+        "libusb was misused: exit: the context is not alive");
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_closed_handle)
+{
+    begin_session();
+    end_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(lines{"claim_interface scanner 0: the handle is not open"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_second_close_of_a_handle)
+{
+    begin_session();
+    end_session();
+    libusb_close(handle);
+
+    EXPECT_EQ(lines{"close scanner: the handle is not open"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_null_handle)
+{
+    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_reset_device(nullptr));
+    EXPECT_EQ(lines{"reset_device null: the handle is null"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_a_close_with_a_claim)
+{
+    begin_session();
+    libusb_close(handle);
+
+    EXPECT_EQ(lines{"close scanner: interface 0 is still claimed"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_an_exit_with_an_open_handle)
+{
+    begin_session();
+    libusb_exit(context);
+
+    EXPECT_EQ(lines{"exit: a handle of scanner is still open"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_context_whose_initialisation_failed)
+{
+    bus.fail("init", LIBUSB_ERROR_OTHER);
+    libusb_init(&context);
+    libusb_exit(context);
+
+    EXPECT_EQ(lines{"exit: the context is not alive"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_second_exit_of_a_context)
+{
+    libusb_init(&context);
+    libusb_exit(context);
+    libusb_exit(context);
+
+    EXPECT_EQ(lines{"exit: the context is not alive"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_list)
+{
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+    libusb_free_device_list(list, 1);
+    libusb_free_device_list(list, 1);
+
+    EXPECT_EQ(lines{"free_device_list unref: no such list is on loan"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_configuration_descriptor)
+{
+    begin_session();
+    libusb_config_descriptor* descriptor = nullptr;
+    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+    libusb_free_config_descriptor(descriptor);
+    libusb_free_config_descriptor(descriptor);
+
+    EXPECT_EQ(lines{"free_config_descriptor: no such descriptor is on loan"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_device_whose_list_was_freed)
+{
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+    libusb_device* const device = list[0];
+    libusb_free_device_list(list, 1);
+
+    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_open(device, &handle));
+    EXPECT_EQ(lines{"open scanner: nobody holds a reference to the device"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_a_transfer_on_an_unclaimed_interface)
+{
+    begin_session();
+    libusb_release_interface(handle, 0);
+
+    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, transfer(0x81, 4));
+    EXPECT_EQ(lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"},
+              bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_the_release_of_an_unclaimed_interface)
+{
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, libusb_release_interface(handle, 1));
+    EXPECT_EQ(lines{"release_interface scanner 1: the interface is not claimed"}, bus.misuses());
+}
+
+TEST_F(fake_usb_at_a_scanner, tells_an_attach_before_the_release)
+{
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_attach_kernel_driver(handle, 0));
+    EXPECT_EQ(lines{"attach_kernel_driver scanner 0: the interface is still claimed"}, bus.misuses());
+}
+
+TEST_F(fake_usb_test, aborts_when_libusb_is_called_without_a_bus)
+{
+    EXPECT_DEATH(libusb_init(&context), "fake_usb: libusb was called while no bus exists");
+}
+
+TEST_F(fake_usb_test, refuses_a_claim_while_a_kernel_driver_is_bound)
+{
+    fake_usb::bus bus;
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+    bus.plug(scanner);
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+
+    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(1, libusb_kernel_driver_active(handle, 0));
+    EXPECT_EQ(0, libusb_detach_kernel_driver(handle, 0));
+    EXPECT_EQ(0, libusb_kernel_driver_active(handle, 0));
+    EXPECT_EQ(0, libusb_claim_interface(handle, 0));
+}
+
+TEST_F(fake_usb_at_a_scanner, fails_the_calls_that_it_was_told_to_fail)
+{
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY).from_call(2).times(2);
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(LIBUSB_SUCCESS, libusb_claim_interface(handle, 0));
+}
+
+TEST_F(fake_usb_at_a_scanner, fails_the_calls_on_one_device_only)
+{
+    fake_usb::device other = scanner_device();
+    other.name = "other";
+    bus.plug(other);
+    bus.fail("open", LIBUSB_ERROR_ACCESS).of("other");
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+
+    EXPECT_EQ(LIBUSB_SUCCESS, libusb_open(list[0], &handle));
+    EXPECT_EQ(LIBUSB_ERROR_ACCESS, libusb_open(list[1], &handle));
+}
+
+TEST_F(fake_usb_at_a_scanner, refuses_to_fail_a_function_that_it_does_not_play)
+{
+    EXPECT_THROW(bus.fail("libusb_open", LIBUSB_ERROR_ACCESS), std::invalid_argument);
+    EXPECT_THROW(bus.before_call("opne", 1, [] {}), std::invalid_argument);
+}
+
+TEST_F(fake_usb_at_a_scanner, records_a_call_out_of_which_a_hook_throws)
+{
+    bus.before_call("init", 2, [] { throw std::runtime_error("no memory"); });
+    libusb_init(&context);
+
+    EXPECT_THROW(libusb_init(&context), std::runtime_error);
+    EXPECT_EQ(text({"init -> 0", "init -> throws"}), text(support::dialogue()));
+}
+
+TEST_F(fake_usb_test, shows_a_device_from_the_search_on_at_which_it_appears)
+{
+    fake_usb::bus bus;
+    fake_usb::device scanner = scanner_device();
+    scanner.appears_at_search = 3;
+    bus.plug(scanner);
+    libusb_init(&context);
+    libusb_device** list = nullptr;
+
+    EXPECT_EQ(nullptr, libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d));
+    EXPECT_EQ(0, libusb_get_device_list(context, &list));
+    EXPECT_NE(nullptr, libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d));
+}
+
+TEST_F(fake_usb_at_a_scanner, answers_no_device_after_the_unplugging_and_asks_nothing_back)
+{
+    begin_session();
+    bus.unplug("scanner");
+
+    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, transfer(0x81, 4));
+    EXPECT_EQ(-5, moved);
+    end_session();
+    EXPECT_EQ("", text(bus.leftovers()));
+}
+
+TEST_F(fake_usb_at_a_scanner, gives_the_pattern_on_without_a_seam_between_transfers)
+{
+    begin_session();
+    transfer(0x81, 300);
+    EXPECT_EQ(fake_usb::pattern_byte(299), buffer[299]);
+
+    transfer(0x81, 2);
+    EXPECT_EQ((std::vector<unsigned char>{fake_usb::pattern_byte(300), fake_usb::pattern_byte(301)}), buffer);
+}
+
+TEST_F(fake_usb_at_a_scanner, brings_the_scripted_bytes_and_says_how_many)
+{
+    bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_SUCCESS, transfer(0x81, 3));
+    EXPECT_EQ(2, moved);
+    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0xEE}), buffer);
+}
+
+TEST_F(fake_usb_at_a_scanner, overflows_when_more_arrives_than_was_asked_for)
+{
+    bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_OVERFLOW, transfer(0x81, 1));
+}
+
+TEST_F(fake_usb_at_a_scanner, keeps_what_was_written)
+{
+    bus.script("scanner", 0x02, fake_usb::ends_with(LIBUSB_ERROR_TIMEOUT, 2));
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, transfer(0x02, 3));
+    EXPECT_EQ(2, moved);
+    EXPECT_EQ((std::vector<unsigned char>{0xEE, 0xEE}), bus.written("scanner", 0x02));
+}
+
+TEST_F(fake_usb_at_a_scanner, keeps_a_stalled_endpoint_halted_until_the_halt_is_cleared)
+{
+    bus.script("scanner", 0x81, fake_usb::ends_with(LIBUSB_ERROR_PIPE, 0));
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x81, 1));
+    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x81, 1));
+    EXPECT_EQ(LIBUSB_SUCCESS, libusb_clear_halt(handle, 0x81));
+    EXPECT_EQ(LIBUSB_SUCCESS, transfer(0x81, 1));
+}
+
+TEST_F(fake_usb_at_a_scanner, leaves_the_count_alone_when_it_refuses_a_transfer)
+{
+    bus.script("scanner", 0x81, fake_usb::refused_with(LIBUSB_ERROR_NO_MEM));
+    begin_session();
+
+    EXPECT_EQ(LIBUSB_ERROR_NO_MEM, transfer(0x81, 1));
+    EXPECT_EQ(-5, moved);
+}
+
+TEST_F(fake_usb_test, reports_the_number_of_endpoints_with_a_null_array_when_told_so)
+{
+    fake_usb::bus bus;
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations[0].interfaces[0][0].is_endpoint_array_null = true;
+    bus.plug(scanner);
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    libusb_config_descriptor* descriptor = nullptr;
+    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+
+    EXPECT_EQ(2, descriptor->interface[0].altsetting[0].bNumEndpoints);
+    EXPECT_EQ(nullptr, descriptor->interface[0].altsetting[0].endpoint);
+}
+
+TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_described)
+{
+    fake_usb::alt_setting second;
+    second.interface_number = 4;
+    second.interface_class = 7;
+    second.endpoints = {{0x83, LIBUSB_TRANSFER_TYPE_INTERRUPT}};
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations[0].value = 9;
+    scanner.configurations[0].interfaces.push_back({fake_usb::alt_setting{4}, second});
+    fake_usb::bus bus;
+    bus.plug(scanner);
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    libusb_config_descriptor* descriptor = nullptr;
+    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+
+    EXPECT_EQ(9, descriptor->bConfigurationValue);
+    ASSERT_EQ(2, descriptor->bNumInterfaces);
+    ASSERT_EQ(2, descriptor->interface[1].num_altsetting);
+    const libusb_interface_descriptor& shown = descriptor->interface[1].altsetting[1];
+    EXPECT_EQ(4, shown.bInterfaceNumber);
+    EXPECT_EQ(7, shown.bInterfaceClass);
+    ASSERT_EQ(1, shown.bNumEndpoints);
+    EXPECT_EQ(0x83, shown.endpoint[0].bEndpointAddress);
+    EXPECT_EQ(LIBUSB_TRANSFER_TYPE_INTERRUPT, shown.endpoint[0].bmAttributes);
+}
+
+TEST_F(fake_usb_test, reads_the_serial_number_as_libusb_does)
+{
+    fake_usb::bus bus;
+    fake_usb::device scanner = scanner_device();
+    scanner.serial = "SN0042";
+    bus.plug(scanner);
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    std::array<unsigned char, 5> room{};
+
+    EXPECT_EQ(4, libusb_get_string_descriptor_ascii(handle, 3, room.data(), static_cast<int>(room.size())));
+    EXPECT_EQ((std::array<unsigned char, 5>{'S', 'N', '0', '0', 0}), room);
+    EXPECT_EQ(LIBUSB_ERROR_INVALID_PARAM, libusb_get_string_descriptor_ascii(handle, 0, room.data(), 5));
+}
+
+/// The text form.
+class fake_usb_script_test : public fake_usb_test {
+protected:
+    fake_usb::script_options load(const std::string& script)
+    {
+        std::istringstream input(script);
+        return load_script(input, "bus.txt", bus);
+    }
+
+    fake_usb::bus bus;
+};
+
+TEST_F(fake_usb_script_test, plugs_in_a_ready_made_scanner)
+{
+    load("# one scanner\n\n  device scanner 1a2b:3c4d serial SN 0042 # with a blank\n");
+    begin_session();
+    std::array<unsigned char, 16> serial{};
+    libusb_get_string_descriptor_ascii(handle, 3, serial.data(), 16);
+    end_session();
+
+    EXPECT_EQ(text({"init -> 0", "open_device_with_vid_pid 1a2b:3c4d -> scanner",
+                    "claim_interface scanner 0 -> 0", "get_string_descriptor_ascii scanner 3 -> 8",
+                    "release_interface scanner 0 -> 0", "close scanner", "exit"}),
+              text(support::dialogue()));
+}
+
+TEST_F(fake_usb_script_test, describes_a_device_in_detail)
+{
+    load("device odd 1a2b:3c4d\n"
+         "  configuration 2\n"
+         "    interface 5 07 01\n"
+         "      endpoint 83 interrupt\n"
+         "    setting\n"
+         "      endpoint 84\n"
+         "      null_endpoints\n"
+         "  active_configuration 2\n"
+         "  kernel_driver 5\n");
+    libusb_init(&context);
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    libusb_config_descriptor* descriptor = nullptr;
+    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+
+    const libusb_interface_descriptor* settings = descriptor->interface[0].altsetting;
+    EXPECT_EQ(2, descriptor->bConfigurationValue);
+    EXPECT_EQ(5, settings[0].bInterfaceNumber);
+    EXPECT_EQ(7, settings[0].bInterfaceClass);
+    EXPECT_EQ(1, settings[0].bInterfaceProtocol);
+    EXPECT_EQ(LIBUSB_TRANSFER_TYPE_INTERRUPT, settings[0].endpoint[0].bmAttributes);
+    EXPECT_EQ(5, settings[1].bInterfaceNumber);
+    EXPECT_EQ(0xFF, settings[1].bInterfaceProtocol);
+    EXPECT_EQ(nullptr, settings[1].endpoint);
+    EXPECT_EQ(1, libusb_kernel_driver_active(handle, 5));
+}
+
+TEST_F(fake_usb_script_test, scripts_failures_transfers_exceptions_and_unplugging)
+{
+    load("device scanner 1a2b:3c4d\n"
+         "fail clear_halt LIBUSB_ERROR_OTHER of scanner from_call 2 times 1\n"
+         "throw reset_device 1 out of the blue\n"
+         "throw_number set_debug 1\n"
+         "unplug scanner set_configuration 1\n"
+         "transfer scanner 81 bytes 0aff\n"
+         "transfer scanner 81 result LIBUSB_ERROR_TIMEOUT count 1\n"
+         "transfer scanner 02 result -9 untouched\n");
+    begin_session();
+
+    EXPECT_EQ(0, libusb_clear_halt(handle, 0x81));
+    EXPECT_EQ(LIBUSB_ERROR_OTHER, libusb_clear_halt(handle, 0x81));
+    EXPECT_THROW(libusb_reset_device(handle), std::runtime_error);
+    EXPECT_THROW(libusb_set_debug(context, 3), int);
+    EXPECT_EQ(0, transfer(0x81, 2));
+    EXPECT_EQ((std::vector<unsigned char>{0x0A, 0xFF}), buffer);
+    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, transfer(0x81, 2));
+    EXPECT_EQ(1, moved);
+    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x02, 2));
+    EXPECT_EQ(-5, moved);
+    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_set_configuration(handle, 1));
+}
+
+TEST_F(fake_usb_script_test, records_the_clock_only_when_told_so)
+{
+    EXPECT_FALSE(load("device scanner 1a2b:3c4d\n").is_clock_recorded);
+    EXPECT_TRUE(load("clock recorded\n").is_clock_recorded);
+}
+
+struct bad_script {
+    const char* name;
+    const char* script;
+    const char* complaint;
+};
+
+class fake_usb_bad_script_test : public fake_usb_script_test,
+                                 public testing::WithParamInterface<bad_script> {};
+
+TEST_P(fake_usb_bad_script_test, is_refused_with_line_and_reason)
+{
+    try {
+        load(std::string("device scanner 1a2b:3c4d\n") + GetParam().script + "\n");
+        FAIL() << "accepted: " << GetParam().script;
+    } catch (const std::invalid_argument& problem) {
+        EXPECT_EQ(std::string("bus.txt:2: ") + GetParam().complaint +
+                      " (the statements are listed in fake_usb/script.h)",
+                  problem.what());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    each, fake_usb_bad_script_test,
+    testing::Values(
+        bad_script{"unknown_statement", "plug it", "no such statement: plug"},
+        bad_script{"unknown_function", "fail opne LIBUSB_ERROR_IO",
+                   "fake_usb: no function libusb_opne is played here; see known_functions() in bus.cpp"},
+        bad_script{"unknown_result", "fail open LIBUSB_ERROR",
+                   "fake_usb: libusb has no result called LIBUSB_ERROR"},
+        bad_script{"unknown_device", "transfer printer 81",
+                   "fake_usb: no device called 'printer' was plugged in"},
+        bad_script{"unknown_condition", "fail open -1 always", "no such condition: always"},
+        bad_script{"unknown_transfer_property", "transfer scanner 81 slowly",
+                   "no such property of a transfer: slowly"},
+        bad_script{"number_that_is_none", "kernel_driver zero", "the interface number is not a number: zero"},
+        bad_script{"interface_without_configuration", "interface 0", "no configuration to say this of"},
+        bad_script{"endpoint_without_interface", "endpoint 81", "no interface to say this of"},
+        bad_script{"bytes_that_are_none", "transfer scanner 81 bytes 0g",
+                   "not pairs of hexadecimal digits: 0g"},
+        bad_script{"ids_that_are_none", "device other scanner", "not VVVV:PPPP: scanner"},
+        bad_script{"missing_word", "device", "the name is missing"},
+        bad_script{"words_too_many", "kernel_driver 0 1", "not understood: 1"}),
+    [](const auto& chosen) { return chosen.param.name; });
+
+} // namespace

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace support {
+
+/// Waits for `condition` to hold, for at most `deadline` from now; false when it never did.
+bool wait_until(std::chrono::milliseconds deadline, const std::function<bool()>& condition);
+
+} // namespace support
