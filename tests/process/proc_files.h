@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// What the kernel tells about a process and its sockets.
+namespace process_test {
+
+/// A set of signals as /proc/PID/status shows it.
+std::uint64_t signal_set(std::initializer_list<int> signals);
+/// The set in one line of /proc/PID/status: "SigBlk", "SigIgn", "SigCgt", "ShdPnd".
+std::uint64_t signals_in(pid_t process, const std::string& line);
+
+/// Whether a signal has stopped the process.
+bool is_stopped(pid_t process);
+
+/// Whether the process sleeps in this system call (SYS_read, ...).
+bool is_waiting_in(pid_t process, long system_call);
+
+/// An IPv4 socket with this local port, as "ADDRESS STATE" ("127.0.0.1 LISTEN").
+std::vector<std::string> sockets_on(int port);
+/// Whether an IPv6 socket has this local port.
+bool has_ipv6_socket_on(int port);
+
+} // namespace process_test
