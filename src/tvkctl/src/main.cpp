@@ -1,0 +1,10 @@
+#include <string>
+#include <vector>
+
+#include "tvkctl/src/cli.h"
+
+int main(int argc, char** argv)
+{
+    tvkctl::console io(tvkctl::standard_output(), tvkctl::standard_error());
+    return static_cast<int>(tvkctl::run_cli({argv + 1, argv + argc}, io, tvkctl::this_host()));
+}

@@ -1,0 +1,227 @@
+/* Plugins for tvkctl check-plugin to judge. They pass bytes through; what one does besides is defined by
+ * CMakeLists.txt as a statement for one of these moments:
+ *
+ *   AT_LOAD, AT_UNLOAD, IN_CTOR, IN_DTOR, IN_READER, IN_WRITER
+ *
+ * and CTOR_RESULT, READER_RESULT, WRITER_RESULT replace what the function would return. WITH_TEXT_RELOCATION
+ * puts an address into the code.
+ */
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <tarvik/interpreter.h>
+#include <unistd.h>
+
+#ifndef AT_LOAD
+#define AT_LOAD
+#endif
+#ifndef AT_UNLOAD
+#define AT_UNLOAD
+#endif
+#ifndef IN_CTOR
+#define IN_CTOR
+#endif
+#ifndef IN_DTOR
+#define IN_DTOR
+#endif
+#ifndef IN_READER
+#define IN_READER
+#endif
+#ifndef IN_WRITER
+#define IN_WRITER
+#endif
+#ifndef CTOR_RESULT
+#define CTOR_RESULT 1
+#endif
+#ifndef READER_RESULT
+#define READER_RESULT transfer_all(read_device, buffer, length)
+#endif
+#ifndef WRITER_RESULT
+#define WRITER_RESULT transfer_all(write_device, buffer, length)
+#endif
+
+#define ACTION __attribute__((unused, noinline)) static
+
+static tarvik_transfer read_device;
+static tarvik_transfer write_device;
+/* Volatile, so that the compiler does not see through them. */
+static unsigned char* volatile kept_buffer;
+static void (*volatile nowhere)(void);
+
+/* In no library at all. */
+extern void defined_nowhere(void);
+
+/* In a library beside this one. */
+extern int other_library_function(void);
+
+ACTION int transfer_all(tarvik_transfer transfer, void* buffer, int length)
+{
+    unsigned char* next = buffer;
+    for (int left = length; left > 0;) {
+        const int moved = transfer(next, left);
+        if (moved <= 0)
+            return 0;
+        next += moved;
+        left -= moved;
+    }
+    return 1;
+}
+
+ACTION void crash(void)
+{
+    *kept_buffer = 1; /* null: nothing was kept */
+}
+
+ACTION void keep(unsigned char* buffer)
+{
+    kept_buffer = buffer;
+}
+
+ACTION void overrun(unsigned char* buffer, int length)
+{
+    *(volatile unsigned char*)(buffer + length) = 1;
+}
+
+ACTION void underrun(unsigned char* buffer)
+{
+    *(volatile unsigned char*)(buffer - 1) = 1;
+}
+
+ACTION void jump_nowhere(void)
+{
+    nowhere();
+}
+
+ACTION int overflow_stack(int depth)
+{
+    volatile char page[4096];
+    page[0] = 1;
+    return depth < 0 ? page[0] : overflow_stack(depth + page[0]) + page[0];
+}
+
+ACTION void hang(void)
+{
+    for (;;)
+        pause();
+}
+
+ACTION void insist_on_bytes(void* buffer, int length)
+{
+    while (transfer_all(read_device, buffer, length) == 0) {
+    }
+}
+
+ACTION int transfer_in_vain(tarvik_transfer transfer, void* buffer, int length)
+{
+    transfer_all(transfer, buffer, length);
+    return 1;
+}
+
+ACTION void ask_for_nothing(void)
+{
+    read_device(NULL, 0);
+}
+
+ACTION void send_a_byte(void)
+{
+    char byte = 0;
+    write_device(&byte, 1);
+}
+
+ACTION int has_firmware_directory(const char* variable)
+{
+    const char* value = getenv(variable);
+    return value != NULL && strcmp(value, TARVIK_FIRMWARE_DIR) == 0;
+}
+
+ACTION int has_firmware_directories(void)
+{
+    return has_firmware_directory("GLIMMERON_FIRMWARE_DIR") && has_firmware_directory("QUBAN_FIRMWARE_DIR") &&
+           has_firmware_directory("MORA_FIRMWARE_DIR") && has_firmware_directory("QUBAN_FW_DIR");
+}
+
+ACTION void print_hello(void)
+{
+    printf("hello");
+}
+
+ACTION void complain(void)
+{
+    fputs("oh", stderr);
+}
+
+ACTION void print_without_end(void)
+{
+    for (;;)
+        puts("one more line");
+}
+
+ACTION void* wait_for_ever(void* unused)
+{
+    hang();
+    return unused;
+}
+
+ACTION void leave_thread(void)
+{
+    pthread_t thread;
+    if (pthread_create(&thread, NULL, wait_for_ever, NULL) == 0)
+        pthread_setname_np(thread, "poller");
+}
+
+ACTION void leave_process(void)
+{
+    if (fork() == 0)
+        hang();
+}
+
+ACTION void leave_descriptor(void)
+{
+    if (open("/dev/zero", O_RDONLY) < 0)
+        abort();
+}
+
+__attribute__((constructor)) static void loaded(void)
+{
+    AT_LOAD;
+}
+
+__attribute__((destructor)) static void unloaded(void)
+{
+    AT_UNLOAD;
+}
+
+int interpreter_ctor(tarvik_transfer reader, tarvik_transfer writer)
+{
+    read_device = reader;
+    write_device = writer;
+    IN_CTOR;
+    return CTOR_RESULT;
+}
+
+void interpreter_dtor(void)
+{
+    IN_DTOR;
+}
+
+int interpreter_reader(void* buffer, int length)
+{
+    (void)buffer;
+    (void)length;
+    IN_READER;
+    return READER_RESULT;
+}
+
+int interpreter_writer(void* buffer, int length)
+{
+    (void)buffer;
+    (void)length;
+    IN_WRITER;
+    return WRITER_RESULT;
+}
+
+#ifdef WITH_TEXT_RELOCATION
+__asm__(".text\n.balign 8\n.dc.a interpreter_dtor\n");
+#endif

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "process/lines.h"
+#include "tvkctl/src/child_process.h"
+
+namespace process_test {
+
+/// How a run of tvkctl ended.
+struct tvkctl_result {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+/// Runs the finished tvkctl, which runs the finished tvkintif, on a machine of the test: one scanner
+/// 1a2b:3c4d on a fake bus, plugin_good as its plugin, no log directory. Each test fails for anything that is
+/// left behind on the bus.
+class tvkctl_test : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    /// In the language of fake_usb/script.h.
+    void with_bus(const std::string& script) { m_bus = script; }
+    void with_plugin(const std::string& target, const std::string& file_name = "libryo-mora-hk-t210.so");
+    void with_environment(const std::string& name, const std::string& value) { m_environment[name] = value; }
+
+    tvkctl_result run(const std::vector<std::string>& arguments);
+    /// Runs a command of the shell, in which $TVKCTL stands for tvkctl.
+    tvkctl_result run_in_shell(const std::string& command);
+    void start(const std::vector<std::string>& arguments);
+    tvkctl_result wait();
+    tvkctl::child_process& process() { return *m_process; }
+
+    /// How to start a program on this machine.
+    tvkctl::launch launch_of(const std::string& path, const std::vector<std::string>& arguments);
+    /// The dialogue with the USB bus and the plugin, as far as its lines begin so.
+    lines usb_lines_about(const std::string& beginning) const;
+
+    /// A file beside the program's working directory.
+    static std::string scratch(const std::string& name);
+    static void write_scratch(const std::string& name, const std::string& content);
+
+    static const std::string tvkctl_path;
+    static const std::string tvkintif_path;
+
+private:
+    std::string m_bus = "device scanner 1a2b:3c4d\n";
+    std::map<std::string, std::string> m_environment;
+    std::unique_ptr<tvkctl::child_process> m_process;
+};
+
+} // namespace process_test

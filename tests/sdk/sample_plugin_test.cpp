@@ -1,0 +1,356 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "tvkintif/src/interpreter.h"
+
+namespace {
+
+using bytes = std::vector<unsigned char>;
+
+constexpr std::uint32_t kLinePixels = 2048;
+constexpr std::uint32_t kSheetLines = 4096;
+
+/// The device that the plugin talks to: takes every write, unless told to stall, and gives what was put in.
+class scripted_device {
+public:
+    static int read(void* buffer, int length)
+    {
+        return current->give(static_cast<unsigned char*>(buffer), length);
+    }
+    static int write(void* buffer, int length)
+    {
+        return current->take(static_cast<unsigned char*>(buffer), length);
+    }
+
+    /// The bytes of one transfer; none of them: the transfer stalls.
+    void will_give(bytes transfer) { m_transfers.push_back(std::move(transfer)); }
+    void will_take_at_most(int length) { m_mostTaken = length; }
+    void will_stall_next_write() { m_stallsNextWrite = true; }
+
+    const std::vector<bytes>& taken() const { return m_taken; }
+    bool has_given_all() const { return m_transfers.empty(); }
+
+    static scripted_device* current;
+
+private:
+    int give(unsigned char* buffer, int length)
+    {
+        if (m_transfers.empty())
+            return 0;
+        bytes& transfer = m_transfers.front();
+        const auto count = std::min(static_cast<std::ptrdiff_t>(transfer.size()), std::ptrdiff_t{length});
+        std::copy_n(transfer.begin(), count, buffer);
+        transfer.erase(transfer.begin(), transfer.begin() + count);
+        if (transfer.empty())
+            m_transfers.pop_front();
+        return static_cast<int>(count);
+    }
+
+    int take(const unsigned char* buffer, int length)
+    {
+        if (std::exchange(m_stallsNextWrite, false))
+            return 0;
+        const int count = std::min(length, m_mostTaken);
+        m_taken.emplace_back(buffer, buffer + count);
+        return count;
+    }
+
+    std::deque<bytes> m_transfers;
+    std::vector<bytes> m_taken;
+    bool m_stallsNextWrite = false;
+    int m_mostTaken = std::numeric_limits<int>::max();
+};
+
+scripted_device* scripted_device::current = nullptr;
+
+void append32(bytes& to, std::uint32_t value)
+{
+    for (unsigned int shift = 0; shift < 32; shift += 8)
+        to.push_back(static_cast<unsigned char>((value >> shift) & 0xFFU));
+}
+
+bytes block(char kind, std::uint32_t code, std::uint32_t third, std::uint32_t length)
+{
+    bytes made{'V', 'S', static_cast<unsigned char>(kind), '1'};
+    append32(made, code | 7U << 16U); // all of them carry tag 7
+    append32(made, third);
+    append32(made, length);
+    return made;
+}
+
+struct area {
+    std::uint32_t left, top, width, height;
+};
+
+bytes scan_request(const area& wanted)
+{
+    bytes made = block('C', 256, 0, 16);
+    for (const std::uint32_t number : {wanted.left, wanted.top, wanted.width, wanted.height})
+        append32(made, number);
+    return made;
+}
+
+unsigned char pixel(std::uint32_t line, std::uint32_t column)
+{
+    const std::uint32_t position = line * kLinePixels + column;
+    return static_cast<unsigned char>(position * 7 + (position >> 8U) * 13 + (position >> 16U) * 29);
+}
+
+bytes picture_of(const area& wanted)
+{
+    bytes picture;
+    for (std::uint32_t line = wanted.top; line < wanted.top + wanted.height; ++line)
+        for (std::uint32_t column = wanted.left; column < wanted.left + wanted.width; ++column)
+            picture.push_back(pixel(line, column));
+    return picture;
+}
+
+class sample_plugin : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        scripted_device::current = &m_device;
+        ASSERT_NE(m_plugin.ctor(scripted_device::read, scripted_device::write), 0);
+    }
+
+    bool send(bytes data) { return m_plugin.write(data.data(), static_cast<int>(data.size())) != 0; }
+
+    /// Nothing when the plugin failed.
+    bytes receive(std::uint32_t count)
+    {
+        bytes data(count);
+        return m_plugin.read(data.data(), static_cast<int>(count)) != 0 ? data : bytes{};
+    }
+
+    /// The device's side of a scan that ends at this line of the sheet.
+    void device_will_give_sheet(std::uint32_t end_line)
+    {
+        m_device.will_give(block('A', 3, 0, end_line * kLinePixels));
+        m_device.will_give(picture_of({0, 0, kLinePixels, end_line}));
+    }
+
+    void start_scan(const area& wanted)
+    {
+        device_will_give_sheet(wanted.top + wanted.height);
+        ASSERT_TRUE(send(scan_request(wanted)));
+        ASSERT_EQ(receive(16), block('A', 256, 0, wanted.width * wanted.height));
+    }
+
+    void expect_refused_as_bad_argument(const area& wanted)
+    {
+        EXPECT_TRUE(send(scan_request(wanted)));
+        EXPECT_EQ(receive(16), block('A', 256, 2, 0));
+        EXPECT_TRUE(m_device.taken().empty()) << "the device must not hear of it";
+    }
+
+    interpreter m_plugin{SAMPLE_PLUGIN_PATH};
+    scripted_device m_device;
+};
+
+const bytes identify = block('C', 1, 0, 0);
+
+} // namespace
+
+TEST_F(sample_plugin, refuses_to_start_without_a_way_to_the_device)
+{
+    EXPECT_EQ(m_plugin.ctor(nullptr, scripted_device::write), 0);
+    EXPECT_EQ(m_plugin.ctor(scripted_device::read, nullptr), 0);
+}
+
+TEST_F(sample_plugin, passes_a_command_of_the_device_on_unchanged)
+{
+    EXPECT_TRUE(send(identify));
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{identify});
+}
+
+TEST_F(sample_plugin, passes_any_bytes_on_unchanged)
+{
+    const bytes fragment{1, 2, 3};
+    EXPECT_TRUE(send(fragment));
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{fragment});
+}
+
+TEST_F(sample_plugin, gathers_an_answer_that_comes_in_several_transfers)
+{
+    m_device.will_give({1, 2});
+    m_device.will_give({3});
+    m_device.will_give({4, 5});
+    EXPECT_EQ(receive(5), (bytes{1, 2, 3, 4, 5}));
+}
+
+TEST_F(sample_plugin, fails_a_receive_when_a_transfer_brings_nothing)
+{
+    m_device.will_give({1, 2});
+    EXPECT_EQ(receive(5), bytes{});
+}
+
+TEST_F(sample_plugin, sends_the_rest_after_a_transfer_that_took_less_than_all)
+{
+    m_device.will_take_at_most(10);
+    EXPECT_TRUE(send(identify));
+    EXPECT_EQ(m_device.taken(), (std::vector<bytes>{{identify.begin(), identify.begin() + 10},
+                                                    {identify.begin() + 10, identify.end()}}));
+}
+
+TEST_F(sample_plugin, fails_a_send_that_stalls_and_passes_the_next_one_on)
+{
+    m_device.will_stall_next_write();
+    EXPECT_FALSE(send(identify));
+    EXPECT_TRUE(send(identify));
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{identify});
+}
+
+TEST_F(sample_plugin, fails_a_receive_that_stalls_and_gives_the_answer_to_the_next_one)
+{
+    m_device.will_give({});
+    m_device.will_give({1, 2});
+    EXPECT_EQ(receive(2), bytes{});
+    EXPECT_EQ(receive(2), (bytes{1, 2}));
+}
+
+TEST_F(sample_plugin, asks_the_device_for_no_more_lines_than_a_scan_needs)
+{
+    start_scan({10, 20, 30, 40});
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{block('C', 3, 60 * kLinePixels, 0)});
+}
+
+TEST_F(sample_plugin, gives_the_pixels_of_the_area_line_by_line)
+{
+    const area wanted{10, 20, 30, 40};
+    start_scan(wanted);
+    EXPECT_EQ(receive(wanted.width * wanted.height), picture_of(wanted));
+    EXPECT_TRUE(m_device.has_given_all());
+}
+
+TEST_F(sample_plugin, gives_a_picture_in_pieces_of_any_size)
+{
+    const area wanted{1, 3, 50, 20};
+    start_scan(wanted);
+    bytes picture;
+    for (const std::uint32_t piece : {1U, 7U, 492U, 500U}) {
+        const bytes got = receive(piece);
+        picture.insert(picture.end(), got.begin(), got.end());
+    }
+    EXPECT_EQ(picture, picture_of(wanted));
+}
+
+TEST_F(sample_plugin, scans_the_whole_sheet)
+{
+    const area sheet{0, 0, kLinePixels, kSheetLines};
+    start_scan(sheet);
+    EXPECT_TRUE(receive(kLinePixels * kSheetLines) == picture_of(sheet)) << "8 MiB differ";
+}
+
+TEST_F(sample_plugin, scans_the_last_pixel_of_the_sheet)
+{
+    const area corner{kLinePixels - 1, kSheetLines - 1, 1, 1};
+    start_scan(corner);
+    EXPECT_EQ(receive(1), picture_of(corner));
+}
+
+TEST_F(sample_plugin, refuses_an_area_without_width)
+{
+    expect_refused_as_bad_argument({0, 0, 0, 1});
+}
+TEST_F(sample_plugin, refuses_an_area_without_height)
+{
+    expect_refused_as_bad_argument({0, 0, 1, 0});
+}
+TEST_F(sample_plugin, refuses_an_area_beyond_the_right_edge)
+{
+    expect_refused_as_bad_argument({1, 0, kLinePixels, 1});
+}
+TEST_F(sample_plugin, refuses_an_area_beyond_the_end_of_the_sheet)
+{
+    expect_refused_as_bad_argument({0, 1, 1, kSheetLines});
+}
+TEST_F(sample_plugin, refuses_an_area_whose_sums_overflow)
+{
+    expect_refused_as_bad_argument({0xFFFFFFFFU, 0xFFFFFFFFU, 2, 2});
+}
+
+TEST_F(sample_plugin, takes_a_scan_that_is_not_in_one_send_for_bytes_of_the_device)
+{
+    bytes request = scan_request({0, 0, 1, 1});
+    request.pop_back();
+    EXPECT_TRUE(send(request));
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{request});
+}
+
+TEST_F(sample_plugin, refuses_to_give_more_than_is_left_and_loses_nothing)
+{
+    const area wanted{0, 0, 4, 1};
+    start_scan(wanted);
+    EXPECT_EQ(receive(5), bytes{});
+    EXPECT_EQ(receive(4), picture_of(wanted));
+}
+
+TEST_F(sample_plugin, scans_in_spite_of_a_stall_of_the_command)
+{
+    m_device.will_stall_next_write();
+    start_scan({0, 0, 4, 1});
+}
+
+TEST_F(sample_plugin, scans_in_spite_of_a_stall_of_the_answer)
+{
+    m_device.will_give({});
+    start_scan({0, 0, 4, 1});
+}
+
+TEST_F(sample_plugin, fails_a_scan_when_the_device_does_not_answer)
+{
+    EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
+}
+
+TEST_F(sample_plugin, fails_a_scan_when_the_device_refuses)
+{
+    m_device.will_give(block('A', 3, 1, 0));
+    EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
+}
+
+TEST_F(sample_plugin, fails_a_scan_when_the_device_answers_another_command)
+{
+    m_device.will_give(block('A', 4, 0, kLinePixels));
+    EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
+}
+
+TEST_F(sample_plugin, fails_a_receive_when_the_device_falls_silent_in_a_picture)
+{
+    m_device.will_give(block('A', 3, 0, 20 * kLinePixels));
+    m_device.will_give(picture_of({0, 0, kLinePixels, 8}));
+    ASSERT_TRUE(send(scan_request({0, 0, 1, 20})));
+    ASSERT_EQ(receive(16).size(), 16U);
+    EXPECT_EQ(receive(20), bytes{});
+}
+
+TEST_F(sample_plugin, drops_the_rest_of_a_picture_when_the_next_command_comes)
+{
+    start_scan({0, 0, 4, 100});
+    ASSERT_EQ(receive(4).size(), 4U);
+    EXPECT_TRUE(send(identify));
+    EXPECT_TRUE(m_device.has_given_all()) << "the answer to the command would be old pixels";
+    EXPECT_EQ(m_device.taken().back(), identify);
+}
+
+TEST_F(sample_plugin, leaves_nothing_in_the_device_when_it_is_stopped_in_a_picture)
+{
+    start_scan({0, 0, 4, 100});
+    m_plugin.dtor();
+    EXPECT_TRUE(m_device.has_given_all());
+}
+
+TEST_F(sample_plugin, starts_afresh_when_it_was_not_stopped)
+{
+    start_scan({0, 0, 4, 100});
+    scripted_device other;
+    scripted_device::current = &other;
+    ASSERT_NE(m_plugin.ctor(scripted_device::read, scripted_device::write), 0);
+    other.will_give({1, 2});
+    EXPECT_EQ(receive(2), (bytes{1, 2}));
+}
