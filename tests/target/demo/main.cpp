@@ -1,0 +1,195 @@
+// A session of the real program with the virtual scanner, told on the terminal as it happens: every frame
+// that is shown was on the wire, every figure was measured. Exit status: 0 when all went as it must.
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "support/log_reader.h"
+#include "target/demo/frame_printer.h"
+#include "target/scanner/command_set.h"
+#include "tvkctl/src/front_end.h"
+
+namespace {
+
+using tvkctl::reply;
+using virtual_scanner::bytes;
+using virtual_scanner::command_code;
+using virtual_scanner::fault_kind;
+
+constexpr const char* kProgram = "/usr/bin/tvkintif";
+constexpr const char* kAddress = "usb:1a2b:3c4d:SN0042";
+constexpr const char* kLogCopy = "/host/tvkintif.log";
+constexpr std::uint32_t kMebibyte = 1024 * 1024;
+
+void say(const std::string& text)
+{
+    std::printf("\n\033[1m%s\033[0m\n", text.c_str());
+}
+
+void note(const std::string& text)
+{
+    std::printf("      \033[2m%s\033[0m\n", text.c_str());
+}
+
+void demand(bool condition, const std::string& what)
+{
+    if (!condition)
+        throw std::runtime_error("the demonstration went wrong: " + what);
+}
+
+void demand(const reply& came, reply::verdict expected)
+{
+    demand(came.kind == expected,
+           std::string("expected ") + tvkctl::name_of(expected) + ", got " + tvkctl::name_of(came.kind));
+}
+
+std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
+{
+    const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
+    return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
+}
+
+void command(tvkctl::front_end& program, command_code code, std::uint32_t argument = 0,
+             const bytes& payload = {})
+{
+    demand(program.send(virtual_scanner::encode_with_payload({code, 1, argument, 0}, payload)),
+           reply::verdict::ok);
+}
+
+bytes take(tvkctl::front_end& program, std::uint32_t count)
+{
+    const reply came = program.recv(count);
+    demand(came, reply::verdict::ok);
+    return came.payload;
+}
+
+bytes answer(tvkctl::front_end& program)
+{
+    const bytes head = take(program, virtual_scanner::kBlockSize);
+    virtual_scanner::block block{};
+    std::copy_n(head.begin(), block.size(), block.begin());
+    virtual_scanner::answer decoded{};
+    demand(decode(block, decoded) && decoded.status == virtual_scanner::answer_status::ok,
+           "the scanner's answer");
+    return decoded.data_length == 0 ? bytes() : take(program, decoded.data_length);
+}
+
+bool is_pattern(const bytes& data)
+{
+    for (std::uint32_t position = 0; position < data.size(); ++position)
+        if (data[position] != virtual_scanner::pattern_byte(position))
+            return false;
+    return data.size() == kMebibyte;
+}
+
+void show_identity(tvkctl::front_end& program)
+{
+    say("Ask the scanner who it is: a command of its own, passed through the plugin");
+    command(program, command_code::identify);
+    const bytes identity = answer(program);
+    note("\"" + text_at(identity, 0, 32) + "\", firmware " + text_at(identity, 32, 16) + ", serial number " +
+         text_at(identity, 48, 16));
+}
+
+void show_both_ways(tvkctl::front_end& program)
+{
+    say("Bytes to the scanner, and the same bytes back");
+    const std::string text = "Everything in its own words.";
+    const bytes payload(text.begin(), text.end());
+    command(program, command_code::echo, 0, payload);
+    const bytes echoed = answer(program);
+    demand(echoed == payload, "the scanner gave other bytes back");
+    note("it gave back \"" + std::string(echoed.begin(), echoed.end()) + "\"");
+}
+
+void show_large_receive(tvkctl::front_end& program)
+{
+    say("1 MiB from the scanner in one receive");
+    command(program, command_code::read_pattern, kMebibyte);
+    const auto start = std::chrono::steady_clock::now();
+    const bytes data = answer(program);
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+    demand(is_pattern(data), "the bytes are not the ones of the pattern");
+    char text[100];
+    std::snprintf(text, sizeof text, "all %u bytes are right, in %.0f ms: %.1f MB/s (emulated, both ends)",
+                  kMebibyte, time.count() * 1000, kMebibyte / time.count() / 1e6);
+    note(text);
+}
+
+void show_stall(tvkctl::front_end& program)
+{
+    say("The scanner stalls once: that receive is refused, the next one works");
+    command(program, command_code::fault, static_cast<std::uint32_t>(fault_kind::stall_in));
+    answer(program);
+    command(program, command_code::identify);
+    demand(program.recv(virtual_scanner::kBlockSize), reply::verdict::ng);
+    demand(answer(program).size() == 64, "no identity after the stall");
+}
+
+void show_session()
+{
+    utsname machine{};
+    ::uname(&machine);
+    say(std::string("Start tvkintif on ") + machine.sysname + " " + machine.release + ", " + machine.machine);
+    tvkctl::front_end program(tvkctl::launch{kProgram});
+    note("it waits on port " + std::to_string(program.port()));
+    program.observe(target::frame_printer());
+    program.connect();
+    say("Open the scanner by its serial number");
+    demand(program.open(kAddress), reply::verdict::ok);
+    show_identity(program);
+    show_both_ways(program);
+    show_large_receive(program);
+    show_stall(program);
+    say("Close");
+    program.close();
+    const auto status = program.finish();
+    demand(status == tvkctl::exit_status::exited(0), "the program's end");
+    note("it ended with " + status->text());
+}
+
+/// Whether a line tells of a single read or write on the connection, of which there are three for each frame.
+bool is_transfer_line(const std::string& line)
+{
+    return line.find("]ipc connection ") != std::string::npos ||
+           line.find("]transferred ") != std::string::npos;
+}
+
+void show_log()
+{
+    const std::string whole = support::raw_log();
+    std::ofstream(kLogCopy) << whole;
+    std::istringstream lines(whole);
+    std::string shown;
+    int left_out = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (is_transfer_line(line))
+            ++left_out;
+        else
+            shown += "  " + line + "\n";
+    }
+    say("The log that it left, but for " + std::to_string(left_out) + " lines about single reads and writes");
+    std::fputs(shown.c_str(), stdout);
+}
+
+} // namespace
+
+int main()
+{
+    try {
+        show_session();
+        show_log();
+        return EXIT_SUCCESS;
+    } catch (const std::exception& reason) {
+        std::printf("\n%s\n", reason.what());
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,96 @@
+/// What the virtual scanner and its front-ends say to each other; COMMANDS.md has the byte tables.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace virtual_scanner {
+
+using bytes = std::vector<unsigned char>;
+
+enum class command_code : std::uint16_t {
+    identify = 1,
+    status = 2,
+    read_pattern = 3,
+    echo = 4,
+    checksum = 5,
+    fault = 6,
+};
+
+enum class answer_status : std::uint32_t {
+    ok = 0,
+    unknown_command = 1,
+    bad_argument = 2,
+    payload_too_long = 3,
+    not_a_command = 4,
+};
+
+/// The argument of command_code::fault: what goes wrong, once, with the command after it.
+enum class fault_kind : std::uint32_t {
+    stall_out = 1,
+    stall_in = 2,
+};
+
+/// Commands and answers both start with a block of this many bytes.
+constexpr std::size_t kBlockSize = 16;
+constexpr std::size_t kLongestPayload = 16 * 1024 * 1024;
+
+/// Lengths are 32 bits wide on the wire, and nothing that is sent is longer.
+constexpr std::uint32_t wire_length(std::uint64_t length)
+{
+    return static_cast<std::uint32_t>(length);
+}
+
+struct command {
+    command_code code;
+    std::uint16_t tag; ///< given back in the answer
+    std::uint32_t argument;
+    std::uint32_t payload_length;
+};
+
+struct answer {
+    command_code code;
+    std::uint16_t tag;
+    answer_status status;
+    std::uint32_t data_length; ///< bytes that follow the answer block
+};
+
+/// The data of the answer to command_code::status.
+struct scanner_status {
+    std::uint32_t commands_served; ///< this one not counted
+    std::uint32_t payload_bytes_taken;
+    std::uint32_t data_bytes_given;
+    std::uint32_t stalls_done;
+};
+
+using block = std::array<unsigned char, kBlockSize>;
+
+block encode(const command& what);
+block encode(const answer& what);
+bytes encode(const scanner_status& what);
+
+/// Decoding answers whether the bytes are such a block at all; `what` is filled only then.
+bool decode(const block& from, command& what);
+bool decode(const block& from, answer& what);
+/// `from` must hold the 16 bytes of the answer's data.
+scanner_status decode_status(const bytes& from);
+
+/// A command with its payload behind it, as it goes out in one transfer.
+bytes encode_with_payload(command what, const bytes& payload);
+
+/// Byte `position` of the pattern. Packets less than 64 KiB apart differ, and so do pieces of 64 KiB, so that
+/// a lost, doubled or swapped one shows.
+constexpr unsigned char pattern_byte(std::uint32_t position)
+{
+    return static_cast<unsigned char>(position * 7U + (position >> 8U) * 13U + (position >> 16U) * 29U);
+}
+
+/// CRC-32 as in zlib and PNG (reflected, polynomial 0xEDB88320).
+std::uint32_t crc32(const bytes& data);
+
+const char* name_of(command_code code);
+
+} // namespace virtual_scanner

@@ -1,0 +1,133 @@
+#include "target/scenarios/scanner_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace target {
+
+namespace {
+
+constexpr const char* kProgram = "/usr/bin/virtual_scanner";
+constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner/";
+constexpr const char* kDiary = "/run/scanner.log";
+constexpr tvkctl::milliseconds kAnswerLimit{20'000};
+constexpr tvkctl::milliseconds kEndLimit{5'000};
+
+struct pipe_ends {
+    tvkctl::unique_fd reading;
+    tvkctl::unique_fd writing;
+};
+
+pipe_ends make_pipe()
+{
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
+}
+
+/// Where a child's standard streams lead to.
+class redirections {
+public:
+    redirections(int input, int output, const char* error_file)
+    {
+        ::posix_spawn_file_actions_init(&m_actions);
+        ::posix_spawn_file_actions_adddup2(&m_actions, input, STDIN_FILENO);
+        ::posix_spawn_file_actions_adddup2(&m_actions, output, STDOUT_FILENO);
+        ::posix_spawn_file_actions_addopen(&m_actions, STDERR_FILENO, error_file,
+                                           O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    }
+    redirections(const redirections&) = delete;
+    redirections& operator=(const redirections&) = delete;
+    ~redirections() { ::posix_spawn_file_actions_destroy(&m_actions); }
+
+    const posix_spawn_file_actions_t* get() const { return &m_actions; }
+
+private:
+    posix_spawn_file_actions_t m_actions{};
+};
+
+} // namespace
+
+scanner_process::scanner_process(const std::string& device_file)
+{
+    start(kDeviceFiles + device_file + ".device");
+    expect_answer("ready", "start the virtual scanner \"" + device_file + "\"");
+}
+
+scanner_process::~scanner_process()
+{
+    // The end of its orders is the order to end, and the end of its answers shows that it has.
+    m_orders.reset();
+    if (!tvkctl::wait_until_ready(m_answers.get(), POLLIN, tvkctl::deadline(kEndLimit)))
+        ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+}
+
+std::string scanner_process::diary()
+{
+    std::ostringstream text;
+    if (std::ifstream file(kDiary); file.peek() != std::ifstream::traits_type::eof())
+        text << file.rdbuf();
+    return text.str();
+}
+
+void scanner_process::start(const std::string& device_file)
+{
+    pipe_ends orders = make_pipe();
+    pipe_ends answers = make_pipe();
+    const redirections streams(orders.reading.get(), answers.writing.get(), kDiary);
+    std::string program = kProgram;
+    std::string argument = device_file;
+    const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
+    const int error = ::posix_spawn(&m_pid, kProgram, streams.get(), nullptr, arguments.data(), environ);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), std::string("start ") + kProgram);
+    m_orders = std::move(orders.writing);
+    m_answers = std::move(answers.reading);
+}
+
+void scanner_process::order(const std::string& what)
+{
+    const std::string line = what + "\n";
+    if (::write(m_orders.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        throw std::system_error(errno, std::generic_category(), "tell the virtual scanner to " + what);
+    expect_answer("done", what);
+}
+
+std::string scanner_process::next_answer()
+{
+    const tvkctl::deadline until(kAnswerLimit);
+    std::string line;
+    for (char next = 0; next != '\n';) {
+        if (!tvkctl::wait_until_ready(m_answers.get(), POLLIN, until))
+            return line + " (and no more in time)";
+        if (::read(m_answers.get(), &next, 1) != 1)
+            return line + " (and the end)";
+        line += next;
+    }
+    line.pop_back();
+    return line;
+}
+
+void scanner_process::expect_answer(const std::string& expected, const std::string& step)
+{
+    const std::string came = next_answer();
+    if (came != expected)
+        throw std::runtime_error(step + ": expected \"" + expected + "\", got \"" + came + "\"; it said:\n" +
+                                 diary());
+}
+
+} // namespace target

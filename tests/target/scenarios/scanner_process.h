@@ -1,0 +1,42 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "tvkctl/src/deadline.h"
+#include "tvkctl/src/unique_fd.h"
+
+namespace target {
+
+/// A virtual scanner at work: plugged in on construction, off the bus after destruction. Owns the process.
+///
+/// Failures are std::runtime_error with what the process itself said about it.
+class scanner_process {
+public:
+    /// Starts the devices of a file in the machine's folder of device files ("plain" for plain.device), and
+    /// returns when the host has configured those that start plugged in.
+    explicit scanner_process(const std::string& device_file);
+    scanner_process(const scanner_process&) = delete;
+    scanner_process& operator=(const scanner_process&) = delete;
+    ~scanner_process();
+
+    /// Returns when the host has configured the device, or when it is off the bus.
+    void plug(const std::string& device) { order("plug " + device); }
+    void unplug(const std::string& device) { order("unplug " + device); }
+
+    /// What the devices saw so far, one line for each command and fault.
+    static std::string diary();
+
+private:
+    void start(const std::string& device_file);
+    void order(const std::string& what);
+    std::string next_answer();
+    void expect_answer(const std::string& expected, const std::string& step);
+
+    pid_t m_pid = -1;
+    tvkctl::unique_fd m_orders;
+    tvkctl::unique_fd m_answers;
+};
+
+} // namespace target

@@ -1,0 +1,141 @@
+#include <algorithm>
+#include <string>
+
+#include "target/scenarios/scanner_session.h"
+
+using virtual_scanner::bytes;
+using virtual_scanner::command_code;
+using virtual_scanner::fault_kind;
+
+namespace {
+
+class session : public target::scanner_session {
+protected:
+    static constexpr const char* kByIds = "usb:1a2b:3c4d";
+    static constexpr const char* kBySerial = "usb:1a2b:3c4d:SN0042";
+    static constexpr const char* kSerial = "SN0042";
+
+    /// The position of the first byte that is not the pattern's; the size when there is none.
+    static std::size_t first_wrong_byte(const bytes& data)
+    {
+        std::size_t position = 0;
+        while (position < data.size() &&
+               data[position] == virtual_scanner::pattern_byte(virtual_scanner::wire_length(position)))
+            ++position;
+        return position;
+    }
+
+    static std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
+    {
+        const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
+        return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
+    }
+
+    virtual_scanner::scanner_status status()
+    {
+        command(command_code::status);
+        return virtual_scanner::decode_status(answer_to(command_code::status));
+    }
+
+    void expect_pattern(std::uint32_t length)
+    {
+        command(command_code::read_pattern, length);
+        const bytes data = answer_to(command_code::read_pattern);
+        EXPECT_EQ(data.size(), length);
+        EXPECT_EQ(first_wrong_byte(data), length);
+    }
+};
+
+} // namespace
+
+TEST_F(session, opens_a_scanner_by_its_ids)
+{
+    plug_in("plain");
+    open(kByIds);
+    close();
+}
+
+TEST_F(session, opens_a_scanner_by_its_serial_number)
+{
+    plug_in("plain");
+    open(kBySerial, kSerial);
+    close();
+}
+
+TEST_F(session, passes_a_command_to_the_scanner_and_its_answer_back)
+{
+    plug_in("plain");
+    open(kByIds);
+    command(command_code::identify);
+    const bytes identity = answer_to(command_code::identify);
+    ASSERT_EQ(identity.size(), 64U);
+    EXPECT_EQ(text_at(identity, 0, 32), "Virtual scanner");
+    EXPECT_EQ(text_at(identity, 48, 16), kSerial);
+    close();
+}
+
+TEST_F(session, passes_a_payload_of_several_packets_unchanged)
+{
+    plug_in("plain");
+    open(kByIds);
+    bytes payload(5000);
+    for (std::size_t index = 0; index < payload.size(); ++index)
+        payload[index] = virtual_scanner::pattern_byte(virtual_scanner::wire_length(index * 3));
+    command(command_code::echo, 0, payload);
+    EXPECT_EQ(answer_to(command_code::echo), payload);
+    close();
+}
+
+TEST_F(session, receives_one_mebibyte_with_every_byte_right)
+{
+    plug_in("plain");
+    open(kByIds);
+    expect_pattern(target::kMebibyte);
+    close();
+}
+
+TEST_F(session, refuses_a_receive_that_stalls_and_serves_the_next_one)
+{
+    plug_in("plain");
+    open(kByIds);
+    arm(fault_kind::stall_in);
+    command(command_code::identify);
+    receive_from_a_stall(virtual_scanner::kBlockSize);
+    EXPECT_EQ(answer_to(command_code::identify).size(), 64U);
+    EXPECT_EQ(status().stalls_done, 1U);
+    close();
+}
+
+TEST_F(session, refuses_a_send_that_stalls_and_serves_the_next_one)
+{
+    plug_in("plain");
+    open(kByIds);
+    arm(fault_kind::stall_out);
+    send_into_a_stall(encoded(command_code::status));
+    EXPECT_EQ(status().commands_served, 1U) << "the refused command must not have reached the scanner";
+    EXPECT_EQ(status().stalls_done, 1U);
+    close();
+}
+
+TEST_F(session, leaves_the_scanner_free_for_the_next_program)
+{
+    plug_in("plain");
+    open(kByIds);
+    close();
+    open(kByIds);
+    expect_pattern(512);
+    close();
+}
+
+TEST_F(session, opens_sends_receives_recovers_from_a_stall_and_closes)
+{
+    plug_in("plain");
+    open(kBySerial, kSerial);
+    expect_pattern(target::kMebibyte);
+    arm(fault_kind::stall_in);
+    command(command_code::identify);
+    receive_from_a_stall(virtual_scanner::kBlockSize);
+    EXPECT_EQ(answer_to(command_code::identify).size(), 64U);
+    expect_pattern(target::kMebibyte);
+    close();
+}
