@@ -24,6 +24,20 @@ using tvkctl::read_log_file;
 
 using texts = std::vector<std::string>;
 
+texts lines_of(const std::string& path)
+{
+    texts lines;
+    read_log_file(path, [&](const std::string& line) { lines.push_back(line); });
+    return lines;
+}
+
+texts new_lines_of(log_tail& tail)
+{
+    texts lines;
+    tail.take_new([&](const std::string& line) { lines.push_back(line); });
+    return lines;
+}
+
 constexpr const char* kToday = "tvkintif_20261115.log";
 constexpr const char* kTomorrow = "tvkintif_20261116.log";
 
@@ -80,26 +94,26 @@ TEST_F(log_files_test, a_missing_folder_has_no_names)
 TEST_F(log_files_test, a_file_is_read_with_its_unfinished_last_line)
 {
     folder.append(kToday, "one\ntwo\nthr");
-    EXPECT_EQ(read_log_file(folder / kToday), (texts{"one", "two", "thr"}));
+    EXPECT_EQ(lines_of(folder / kToday), (texts{"one", "two", "thr"}));
 }
 
 TEST_F(log_files_test, a_newline_left_over_from_midnight_makes_no_line)
 {
     folder.append(kToday, "\none\n\ntwo\n");
-    EXPECT_EQ(read_log_file(folder / kToday), (texts{"one", "", "two"}));
+    EXPECT_EQ(lines_of(folder / kToday), (texts{"one", "", "two"}));
 }
 
 TEST_F(log_files_test, a_symbolic_link_is_not_read)
 {
     folder.append("secret", "one\n");
     fs::create_symlink(folder / "secret", folder / kToday);
-    EXPECT_EQ(read_log_file(folder / kToday), texts{});
+    EXPECT_EQ(lines_of(folder / kToday), texts{});
 }
 
 TEST_F(log_files_test, a_fifo_is_not_waited_for)
 {
     ASSERT_EQ(mkfifo((folder / kToday).c_str(), 0600), 0);
-    EXPECT_EQ(read_log_file(folder / kToday), texts{});
+    EXPECT_EQ(lines_of(folder / kToday), texts{});
 }
 
 class log_tail_test : public testing::Test {
@@ -114,10 +128,10 @@ TEST_F(log_tail_test, what_is_there_comes_first_and_then_what_is_added)
 {
     folder.append(kToday, "one\n");
     log_tail tail = from_the_beginning();
-    EXPECT_EQ(tail.take(), texts{"one"});
-    EXPECT_EQ(tail.take(), texts{});
+    EXPECT_EQ(new_lines_of(tail), texts{"one"});
+    EXPECT_EQ(new_lines_of(tail), texts{});
     folder.append(kToday, "two\nthree\n");
-    EXPECT_EQ(tail.take(), (texts{"two", "three"}));
+    EXPECT_EQ(new_lines_of(tail), (texts{"two", "three"}));
 }
 
 TEST_F(log_tail_test, at_the_end_only_what_is_added_comes)
@@ -125,16 +139,16 @@ TEST_F(log_tail_test, at_the_end_only_what_is_added_comes)
     folder.append(kToday, "one\n");
     log_tail tail = from_the_end();
     folder.append(kToday, "two\n");
-    EXPECT_EQ(tail.take(), texts{"two"});
+    EXPECT_EQ(new_lines_of(tail), texts{"two"});
 }
 
 TEST_F(log_tail_test, a_line_comes_when_its_newline_does)
 {
     log_tail tail = from_the_beginning();
     folder.append(kToday, "one");
-    EXPECT_EQ(tail.take(), texts{});
+    EXPECT_EQ(new_lines_of(tail), texts{});
     folder.append(kToday, "\n");
-    EXPECT_EQ(tail.take(), texts{"one"});
+    EXPECT_EQ(new_lines_of(tail), texts{"one"});
 }
 
 TEST_F(log_tail_test, at_the_end_of_an_unfinished_line_the_whole_line_comes)
@@ -142,53 +156,80 @@ TEST_F(log_tail_test, at_the_end_of_an_unfinished_line_the_whole_line_comes)
     folder.append(kToday, "one");
     log_tail tail = from_the_end();
     folder.append(kToday, "\n");
-    EXPECT_EQ(tail.take(), texts{"one"});
+    EXPECT_EQ(new_lines_of(tail), texts{"one"});
+}
+
+TEST_F(log_tail_test, a_long_log_is_read_whole)
+{
+    log_tail tail = from_the_beginning();
+    const std::string line(1000, 'x');
+    for (int i = 0; i < 200; ++i)
+        folder.append(kToday, line + "\n");
+    EXPECT_EQ(new_lines_of(tail), texts(200, line));
+}
+
+TEST_F(log_tail_test, at_the_end_of_a_long_log_only_what_is_added_comes)
+{
+    folder.append(kToday, std::string(200'000, 'x') + "\none");
+    log_tail tail = from_the_end();
+    folder.append(kToday, " and more\n");
+    EXPECT_EQ(new_lines_of(tail), texts{"one and more"});
 }
 
 TEST_F(log_tail_test, after_midnight_the_next_days_file_is_read)
 {
     log_tail tail = from_the_beginning();
     folder.append(kToday, "one\n");
-    EXPECT_EQ(tail.take(), texts{"one"});
+    EXPECT_EQ(new_lines_of(tail), texts{"one"});
     folder.append(kToday, "two\n");
     folder.append(kTomorrow, "three\n");
-    EXPECT_EQ(tail.take(), (texts{"two", "three"}));
+    EXPECT_EQ(new_lines_of(tail), (texts{"two", "three"}));
 }
 
 TEST_F(log_tail_test, a_line_that_midnight_cuts_from_its_newline_comes_once)
 {
     log_tail tail = from_the_beginning();
     folder.append(kToday, "one");
-    EXPECT_EQ(tail.take(), texts{});
+    EXPECT_EQ(new_lines_of(tail), texts{});
     folder.append(kTomorrow, "\ntwo\n");
-    EXPECT_EQ(tail.take(), (texts{"one", "two"}));
+    EXPECT_EQ(new_lines_of(tail), (texts{"one", "two"}));
 }
 
 TEST_F(log_tail_test, earlier_days_do_not_count)
 {
     folder.append("tvkintif_20261114.log", "old\n");
     log_tail tail = from_the_beginning();
-    EXPECT_EQ(tail.take(), texts{});
+    EXPECT_EQ(new_lines_of(tail), texts{});
 }
 
 TEST_F(log_tail_test, a_file_that_was_moved_away_is_begun_anew)
 {
     folder.append(kToday, "one\n");
     log_tail tail = from_the_beginning();
-    tail.take();
+    new_lines_of(tail);
     fs::rename(folder / kToday, folder / "old");
     folder.append(kToday, "two\n");
-    EXPECT_EQ(tail.take(), texts{"two"});
+    EXPECT_EQ(new_lines_of(tail), texts{"two"});
+}
+
+TEST_F(log_tail_test, an_unfinished_line_of_a_file_that_was_moved_away_comes_by_itself)
+{
+    folder.append(kToday, "one");
+    log_tail tail = from_the_beginning();
+    new_lines_of(tail);
+    fs::rename(folder / kToday, folder / "old");
+    folder.append(kToday, "\ntwo\n");
+    EXPECT_EQ(new_lines_of(tail), (texts{"one", "two"}));
 }
 
 TEST_F(log_tail_test, a_file_that_was_emptied_is_begun_anew)
 {
     folder.append(kToday, "one and a half\n");
     log_tail tail = from_the_beginning();
-    tail.take();
+    new_lines_of(tail);
     fs::resize_file(folder / kToday, 0);
     folder.append(kToday, "two\n");
-    EXPECT_EQ(tail.take(), texts{"two"});
+    EXPECT_EQ(new_lines_of(tail), texts{"two"});
 }
 
 class directory_watch_test : public testing::Test {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <optional>
 
@@ -243,14 +244,6 @@ void print_line(const std::string& text, console& io)
     io.out() << io.styled(style_of(text), printable(text)) << '\n';
 }
 
-std::vector<std::string> lines_that_pass(const std::vector<std::string>& lines, log_filter& filter)
-{
-    std::vector<std::string> passed;
-    std::copy_if(lines.begin(), lines.end(), std::back_inserter(passed),
-                 [&](const std::string& line) { return filter.passes(line); });
-    return passed;
-}
-
 std::vector<std::string> files_of(const log_day& day, const log_place& place)
 {
     std::vector<std::string> files;
@@ -271,12 +264,11 @@ std::vector<std::string> files_of(const log_day& day, const log_place& place)
                         "there is no log of " + dashed(day) + " in " + place.directory(), advice);
 }
 
-std::vector<std::string> read_readable(const std::string& file)
+void expect_readable(const std::string& file)
 {
     if (access(file.c_str(), R_OK) != 0)
         throw command_error(exit_code::input_file, file + " cannot be read by " + user_of(geteuid()).name,
                             "Try it with sudo.");
-    return read_log_file(file);
 }
 
 exit_code show(const log_options& options, const log_place& place, cli& shared)
@@ -288,13 +280,17 @@ exit_code show(const log_options& options, const log_place& place, cli& shared)
         refuse_missing(day, place);
     json document = {{"date", dashed(day)}, {"files", json::array()}};
     for (const std::string& file : files) {
+        expect_readable(file);
         log_filter filter(least);
         json lines = json::array();
-        for (const std::string& line : lines_that_pass(read_readable(file), filter))
+        read_log_file(file, [&](const std::string& line) {
+            if (!filter.passes(line))
+                return;
             if (shared.is_json)
                 lines.push_back(to_json(line));
             else
                 print_line(line, shared.io);
+        });
         document["files"].push_back({{"file", file}, {"lines", lines}});
     }
     if (shared.is_json)
@@ -302,16 +298,34 @@ exit_code show(const log_options& options, const log_place& place, cli& shared)
     return exit_code::ok;
 }
 
-void print_new(const std::vector<std::string>& lines, cli& shared)
+/// As it comes: in JSON one document a line.
+void print_followed(const std::string& line, cli& shared)
 {
-    for (const std::string& line : lines)
-        if (shared.is_json)
-            shared.io.out() << to_json(line).dump(-1, ' ', false, json::error_handler_t::replace) << '\n';
-        else
-            print_line(line, shared.io);
-    if (!shared.io.out().flush())
+    if (shared.is_json)
+        shared.io.out() << to_json(line).dump(-1, ' ', false, json::error_handler_t::replace) << '\n';
+    else
+        print_line(line, shared.io);
+}
+
+void flush(console& io)
+{
+    if (!io.out().flush())
         throw command_error(exit_code::output_file, "standard output cannot be written",
                             "Look for a full disk or a closed reader.");
+}
+
+/// The last lines of today, as many as are shown before the first new one.
+std::deque<std::string> take_context(log_tail& tail, log_filter& filter)
+{
+    std::deque<std::string> context;
+    tail.take_new([&](const std::string& line) {
+        if (!filter.passes(line))
+            return;
+        context.push_back(line);
+        if (context.size() > kLinesOfContext)
+            context.pop_front();
+    });
+    return context;
 }
 
 directory_watch watch(const log_place& place)
@@ -332,12 +346,16 @@ exit_code follow(const log_options& options, const log_place& place, cli& shared
     if (const log_state state = look_at_log(place, std::time(nullptr)); !state.is_on())
         shared.io.warning("programs that start now log nothing: " + why_not_logged(state, place));
     log_tail tail(place.directory(), day_of(std::time(nullptr)), log_tail::start::at_the_beginning);
-    std::vector<std::string> lines = lines_that_pass(tail.take(), filter);
-    if (lines.size() > kLinesOfContext)
-        lines.erase(lines.begin(), lines.end() - kLinesOfContext);
-    print_new(lines, shared);
-    while (changes.wait(deadline(kLookAgain)) != directory_watch::news::gone)
-        print_new(lines_that_pass(tail.take(), filter), shared);
+    for (const std::string& line : take_context(tail, filter))
+        print_followed(line, shared);
+    flush(shared.io);
+    while (changes.wait(deadline(kLookAgain)) != directory_watch::news::gone) {
+        tail.take_new([&](const std::string& line) {
+            if (filter.passes(line))
+                print_followed(line, shared);
+        });
+        flush(shared.io);
+    }
     throw command_error(exit_code::log_is_off, place.directory() + " is gone: logging was turned off",
                         "Turn it on with: tvkctl log on.");
 }

@@ -24,6 +24,7 @@ namespace {
 constexpr std::size_t kDayLength = 8;
 constexpr const char* kEnding = ".log";
 constexpr std::size_t kEndingLength = 4;
+constexpr std::size_t kPieceLength = 65536; ///< also longer than any line
 
 bool is_calendar_day(const log_day& day)
 {
@@ -55,30 +56,35 @@ std::optional<struct stat> regular_file(const unique_fd& file)
     return status;
 }
 
-/// Appends everything from `offset` on to `text`; returns how much that was.
-long long append_rest(const unique_fd& file, long long offset, std::string& text)
-{
-    std::array<char, 65536> piece{};
-    long long total = 0;
-    for (;;) {
-        const ssize_t count = TEMP_FAILURE_RETRY(
-            pread(file.get(), piece.data(), piece.size(), static_cast<off_t>(offset + total)));
-        if (count <= 0)
-            return total;
-        text.append(piece.data(), static_cast<std::size_t>(count));
-        total += count;
-    }
-}
-
-/// Moves the complete lines from the front of `text` to `lines`.
-void move_complete_lines(std::string& text, std::vector<std::string>& lines)
+/// Hands the complete lines at the front of `text` on and removes them.
+void take_complete_lines(std::string& text, const line_sink& take)
 {
     std::size_t begin = 0;
     for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
-        lines.push_back(text.substr(begin, end - begin));
+        take(text.substr(begin, end - begin));
         begin = end + 1;
     }
     text.erase(0, begin);
+}
+
+/// Hands the complete lines from `offset` on on, in pieces, for a log may be long. `unfinished` is the line
+/// that is being read, before and after. Returns where the file ends.
+long long read_lines(const unique_fd& file, long long offset, std::string& unfinished, const line_sink& take)
+{
+    std::array<char, kPieceLength> piece{};
+    for (;;) {
+        const ssize_t count =
+            TEMP_FAILURE_RETRY(pread(file.get(), piece.data(), piece.size(), static_cast<off_t>(offset)));
+        if (count <= 0)
+            return offset;
+        // A line that was written at midnight can have its newline at the beginning of the next day's file.
+        const bool is_left_over = offset == 0 && piece.front() == '\n';
+        unfinished.append(piece.data(), static_cast<std::size_t>(count));
+        if (is_left_over)
+            unfinished.erase(unfinished.size() - static_cast<std::size_t>(count), 1);
+        take_complete_lines(unfinished, take);
+        offset += count;
+    }
 }
 
 } // namespace
@@ -128,69 +134,82 @@ std::vector<std::string> log_file_names(const std::string& directory)
     return names;
 }
 
-std::vector<std::string> read_log_file(const std::string& path)
+void read_log_file(const std::string& path, const line_sink& take)
 {
     const unique_fd file = open_log_file(path);
     if (!regular_file(file))
-        return {};
-    std::string text;
-    append_rest(file, 0, text);
-    // The newline of a line that was written at midnight can stand in the next day's file.
-    if (!text.empty() && text.front() == '\n')
-        text.erase(0, 1);
-    std::vector<std::string> lines;
-    move_complete_lines(text, lines);
-    if (!text.empty())
-        lines.push_back(text);
-    return lines;
+        return;
+    std::string unfinished;
+    read_lines(file, 0, unfinished, take);
+    if (!unfinished.empty())
+        take(unfinished);
 }
 
 log_tail::log_tail(std::string directory, log_day first, start where)
     : m_directory(std::move(directory)), m_first(std::move(first))
 {
     if (where == start::at_the_end)
-        take(); // an unfinished last line stays, to be told when it is complete
+        for (const std::string& name : names())
+            go_to_the_end(name);
 }
 
-std::vector<std::string> log_tail::take()
+std::vector<std::string> log_tail::names() const
 {
-    std::vector<std::string> lines;
-    for (const std::string& name : log_file_names(m_directory))
-        if (*day_of_file(name) >= m_first)
-            read_on(name, lines);
-    return lines;
+    std::vector<std::string> all = log_file_names(m_directory);
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [&](const std::string& name) { return *day_of_file(name) < m_first; }),
+              all.end());
+    return all;
 }
 
-void log_tail::read_on(const std::string& name, std::vector<std::string>& lines)
+void log_tail::take_new(const line_sink& take)
+{
+    for (const std::string& name : names())
+        read_on(name, take);
+}
+
+/// An unfinished last line stays, to be told when it is complete.
+void log_tail::go_to_the_end(const std::string& name)
 {
     const unique_fd file = open_log_file(m_directory + "/" + name);
     const auto status = regular_file(file);
     if (!status)
         return;
     position& at = m_positions[name];
-    if (at.file != status->st_ino || at.offset > status->st_size)
-        at = {status->st_ino, 0, std::move(at.unfinished)};
-    const bool is_at_the_beginning = at.offset == 0;
-    std::string added;
-    at.offset += append_rest(file, at.offset, added);
-    if (added.empty())
-        return;
-    finish_earlier_days(*day_of_file(name), lines);
-    // A line that was written at midnight can have its newline in the next day's file.
-    if (is_at_the_beginning && std::exchange(m_has_broken_line, false) && added.front() == '\n')
-        added.erase(0, 1);
-    at.unfinished += added;
-    move_complete_lines(at.unfinished, lines);
+    at.file = status->st_ino;
+    const long long before_the_end = status->st_size - static_cast<long long>(kPieceLength);
+    at.offset = read_lines(file, std::max(before_the_end, 0LL), at.unfinished, [](const std::string&) {});
 }
 
-/// Nothing more comes to an unfinished line of an earlier day.
-void log_tail::finish_earlier_days(const log_day& day, std::vector<std::string>& lines)
+void log_tail::read_on(const std::string& name, const line_sink& take)
+{
+    const unique_fd file = open_log_file(m_directory + "/" + name);
+    const auto status = regular_file(file);
+    if (!status)
+        return;
+    position& at = m_positions[name];
+    if (at.file != status->st_ino || at.offset > status->st_size) { // replaced, or emptied
+        finish(at, take);
+        at = {status->st_ino, 0};
+    }
+    if (at.offset == status->st_size)
+        return;
+    finish_earlier_days(*day_of_file(name), take);
+    at.offset = read_lines(file, at.offset, at.unfinished, take);
+}
+
+/// Nothing more comes to an unfinished line.
+void log_tail::finish(position& at, const line_sink& take)
+{
+    if (!at.unfinished.empty())
+        take(std::exchange(at.unfinished, {}));
+}
+
+void log_tail::finish_earlier_days(const log_day& day, const line_sink& take)
 {
     for (auto& [name, at] : m_positions)
-        if (*day_of_file(name) < day && !at.unfinished.empty()) {
-            lines.push_back(std::exchange(at.unfinished, {}));
-            m_has_broken_line = true;
-        }
+        if (*day_of_file(name) < day)
+            finish(at, take);
 }
 
 directory_watch::directory_watch(const std::string& directory)

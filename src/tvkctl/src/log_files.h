@@ -34,9 +34,12 @@ std::optional<log_day> day_of_file(const std::string& name);
 /// Names of the daily log files in a directory, oldest first. Empty when the directory cannot be read.
 std::vector<std::string> log_file_names(const std::string& directory);
 
-/// The lines of a log file, a last one without newline included. Empty when it cannot be read or is no
-/// regular file: symbolic links are not followed, for anybody may write below /tmp.
-std::vector<std::string> read_log_file(const std::string& path);
+/// Takes a line, without its newline.
+using line_sink = std::function<void(const std::string&)>;
+
+/// Hands the lines of a log file on, a last one without newline included. None when it cannot be read or is
+/// no regular file: symbolic links are not followed, for anybody may write below /tmp.
+void read_log_file(const std::string& path, const line_sink& take);
 
 /// Reads the daily log files of a directory on and on: first what is there, then what is added, from one
 /// day's file to the next. Files may come, go and be replaced at any time. Symbolic links are not followed.
@@ -49,8 +52,8 @@ public:
     /// Looks at the files of `first` and later days.
     log_tail(std::string directory, log_day first, start where);
 
-    /// The lines that were completed since the last call, oldest first, without their newlines.
-    std::vector<std::string> take();
+    /// Hands the lines on that were completed since the last call, oldest first.
+    void take_new(const line_sink& take);
 
 private:
     struct position {
@@ -59,13 +62,15 @@ private:
         std::string unfinished = {}; ///< a line that has no newline yet
     };
 
-    void read_on(const std::string& name, std::vector<std::string>& lines);
-    void finish_earlier_days(const log_day& day, std::vector<std::string>& lines);
+    std::vector<std::string> names() const;
+    void read_on(const std::string& name, const line_sink& take);
+    static void finish(position& at, const line_sink& take);
+    void finish_earlier_days(const log_day& day, const line_sink& take);
+    void go_to_the_end(const std::string& name);
 
     std::string m_directory;
     log_day m_first;
     std::map<std::string, position> m_positions; ///< by file name
-    bool m_has_broken_line = false; ///< an earlier day ended without newline, which the next one begins with
 };
 
 /// Wakes up when something happens in a directory.

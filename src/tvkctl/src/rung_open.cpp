@@ -43,10 +43,11 @@ bool is_about_connection(const std::string& message)
 std::vector<std::string> story_of(pid_t process, log_tail& news)
 {
     std::vector<std::string> story;
-    for (const std::string& text : news.take())
-        if (const auto line = parse_log_line(text);
-            line && line->process == process && !is_about_connection(line->message))
+    news.take_new([&](const std::string& text) {
+        const auto line = parse_log_line(text);
+        if (line && line->process == process && !is_about_connection(line->message))
             story.push_back(line->message);
+    });
     return story;
 }
 
