@@ -67,8 +67,8 @@ void take_complete_lines(std::string& text, const line_sink& take)
     text.erase(0, begin);
 }
 
-/// Hands the complete lines from `offset` on on, in pieces, for a log may be long. `unfinished` is the line
-/// that is being read, before and after. Returns where the file ends.
+/// Hands the complete lines behind `offset` on, reading in pieces, for a log may be long. `unfinished` is the
+/// line that is being read, before and after. Returns where the file ends.
 long long read_lines(const unique_fd& file, long long offset, std::string& unfinished, const line_sink& take)
 {
     std::array<char, kPieceLength> piece{};
