@@ -51,7 +51,7 @@ std::optional<account> wanted_owner(const log_options& options)
 {
     if (options.owner.empty())
         return std::nullopt;
-    const auto owner = find_user(options.owner);
+    auto owner = find_user(options.owner);
     if (!owner)
         refuse_usage("--for " + options.owner + ": there is no such user", "See getent passwd.");
     return owner;
@@ -165,7 +165,7 @@ void show_state(const log_state& state, const log_place& place, console& io)
 /// The common end of everything that looks at the switch or turns it.
 log_state report(const log_change& done, const log_place& place, cli& shared)
 {
-    const log_state state = look_at_log(place, std::time(nullptr));
+    log_state state = look_at_log(place, std::time(nullptr));
     if (shared.is_json) {
         json document = to_json(state, place);
         document["done"] = done;

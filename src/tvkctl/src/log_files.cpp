@@ -129,6 +129,7 @@ std::vector<std::string> log_file_names(const std::string& directory)
     }
     std::sort(found.begin(), found.end());
     std::vector<std::string> names;
+    names.reserve(found.size());
     for (const auto& [day, name] : found)
         names.push_back(name);
     return names;

@@ -24,6 +24,7 @@ std::string description_of(const usb_device& device)
 std::vector<std::string> descriptions_of(const std::vector<const usb_device*>& devices)
 {
     std::vector<std::string> all;
+    all.reserve(devices.size());
     for (const usb_device* device : devices)
         all.push_back(description_of(*device));
     return all;

@@ -28,7 +28,7 @@ std::string closed_folder(const std::string& path)
 {
     for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
-        const std::string folder = path.substr(0, slash);
+        std::string folder = path.substr(0, slash);
         if (access(folder.c_str(), X_OK) != 0 && errno == EACCES)
             return folder;
     }
