@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "tvkctl/src/hex_dump.h"

@@ -1,5 +1,6 @@
 #include "tvkctl/src/cli.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
 #include <utility>

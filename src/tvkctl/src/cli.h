@@ -1,7 +1,5 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,6 +8,10 @@
 #include "tvkctl/src/console.h"
 #include "tvkctl/src/exit_code.h"
 #include "tvkctl/src/host.h"
+
+namespace CLI {
+class App;
+}
 
 namespace tvkctl {
 

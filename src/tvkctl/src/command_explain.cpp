@@ -1,6 +1,8 @@
 #include "tvkctl/src/command_explain.h"
 
+#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "tvkctl/src/ladder.h"
 

@@ -1,8 +1,10 @@
 #include "tvkctl/src/command_list.h"
 
+#include <CLI/CLI.hpp>
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "tvkctl/src/listing.h"

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -9,6 +10,7 @@
 #include <ctime>
 #include <deque>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "tvkctl/src/accounts.h"

@@ -1,9 +1,11 @@
 #include "tvkctl/src/command_run.h"
 
+#include <CLI/CLI.hpp>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "tvkctl/src/bytes.h"
 #include "tvkctl/src/numbers.h"

@@ -1,5 +1,6 @@
 #include "tvkctl/src/run_report.h"
 
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "tvkctl/src/hex_dump.h"
