@@ -119,6 +119,18 @@ bytes encode_with_payload(command what, const bytes& payload)
     return made;
 }
 
+bytes little_endian(std::uint32_t value)
+{
+    bytes made(4);
+    put32(made.begin(), value);
+    return made;
+}
+
+std::uint32_t number_in(const bytes& four)
+{
+    return get32(four.begin());
+}
+
 std::uint32_t crc32(const bytes& data)
 {
     static const auto table = make_crc_table();

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "target/scanner/fault.h"
+
 namespace virtual_scanner {
 
 using bytes = std::vector<unsigned char>;
@@ -26,12 +28,6 @@ enum class answer_status : std::uint32_t {
     bad_argument = 2,
     payload_too_long = 3,
     not_a_command = 4,
-};
-
-/// The argument of command_code::fault: what goes wrong, once, with the command after it.
-enum class fault_kind : std::uint32_t {
-    stall_out = 1,
-    stall_in = 2,
 };
 
 /// Commands and answers both start with a block of this many bytes.
@@ -80,6 +76,11 @@ scanner_status decode_status(const bytes& from);
 
 /// A command with its payload behind it, as it goes out in one transfer.
 bytes encode_with_payload(command what, const bytes& payload);
+
+/// A number of 4 bytes, as payloads and data have them.
+bytes little_endian(std::uint32_t value);
+/// `four` must be that many bytes.
+std::uint32_t number_in(const bytes& four);
 
 /// Byte `position` of the pattern. Packets less than 64 KiB apart differ, and so do pieces of 64 KiB, so that
 /// a lost, doubled or swapped one shows.

@@ -1,153 +1,215 @@
 #include "target/scanner/device_file.h"
 
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <map>
-#include <sstream>
+#include <set>
+
+#include "target/scanner/words.h"
 
 namespace virtual_scanner {
 
 namespace {
 
-using words = std::vector<std::string>;
-
-words split(const std::string& line)
-{
-    std::istringstream stream(line.substr(0, line.find('#')));
-    words found;
-    for (std::string word; stream >> word;)
-        found.push_back(word);
-    return found;
-}
-
-std::string join(const words& parts, std::size_t first)
-{
-    std::string joined;
-    for (std::size_t index = first; index < parts.size(); ++index)
-        joined += (joined.empty() ? "" : " ") + parts[index];
-    return joined;
-}
+constexpr std::uint8_t kVendorSpecific = 0xFF;
+constexpr std::uint8_t kFirstConfiguration = 1;
 
 template <typename Number>
 Number number(const std::string& text, int base)
 {
-    std::size_t used = 0;
-    unsigned long value = 0;
-    try {
-        value = std::stoul(text, &used, base);
-    } catch (const std::logic_error&) {
-        used = 0;
-    }
-    if (used != text.size() || text.front() == '-' || value > std::numeric_limits<Number>::max()) {
-        throw std::invalid_argument("\"" + text + "\" is not a number from 0 to " +
-                                    std::to_string(std::numeric_limits<Number>::max()) +
-                                    (base == 16 ? " in hexadecimal" : ""));
-    }
-    return static_cast<Number>(value);
+    return static_cast<Number>(virtual_scanner::number(text, base, std::numeric_limits<Number>::max()));
 }
 
-template <typename Value>
-Value one_of(const std::map<std::string, Value>& known, const std::string& word)
+bool is_vendor_specific(const interface_description& each)
 {
-    const auto found = known.find(word);
-    if (found != known.end())
-        return found->second;
-    std::string names;
-    for (const auto& entry : known)
-        names += " " + entry.first;
-    throw std::invalid_argument("\"" + word + "\" is none of:" + names);
+    return each.interface_class == kVendorSpecific && each.protocol == kVendorSpecific;
+}
+
+bool serves_anything(const device_description& device)
+{
+    return std::any_of(device.configurations.begin(), device.configurations.end(),
+                       [](const auto& each) { return endpoints_to_serve(each.interfaces).out != 0; });
 }
 
 // Gathers the devices line by line. Every reason to refuse a line is a std::invalid_argument.
 class reader {
 public:
-    void take(const words& line);
+    void take(const words& line, int line_number);
     std::vector<device_description> finish();
 
+    /// Where to look for the reason of the last refusal.
+    int line_to_blame() const { return m_blamed_line; }
+
 private:
+    enum class how_often { once, any_number_of_times };
+
     struct keyword {
+        how_often in_a_device;
         std::size_t fewest_values;
         std::size_t most_values;
         std::function<void(const words&)> apply;
     };
 
+    void require_number_of_values(const keyword& rule, const words& line) const;
+    void require_first_time(const keyword& rule, const std::string& name);
+
     void start_device(const words& line);
+    void start_configuration(const words& line);
+    void add_interface(const words& line);
     void add_endpoint(const words& line);
     void add_fault(const words& line);
+    void plug_later(const words& line);
     device_description& device();
-    void check_device() const;
+    std::vector<interface_description>& interfaces();
+    void check_device();
+    void check_configuration();
+    /// Refuses because of an earlier line than the one just read.
+    [[noreturn]] void refuse(int line, const std::string& why);
 
     static constexpr std::size_t kAnyNumber = std::numeric_limits<std::size_t>::max();
 
+    int m_blamed_line = 0;
+    int m_device_line = 0;
+    int m_fault_line = 0;         ///< the first of the device
+    int m_plug_line = 0;          ///< where the device is said to be plugged in later
+    int m_configuration_line = 0; ///< the last of the device
+    std::set<std::string> m_said; ///< of the device, what can be said only once
     std::vector<device_description> m_devices;
     const std::map<std::string, keyword> m_keywords{
-        {"device", {1, 1, [this](const words& line) { start_device(line); }}},
+        {"device", {how_often::any_number_of_times, 1, 1, [this](const words& line) { start_device(line); }}},
         {"vendor",
-         {1, 1, [this](const words& line) { device().vendor = number<std::uint16_t>(line[1], 16); }}},
+         {how_often::once, 1, 1,
+          [this](const words& line) { device().vendor = number<std::uint16_t>(line[1], 16); }}},
         {"product",
-         {1, 1, [this](const words& line) { device().product = number<std::uint16_t>(line[1], 16); }}},
-        {"serial", {1, 1, [this](const words& line) { device().serial = line[1]; }}},
-        {"maker", {1, kAnyNumber, [this](const words& line) { device().maker = join(line, 1); }}},
-        {"model", {1, kAnyNumber, [this](const words& line) { device().model = join(line, 1); }}},
-        {"unplugged", {0, 0, [this](const words&) { device().starts_plugged = false; }}},
+         {how_often::once, 1, 1,
+          [this](const words& line) { device().product = number<std::uint16_t>(line[1], 16); }}},
+        {"serial", {how_often::once, 1, 1, [this](const words& line) { device().serial = line[1]; }}},
+        {"maker",
+         {how_often::once, 1, kAnyNumber, [this](const words& line) { device().maker = join(line, 1); }}},
+        {"model",
+         {how_often::once, 1, kAnyNumber, [this](const words& line) { device().model = join(line, 1); }}},
+        {"unplugged", {how_often::once, 0, 0, [this](const words&) { device().starts_plugged = false; }}},
+        {"plug", {how_often::once, 2, 2, [this](const words& line) { plug_later(line); }}},
+        {"configuration",
+         {how_often::any_number_of_times, 1, 1, [this](const words& line) { start_configuration(line); }}},
         {"interface",
-         {3, 3,
-          [this](const words& line) {
-              device().interfaces.push_back({number<std::uint8_t>(line[1], 16),
-                                             number<std::uint8_t>(line[2], 16),
-                                             number<std::uint8_t>(line[3], 16),
-                                             {}});
-          }}},
-        {"endpoint", {2, 2, [this](const words& line) { add_endpoint(line); }}},
-        {"fault", {2, 2, [this](const words& line) { add_fault(line); }}},
+         {how_often::any_number_of_times, 3, 3, [this](const words& line) { add_interface(line); }}},
+        {"endpoint",
+         {how_often::any_number_of_times, 2, 2, [this](const words& line) { add_endpoint(line); }}},
+        {"fault", {how_often::any_number_of_times, 2, 3, [this](const words& line) { add_fault(line); }}},
     };
 };
 
-void reader::take(const words& line)
+void reader::take(const words& line, int line_number)
 {
+    m_blamed_line = line_number;
     const auto found = m_keywords.find(line.front());
     if (found == m_keywords.end())
         throw std::invalid_argument("unknown keyword \"" + line.front() + "\"");
     const keyword& rule = found->second;
-    const std::size_t values = line.size() - 1;
-    if (values < rule.fewest_values || values > rule.most_values) {
-        throw std::invalid_argument("\"" + line.front() + "\" takes " + std::to_string(rule.fewest_values) +
-                                    (rule.most_values == kAnyNumber ? " or more" : "") + " values, not " +
-                                    std::to_string(values));
-    }
+    require_number_of_values(rule, line);
+    require_first_time(rule, line.front());
     rule.apply(line);
+}
+
+void reader::require_number_of_values(const keyword& rule, const words& line) const
+{
+    const std::size_t values = line.size() - 1;
+    if (values >= rule.fewest_values && values <= rule.most_values)
+        return;
+    std::string expected = std::to_string(rule.fewest_values);
+    if (rule.most_values == kAnyNumber)
+        expected += " or more";
+    else if (rule.most_values != rule.fewest_values)
+        expected += " or " + std::to_string(rule.most_values);
+    throw std::invalid_argument("\"" + line.front() + "\" takes " + expected + " values, not " +
+                                std::to_string(values));
+}
+
+void reader::require_first_time(const keyword& rule, const std::string& name)
+{
+    if (rule.in_a_device == how_often::once && !m_said.insert(name).second)
+        throw std::invalid_argument("\"" + name + "\" was said of device \"" + device().name + "\" before");
 }
 
 std::vector<device_description> reader::finish()
 {
+    if (m_devices.empty())
+        throw std::invalid_argument("no device is described");
     check_device();
     return std::move(m_devices);
 }
 
 void reader::start_device(const words& line)
 {
+    static const std::string kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
+    const std::string& name = line[1];
+    const int this_line = m_blamed_line;
     if (!m_devices.empty())
         check_device();
+    m_blamed_line = this_line;
+    if (name.find_first_not_of(kAllowed) != std::string::npos)
+        throw std::invalid_argument("a device's name is made of letters, digits, - and _");
+    if (std::any_of(m_devices.begin(), m_devices.end(), [&](const auto& each) { return each.name == name; }))
+        throw std::invalid_argument("there is a device \"" + name + "\" already");
     m_devices.emplace_back();
-    m_devices.back().name = line[1];
+    m_devices.back().name = name;
+    m_device_line = this_line;
+    m_fault_line = m_plug_line = m_configuration_line = 0;
+    m_said.clear();
+}
+
+void reader::start_configuration(const words& line)
+{
+    const auto value = number<std::uint8_t>(line[1], 10);
+    auto& all = device().configurations;
+    if (value == 0)
+        throw std::invalid_argument("configurations are counted from 1; 0 is none");
+    if (std::any_of(all.begin(), all.end(), [value](const auto& each) { return each.value == value; })) {
+        throw std::invalid_argument("device \"" + device().name + "\" has a configuration " + line[1] +
+                                    " already");
+    }
+    check_configuration();
+    all.push_back({value, {}});
+    m_configuration_line = m_blamed_line;
+}
+
+void reader::add_interface(const words& line)
+{
+    interfaces().push_back({number<std::uint8_t>(line[1], 16),
+                            number<std::uint8_t>(line[2], 16),
+                            number<std::uint8_t>(line[3], 16),
+                            {}});
 }
 
 void reader::add_endpoint(const words& line)
 {
-    if (device().interfaces.empty())
-        throw std::invalid_argument("an endpoint needs an interface before it");
     static const std::map<std::string, endpoint_type> types{{"bulk", endpoint_type::bulk},
                                                             {"interrupt", endpoint_type::interrupt}};
     static const std::map<std::string, endpoint_direction> directions{{"out", endpoint_direction::out},
                                                                       {"in", endpoint_direction::in}};
-    device().interfaces.back().endpoints.push_back({one_of(types, line[1]), one_of(directions, line[2])});
+    if (interfaces().empty())
+        throw std::invalid_argument("an endpoint needs an interface before it");
+    interfaces().back().endpoints.push_back({one_of(types, line[1]), one_of(directions, line[2])});
 }
 
 void reader::add_fault(const words& line)
 {
-    static const std::map<std::string, fault_kind> kinds{{"stall-out", fault_kind::stall_out},
-                                                         {"stall-in", fault_kind::stall_in}};
-    device().faults.push_back({one_of(kinds, line[1]), number<std::uint32_t>(line[2], 10)});
+    const auto at_command = number<std::uint32_t>(line[2], 10);
+    if (at_command == 0)
+        throw std::invalid_argument("commands are counted from 1");
+    device().faults.push_back({read_fault(line[1], line.size() > 3 ? line[3] : ""), at_command});
+    if (m_fault_line == 0)
+        m_fault_line = m_blamed_line;
+}
+
+void reader::plug_later(const words& line)
+{
+    if (line[1] != "after")
+        throw std::invalid_argument("\"" + line[1] + "\" is not \"after\"");
+    device().plugged_after_ms = number<std::uint32_t>(line[2], 10);
+    m_plug_line = m_blamed_line;
 }
 
 device_description& reader::device()
@@ -157,18 +219,63 @@ device_description& reader::device()
     return m_devices.back();
 }
 
-void reader::check_device() const
+/// Those of the configuration under way, which is the first one unless a line says otherwise.
+std::vector<interface_description>& reader::interfaces()
 {
-    if (m_devices.empty())
-        throw std::invalid_argument("no device is described");
-    const device_description& last = m_devices.back();
+    auto& all = device().configurations;
+    if (all.empty())
+        all.push_back({kFirstConfiguration, {}});
+    return all.back().interfaces;
+}
+
+void reader::check_configuration()
+{
+    const auto& all = device().configurations;
+    if (!all.empty() && all.back().interfaces.empty())
+        refuse(m_configuration_line, "this configuration has no interface");
+}
+
+void reader::check_device()
+{
+    const device_description& last = device();
+    const std::string name = "device \"" + last.name + "\"";
     if (last.vendor == 0 || last.product == 0)
-        throw std::invalid_argument("device \"" + last.name + "\" needs a vendor and a product other than 0");
-    if (last.interfaces.empty())
-        throw std::invalid_argument("device \"" + last.name + "\" needs an interface");
+        refuse(m_device_line, name + " needs a vendor and a product other than 0");
+    if (last.configurations.empty())
+        refuse(m_device_line, name + " needs an interface");
+    check_configuration();
+    if (last.plugged_after_ms && last.starts_plugged)
+        refuse(m_plug_line, name + " is plugged in from the start, unless it is said to be \"unplugged\"");
+    if (!last.faults.empty() && !serves_anything(last)) {
+        refuse(m_fault_line,
+               name + " serves no commands that a fault could strike: it has no interface ff .. ff" +
+                   " with bulk endpoints both ways");
+    }
+}
+
+void reader::refuse(int line, const std::string& why)
+{
+    m_blamed_line = line;
+    throw std::invalid_argument(why);
 }
 
 } // namespace
+
+served_endpoints endpoints_to_serve(const std::vector<interface_description>& interfaces)
+{
+    unsigned number = 0;
+    for (const interface_description& each : interfaces) {
+        served_endpoints found;
+        for (const endpoint_description& endpoint : each.endpoints) {
+            ++number;
+            if (endpoint.type == endpoint_type::bulk)
+                (endpoint.direction == endpoint_direction::in ? found.in : found.out) = number;
+        }
+        if (is_vendor_specific(each) && found.in != 0 && found.out != 0)
+            return found;
+    }
+    return {};
+}
 
 std::vector<device_description> read_devices(std::istream& text, const std::string& file_name)
 {
@@ -179,11 +286,12 @@ std::vector<device_description> read_devices(std::istream& text, const std::stri
             ++line_number;
             const words parts = split(line);
             if (!parts.empty())
-                devices.take(parts);
+                devices.take(parts, line_number);
         }
         return devices.finish();
     } catch (const std::invalid_argument& reason) {
-        throw device_file_error(file_name + ":" + std::to_string(line_number) + ": " + reason.what());
+        throw device_file_error(file_name + ":" + std::to_string(devices.line_to_blame()) + ": " +
+                                reason.what());
     }
 }
 

@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <istream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "target/scanner/command_set.h"
+#include "target/scanner/fault.h"
 
 namespace virtual_scanner {
 
@@ -25,9 +27,14 @@ struct interface_description {
     std::vector<endpoint_description> endpoints;
 };
 
+struct configuration_description {
+    std::uint8_t value; ///< by which the host chooses it
+    std::vector<interface_description> interfaces;
+};
+
 /// A fault that strikes with the n-th command after plugging in, counted from 1.
 struct planned_fault {
-    fault_kind kind;
+    fault what;
     std::uint32_t at_command;
 };
 
@@ -39,9 +46,20 @@ struct device_description {
     std::string maker = "Tarvik";
     std::string model = "Virtual scanner";
     bool starts_plugged = true;
-    std::vector<interface_description> interfaces;
+    std::optional<std::uint32_t> plugged_after_ms; ///< of one that starts unplugged; none: when ordered
+    std::vector<configuration_description> configurations;
     std::vector<planned_fault> faults;
 };
+
+/// By their place among the endpoints of a configuration, counted from 1; 0: none.
+struct served_endpoints {
+    unsigned out = 0;
+    unsigned in = 0;
+};
+
+/// Where a host sends commands and reads answers: the first vendor-specific interface that has bulk endpoints
+/// both ways, and the last of each way. Both 0 when there is no such interface.
+served_endpoints endpoints_to_serve(const std::vector<interface_description>& interfaces);
 
 /// What is wrong with a device file; what() is "<file>:<line>: <reason>".
 class device_file_error : public std::runtime_error {

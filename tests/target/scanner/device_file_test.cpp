@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -28,7 +29,8 @@ std::string complaint(const std::string& text)
     }
 }
 
-const std::string kWhole = "device one\nvendor 1a2b\nproduct 3c4d\ninterface ff 00 ff\n";
+const std::string kWhole = "device one\nvendor 1a2b\nproduct 3c4d\ninterface ff 00 ff\n"; // 4 lines
+const std::string kServing = kWhole + "endpoint bulk out\nendpoint bulk in\n";            // 6 lines
 
 } // namespace
 
@@ -43,12 +45,12 @@ TEST(device_file, describes_a_device_with_its_interface_and_endpoints)
     EXPECT_EQ(device.product, 0x3C4D);
     EXPECT_EQ(device.serial, "SN7");
     EXPECT_EQ(device.model, "Big scanner");
-    ASSERT_EQ(device.interfaces.size(), 1U);
-    EXPECT_EQ(device.interfaces[0].interface_class, 0xFF);
-    EXPECT_EQ(device.interfaces[0].protocol, 0xFF);
-    ASSERT_EQ(device.interfaces[0].endpoints.size(), 2U);
-    EXPECT_EQ(device.interfaces[0].endpoints[0].direction, endpoint_direction::out);
-    EXPECT_EQ(device.interfaces[0].endpoints[1].type, endpoint_type::interrupt);
+    ASSERT_EQ(device.configurations[0].interfaces.size(), 1U);
+    EXPECT_EQ(device.configurations[0].interfaces[0].interface_class, 0xFF);
+    EXPECT_EQ(device.configurations[0].interfaces[0].protocol, 0xFF);
+    ASSERT_EQ(device.configurations[0].interfaces[0].endpoints.size(), 2U);
+    EXPECT_EQ(device.configurations[0].interfaces[0].endpoints[0].direction, endpoint_direction::out);
+    EXPECT_EQ(device.configurations[0].interfaces[0].endpoints[1].type, endpoint_type::interrupt);
 }
 
 TEST(device_file, device_without_a_serial_line_has_none)
@@ -68,10 +70,44 @@ TEST(device_file, leaves_a_device_unplugged_that_says_so)
 
 TEST(device_file, plans_a_fault)
 {
-    const auto faults = read(kWhole + "fault stall-in 3\n")[0].faults;
+    const auto faults = read(kServing + "fault stall-in 3\n")[0].faults;
     ASSERT_EQ(faults.size(), 1U);
-    EXPECT_EQ(faults[0].kind, fault_kind::stall_in);
+    EXPECT_EQ(faults[0].what.kind, fault_kind::stall_in);
+    EXPECT_EQ(faults[0].what.amount, std::nullopt);
     EXPECT_EQ(faults[0].at_command, 3U);
+}
+
+TEST(device_file, plans_a_fault_with_its_amount)
+{
+    const auto faults = read(kServing + "fault short-answer 1 100\n")[0].faults;
+    ASSERT_EQ(faults.size(), 1U);
+    EXPECT_EQ(faults[0].what.amount, 100U);
+}
+
+TEST(device_file, plugs_a_device_in_later)
+{
+    const device_description device = read(kWhole + "unplugged\nplug after 7000\n")[0];
+    EXPECT_FALSE(device.starts_plugged);
+    EXPECT_EQ(device.plugged_after_ms, 7000U);
+}
+
+TEST(device_file, has_one_configuration_where_none_is_named)
+{
+    const auto configurations = read(kWhole)[0].configurations;
+    ASSERT_EQ(configurations.size(), 1U);
+    EXPECT_EQ(configurations[0].value, 1);
+}
+
+TEST(device_file, puts_interfaces_into_the_configuration_before_them)
+{
+    const auto configurations = read("device one\nvendor 1\nproduct 2\nconfiguration 3\ninterface 8 6 50\n"
+                                     "configuration 1\ninterface ff 0 ff\ninterface ff 1 ff\n")[0]
+                                    .configurations;
+    ASSERT_EQ(configurations.size(), 2U);
+    EXPECT_EQ(configurations[0].value, 3);
+    EXPECT_EQ(configurations[0].interfaces.size(), 1U);
+    EXPECT_EQ(configurations[1].value, 1);
+    EXPECT_EQ(configurations[1].interfaces.size(), 2U);
 }
 
 TEST(device_file, ignores_comments_and_empty_lines)
@@ -114,7 +150,121 @@ TEST(device_file, refuses_a_line_before_the_first_device)
 TEST(device_file, refuses_a_device_without_ids)
 {
     EXPECT_EQ(complaint("device one\ninterface ff 00 ff\n"),
-              "a.device:2: device \"one\" needs a vendor and a product other than 0");
+              "a.device:1: device \"one\" needs a vendor and a product other than 0");
+}
+
+TEST(device_file, refuses_a_device_without_an_interface)
+{
+    EXPECT_EQ(complaint("device one\nvendor 1\nproduct 2\n"),
+              "a.device:1: device \"one\" needs an interface");
+}
+
+TEST(device_file, blames_the_device_that_is_wrong_and_not_the_next_one)
+{
+    EXPECT_EQ(complaint("device one\nvendor 1\nproduct 2\n\n" + kWhole),
+              "a.device:1: device \"one\" needs an interface");
+}
+
+TEST(device_file, refuses_two_devices_of_one_name)
+{
+    EXPECT_EQ(complaint(kWhole + kWhole), "a.device:5: there is a device \"one\" already");
+}
+
+TEST(device_file, refuses_a_name_that_is_no_file_name)
+{
+    EXPECT_EQ(complaint("device ../one\n"),
+              "a.device:1: a device's name is made of letters, digits, - and _");
+}
+
+TEST(device_file, refuses_a_second_serial_number)
+{
+    EXPECT_EQ(complaint(kWhole + "serial SN1\nserial SN2\n"),
+              "a.device:6: \"serial\" was said of device \"one\" before");
+}
+
+TEST(device_file, lets_two_devices_have_a_serial_number_each)
+{
+    EXPECT_EQ(
+        complaint(kWhole + "serial SN1\ndevice two\nvendor 1\nproduct 2\nserial SN2\ninterface 8 6 50\n"),
+        "");
+}
+
+TEST(device_file, refuses_a_configuration_without_an_interface)
+{
+    EXPECT_EQ(
+        complaint("device one\nvendor 1\nproduct 2\nconfiguration 1\nconfiguration 2\ninterface 8 6 50\n"),
+        "a.device:4: this configuration has no interface");
+}
+
+TEST(device_file, refuses_a_last_configuration_without_an_interface)
+{
+    EXPECT_EQ(complaint(kWhole + "configuration 2\nserial SN1\n"),
+              "a.device:5: this configuration has no interface");
+}
+
+TEST(device_file, refuses_two_configurations_of_one_value)
+{
+    EXPECT_EQ(complaint(kWhole + "configuration 1\n"),
+              "a.device:5: device \"one\" has a configuration 1 already");
+}
+
+TEST(device_file, refuses_configuration_0)
+{
+    EXPECT_EQ(complaint("device one\nconfiguration 0\n"),
+              "a.device:2: configurations are counted from 1; 0 is none");
+}
+
+TEST(device_file, refuses_an_endpoint_before_the_interface_of_its_configuration)
+{
+    EXPECT_EQ(complaint(kWhole + "configuration 2\nendpoint bulk in\n"),
+              "a.device:6: an endpoint needs an interface before it");
+}
+
+TEST(device_file, refuses_to_plug_in_later_what_is_plugged_in_from_the_start)
+{
+    EXPECT_EQ(
+        complaint(kWhole + "plug after 10\nserial SN1\n"),
+        "a.device:5: device \"one\" is plugged in from the start, unless it is said to be \"unplugged\"");
+}
+
+TEST(device_file, refuses_another_time_to_plug_in_than_after)
+{
+    EXPECT_EQ(complaint(kWhole + "plug before 10\n"), "a.device:5: \"before\" is not \"after\"");
+}
+
+TEST(device_file, refuses_a_fault_of_a_device_that_serves_nothing)
+{
+    EXPECT_EQ(
+        complaint(kWhole + "endpoint bulk in\nfault silence 1\nserial SN1\n"),
+        "a.device:6: device \"one\" serves no commands that a fault could strike: it has no interface ff .. "
+        "ff with bulk endpoints both ways");
+}
+
+TEST(device_file, refuses_an_unknown_fault)
+{
+    const std::string said = complaint(kServing + "fault fire 1\n");
+    EXPECT_EQ(said.rfind("a.device:7: \"fire\" is none of: ", 0), 0U) << said;
+}
+
+TEST(device_file, refuses_a_fault_of_the_command_before_the_first)
+{
+    EXPECT_EQ(complaint(kServing + "fault stall-in 0\n"), "a.device:7: commands are counted from 1");
+}
+
+TEST(device_file, refuses_an_amount_of_a_fault_that_has_none)
+{
+    EXPECT_EQ(complaint(kServing + "fault stall-in 1 5\n"), "a.device:7: the fault stall-in takes no amount");
+}
+
+TEST(device_file, refuses_a_delay_without_its_length)
+{
+    EXPECT_EQ(complaint(kServing + "fault delay 1\n"), "a.device:7: the fault delay needs an amount");
+}
+
+TEST(device_file, refuses_more_values_than_a_fault_takes)
+{
+    EXPECT_EQ(complaint(kServing + "fault delay 1 2 3\n"),
+              "a.device:7: \"fault\" takes 2 or 3 values, not 4");
 }
 
 TEST(device_file, refuses_an_empty_file)

@@ -3,6 +3,7 @@
 #include <endian.h>
 #include <fcntl.h>
 #include <linux/usb/functionfs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,10 +19,8 @@ namespace {
 constexpr std::uint16_t kFullSpeedPacket = 64;
 constexpr std::uint16_t kHighSpeedPacket = function_fs::kPacketSize;
 constexpr std::uint16_t kInterruptPacket = 8;
-// Keeps the kernel's copy of a transfer small enough to be found at any time; a multiple of the packet size,
-// so that the cuts do not show on the bus.
-constexpr std::size_t kLargestPiece = 64 * 1024;
 constexpr std::chrono::seconds kHostReadsLimit{10};
+constexpr std::chrono::milliseconds kBetweenLooks{1};
 
 template <typename Structure>
 void append(bytes& to, const Structure& what)
@@ -115,59 +114,70 @@ void write_message(const posix_file& control, const bytes& message, const char* 
 
 posix_file open_control(const std::string& folder, const std::vector<interface_description>& interfaces)
 {
-    posix_file control(folder + "/ep0", O_RDWR);
+    posix_file control(folder + "/ep0", O_RDWR | O_NONBLOCK);
     write_message(control, descriptor_message(interfaces), "descriptors");
     write_message(control, empty_strings_message(), "strings");
     return control;
 }
 
-bool is_vendor_specific(const interface_description& each)
-{
-    return each.interface_class == USB_CLASS_VENDOR_SPEC && each.protocol == 0xFF;
-}
-
-// A host picks the first vendor-specific interface that has bulk endpoints both ways, and the last of each
-// way.
-bulk_endpoints endpoints_to_serve(const std::vector<interface_description>& interfaces)
-{
-    unsigned number = 0;
-    for (const interface_description& each : interfaces) {
-        bulk_endpoints found;
-        for (const endpoint_description& endpoint : each.endpoints) {
-            ++number;
-            if (endpoint.type == endpoint_type::bulk)
-                (endpoint.direction == endpoint_direction::in ? found.in : found.out) = number;
-        }
-        if (is_vendor_specific(each) && found.in != 0 && found.out != 0)
-            return found;
-    }
-    return {};
-}
-
 // Opened both ways: a transfer in the wrong direction is how FunctionFS is told to stall.
-posix_file open_endpoint(const std::string& folder, unsigned number)
+posix_file open_endpoint(const std::string& folder, unsigned number, int flags)
 {
-    return number == 0 ? posix_file() : posix_file(folder + "/ep" + std::to_string(number), O_RDWR);
+    return number == 0 ? posix_file() : posix_file(folder + "/ep" + std::to_string(number), O_RDWR | flags);
 }
 
 [[noreturn]] void throw_transfer_error(const char* what)
 {
-    if (errno == ESHUTDOWN || errno == ENODEV || errno == ECONNRESET)
+    // EAGAIN: there is no link; a transfer is not cut short by the flag that asks not to wait for one.
+    if (errno == ESHUTDOWN || errno == ENODEV || errno == ECONNRESET || errno == EAGAIN)
         throw link_lost(what);
+    if (errno == EINTR)
+        throw called_back();
     throw_errno(what);
+}
+
+void clear_halt(const posix_file& endpoint)
+{
+    if (::ioctl(endpoint.descriptor(), FUNCTIONFS_CLEAR_HALT) != 0)
+        throw_transfer_error("clear a halt");
+}
+
+// Others tell that the bus goes to sleep and wakes.
+bool ends_link(int event)
+{
+    return event != FUNCTIONFS_SUSPEND && event != FUNCTIONFS_RESUME;
 }
 
 } // namespace
 
 function_fs::function_fs(const std::string& folder, const std::vector<interface_description>& interfaces)
     : m_control(open_control(folder, interfaces)), m_served(endpoints_to_serve(interfaces)),
-      m_out(open_endpoint(folder, m_served.out)), m_in(open_endpoint(folder, m_served.in))
+      m_waiting(open_endpoint(folder, m_served.out, 0)),
+      m_out(open_endpoint(folder, m_served.out, O_NONBLOCK)),
+      m_in(open_endpoint(folder, m_served.in, O_NONBLOCK))
 {
+}
+
+void function_fs::wait_for_link()
+{
+    // Any question will do: the kernel waits before it answers.
+    if (::ioctl(m_waiting.descriptor(), FUNCTIONFS_ENDPOINT_REVMAP) < 0)
+        throw_transfer_error("wait for the host");
+    while (next_event()) {
+    }
+}
+
+void function_fs::check_link()
+{
+    while (const auto event = next_event())
+        if (ends_link(*event))
+            throw link_lost("in the middle of a command");
 }
 
 std::size_t function_fs::take(unsigned char* buffer, std::size_t room)
 {
-    const ssize_t taken = ::read(m_out.descriptor(), buffer, std::min(room, kLargestPiece));
+    check_link();
+    const ssize_t taken = ::read(m_out.descriptor(), buffer, room);
     if (taken < 0)
         throw_transfer_error("take bytes from the host");
     return static_cast<std::size_t>(taken);
@@ -175,6 +185,7 @@ std::size_t function_fs::take(unsigned char* buffer, std::size_t room)
 
 void function_fs::give(const unsigned char* data, std::size_t length)
 {
+    check_link();
     for (std::size_t given = 0; given < length;) {
         const ssize_t now = ::write(m_in.descriptor(), data + given, std::min(length - given, kLargestPiece));
         if (now < 0)
@@ -183,8 +194,23 @@ void function_fs::give(const unsigned char* data, std::size_t length)
     }
 }
 
+void function_fs::give_empty_packet()
+{
+    check_link();
+    if (::write(m_in.descriptor(), "", 0) < 0)
+        throw_transfer_error("give an empty packet to the host");
+}
+
+// Nothing tells when the host has read, but that the endpoint can stall.
+void function_fs::wait_until_read()
+{
+    stall_in();
+    clear_in();
+}
+
 void function_fs::stall_out()
 {
+    check_link();
     if (::write(m_out.descriptor(), "", 1) < 0 && errno != EBADMSG)
         throw_transfer_error("stall OUT");
 }
@@ -194,12 +220,31 @@ void function_fs::stall_in()
     const auto deadline = std::chrono::steady_clock::now() + kHostReadsLimit;
     unsigned char nothing = 0;
     while (::read(m_in.descriptor(), &nothing, 1) < 0 && errno != EBADMSG) {
-        // An endpoint cannot stall before the host has read what was given earlier, and nothing tells when it
-        // has.
+        // An endpoint cannot stall before the host has read what was given earlier.
         if (errno != EAGAIN || std::chrono::steady_clock::now() > deadline)
             throw_transfer_error("stall IN");
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        check_link();
+        std::this_thread::sleep_for(kBetweenLooks);
     }
+}
+
+void function_fs::clear_out()
+{
+    clear_halt(m_out);
+}
+
+void function_fs::clear_in()
+{
+    clear_halt(m_in);
+}
+
+/// What happened to the link, one event after the other; nothing when that was all.
+std::optional<int> function_fs::next_event() const
+{
+    usb_functionfs_event event{};
+    if (::read(m_control.descriptor(), &event, sizeof event) != sizeof event)
+        return std::nullopt;
+    return event.type;
 }
 
 } // namespace virtual_scanner

@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "target/scanner/posix_file.h"
 
@@ -25,6 +26,8 @@ constexpr std::chrono::seconds kHostLimit{10};
 constexpr std::chrono::milliseconds kBetweenLooks{2};
 constexpr const char* kGadgetsFolder = "/sys/kernel/config/usb_gadget/";
 constexpr const char* kFunctionsFolder = "/run/virtual-scanner/";
+/// How configfs knows the kind of a function.
+constexpr const char* kFunctionPrefix = "ffs.";
 /// What the host calls its buses, before their number.
 constexpr const char* kBusPrefix = "usb";
 /// English, the one language of the strings.
@@ -37,14 +40,33 @@ std::string hex(unsigned value)
     return text;
 }
 
+/// What is in a folder, which may not exist.
+std::vector<fs::path> entries_of(const fs::path& folder)
+{
+    std::error_code none_such;
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(folder, none_such))
+        found.push_back(entry.path());
+    return found;
+}
+
 } // namespace
 
 gadget::gadget(const device_description& device, std::string controller)
-    : m_function("ffs." + device.name), m_folder(kGadgetsFolder + device.name),
-      m_function_folder(kFunctionsFolder + device.name), m_controller(std::move(controller))
+    : m_name(device.name), m_folder(kGadgetsFolder + device.name), m_controller(std::move(controller))
 {
     remove();
     make(device);
+}
+
+std::string gadget::function_name(std::uint8_t configuration) const
+{
+    return m_name + "." + std::to_string(configuration);
+}
+
+std::string gadget::function_folder(std::uint8_t configuration) const
+{
+    return kFunctionsFolder + function_name(configuration);
 }
 
 void gadget::make(const device_description& device) const
@@ -52,6 +74,13 @@ void gadget::make(const device_description& device) const
     fs::create_directory(m_folder);
     write_attribute(m_folder + "/idVendor", hex(device.vendor));
     write_attribute(m_folder + "/idProduct", hex(device.product));
+    make_strings(device);
+    for (const configuration_description& each : device.configurations)
+        make_configuration(each.value);
+}
+
+void gadget::make_strings(const device_description& device) const
+{
     const std::string strings = m_folder + "/strings/" + kLanguage;
     fs::create_directory(strings);
     write_attribute(strings + "/manufacturer", device.maker);
@@ -59,40 +88,74 @@ void gadget::make(const device_description& device) const
     // An attribute that is never written leaves the device without a serial number string.
     if (!device.serial.empty())
         write_attribute(strings + "/serialnumber", device.serial);
-    fs::create_directory(m_folder + "/configs/c.1");
-    fs::create_directory(m_folder + "/functions/" + m_function);
-    fs::create_symlink(m_folder + "/functions/" + m_function, m_folder + "/configs/c.1/" + m_function);
-    fs::create_directories(m_function_folder);
-    if (::mount(device.name.c_str(), m_function_folder.c_str(), "functionfs", 0, nullptr) != 0)
-        throw_errno("mount functionfs at " + m_function_folder);
+}
+
+void gadget::make_configuration(std::uint8_t value) const
+{
+    const std::string name = function_name(value);
+    const std::string function = m_folder + "/functions/" + kFunctionPrefix + name;
+    const std::string configuration = m_folder + "/configs/c." + std::to_string(value);
+    fs::create_directory(configuration);
+    fs::create_directory(function);
+    fs::create_symlink(function, configuration + "/function");
+    fs::create_directories(function_folder(value));
+    if (::mount(name.c_str(), function_folder(value).c_str(), "functionfs", 0, nullptr) != 0)
+        throw_errno("mount functionfs at " + function_folder(value));
 }
 
 /// Of an earlier gadget any part may be left, or none.
 void gadget::remove() const
 {
-    ::umount2(m_function_folder.c_str(), MNT_DETACH);
-    ::unlink((m_folder + "/configs/c.1/" + m_function).c_str());
-    ::rmdir((m_folder + "/functions/" + m_function).c_str());
-    ::rmdir((m_folder + "/configs/c.1").c_str());
+    for (const fs::path& configuration : entries_of(m_folder + "/configs")) {
+        ::unlink((configuration / "function").c_str());
+        ::rmdir(configuration.c_str());
+    }
+    for (const fs::path& function : entries_of(m_folder + "/functions")) {
+        const std::string name = function.filename().string().substr(std::strlen(kFunctionPrefix));
+        ::umount2((kFunctionsFolder + name).c_str(), MNT_DETACH);
+        ::rmdir(function.c_str());
+    }
     ::rmdir((m_folder + "/strings/" + kLanguage).c_str());
     ::rmdir(m_folder.c_str());
 }
 
-void gadget::plug() const
+void gadget::plug()
 {
+    const std::lock_guard lock(m_plugging);
+    if (m_is_gone)
+        throw std::runtime_error("it has vanished for good");
+    if (is_plugged())
+        throw std::runtime_error("it is plugged in already");
     wait_until("forgotten the earlier device", [this] { return host_folder().empty(); });
     write_attribute(m_folder + "/UDC", m_controller);
     wait_until("configured the device", [this] { return is_configured(); });
 }
 
-void gadget::unplug() const
+void gadget::unplug()
 {
-    try {
-        write_attribute(m_folder + "/UDC", "\n");
-    } catch (const std::system_error&) {
-        return; // not plugged in
-    }
+    const std::lock_guard lock(m_plugging);
+    unplug_locked();
+}
+
+void gadget::vanish()
+{
+    const std::lock_guard lock(m_plugging);
+    m_is_gone = true;
+    unplug_locked();
+}
+
+void gadget::unplug_locked() const
+{
+    if (!is_plugged())
+        return;
+    write_attribute(m_folder + "/UDC", "\n");
     wait_until("seen the device go", [this] { return host_folder().empty(); });
+}
+
+bool gadget::is_plugged() const
+{
+    std::string controller;
+    return static_cast<bool>(std::ifstream(m_folder + "/UDC") >> controller);
 }
 
 /// Where the host controller that is wired to ours shows the device; empty while it has none. The device

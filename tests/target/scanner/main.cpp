@@ -1,38 +1,43 @@
 // Becomes the USB devices that a device file describes, until its standard input ends.
 //
 // Standard output: "ready" once every device that starts plugged in is configured by the host, then one line
-// for each order read from standard input, "plug NAME" or "unplug NAME": "done", or "failed: <reason>".
+// for each order read from standard input: "done", or "failed: <reason>". The README above lists the orders.
 // Standard error: what the devices saw. Exit status: 0 after the end of input, 1 for a failure.
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "target/scanner/device_file.h"
+#include "target/scanner/fault.h"
 #include "target/scanner/function_fs.h"
 #include "target/scanner/gadget.h"
 #include "target/scanner/scanner_device.h"
+#include "target/scanner/words.h"
 
 namespace {
 
 using namespace virtual_scanner;
 
-// One device with all its parts, and the thread that serves it.
-struct running_device {
-    running_device(device_description what, const std::string& controller)
-        : description(std::move(what)), plugged(description, controller),
-          function(plugged.function_folder(), description.interfaces), device(description, function)
+// The function of one configuration, and the thread that serves it.
+struct running_function {
+    running_function(const device_description& description, const configuration_description& configuration,
+                     gadget& bus)
+        : function(bus.function_folder(configuration.value), configuration.interfaces),
+          device(description, function, bus)
     {
         if (!function.is_of_use())
             return;
-        // Ends with the process: nothing can call a thread back from a FunctionFS transfer of an unplugged
-        // device.
+        // Ends with the process, as nothing else ends its wait for the host.
         std::thread([this] { serve(); }).detach();
     }
 
@@ -41,15 +46,37 @@ struct running_device {
         try {
             device.serve();
         } catch (const std::exception& reason) {
-            std::cerr << description.name << ": " << reason.what() << std::endl;
+            std::cerr << "virtual_scanner: " << reason.what() << std::endl;
             std::_Exit(EXIT_FAILURE);
         }
     }
 
-    device_description description;
-    gadget plugged;
     function_fs function;
     scanner_device device;
+};
+
+// One device with all its parts.
+struct running_device {
+    running_device(device_description what, const std::string& controller)
+        : description(std::move(what)), bus(description, controller)
+    {
+        for (const configuration_description& each : description.configurations)
+            functions.push_back(std::make_unique<running_function>(description, each, bus));
+    }
+
+    // Nothing here tells which configuration the host has chosen, so that orders go to the scanners of all.
+    std::vector<scanner_device*> scanners() const
+    {
+        std::vector<scanner_device*> found;
+        for (const auto& each : functions)
+            if (each->function.is_of_use())
+                found.push_back(&each->device);
+        return found;
+    }
+
+    device_description description;
+    gadget bus;
+    std::vector<std::unique_ptr<running_function>> functions;
 };
 
 using running_devices = std::vector<std::unique_ptr<running_device>>;
@@ -85,35 +112,76 @@ running_devices start(const std::vector<device_description>& descriptions)
     return running;
 }
 
+void plug_later(running_device& device)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(*device.description.plugged_after_ms));
+    try {
+        device.bus.plug();
+    } catch (const std::exception& reason) {
+        std::clog << device.description.name + ": not plugged in: " + reason.what() + "\n" << std::flush;
+    }
+}
+
 void plug_first_ones(const running_devices& devices)
 {
-    for (const auto& each : devices) {
+    for (const auto& each : devices)
         if (each->description.starts_plugged)
-            each->plugged.plug();
-    }
+            each->bus.plug();
+    for (const auto& each : devices)
+        if (each->description.plugged_after_ms)
+            std::thread([&device = *each] { plug_later(device); }).detach();
     std::cout << "ready" << std::endl;
 }
 
-void obey(const running_devices& devices, const std::string& verb, const std::string& name)
+running_device& find_device(const running_devices& devices, const std::string& name)
 {
     const auto found = std::find_if(devices.begin(), devices.end(),
                                     [&name](const auto& each) { return each->description.name == name; });
     if (found == devices.end())
         throw std::invalid_argument("no device \"" + name + "\"");
-    if (verb == "plug") {
-        (*found)->plugged.plug();
-    } else if (verb == "unplug") {
-        (*found)->plugged.unplug();
-    } else {
-        throw std::invalid_argument("no order \"" + verb + "\"");
-    }
+    return **found;
+}
+
+using order = std::function<void(running_device&, const words& line)>;
+
+void order_fault(running_device& device, const words& line)
+{
+    if (line.size() < 3 || line.size() > 4)
+        throw std::invalid_argument("an order for a fault is \"fault NAME KIND [AMOUNT]\"");
+    const fault what = read_fault(line[2], line.size() > 3 ? line[3] : "");
+    if (device.scanners().empty())
+        throw std::invalid_argument("it serves no commands that a fault could strike");
+    for (scanner_device* each : device.scanners())
+        each->arm(what);
+}
+
+void order_clear(running_device& device, const words&)
+{
+    const auto all = device.scanners();
+    if (std::count_if(all.begin(), all.end(), [](scanner_device* each) { return each->clear(); }) == 0)
+        throw std::runtime_error("it is in no fault that can be cleared");
+}
+
+const std::map<std::string, order> kOrders{
+    {"plug", [](running_device& device, const words&) { device.bus.plug(); }},
+    {"unplug", [](running_device& device, const words&) { device.bus.unplug(); }},
+    {"vanish", [](running_device& device, const words&) { device.bus.vanish(); }},
+    {"fault", order_fault},
+    {"clear", order_clear},
+};
+
+void obey(const running_devices& devices, const words& line)
+{
+    if (line.size() < 2)
+        throw std::invalid_argument("an order is a verb and the name of a device");
+    one_of(kOrders, line[0])(find_device(devices, line[1]), line);
 }
 
 void obey_orders(const running_devices& devices)
 {
-    for (std::string verb, name; std::cin >> verb >> name;) {
+    for (std::string line; std::getline(std::cin, line);) {
         try {
-            obey(devices, verb, name);
+            obey(devices, split(line));
             std::cout << "done" << std::endl;
         } catch (const std::exception& reason) {
             std::cout << "failed: " << reason.what() << std::endl;
@@ -134,7 +202,7 @@ int main(int argc, char** argv)
         plug_first_ones(devices);
         obey_orders(devices);
         for (const auto& each : devices)
-            each->plugged.unplug();
+            each->bus.unplug();
     } catch (const std::exception& reason) {
         std::cerr << "virtual_scanner: " << reason.what() << std::endl;
         std::_Exit(EXIT_FAILURE);

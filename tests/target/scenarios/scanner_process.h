@@ -24,6 +24,12 @@ public:
     /// Returns when the host has configured the device, or when it is off the bus.
     void plug(const std::string& device) { order("plug " + device); }
     void unplug(const std::string& device) { order("unplug " + device); }
+    /// Like unplug, and it can never be plugged in again.
+    void vanish(const std::string& device) { order("vanish " + device); }
+    /// Has a fault ("KIND" or "KIND AMOUNT") strike with the next command to a device at rest.
+    void arm(const std::string& device, const std::string& fault) { order("fault " + device + " " + fault); }
+    /// Ends a fault that lasts.
+    void clear(const std::string& device) { order("clear " + device); }
 
     /// What the devices saw so far, one line for each command and fault.
     static std::string diary();

@@ -108,9 +108,10 @@ bytes scanner_session::answer_to(command_code code)
     return answer.data_length == 0 ? bytes() : receive(answer.data_length);
 }
 
-void scanner_session::arm(virtual_scanner::fault_kind fault)
+void scanner_session::arm(virtual_scanner::fault_kind fault, std::optional<std::uint32_t> amount)
 {
-    command(command_code::fault, static_cast<std::uint32_t>(fault));
+    command(command_code::fault, static_cast<std::uint32_t>(fault),
+            amount ? virtual_scanner::little_endian(*amount) : bytes());
     answer_to(command_code::fault);
 }
 

@@ -43,7 +43,7 @@ protected:
     /// Takes an answer: checks its block, returns its data.
     virtual_scanner::bytes answer_to(virtual_scanner::command_code code);
     /// Has the scanner do something wrong with the next command.
-    void arm(virtual_scanner::fault_kind fault);
+    void arm(virtual_scanner::fault_kind fault, std::optional<std::uint32_t> amount = std::nullopt);
 
     static virtual_scanner::bytes encoded(virtual_scanner::command_code code, std::uint32_t argument = 0,
                                           const virtual_scanner::bytes& payload = {});
