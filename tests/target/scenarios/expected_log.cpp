@@ -27,21 +27,49 @@ void expected_log::reply(std::size_t payload)
         transfer("wrute get called = ", "wrte  bail rv = ", payload);
 }
 
-void expected_log::open(const std::string& udi, const std::string& serial)
+void expected_log::open(const opening& what)
 {
-    line("open " + udi); // the dispatcher
-    line("open " + udi); // the session
-    line("interpName libryo-mora-hk-t210.so");
-    line("interpreter load /usr/lib/arm-linux-gnueabihf/tarvik/libexec/libryo-mora-hk-t210.so");
+    line("open " + what.udi); // the dispatcher
+    line("open " + what.udi); // the session
+    line("interpName " + what.plugin);
+    line("interpreter load /usr/lib/arm-linux-gnueabihf/tarvik/libexec/" + what.plugin);
     line("usb_transceiver start");
+    for (const attempt each : what.attempts) {
+        search(what);
+        outcome(each);
+    }
+    if (what.succeeds()) {
+        line("break");
+        line("send ok");
+        return;
+    }
+    line("retry finish");
+    line("usb connection failer.");
+    line("open fails");
+    line("send ng");
+}
+
+void expected_log::search(const opening& what)
+{
     line("usb_transceiver open start");
-    line("usb_transceiver open " + serial);
-    if (!serial.empty())
+    line("usb_transceiver open " + what.serial);
+    if (what.serial.empty())
+        return;
+    if (what.search != serial_search::misses_it)
         line("found device");
-    line("usb_transceiver set_bulk_endpoints");
-    line("connection open isSuccess = 1");
-    line("break");
-    line("send ok");
+    if (what.search != serial_search::finds_it)
+        line("not found retry");
+}
+
+void expected_log::outcome(attempt what)
+{
+    if (what == attempt::finds_no_device)
+        line("usb_transceiver open fails");
+    else
+        line("usb_transceiver set_bulk_endpoints");
+    if (what == attempt::finds_no_interface)
+        line("usb_transceiver set_bulk_endpoints fails");
+    line(std::string("connection open isSuccess = ") + (what == attempt::reaches_it ? "1" : "0"));
 }
 
 void expected_log::stall(const std::string& direction, std::size_t length)
@@ -51,10 +79,20 @@ void expected_log::stall(const std::string& direction, std::size_t length)
     line("usb " + direction + " : LIBUSB_ERROR_PIPE");
 }
 
+void expected_log::lost(const std::string& direction, std::size_t length)
+{
+    line("usb " + direction + " : transferred 0 of " + std::to_string(length) + " bytes");
+    line("usb " + direction + " : LIBUSB_ERROR_NO_DEVICE");
+}
+
 void expected_log::close()
 {
     line("enter close");
     line("leave close");
+}
+
+void expected_log::end()
+{
     line("Leave do_cleanup 1");
     line("End Run");
     line("--- Leave int interface ---");

@@ -6,6 +6,27 @@
 
 namespace target {
 
+constexpr const char* kDefaultPlugin = "libryo-mora-hk-t210.so";
+
+/// What one attempt to reach the device comes to.
+enum class attempt { reaches_it, finds_no_device, finds_no_interface };
+
+/// What the search for a serial number comes to.
+enum class serial_search { finds_it, misses_it, finds_one_that_may_not_be_opened };
+
+/// An open request and how it should go. The last attempt decides; a device that is never reached takes five.
+struct opening {
+    std::string udi;
+    std::string serial = {}; ///< the address's field after the ids; empty: it has none
+    serial_search search = serial_search::finds_it;
+    std::string plugin = kDefaultPlugin;
+    std::vector<attempt> attempts = {attempt::reaches_it};
+
+    bool succeeds() const { return attempts.back() == attempt::reaches_it; }
+};
+
+constexpr std::size_t kMostAttempts = 5;
+
 /// The log that a program should leave, put together step by step in the order of the session. Lines are in
 /// the form in which support::log_dialogue() gives the real ones; all of them have the level INFO.
 class expected_log {
@@ -16,18 +37,23 @@ public:
     void request(std::size_t payload);
     /// A reply with this many payload bytes has gone out.
     void reply(std::size_t payload);
-    /// The handling of an open that finds its scanner at the first attempt. Which of the addresses' two
-    /// forms it is shows in the serial: empty for one without.
-    void open(const std::string& udi, const std::string& serial);
+    /// The handling of an open request, up to its reply.
+    void open(const opening& what);
     /// A transfer of `length` bytes that the device stalled; `direction` is "read" or "write".
     void stall(const std::string& direction, std::size_t length);
-    /// The handling of a close request, down to the end of the program.
+    /// A transfer of `length` bytes with a device that is not there any more.
+    void lost(const std::string& direction, std::size_t length);
+    /// The handling of a close request.
     void close();
+    /// The end of the program.
+    void end();
 
     const std::vector<std::string>& lines() const { return m_lines; }
 
 private:
     void line(const std::string& text);
+    void search(const opening& what);
+    void outcome(attempt what);
     void transfer(const std::string& call, const std::string& result, std::size_t length);
 
     std::vector<std::string> m_lines;

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -20,7 +21,7 @@ namespace target {
 namespace {
 
 constexpr const char* kProgram = "/usr/bin/virtual_scanner";
-constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner/";
+constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner";
 constexpr const char* kDiary = "/run/scanner.log";
 constexpr tvkctl::milliseconds kAnswerLimit{20'000};
 constexpr tvkctl::milliseconds kEndLimit{5'000};
@@ -63,7 +64,7 @@ private:
 
 scanner_process::scanner_process(const std::string& device_file)
 {
-    start(kDeviceFiles + device_file + ".device");
+    start(std::filesystem::path(kDeviceFiles) / (device_file + ".device"));
     expect_answer("ready", "start the virtual scanner \"" + device_file + "\"");
 }
 

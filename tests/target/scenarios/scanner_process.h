@@ -14,8 +14,9 @@ namespace target {
 /// Failures are std::runtime_error with what the process itself said about it.
 class scanner_process {
 public:
-    /// Starts the devices of a file in the machine's folder of device files ("plain" for plain.device), and
-    /// returns when the host has configured those that start plugged in.
+    /// Starts the devices of a file in the machine's folder of device files ("plain" for plain.device), or
+    /// elsewhere ("/run/model" for /run/model.device), and returns when the host has configured those that
+    /// start plugged in.
     explicit scanner_process(const std::string& device_file);
     scanner_process(const scanner_process&) = delete;
     scanner_process& operator=(const scanner_process&) = delete;

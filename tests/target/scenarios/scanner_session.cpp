@@ -5,6 +5,8 @@
 
 #include "support/dialogue.h"
 #include "support/log_reader.h"
+#include "support/wait_until.h"
+#include "target/scenarios/plugin_folder.h"
 
 namespace target {
 
@@ -16,6 +18,8 @@ namespace {
 constexpr const char* kProgram = "/usr/bin/tvkintif";
 /// Shorter than the limit of a scenario, so that the logs of one that hangs are seen.
 constexpr tvkctl::milliseconds kStepLimit{30'000};
+constexpr tvkctl::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tvkctl::request_code::open), 0, 0,
+                                            0};
 constexpr std::uint16_t kTag = 0x7A67; // any; given back in each answer
 
 } // namespace
@@ -23,6 +27,7 @@ constexpr std::uint16_t kTag = 0x7A67; // any; given back in each answer
 scanner_session::scanner_session()
 {
     support::make_log_directory();
+    plugin_folder::restore();
 }
 
 void scanner_session::TearDown()
@@ -33,27 +38,60 @@ void scanner_session::TearDown()
                   << scanner_process::diary();
 }
 
-void scanner_session::open(const std::string& udi, const std::string& serial)
+void scanner_session::open(const opening& what)
+{
+    begin_to_open(what.udi);
+    end_opening(what);
+}
+
+void scanner_session::open_in_vain(const opening& what)
+{
+    open(what);
+    end_program();
+}
+
+void scanner_session::begin_to_open(const std::string& udi)
 {
     tvkctl::launch how;
     how.path = kProgram;
+    how.environment = m_environment;
     m_program.emplace(how);
     m_program->connect(kStepLimit);
     m_log.start();
-    const tvkctl::reply reply = m_program->open(udi, kStepLimit);
-    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok);
-    EXPECT_EQ(reply.id, 1U);
+    m_program->send_request(kOpenRequest, udi, kStepLimit);
     m_log.request(udi.size());
-    m_log.open(udi, serial);
+}
+
+void scanner_session::end_opening(const opening& what)
+{
+    const tvkctl::reply reply = m_program->read_reply(tvkctl::kConnectionId, kStepLimit);
+    EXPECT_EQ(reply.kind, what.succeeds() ? tvkctl::reply::verdict::ok : tvkctl::reply::verdict::ng);
+    m_log.open(what);
     m_log.reply(0);
+}
+
+void scanner_session::wait_for_failed_attempts(int count)
+{
+    const auto failed_attempts = [] {
+        const std::vector<std::string> log = support::log_dialogue();
+        return std::count(log.begin(), log.end(), "INFO connection open isSuccess = 0");
+    };
+    ASSERT_TRUE(support::wait_until(kStepLimit, [&] { return failed_attempts() >= count; }))
+        << failed_attempts() << " attempts have failed";
 }
 
 void scanner_session::close()
 {
     m_program->close(kStepLimit);
-    EXPECT_EQ(m_program->finish(kStepLimit), tvkctl::exit_status::exited(0));
     m_log.request(0);
     m_log.close();
+    end_program();
+}
+
+void scanner_session::end_program()
+{
+    EXPECT_EQ(m_program->finish(kStepLimit), tvkctl::exit_status::exited(0));
+    m_log.end();
     EXPECT_EQ(support::text(support::log_dialogue()), support::text(m_log.lines()));
 }
 
@@ -90,6 +128,22 @@ void scanner_session::receive_from_a_stall(std::uint32_t count)
     m_log.reply(0);
 }
 
+void scanner_session::send_to_nobody(const bytes& data)
+{
+    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ng);
+    m_log.request(data.size());
+    m_log.lost("write", data.size());
+    m_log.reply(0);
+}
+
+void scanner_session::receive_from_nobody(std::uint32_t count)
+{
+    EXPECT_EQ(m_program->recv(count, kStepLimit).kind, tvkctl::reply::verdict::ng);
+    m_log.request(0);
+    m_log.lost("read", count);
+    m_log.reply(0);
+}
+
 void scanner_session::command(command_code code, std::uint32_t argument, const bytes& payload)
 {
     send(encoded(code, argument, payload));
@@ -106,6 +160,17 @@ bytes scanner_session::answer_to(command_code code)
     EXPECT_EQ(answer.tag, kTag);
     EXPECT_EQ(answer.status, virtual_scanner::answer_status::ok);
     return answer.data_length == 0 ? bytes() : receive(answer.data_length);
+}
+
+std::string scanner_session::identified_serial()
+{
+    constexpr std::ptrdiff_t kSerialOffset = 48;
+    command(command_code::identify);
+    const bytes identity = answer_to(command_code::identify);
+    if (identity.size() <= kSerialOffset)
+        return "no identity";
+    const auto first = identity.begin() + kSerialOffset;
+    return {first, std::find(first, identity.end(), 0)};
 }
 
 void scanner_session::arm(virtual_scanner::fault_kind fault, std::optional<std::uint32_t> amount)

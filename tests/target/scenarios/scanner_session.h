@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -25,8 +26,22 @@ protected:
     void TearDown() override;
 
     void plug_in(const std::string& device_file) { m_scanner.emplace(device_file); }
+    /// The devices that were plugged in last, for orders.
+    scanner_process& scanner() { return m_scanner.value(); }
+    /// Has a library loaded into the programs that are started from now on.
+    void preload(const std::string& library) { m_environment["LD_PRELOAD"] = library; }
+
     /// Starts the program and opens the scanner; the serial is the one in the address, if it has one.
-    void open(const std::string& udi, const std::string& serial = "");
+    void open(const std::string& udi, const std::string& serial = "") { open(opening{udi, serial}); }
+    void open(const opening& what);
+    /// An open that fails, with which the program ends.
+    void open_in_vain(const opening& what);
+    /// An open in two halves: the request has gone out, the reply is there. Between them the program is at
+    /// work, and wait_for_failed_attempts() tells how far it has come.
+    void begin_to_open(const std::string& udi);
+    void end_opening(const opening& what);
+    /// Returns when so many attempts to reach the device have failed.
+    static void wait_for_failed_attempts(int count);
     void close();
 
     /// Passes bytes to the scanner, which takes them.
@@ -36,12 +51,17 @@ protected:
     /// The same, with a scanner that stalls: nothing moves, and the reply says so.
     void send_into_a_stall(const virtual_scanner::bytes& data);
     void receive_from_a_stall(std::uint32_t count);
+    /// The same, with a scanner that was unplugged.
+    void send_to_nobody(const virtual_scanner::bytes& data);
+    void receive_from_nobody(std::uint32_t count);
 
     /// Sends a command of the scanner's own set.
     void command(virtual_scanner::command_code code, std::uint32_t argument = 0,
                  const virtual_scanner::bytes& payload = {});
     /// Takes an answer: checks its block, returns its data.
     virtual_scanner::bytes answer_to(virtual_scanner::command_code code);
+    /// The serial number that the scanner at the other end has, by its own word.
+    std::string identified_serial();
     /// Has the scanner do something wrong with the next command.
     void arm(virtual_scanner::fault_kind fault, std::optional<std::uint32_t> amount = std::nullopt);
 
@@ -49,6 +69,9 @@ protected:
                                           const virtual_scanner::bytes& payload = {});
 
 private:
+    void end_program();
+
+    std::map<std::string, std::string> m_environment; ///< of the programs
     std::optional<scanner_process> m_scanner;
     std::optional<tvkctl::front_end> m_program;
     expected_log m_log;

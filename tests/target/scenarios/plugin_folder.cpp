@@ -1,0 +1,50 @@
+#include "target/scenarios/plugin_folder.h"
+
+#include <sys/mount.h>
+
+#include <filesystem>
+
+#include "support/files.h"
+#include "target/plugins/trace_file.h"
+#include "target/scanner/posix_file.h"
+
+namespace target {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kFolder = "/usr/lib/arm-linux-gnueabihf/tarvik/libexec";
+constexpr const char* kStandIn = "/run/plugins";
+
+} // namespace
+
+const std::string kShippedPlugin = std::string(kFolder) + "/libryo-mora-hk-t210.so";
+const std::string kTracingPlugin = "/usr/lib/target-tests/plugin_tracing.so";
+
+plugin_folder::plugin_folder(const std::string& file, const std::string& name)
+{
+    fs::remove_all(kStandIn);
+    fs::create_directory(kStandIn);
+    fs::copy_file(file, fs::path(kStandIn) / name);
+    fs::remove(TRACE_FILE);
+    if (::mount(kStandIn, kFolder, nullptr, MS_BIND, nullptr) != 0)
+        virtual_scanner::throw_errno(std::string("mount over ") + kFolder);
+}
+
+plugin_folder::~plugin_folder()
+{
+    restore();
+}
+
+void plugin_folder::restore()
+{
+    ::umount2(kFolder, MNT_DETACH);
+}
+
+std::string plugin_trace()
+{
+    return support::read_file(TRACE_FILE);
+}
+
+} // namespace target
