@@ -1,0 +1,144 @@
+// Which device an address opens, and with which plugin.
+#include <fstream>
+#include <string>
+
+#include "target/scenarios/host_device.h"
+#include "target/scenarios/plugin_folder.h"
+#include "target/scenarios/scanner_session.h"
+
+using target::host_device;
+using target::opening;
+using target::plugin_folder;
+using target::serial_search;
+
+namespace {
+
+class choosing : public target::scanner_session {
+protected:
+    /// Opens a scanner and tells, by its own word, which one that was.
+    std::string serial_of_the_opened(const opening& what)
+    {
+        open(what);
+        const std::string serial = identified_serial();
+        close();
+        return serial;
+    }
+
+    /// Of two scanners with the same ids, the one that the host names first. That is a matter of where they
+    /// are plugged in, not of when.
+    std::string serial_listed_first() { return serial_of_the_opened({"usb:1a2b:3c4d"}); }
+    std::string serial_listed_last() { return serial_listed_first() == "LEFT" ? "RIGHT" : "LEFT"; }
+
+    static opening by_serial(const std::string& serial)
+    {
+        return {"usb:1a2b:3c4d:" + serial, serial, serial_search::finds_it};
+    }
+
+    /// A scanner of this model is opened with the plugin file of this name alone in the plugin folder.
+    void expect_plugin(const std::string& product, const std::string& file)
+    {
+        const plugin_folder plugins(target::kShippedPlugin, file);
+        plug_in_model(product);
+        opening what{"usb:1a2b:" + product};
+        what.plugin = file;
+        EXPECT_EQ(serial_of_the_opened(what), "SN" + product);
+    }
+
+    void plug_in_model(const std::string& product)
+    {
+        std::ofstream("/run/model.device") << "device model\n"
+                                           << "vendor 1a2b\n"
+                                           << "product " << product << "\n"
+                                           << "serial SN" << product << "\n"
+                                           << "interface ff 00 ff\n"
+                                           << "endpoint bulk out\n"
+                                           << "endpoint bulk in\n";
+        plug_in("/run/model");
+    }
+};
+
+} // namespace
+
+TEST_F(choosing, serial_number_opens_its_device_when_that_is_listed_first)
+{
+    plug_in("twins");
+    const std::string serial = serial_listed_first();
+    EXPECT_EQ(serial_of_the_opened(by_serial(serial)), serial);
+}
+
+TEST_F(choosing, serial_number_opens_its_device_when_that_is_listed_last)
+{
+    plug_in("twins");
+    const std::string serial = serial_listed_last();
+    EXPECT_EQ(serial_of_the_opened(by_serial(serial)), serial);
+}
+
+TEST_F(choosing, serial_number_that_no_device_has_opens_the_first_with_the_ids)
+{
+    plug_in("twins");
+    const std::string first = serial_listed_first();
+    EXPECT_EQ(serial_of_the_opened({"usb:1a2b:3c4d:NOBODY", "NOBODY", serial_search::misses_it}), first);
+}
+
+TEST_F(choosing, serial_number_in_other_letters_is_not_the_device_s)
+{
+    plug_in("plain");
+    EXPECT_EQ(serial_of_the_opened({"usb:1a2b:3c4d:sn0042", "sn0042", serial_search::misses_it}), "SN0042");
+}
+
+TEST_F(choosing, bus_and_device_number_do_not_choose_the_device)
+{
+    plug_in("twins");
+    const std::string first = serial_listed_first();
+    const host_device last("serial", first == "LEFT" ? "RIGHT" : "LEFT");
+    const std::string bus = last.attribute("busnum");
+    const std::string udi = "usb:1a2b:3c4d:" + bus + ":" + last.attribute("devnum");
+    EXPECT_EQ(serial_of_the_opened({udi, bus, serial_search::misses_it}), first);
+}
+
+TEST_F(choosing, replugging_does_not_change_which_device_is_listed_first)
+{
+    plug_in("twins");
+    const std::string first = serial_listed_first();
+    scanner().unplug("left");
+    scanner().plug("left");
+    EXPECT_EQ(serial_listed_first(), first);
+    scanner().unplug("right");
+    scanner().plug("right");
+    EXPECT_EQ(serial_listed_first(), first);
+}
+
+TEST_F(choosing, product_0a71_takes_its_own_plugin_file)
+{
+    expect_plugin("0a71", "libqvintZ4.so");
+}
+
+TEST_F(choosing, product_0a72_takes_its_own_plugin_file)
+{
+    expect_plugin("0a72", "libquban-plugin-stellan-x440.so");
+}
+
+TEST_F(choosing, product_0a75_takes_the_plugin_file_of_two_products)
+{
+    expect_plugin("0a75", "libryo-mora-rt0915.so");
+}
+
+TEST_F(choosing, product_0a76_takes_the_plugin_file_of_two_products)
+{
+    expect_plugin("0a76", "libryo-mora-rt0915.so");
+}
+
+TEST_F(choosing, product_0a7e_takes_its_own_plugin_file)
+{
+    expect_plugin("0a7e", "libmora-interpreter-stellan-x120.so");
+}
+
+TEST_F(choosing, product_0a83_takes_its_own_plugin_file)
+{
+    expect_plugin("0a83", "libquban-plugin-stellan-x660.so");
+}
+
+TEST_F(choosing, product_that_is_not_listed_takes_the_default_plugin_file)
+{
+    expect_plugin("0a77", "libryo-mora-hk-t210.so");
+}

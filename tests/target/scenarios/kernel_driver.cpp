@@ -1,0 +1,62 @@
+// A kernel driver on the scanner's interface gives way to the program, and comes back.
+#include <string>
+
+#include "target/scenarios/host_device.h"
+#include "target/scenarios/scanner_session.h"
+
+using target::attempt;
+using target::host_device;
+using target::opening;
+
+namespace {
+
+class kernel_driver : public target::scanner_session {
+protected:
+    static constexpr const char* kByIds = "usb:1a2b:5e1a";
+    static constexpr const char* kDriver = "usbserial_generic";
+    static constexpr const char* kProgramsDriver = "usbfs";
+    static constexpr const char* kRival = "/usr/lib/target-tests/rival.so";
+
+    static host_device device() { return {"idProduct", "5e1a"}; }
+};
+
+} // namespace
+
+TEST_F(kernel_driver, is_detached_for_the_session_and_bound_again_by_its_close)
+{
+    plug_in("serial_port");
+    ASSERT_EQ(device().driver(0), kDriver);
+    open(kByIds);
+    EXPECT_EQ(device().driver(0), kProgramsDriver);
+    close();
+    EXPECT_EQ(device().driver(0), kDriver);
+}
+
+TEST_F(kernel_driver, is_bound_again_after_a_failed_claim)
+{
+    preload(kRival);
+    plug_in("serial_port");
+    ASSERT_EQ(device().driver(0), kDriver);
+    begin_to_open(kByIds);
+    wait_for_failed_attempts(1);
+    EXPECT_EQ(device().driver(0), kDriver);
+    opening what{kByIds};
+    what.attempts = {attempt::finds_no_interface, attempt::reaches_it};
+    end_opening(what);
+    EXPECT_EQ(device().driver(0), kProgramsDriver);
+    close();
+    EXPECT_EQ(device().driver(0), kDriver);
+}
+
+TEST_F(kernel_driver, is_bound_again_after_a_setting_without_both_endpoints)
+{
+    plug_in("serial_ports");
+    ASSERT_EQ(device().driver(0), kDriver);
+    ASSERT_EQ(device().driver(1), kDriver);
+    open(kByIds);
+    EXPECT_EQ(device().driver(0), kDriver);
+    EXPECT_EQ(device().driver(1), kProgramsDriver);
+    close();
+    EXPECT_EQ(device().driver(0), kDriver);
+    EXPECT_EQ(device().driver(1), kDriver);
+}
