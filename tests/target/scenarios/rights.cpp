@@ -1,0 +1,108 @@
+// A user who may not open the device, and what tvkctl advises.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/private_paths.h"
+#include "support/wait_until.h"
+#include "target/scenarios/guest.h"
+#include "target/scenarios/host_device.h"
+#include "target/scenarios/scanner_session.h"
+#include "tvkctl/src/child_process.h"
+
+using target::attempt;
+using target::guest;
+using target::host_device;
+using target::opening;
+using target::serial_search;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class rights : public target::scanner_session {
+protected:
+    static constexpr const char* kBySerial = "usb:1a2b:3c4d:SN0042";
+    static constexpr const char* kSerial = "SN0042";
+    static constexpr tvkctl::milliseconds kLimit{20'000};
+    static constexpr int kNoRights = 22;
+
+    rights() { guest::give(support::log_directory); }
+
+    void TearDown() override
+    {
+        scanner_session::TearDown();
+        for (const std::string& rule : m_rules)
+            fs::remove(rule);
+        run("udevadm control --reload");
+    }
+
+    /// Returns when the device's node has this mode, which udev's daemon gives it after the kernel has made
+    /// it.
+    static void wait_for_mode(mode_t mode)
+    {
+        const std::string node = host_device("serial", kSerial).node();
+        struct stat now = {};
+        ASSERT_TRUE(support::wait_until(
+            kLimit, [&] { return ::stat(node.c_str(), &now) == 0 && (now.st_mode & 0777U) == mode; }))
+            << node << " has mode " << std::oct << (now.st_mode & 0777U);
+    }
+
+    static std::string explanation_to_the_guest()
+    {
+        const guest acting;
+        tvkctl::child_process tvkctl(tvkctl::launch{"/usr/bin/tvkctl", {"explain", kBySerial}});
+        EXPECT_EQ(tvkctl.wait_for_exit(kLimit), tvkctl::exit_status::exited(kNoRights));
+        return tvkctl.standard_output(kLimit);
+    }
+
+    /// Does everything that the explanation says to do with sudo, as somebody who may do that.
+    void follow(const std::string& explanation)
+    {
+        constexpr const char* kRuleCommand = "sudo tee ";
+        std::istringstream lines(explanation);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find("sudo ") == std::string::npos)
+                continue;
+            run("sudo() { \"$@\"; }\n" + line);
+            if (const auto at = line.find(kRuleCommand); at != std::string::npos)
+                m_rules.push_back(line.substr(at + std::string(kRuleCommand).size()));
+        }
+    }
+
+private:
+    static void run(const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }
+
+    std::vector<std::string> m_rules; ///< files
+};
+
+} // namespace
+
+TEST_F(rights, user_without_them_is_refused_after_five_attempts)
+{
+    plug_in("plain");
+    wait_for_mode(0664);
+    opening what{kBySerial, kSerial, serial_search::finds_one_that_may_not_be_opened};
+    what.attempts = std::vector<attempt>(target::kMostAttempts, attempt::finds_no_device);
+    const guest acting;
+    open_in_vain(what);
+}
+
+TEST_F(rights, rule_that_explain_prints_gives_them_to_the_user)
+{
+    plug_in("plain");
+    wait_for_mode(0664);
+    follow(explanation_to_the_guest());
+    scanner().unplug("plain");
+    scanner().plug("plain");
+    wait_for_mode(0660);
+    const guest acting;
+    open(kBySerial, kSerial);
+    EXPECT_EQ(identified_serial(), kSerial);
+    close();
+}
