@@ -1,8 +1,5 @@
 #include "process/expected_log.h"
 
-#include <cstdio>
-#include <optional>
-
 #include "support/private_paths.h"
 
 namespace process_test {
@@ -18,43 +15,6 @@ lines transferred(const std::string& call, const std::string& result, int size)
 {
     const std::string n = std::to_string(size);
     return {call + n, result + n, "INFO transferred " + n + " bytes, total " + n + "/" + n};
-}
-
-struct progress {
-    int moved;
-    int total;
-    int size;
-};
-
-/// The three lines of one call, as long as they fit each other and what was moved before.
-std::optional<progress> one_call(const std::vector<std::string>& log, std::size_t at, const std::string& call,
-                                 const std::string& result, int before)
-{
-    progress p = {};
-    if (at + 2 >= log.size() || std::sscanf(log[at + 2].c_str(), "INFO transferred %d bytes, total %d/%d",
-                                            &p.moved, &p.total, &p.size) != 3)
-        return std::nullopt;
-    const bool is_consistent = log[at] == call + std::to_string(p.size - before) &&
-                               log[at + 1] == result + std::to_string(p.moved) && p.total == before + p.moved;
-    return is_consistent ? std::optional(p) : std::nullopt;
-}
-
-/// If a transfer that completes begins at `at`: its size, with `at` moved behind it.
-std::optional<int> whole_transfer(const std::vector<std::string>& log, std::size_t& at,
-                                  const std::string& call, const std::string& result)
-{
-    std::size_t next = at;
-    for (int before = 0;;) {
-        const std::optional<progress> p = one_call(log, next, call, result, before);
-        if (!p || p->moved == 0)
-            return std::nullopt;
-        next += 3;
-        before = p->total;
-        if (p->total == p->size) {
-            at = next;
-            return p->size;
-        }
-    }
 }
 
 } // namespace
@@ -129,21 +89,6 @@ lines open_refused(const std::string& udi, const lines& reason)
 {
     return request(static_cast<int>(udi.size())) + lines{"INFO open " + udi} + reason +
            lines{"INFO send ng"} + reply() + left;
-}
-
-lines with_whole_transfers(const lines& log)
-{
-    const std::vector<std::string>& all = log.all();
-    lines result;
-    for (std::size_t at = 0; at < all.size();) {
-        if (const std::optional<int> size = whole_transfer(all, at, read_call, read_result))
-            result += got(*size);
-        else if (const std::optional<int> written = whole_transfer(all, at, write_call, write_result))
-            result += put(*written);
-        else
-            result += {all[at++]};
-    }
-    return result;
 }
 
 } // namespace process_test

@@ -44,8 +44,4 @@ lines open_served(const std::string& udi = "usb:1a2b:3c4d", const std::string& p
 /// A failed open, from the request to the reply and the end, with what the session says of it.
 lines open_refused(const std::string& udi, const lines& reason);
 
-/// The same log with each transfer that took several calls told as if it had taken one. A transfer whose
-/// calls do not add up is left as it is.
-lines with_whole_transfers(const lines& log);
-
 } // namespace process_test

@@ -10,9 +10,10 @@
 #include <fstream>
 #include <iostream>
 
-#include "process/proc_files.h"
 #include "support/log_reader.h"
+#include "support/log_transfers.h"
 #include "support/plugin_files.h"
+#include "support/proc_files.h"
 #include "support/wait_until.h"
 #include "tvkctl/src/port_line.h"
 
@@ -184,12 +185,13 @@ void program_test::send_signal(int number)
 
 void program_test::wait_until_stopped()
 {
-    ASSERT_TRUE(support::wait_until(kPatience, [&] { return is_stopped(pid()); })) << "the program runs on";
+    ASSERT_TRUE(support::wait_until(kPatience, [&] { return support::is_stopped(pid()); }))
+        << "the program runs on";
 }
 
 void program_test::wait_until_in(long system_call)
 {
-    ASSERT_TRUE(support::wait_until(kPatience, [&] { return is_waiting_in(pid(), system_call); }))
+    ASSERT_TRUE(support::wait_until(kPatience, [&] { return support::is_waiting_in(pid(), system_call); }))
         << "the program does not get to system call " << system_call;
 }
 
@@ -246,7 +248,7 @@ void program_test::expect_log(const lines& expected)
 
 void program_test::expect_log_with_whole_transfers(const lines& expected)
 {
-    EXPECT_EQ(with_whole_transfers(lines(support::log_dialogue())).text(), expected.text());
+    EXPECT_EQ(support::text(support::with_whole_transfers(support::log_dialogue())), expected.text());
 }
 
 void program_test::expect_usb(const lines& expected)

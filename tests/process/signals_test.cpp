@@ -4,8 +4,8 @@
 #include <sys/syscall.h>
 
 #include "process/held_transfer.h"
-#include "process/proc_files.h"
 #include "process/program_test.h"
+#include "support/proc_files.h"
 #include "support/wait_until.h"
 
 namespace process_test {
@@ -15,7 +15,8 @@ protected:
     void wait_until_pending(int number)
     {
         ASSERT_TRUE(support::wait_until(
-            kPatience, [&] { return (signals_in(pid(), "ShdPnd") & signal_set({number})) != 0; }))
+            kPatience,
+            [&] { return (support::signals_in(pid(), "ShdPnd") & support::signal_set({number})) != 0; }))
             << "signal " << number << " is not held back";
     }
 
@@ -81,7 +82,8 @@ protected:
     {
         with_ignored(number);
         start_idle_in_a_read();
-        EXPECT_EQ(signals_in(pid(), "SigIgn") & signal_set({SIGTERM, SIGINT, SIGHUP}), signal_set({number}));
+        EXPECT_EQ(support::signals_in(pid(), "SigIgn") & support::signal_set({SIGTERM, SIGINT, SIGHUP}),
+                  support::signal_set({number}));
         send_signal(number);
         tell(query_request(1));
         expect_reply(ok_reply({0, 0, 0, 0}));
@@ -95,9 +97,9 @@ protected:
 TEST_F(signals, sigterm_sigint_and_sighup_are_handled_and_sigpipe_is_ignored)
 {
     start_idle_in_a_read();
-    const std::uint64_t all = signal_set({SIGTERM, SIGINT, SIGHUP, SIGPIPE});
-    EXPECT_EQ(signals_in(pid(), "SigCgt") & all, signal_set({SIGTERM, SIGINT, SIGHUP}));
-    EXPECT_EQ(signals_in(pid(), "SigIgn") & all, signal_set({SIGPIPE}));
+    const std::uint64_t all = support::signal_set({SIGTERM, SIGINT, SIGHUP, SIGPIPE});
+    EXPECT_EQ(support::signals_in(pid(), "SigCgt") & all, support::signal_set({SIGTERM, SIGINT, SIGHUP}));
+    EXPECT_EQ(support::signals_in(pid(), "SigIgn") & all, support::signal_set({SIGPIPE}));
     close();
     expect_end();
 }
@@ -105,7 +107,7 @@ TEST_F(signals, sigterm_sigint_and_sighup_are_handled_and_sigpipe_is_ignored)
 TEST_F(signals, sigterm_and_sigint_alone_are_blocked_in_a_read)
 {
     start_idle_in_a_read();
-    EXPECT_EQ(signals_in(pid(), "SigBlk"), signal_set({SIGTERM, SIGINT}));
+    EXPECT_EQ(support::signals_in(pid(), "SigBlk"), support::signal_set({SIGTERM, SIGINT}));
     close();
     expect_end();
 }
@@ -117,7 +119,7 @@ TEST_F(signals, sigterm_and_sigint_alone_are_blocked_in_a_write)
     open();
     tell(recv_request(kMoreThanSocketsHold));
     wait_until_in(SYS_write);
-    EXPECT_EQ(signals_in(pid(), "SigBlk"), signal_set({SIGTERM, SIGINT}));
+    EXPECT_EQ(support::signals_in(pid(), "SigBlk"), support::signal_set({SIGTERM, SIGINT}));
     expect_reply(ok_reply(device_bytes(kMoreThanSocketsHold)));
     close();
     expect_end();
@@ -127,7 +129,7 @@ TEST_F(signals, none_is_blocked_while_the_front_end_is_awaited)
 {
     start();
     wait_until_in(SYS_accept);
-    EXPECT_EQ(signals_in(pid(), "SigBlk"), 0U);
+    EXPECT_EQ(support::signals_in(pid(), "SigBlk"), 0U);
     connect();
     close();
     expect_end();
@@ -141,7 +143,7 @@ TEST_F(signals, none_is_blocked_in_a_transfer_with_the_device)
     open();
     tell(send_request({1}));
     ASSERT_TRUE(held.is_reached());
-    EXPECT_EQ(signals_in(pid(), "SigBlk"), 0U);
+    EXPECT_EQ(support::signals_in(pid(), "SigBlk"), 0U);
     held.release();
     expect_reply(ok_reply());
     close();

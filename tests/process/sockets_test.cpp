@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <fstream>
 
-#include "process/proc_files.h"
 #include "process/program_test.h"
 #include "support/log_reader.h"
+#include "support/proc_files.h"
 #include "support/wait_until.h"
 #include "tvkctl/src/front_end_error.h"
 
@@ -64,8 +64,8 @@ std::string listed_descriptors(const std::string& path)
 TEST_F(sockets, port_listens_on_the_loopback_address_alone)
 {
     start();
-    EXPECT_EQ(support::text(sockets_on(port())), "127.0.0.1 LISTEN\n");
-    EXPECT_FALSE(has_ipv6_socket_on(port()));
+    EXPECT_EQ(support::text(support::sockets_on(port())), "127.0.0.1 LISTEN\n");
+    EXPECT_FALSE(support::has_ipv6_socket_on(port()));
     connect();
     close_and_expect_end();
 }
@@ -147,7 +147,7 @@ TEST_F(sockets, accept_that_fails_is_tried_again_on_the_same_port)
     with_mishap("fail accept " + std::to_string(EAGAIN) + " 1"); // nobody came in time
     start();
     wait_until_in(SYS_accept);
-    EXPECT_EQ(support::text(sockets_on(port())), "127.0.0.1 LISTEN\n");
+    EXPECT_EQ(support::text(support::sockets_on(port())), "127.0.0.1 LISTEN\n");
     connect();
     close_and_expect_end();
     expect_log(announced + failed_to_read(20, "Bad file descriptor") + told_to_close);

@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "process/held_transfer.h"
-#include "process/proc_files.h"
 #include "process/program_test.h"
 #include "support/log_reader.h"
+#include "support/proc_files.h"
 #include "support/wait_until.h"
 
 namespace process_test {
@@ -17,7 +17,7 @@ protected:
     /// Waits until the program's end of the connection knows of the reset.
     void wait_until_reset()
     {
-        ASSERT_TRUE(support::wait_until(kPatience, [this] { return sockets_on(port()).empty(); }))
+        ASSERT_TRUE(support::wait_until(kPatience, [this] { return support::sockets_on(port()).empty(); }))
             << "the connection is still there";
     }
 

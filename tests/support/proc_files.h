@@ -7,7 +7,7 @@
 #include <vector>
 
 /// What the kernel tells about a process and its sockets.
-namespace process_test {
+namespace support {
 
 /// A set of signals as /proc/PID/status shows it.
 std::uint64_t signal_set(std::initializer_list<int> signals);
@@ -25,4 +25,4 @@ std::vector<std::string> sockets_on(int port);
 /// Whether an IPv6 socket has this local port.
 bool has_ipv6_socket_on(int port);
 
-} // namespace process_test
+} // namespace support

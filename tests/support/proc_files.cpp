@@ -1,4 +1,4 @@
-#include "process/proc_files.h"
+#include "support/proc_files.h"
 
 #include <arpa/inet.h>
 
@@ -7,7 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace process_test {
+namespace support {
 
 namespace {
 
@@ -113,4 +113,4 @@ bool has_ipv6_socket_on(int port)
     return false;
 }
 
-} // namespace process_test
+} // namespace support
