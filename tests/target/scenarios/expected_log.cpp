@@ -79,10 +79,12 @@ void expected_log::stall(const std::string& direction, std::size_t length)
     line("usb " + direction + " : LIBUSB_ERROR_PIPE");
 }
 
-void expected_log::lost(const std::string& direction, std::size_t length)
+void expected_log::cut(const std::string& direction, std::size_t length, std::size_t moved,
+                       const std::string& error)
 {
-    line("usb " + direction + " : transferred 0 of " + std::to_string(length) + " bytes");
-    line("usb " + direction + " : LIBUSB_ERROR_NO_DEVICE");
+    line("usb " + direction + " : transferred " + std::to_string(moved) + " of " + std::to_string(length) +
+         " bytes");
+    line("usb " + direction + " : " + error);
 }
 
 void expected_log::close()

@@ -41,8 +41,9 @@ public:
     void open(const opening& what);
     /// A transfer of `length` bytes that the device stalled; `direction` is "read" or "write".
     void stall(const std::string& direction, std::size_t length);
-    /// A transfer of `length` bytes with a device that is not there any more.
-    void lost(const std::string& direction, std::size_t length);
+    /// A transfer of `length` bytes that a device did not live to end: `moved` of them crossed, and `error`
+    /// came.
+    void cut(const std::string& direction, std::size_t length, std::size_t moved, const std::string& error);
     /// The handling of a close request.
     void close();
     /// The end of the program.

@@ -77,3 +77,15 @@ TEST_F(interfaces, one_that_another_process_has_cannot_be_claimed_until_that_let
     expect_an_answer();
     close();
 }
+
+TEST_F(interfaces, configuration_1_is_made_active_when_another_one_is)
+{
+    plug_in("two_configurations");
+    const host_device device("idProduct", "3c4d");
+    device.configure(2);
+    open(kByIds);
+    EXPECT_EQ(device.attribute("bConfigurationValue"), "1");
+    EXPECT_EQ(device.driver(0), kProgramsDriver);
+    expect_an_answer();
+    close();
+}

@@ -60,3 +60,19 @@ TEST_F(kernel_driver, is_bound_again_after_a_setting_without_both_endpoints)
     EXPECT_EQ(device().driver(0), kDriver);
     EXPECT_EQ(device().driver(1), kDriver);
 }
+
+TEST_F(kernel_driver, keeps_the_configuration_that_it_works_in)
+{
+    plug_in("busy_configuration");
+    device().configure(2);
+    ASSERT_EQ(device().driver(0), kDriver);
+    begin_to_open(kByIds);
+    wait_for_failed_attempts(1);
+    EXPECT_EQ(device().attribute("bConfigurationValue"), "2");
+    EXPECT_EQ(device().driver(0), kDriver);
+    device().configure(1);
+    opening what{kByIds};
+    what.attempts = {attempt::finds_no_interface, attempt::reaches_it};
+    end_opening(what);
+    close();
+}

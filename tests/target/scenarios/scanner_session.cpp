@@ -20,6 +20,8 @@ constexpr const char* kProgram = "/usr/bin/tvkintif";
 constexpr tvkctl::milliseconds kStepLimit{30'000};
 constexpr tvkctl::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tvkctl::request_code::open), 0, 0,
                                             0};
+constexpr const char* kNoDevice = "LIBUSB_ERROR_NO_DEVICE";
+constexpr const char* kBrokenTransfer = "LIBUSB_ERROR_IO";
 constexpr std::uint16_t kTag = 0x7A67; // any; given back in each answer
 
 } // namespace
@@ -114,34 +116,63 @@ bytes scanner_session::receive(std::uint32_t count)
 
 void scanner_session::send_into_a_stall(const bytes& data)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ng);
     m_log.request(data.size());
     m_log.stall("write", data.size());
-    m_log.reply(0);
+    expect_refusal(m_program->send(data, kStepLimit));
 }
 
 void scanner_session::receive_from_a_stall(std::uint32_t count)
 {
-    EXPECT_EQ(m_program->recv(count, kStepLimit).kind, tvkctl::reply::verdict::ng);
     m_log.request(0);
     m_log.stall("read", count);
-    m_log.reply(0);
+    expect_refusal(m_program->recv(count, kStepLimit));
 }
 
 void scanner_session::send_to_nobody(const bytes& data)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ng);
     m_log.request(data.size());
-    m_log.lost("write", data.size());
-    m_log.reply(0);
+    m_log.cut("write", data.size(), 0, kNoDevice);
+    expect_refusal(m_program->send(data, kStepLimit));
 }
 
 void scanner_session::receive_from_nobody(std::uint32_t count)
 {
-    EXPECT_EQ(m_program->recv(count, kStepLimit).kind, tvkctl::reply::verdict::ng);
     m_log.request(0);
-    m_log.lost("read", count);
+    m_log.cut("read", count, 0, kNoDevice);
+    expect_refusal(m_program->recv(count, kStepLimit));
+}
+
+void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t moved)
+{
+    const tvkctl::reply reply = m_program->send(data, kStepLimit);
+    m_log.request(data.size());
+    expect_parting("write", data.size(), moved);
+    expect_refusal(reply);
+}
+
+void scanner_session::receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved)
+{
+    const tvkctl::reply reply = m_program->recv(count, kStepLimit);
+    m_log.request(0);
+    expect_parting("read", count, moved);
+    expect_refusal(reply);
+}
+
+void scanner_session::expect_refusal(const tvkctl::reply& reply)
+{
+    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ng);
     m_log.reply(0);
+}
+
+/// The transfer in hand ends with one error or the other, depending on who sees first that the device is
+/// gone: the host controller or the kernel's hub driver.
+void scanner_session::expect_parting(const std::string& direction, std::size_t length, std::size_t moved)
+{
+    const std::vector<std::string> log = support::log_dialogue();
+    const std::string broken = "INFO usb " + direction + " : " + kBrokenTransfer;
+    const bool is_broken = std::find(log.begin(), log.end(), broken) != log.end();
+    m_log.cut(direction, length, moved, is_broken ? kBrokenTransfer : kNoDevice);
+    m_log.cut(direction, length - moved, 0, kNoDevice);
 }
 
 void scanner_session::command(command_code code, std::uint32_t argument, const bytes& payload)

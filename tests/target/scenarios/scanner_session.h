@@ -54,6 +54,10 @@ protected:
     /// The same, with a scanner that was unplugged.
     void send_to_nobody(const virtual_scanner::bytes& data);
     void receive_from_nobody(std::uint32_t count);
+    /// The same, with a scanner that is unplugged when `moved` bytes have crossed: the plugin asks for the
+    /// rest, of which nothing comes.
+    void send_to_one_that_leaves(const virtual_scanner::bytes& data, std::uint32_t moved);
+    void receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved);
 
     /// Sends a command of the scanner's own set.
     void command(virtual_scanner::command_code code, std::uint32_t argument = 0,
@@ -69,6 +73,8 @@ protected:
                                           const virtual_scanner::bytes& payload = {});
 
 private:
+    void expect_refusal(const tvkctl::reply& reply);
+    void expect_parting(const std::string& direction, std::size_t length, std::size_t moved);
     void end_program();
 
     std::map<std::string, std::string> m_environment; ///< of the programs
