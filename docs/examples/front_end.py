@@ -1,60 +1,60 @@
 #!/usr/bin/env python3
 """A whole front-end: opens a scanner, sends a command, takes an answer.
+    front_end.py usb:1a2b:3c4d "1b 53 02" 512 > answer.bin"""
+import collections, contextlib, select, socket, struct, subprocess, sys, threading
 
-    front_end.py usb:1a2b:3c4d "1b 53 02" 512 > answer.bin
-"""
-import socket
-import struct
-import subprocess
-import sys
-
-OPEN, CLOSE, SEND, RECV = 4, 5, 6, 7
 HEADER = struct.Struct(">IIiII")  # id, code, error, size, value
+OPEN, SEND, RECV = 4, 6, 7
+PIECE = 65536  # bytes asked for at a time, which is what a failure can lose
+START_TIME, ANSWER_TIME = 10, 180  # s; a plugin may make several transfers of 60 s for one request
 
 
 class FrontEnd:
     def __init__(self, program="tvkintif"):
         self.process = subprocess.Popen([program], stdout=subprocess.PIPE)
-        port = int(self.process.stdout.readline() or -1)
-        if port == -1:
-            raise OSError(f"{program} could not start: see its log")
-        self.wire = socket.create_connection(("127.0.0.1", port))
+        ready, _, _ = select.select([self.process.stdout], [], [], START_TIME)
+        line = self.process.stdout.readline() if ready else b"nothing"
+        if not line.strip().isdigit() or int(line) == 0:
+            self.process.kill()
+            raise OSError(f"start {program}: expected a port, got {line!r}")
+        # A plugin may write there too, and would hang once the pipe is full.
+        threading.Thread(target=collections.deque, args=(self.process.stdout, 0), daemon=True).start()
+        self.wire = socket.create_connection(("127.0.0.1", int(line)), ANSWER_TIME)
 
-    def request(self, code, payload=b"", value=0):
-        """Sends one request and returns the reply's payload, None for ng and nak."""
-        self.wire.sendall(HEADER.pack(1, code, 0, len(payload), value) + payload)
-        _, _, error, size, _ = HEADER.unpack(self.exactly(HEADER.size))
-        answer = self.exactly(size)
-        return answer if error == 0 else None
+    def request(self, step, code, payload=b"", value=0):
+        try:
+            self.wire.sendall(HEADER.pack(1, code, 0, len(payload), value) + payload)
+            _, _, error, size, _ = HEADER.unpack(self.exactly(HEADER.size))
+            answer = self.exactly(size)
+        except OSError as lost:
+            raise OSError(f"{step}: {lost}") from lost
+        if error:
+            raise OSError(f"{step}: answered with {'nak' if answer else 'ng'}")
+        return answer
 
     def exactly(self, count):
-        data = bytearray()
-        while len(data) < count:
-            piece = self.wire.recv(count - len(data))
+        data = b""
+        while len(data) < count:  # a reply may come in any number of pieces
+            data += (piece := self.wire.recv(count - len(data)))
             if not piece:
-                raise EOFError(f"connection ended after {len(data)} of {count} bytes")
-            data += piece
-        return bytes(data)
+                raise OSError(f"the connection ended after {len(data)} of {count} bytes")
+        return data
 
     def close(self):
-        """Tells the program to end, which has no reply, and returns its exit status."""
-        self.wire.sendall(HEADER.pack(1, CLOSE, 0, 0, 0))
-        self.wire.close()
-        return self.process.wait()
+        self.wire.close()  # whatever happened before, the program then stops the plugin and ends
+        if self.process.wait(ANSWER_TIME) != 0:
+            raise OSError(f"tvkintif ended with status {self.process.returncode}")
 
 
-def main(udi, command, count):
-    scanner = FrontEnd()
-    if scanner.request(OPEN, udi.encode()) is None:
-        sys.exit(f"{udi} did not open: tvkctl explain {udi} tells why")
-    if scanner.request(SEND, bytes.fromhex(command)) is None:
-        sys.exit("the plugin did not take the command")
-    answer = scanner.request(RECV, value=int(count))
-    if answer is None:
-        sys.exit("the plugin brought no answer")
-    sys.stdout.buffer.write(answer)
-    return scanner.close()
-
-
-if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+if len(sys.argv) != 4:
+    sys.exit(__doc__)
+try:
+    udi, command, count = sys.argv[1], bytes.fromhex(sys.argv[2]), int(sys.argv[3])
+    with contextlib.closing(FrontEnd()) as scanner:
+        scanner.request(f"open {udi}", OPEN, udi.encode())
+        scanner.request(f"send {len(command)} bytes", SEND, command)
+        for start in range(0, count, PIECE):
+            size = min(PIECE, count - start)
+            sys.stdout.buffer.write(scanner.request(f"receive {size} bytes", RECV, value=size))
+except (OSError, ValueError, subprocess.TimeoutExpired) as error:
+    sys.exit(f"front_end.py: {error}")

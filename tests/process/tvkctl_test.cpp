@@ -91,7 +91,12 @@ tvkctl_result tvkctl_test::run(const std::vector<std::string>& arguments)
 
 tvkctl_result tvkctl_test::run_in_shell(const std::string& command)
 {
-    m_process = std::make_unique<tvkctl::child_process>(launch_of("/bin/bash", {"-c", command}));
+    return run_launch(launch_of("/bin/bash", {"-c", command}));
+}
+
+tvkctl_result tvkctl_test::run_launch(const tvkctl::launch& how)
+{
+    m_process = std::make_unique<tvkctl::child_process>(how);
     return wait();
 }
 

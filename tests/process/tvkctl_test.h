@@ -35,6 +35,8 @@ protected:
     tvkctl_result run(const std::vector<std::string>& arguments);
     /// Runs a command of the shell, in which $TVKCTL stands for tvkctl.
     tvkctl_result run_in_shell(const std::string& command);
+    /// Runs any program.
+    tvkctl_result run_launch(const tvkctl::launch& how);
     void start(const std::vector<std::string>& arguments);
     tvkctl_result wait();
     tvkctl::child_process& process() { return *m_process; }
