@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 
 #include "tvkctl/src/front_end_error.h"
 #include "tvkctl/src/output_collector.h"
+#include "tvkctl/src/process_handle.h"
 
 namespace tvkctl {
 
@@ -149,19 +149,6 @@ private:
     throw front_end_error(failure::start_failed, step, "a program to execute", came);
 }
 
-/// The process as a descriptor, or -1. The C library's own call cannot be linked from C++ in glibc 2.36.
-int open_process(pid_t pid)
-{
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-}
-
-exit_status decode(int status)
-{
-    if (WIFSIGNALED(status))
-        return exit_status::killed_by(WTERMSIG(status));
-    return exit_status::exited(WEXITSTATUS(status));
-}
-
 } // namespace
 
 child_process::child_process(std::string path) : m_path(std::move(path)) {}
@@ -176,7 +163,7 @@ child_process::child_process(const launch& how) : child_process(how.path)
         start.execute();
     if (m_pid < 0)
         throw_system_error("fork");
-    m_handle = own_descriptor(open_process(m_pid), "pidfd_open");
+    m_handle = open_process(m_pid);
     if (const auto report = start.outcome())
         throw_start_error(how, *report);
     m_output = std::make_unique<output_collector>(start.take_output());
@@ -238,16 +225,8 @@ exit_status child_process::wait_for_exit(milliseconds timeout)
 std::optional<exit_status> child_process::try_wait_for_exit(milliseconds timeout)
 {
     if (!m_status && wait_until_ready(m_handle.get(), POLLIN, deadline(timeout)))
-        reap();
+        m_status = reap_process(m_pid);
     return m_status;
-}
-
-void child_process::reap()
-{
-    int status = 0;
-    if (TEMP_FAILURE_RETRY(waitpid(m_pid, &status, 0)) != m_pid)
-        throw_system_error("waitpid");
-    m_status = decode(status);
 }
 
 } // namespace tvkctl

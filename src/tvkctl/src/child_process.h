@@ -71,7 +71,6 @@ public:
 
 private:
     explicit child_process(std::string path);
-    void reap();
 
     std::string m_path;
     pid_t m_pid = -1;                    ///< -1: not started

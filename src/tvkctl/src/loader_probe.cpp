@@ -4,15 +4,15 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
+#include "tvkctl/src/process_handle.h"
 #include "tvkctl/src/unique_fd.h"
 
 namespace tvkctl {
@@ -57,17 +57,10 @@ void silence_output()
     _exit(0);
 }
 
-/// A descriptor that becomes readable when the process ends. The C library's own function cannot be called
-/// from C++: its header lacks the language linkage.
-int open_process(pid_t pid)
-{
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-}
-
 /// A child of this process, with a process group of its own; killed with all of it and reaped on destruction.
 class child {
 public:
-    explicit child(pid_t pid) : m_pid(pid), m_handle(own_descriptor(open_process(pid), "pidfd_open")) {}
+    explicit child(pid_t pid) : m_pid(pid), m_handle(open_process(pid)) {}
     child(const child&) = delete;
     child& operator=(const child&) = delete;
     ~child() { end(); }
@@ -80,11 +73,7 @@ public:
         if (m_pid < 0)
             return m_status;
         ::kill(-m_pid, SIGKILL); // also what it started; its number is still its own, not having been reaped
-        int status = 0;
-        TEMP_FAILURE_RETRY(waitpid(m_pid, &status, 0));
-        m_pid = -1;
-        m_status = WIFSIGNALED(status) ? exit_status::killed_by(WTERMSIG(status))
-                                       : exit_status::exited(WEXITSTATUS(status));
+        m_status = reap_process(std::exchange(m_pid, -1));
         return m_status;
     }
 

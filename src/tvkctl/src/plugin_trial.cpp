@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include <utility>
 
 #include "tvkctl/src/crash_place.h"
+#include "tvkctl/src/process_handle.h"
 #include "tvkctl/src/trial_child.h"
 #include "tvkctl/src/trial_notes.h"
 #include "tvkctl/src/unique_fd.h"
@@ -180,13 +180,13 @@ trial_process::trial_process(const trial_plan& plan, trial_notes& notes)
     m_pid = fork_trial(plan, notes, output, errors);
     m_output = bounded_output(std::move(output.reading));
     m_errors = bounded_output(std::move(errors.reading));
-    m_handle = unique_fd(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
-    if (m_handle)
-        return;
-    const int cause = errno;
-    kill(m_pid, SIGKILL);
-    take_status();
-    throw std::system_error(cause, std::generic_category(), "pidfd_open");
+    try {
+        m_handle = open_process(m_pid);
+    } catch (const std::system_error&) {
+        kill(m_pid, SIGKILL);
+        take_status();
+        throw;
+    }
 }
 
 trial_process::~trial_process()
@@ -221,12 +221,8 @@ void trial_process::end_by_force()
 
 exit_status trial_process::take_status()
 {
-    int status = 0;
-    while (!m_status && waitpid(m_pid, &status, 0) == -1 && errno == EINTR) {
-    }
     if (!m_status)
-        m_status = WIFSIGNALED(status) ? exit_status::killed_by(WTERMSIG(status))
-                                       : exit_status::exited(WEXITSTATUS(status));
+        m_status = reap_process(m_pid);
     return *m_status;
 }
 
