@@ -57,6 +57,13 @@ TEST_F(tvkctl_run_test, shows_what_goes_and_what_comes)
                           "close\n");
 }
 
+TEST_F(tvkctl_run_test, a_caller_that_ignores_the_end_of_children_changes_nothing)
+{
+    const tvkctl_result result = run_in_shell("trap '' CHLD; exec \"$TVKCTL\" run usb:1a2b:3c4d 'query 1'");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+}
+
 TEST_F(tvkctl_run_test, a_step_reaches_the_scanner_in_one_transfer)
 {
     run_steps({"send 01 02 03", "recv 5"});
