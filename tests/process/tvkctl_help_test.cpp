@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <regex>
@@ -173,12 +174,25 @@ TEST_F(tvkctl_help_test, the_version_is_a_number)
     EXPECT_TRUE(std::regex_match(run({"--version"}).out, std::regex("[0-9]+\\.[0-9]+\\.[0-9]+\n")));
 }
 
-TEST_F(tvkctl_help_test, commands_are_completed)
+TEST_F(tvkctl_help_test, every_command_is_offered)
+{
+    EXPECT_EQ(all_matches(completions_of("tvkctl "), "(?:^|\n)([a-z][a-z-]*)"), commands());
+}
+
+TEST_F(tvkctl_help_test, a_command_is_completed)
 {
     EXPECT_EQ(completions_of("tvkctl ru"), "run\n");
 }
 
-TEST_F(tvkctl_help_test, options_are_completed)
+TEST_F(tvkctl_help_test, every_option_of_every_command_is_offered)
+{
+    for (const std::string& command : commands())
+        EXPECT_EQ(all_matches(completions_of("tvkctl " + command + " -"), "(?:^|\n)(--[a-z-]+)"),
+                  options_of(command))
+            << command;
+}
+
+TEST_F(tvkctl_help_test, an_option_is_completed)
 {
     EXPECT_EQ(completions_of("tvkctl run --chu"), "--chunk\n");
 }
@@ -186,6 +200,19 @@ TEST_F(tvkctl_help_test, options_are_completed)
 TEST_F(tvkctl_help_test, an_address_is_completed_behind_its_last_colon)
 {
     EXPECT_EQ(completions_of("tvkctl run usb:1a2b:"), "3c4d\n");
+}
+
+TEST_F(tvkctl_help_test, what_a_shell_would_take_for_its_own_is_quoted_in_an_address)
+{
+    with_bus("device scanner 1a2b:3c4d serial A$(touch touched) B\n");
+    EXPECT_EQ(completions_of("tvkctl run usb:1a2b:3c4d:"), "A\\$\\(touch\\ touched\\)\\ B\n");
+}
+
+TEST_F(tvkctl_help_test, completing_an_address_runs_nothing_of_it)
+{
+    with_bus("device scanner 1a2b:3c4d serial A$(touch touched)\n");
+    completions_of("tvkctl run usb:1a2b:3c4d:");
+    EXPECT_FALSE(std::filesystem::exists(scratch("touched")));
 }
 
 TEST_F(tvkctl_help_test, the_actions_of_log_are_completed)
