@@ -187,7 +187,7 @@ TEST_F(check_plugin_command, writes_all_of_it_as_json)
     const auto document = nlohmann::json::parse(out());
     EXPECT_EQ(document.at("for"), "native");
     EXPECT_EQ(document.at("good"), false);
-    EXPECT_EQ(document.at("exit_code"), static_cast<int>(code));
+    EXPECT_EQ(document.at("exit_status"), static_cast<int>(code));
     EXPECT_EQ(document.at("sections").size(), 4U) << "the file and three runs";
 }
 

@@ -196,19 +196,9 @@ std::vector<section> examine(const check_plugin_options& options, const plugin_t
     return sections;
 }
 
-const char* name_of(verdict came_out)
+const char* text_of(verdict came_out)
 {
-    switch (came_out) {
-    case verdict::good:
-        return "good";
-    case verdict::warning:
-        return "warning";
-    case verdict::bad:
-        return "bad";
-    case verdict::not_checked:
-        return "not checked";
-    }
-    return "";
+    return came_out == verdict::not_checked ? "not checked" : name_of(came_out);
 }
 
 style style_of(verdict came_out)
@@ -239,7 +229,7 @@ void show(const section& shown, console& io)
     if (!shown.title.empty())
         io.out() << '\n' << io.styled(style::bold, shown.title) << '\n';
     for (const finding& line : shown.findings) {
-        io.out() << "  " << io.styled(style_of(line.came_out), padded(name_of(line.came_out), verdict_width))
+        io.out() << "  " << io.styled(style_of(line.came_out), padded(text_of(line.came_out), verdict_width))
                  << padded(line.check, check_width) << line.evidence << '\n';
         if (!line.advice.empty())
             io.out() << std::string(2 + verdict_width + check_width, ' ') << line.advice << '\n';
@@ -286,7 +276,7 @@ void write_json(const std::vector<section>& sections, const std::string& file, c
               {"for", target.name},
               {"machine", target.loader.text()},
               {"good", worst == nullptr},
-              {"exit_code", static_cast<int>(worst == nullptr ? exit_code::ok : worst->code)},
+              {"exit_status", static_cast<int>(worst == nullptr ? exit_code::ok : worst->code)},
               {"sections", std::move(parts)}});
 }
 

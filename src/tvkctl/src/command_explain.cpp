@@ -15,21 +15,6 @@ struct explain_options {
     std::string program = {};
 };
 
-const char* name_of(verdict came_out)
-{
-    switch (came_out) {
-    case verdict::good:
-        return "good";
-    case verdict::warning:
-        return "warning";
-    case verdict::bad:
-        return "bad";
-    case verdict::not_checked:
-        return "not_checked";
-    }
-    return "";
-}
-
 json to_json(const rung& which, const rung_result& result)
 {
     return {{"rung", which.name},

@@ -9,6 +9,9 @@ namespace tvkctl {
 /// How one check came out. not_checked: what it needs is not there, and the advice says how to get it.
 enum class verdict { good, warning, bad, not_checked };
 
+/// As a word for programs: "good", "warning", "bad" or "not_checked".
+const char* name_of(verdict came_out);
+
 /// The result of one check.
 struct finding {
     std::string check; ///< what was looked at, in a word or two

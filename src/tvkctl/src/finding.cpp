@@ -1,0 +1,20 @@
+#include "tvkctl/src/finding.h"
+
+namespace tvkctl {
+
+const char* name_of(verdict came_out)
+{
+    switch (came_out) {
+    case verdict::good:
+        return "good";
+    case verdict::warning:
+        return "warning";
+    case verdict::bad:
+        return "bad";
+    case verdict::not_checked:
+        return "not_checked";
+    }
+    return "";
+}
+
+} // namespace tvkctl
