@@ -9,6 +9,7 @@
 #include "process/tvkctl_test.h"
 #include "process/wire.h"
 #include "support/files.h"
+#include "support/scripted_peer.h"
 #include "support/wait_until.h"
 #include "tvkctl/src/front_end.h"
 
@@ -315,6 +316,22 @@ TEST_F(tvkctl_run_test, a_port_where_nobody_listens_is_told)
     const tvkctl_result result = run_steps({"--connect", "1", "send 01"});
     EXPECT_EQ(result.status, 11);
     expect_one_line_with(result.err, "connect to port 1");
+}
+
+TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
+{
+    const bytes open = frame(1, 4, 0, text_bytes(kUdi));
+    scripted_peer program({expects(open), answers(ok_reply({}, 7))});
+    const tvkctl_result result = run_steps({"--connect", std::to_string(program.port()), "send 01"});
+    EXPECT_EQ(result.status, 16);
+    expect_one_line_with(result.err, "id 7");
+}
+
+TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_told)
+{
+    const tvkctl_result result = run_in_shell("ulimit -n 6; exec \"$TVKCTL\" run usb:1a2b:3c4d 'query 1'");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "tvkctl: pipe2: Too many open files\n");
 }
 
 struct bad_command_line {

@@ -7,9 +7,9 @@
 
 #include <future>
 
+#include "support/scripted_peer.h"
 #include "tvkctl/src/front_end_error.h"
 #include "unit/caught_error.h"
-#include "unit/scripted_peer.h"
 
 using namespace std::chrono_literals;
 using tvkctl::bytes;

@@ -14,8 +14,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "support/scripted_peer.h"
 #include "unit/caught_error.h"
-#include "unit/scripted_peer.h"
 
 using namespace std::chrono_literals;
 using tvkctl::byte_view;

@@ -1,4 +1,4 @@
-#include "unit/scripted_peer.h"
+#include "support/scripted_peer.h"
 
 #include <gtest/gtest.h>
 
