@@ -22,7 +22,11 @@ namespace {
 constexpr std::size_t kMostFrames = 64;
 constexpr std::ptrdiff_t kGuardSize = 4096;  // the smallest page; a larger guard is told less exactly
 constexpr std::ptrdiff_t kStackWords = 4096; // looked through for a return address into the plugin
-constexpr std::uintptr_t kNullPage = 4096;   // members of an object that is not there are in it, too
+constexpr std::ptrdiff_t kLongestCall = 8;   // bytes of an instruction that calls, at the most
+/// From a return address back into the call. The address itself may be that of the next function: a call that
+/// never returns can be the end of its caller.
+constexpr std::ptrdiff_t kIntoCall = 2;
+constexpr std::uintptr_t kNullPage = 4096; // members of an object that is not there are in it, too
 
 /// Where the code of the plugin begins and ends.
 struct code_range {
@@ -97,6 +101,37 @@ bool is_in_plugin(const void* address)
     return address >= g_plugin.begin && address < g_plugin.end;
 }
 
+#if defined(__arm__)
+unsigned int half_word(const char* code)
+{
+    std::uint16_t value = 0;
+    std::memcpy(&value, code, sizeof value);
+    return value;
+}
+
+/// Whether a call stands before this address, as it does before a return address. The linker puts tables
+/// into the same segment as the code, and the loader leaves pointers to them on the stack.
+bool is_behind_call(const char* address)
+{
+    if (address - g_plugin.begin < kLongestCall)
+        return false;
+    const bool is_thumb = (reinterpret_cast<std::uintptr_t>(address) & 1U) != 0;
+    const char* end = is_thumb ? address - 1 : address;
+    const unsigned int first = half_word(end - 4);
+    const unsigned int second = half_word(end - 2);
+    if (is_thumb) // BL and BLX with a distance, BLX with a register
+        return ((first & 0xF800U) == 0xF000U && (second & 0xC000U) == 0xC000U) ||
+               (second & 0xFF87U) == 0x4780U;
+    return (second & 0x0F00U) == 0x0B00U || (second & 0xFE00U) == 0xFA00U ||
+           ((second & 0x0FFFU) == 0x012FU && (first & 0xFFF0U) == 0xFF30U);
+}
+#else
+bool is_behind_call(const char*)
+{
+    return true;
+}
+#endif
+
 /// What looks like the innermost return address into the plugin on the stack of the thread that calls it.
 /// Reads whatever is there, which a sanitizer would take for a mistake.
 __attribute__((no_sanitize("address"))) const void* caller_on_stack(const void* stack)
@@ -104,7 +139,7 @@ __attribute__((no_sanitize("address"))) const void* caller_on_stack(const void* 
     const auto* end = static_cast<const void* const*>(g_stackEnd);
     const auto* word = static_cast<const void* const*>(stack);
     for (std::ptrdiff_t looked = 0; looked < kStackWords && word < end; ++looked, ++word)
-        if (is_in_plugin(*word))
+        if (is_in_plugin(*word) && is_behind_call(static_cast<const char*>(*word)))
             return *word;
     return nullptr;
 }
@@ -119,10 +154,10 @@ const void* place_in_plugin(const instruction& at)
     return found == frames.end() ? nullptr : *found;
 }
 
-void write_caller(const char* innermost, const char* relation, const void* caller)
+void write_caller(const char* innermost, const char* relation, const void* return_address)
 {
     char place[256];
-    describe(place, sizeof place, caller);
+    describe(place, sizeof place, static_cast<const char*>(return_address) - kIntoCall);
     char whole[600];
     std::snprintf(whole, sizeof whole, "%s, %s %s", innermost, relation, place);
     write_down(g_notes->place, whole);
