@@ -193,6 +193,8 @@ TEST_F(tvkctl_explain_test, a_plugin_for_another_machine_is_25)
     EXPECT_EQ(result.status, 25);
     EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " cannot be loaded");
     EXPECT_NE(result.out.find("        - machine: "), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("        install the plugin that is built for "), std::string::npos)
+        << result.out;
 }
 
 TEST_F(tvkctl_explain_test, a_plugin_whose_library_is_missing_is_25)

@@ -130,12 +130,21 @@ std::optional<rung_result> judge(const load_attempt& attempt, const std::string&
     return rung_result{verdict::bad, "missing_entry_point", path + " lacks " + name_list(attempt.missing)};
 }
 
+/// check-plugin advises the plugin's author; who only wants to scan can take another file.
+std::string advice_for(const finding& flaw)
+{
+    return flaw.code == exit_code::plugin_wrong_machine
+               ? "install the plugin that is built for " + own_identity().text()
+               : flaw.advice;
+}
+
 void add_flaws(rung_result& result, const std::vector<finding>& flaws)
 {
     for (const finding& flaw : flaws) {
         result.evidence.push_back(text_of(flaw));
-        if (flaw.came_out == verdict::bad && !flaw.advice.empty())
-            result.next.push_back(flaw.advice);
+        const std::string advice = flaw.came_out == verdict::bad ? advice_for(flaw) : "";
+        if (!advice.empty() && (result.next.empty() || result.next.back() != advice))
+            result.next.push_back(advice);
     }
 }
 
