@@ -7,12 +7,12 @@
 #include <functional>
 #include <map>
 #include <regex>
-#include <sstream>
 
 #include "process/explain_test.h"
 #include "process/usb_paths.h"
 #include "support/files.h"
 #include "support/log_reader.h"
+#include "support/page_examples.h"
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
 #include "tvkctl/src/unique_fd.h"
@@ -22,33 +22,6 @@ namespace fs = std::filesystem;
 namespace process_test {
 
 namespace {
-
-/// A piece of the page that shows commands and what they print.
-struct example {
-    std::string heading; ///< of the section in which it stands
-    std::string text;    ///< "$ COMMAND", its output, the next "$ COMMAND" and so on
-};
-
-std::vector<example> examples_of(const std::string& page)
-{
-    std::vector<example> all;
-    std::istringstream lines(page);
-    std::string heading;
-    bool is_inside = false;
-    for (std::string line; std::getline(lines, line);) {
-        if (line == "```console") {
-            all.push_back({heading, ""});
-            is_inside = true;
-        } else if (line == "```") {
-            is_inside = false;
-        } else if (is_inside) {
-            all.back().text += line + "\n";
-        } else if (line.rfind('#', 0) == 0) {
-            heading = line.substr(line.find(' ') + 1);
-        }
-    }
-    return all;
-}
 
 std::string replaced(std::string text, const std::string& what, const std::string& by)
 {
@@ -160,15 +133,13 @@ protected:
         return as_on_the_page(run_in_shell("(" + command + ") 2>&1").out);
     }
 
-    void expect_true(const example& shown)
+    void expect_true(const support::page_example& shown)
     {
         SCOPED_TRACE(shown.heading);
         const bool is_ordinary_user = arrange(shown.heading);
         std::string real;
-        std::istringstream lines(shown.text);
-        for (std::string line; std::getline(lines, line);)
-            if (line.rfind("$ ", 0) == 0)
-                real += line + "\n" + output_of(line.substr(2), is_ordinary_user);
+        for (const std::string& command : support::commands_of(shown))
+            real += "$ " + command + "\n" + output_of(command, is_ordinary_user);
         EXPECT_EQ(shown.text, real);
         m_held.reset();
     }
@@ -183,9 +154,9 @@ TEST_F(troubleshooting_page_test, every_command_prints_what_the_page_shows)
         GTEST_SKIP() << "one of the commands is run as another user, for which this test must be root";
     // The dialogue of the bus is written by whoever runs.
     ASSERT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);
-    const std::vector<example> examples = examples_of(page);
+    const std::vector<support::page_example> examples = support::examples_of(page);
     EXPECT_GE(examples.size(), 14U);
-    for (const example& shown : examples) {
+    for (const support::page_example& shown : examples) {
         expect_true(shown);
         SetUp(); // each section begins on a machine where all is well
         ASSERT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);

@@ -1,0 +1,638 @@
+// tvkctl on the machine that it is made for. What it prints is compared whole, but for what differs from one
+// plugging-in to the next.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/files.h"
+#include "support/log_reader.h"
+#include "support/page_examples.h"
+#include "support/private_paths.h"
+#include "target/scanner/command_set.h"
+#include "target/scenarios/expected_log.h"
+#include "target/scenarios/guest.h"
+#include "target/scenarios/plugin_folder.h"
+#include "target/scenarios/scanner_process.h"
+#include "tvkctl/src/child_process.h"
+#include "tvkctl/src/front_end.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using target::guest;
+using target::kDefaultPlugin;
+using target::kShippedPlugin;
+using target::plugin_folder;
+
+constexpr tvkctl::milliseconds kLimit{40'000};
+constexpr const char* kByIds = "usb:1a2b:3c4d";
+constexpr const char* kProgram = "/usr/bin/tvkintif";
+const std::string kTestPlugins = "/usr/lib/target-tests/";
+const std::string kScannedFile = "/run/scanned.raw";
+
+struct result {
+    int status = -1;
+    std::string out = {};
+    std::string err = {};
+};
+
+/// Without what is another each time (places on the bus, times, dates), or the plugin's own affair.
+std::string settled(std::string text)
+{
+    const std::pair<const char*, const char*> variables[] = {
+        {"/dev/bus/usb/[0-9]{3}/[0-9]{3}", "/dev/bus/usb/BUS/DEV"},
+        {"at bus [0-9]+ device [0-9]+", "at bus BUS device DEV"},
+        {"less than 0\\.001 s|[0-9]+\\.[0-9]{3} s", "TIME"},
+        {"_[0-9]{8}\\.log", "_DATE.log"},
+        {"[0-9]+ for reading, [0-9]+ for writing", "TRANSFERS"},
+        {"address 0x[0-9a-f]+", "address 0xNUMBER"},
+        {"\\+0x[0-9a-f]+", "+0xNUMBER"},
+    };
+    for (const auto& [pattern, name] : variables)
+        text = std::regex_replace(text, std::regex(pattern), name);
+    return text;
+}
+
+tvkctl::launch command(const std::vector<std::string>& arguments)
+{
+    tvkctl::launch how{"/usr/bin/tvkctl"};
+    how.arguments = arguments;
+    how.errors = tvkctl::launch::standard_error::capture;
+    return how;
+}
+
+/// Runs tvkctl to its end.
+result run(const std::vector<std::string>& arguments)
+{
+    tvkctl::child_process process(command(arguments));
+    const tvkctl::exit_status status = process.wait_for_exit(kLimit);
+    EXPECT_EQ(status.end, tvkctl::exit_status::how::exited) << status.text();
+    return {status.number, settled(process.standard_output(kLimit)), settled(process.standard_error())};
+}
+
+result explain(const std::string& udi = kByIds, std::vector<std::string> options = {})
+{
+    options.insert(options.begin(), {"explain", udi});
+    return run(options);
+}
+
+/// The shipped plugin with another machine in its header.
+std::string plugin_of_another_machine()
+{
+    constexpr std::size_t machine_field = 18; // of the ELF header
+    constexpr char intel_80386 = 3;
+    std::string content = support::read_file(kShippedPlugin);
+    content.at(machine_field) = intel_80386;
+    const std::string path = "/run/plugin_of_another_machine.so";
+    std::ofstream(path, std::ios::binary) << content << std::flush;
+    return path;
+}
+
+/// Every scenario begins with the shipped plugins, an empty log that takes INFO, and nothing on the bus.
+class tools : public testing::Test {
+protected:
+    tools()
+    {
+        support::make_log_directory();
+        plugin_folder::restore();
+    }
+
+    /// Returns when udev's daemon too has done its part.
+    void plug_in(const std::string& device_file)
+    {
+        m_scanner.emplace(device_file);
+        tvkctl::child_process settle(tvkctl::launch{"/bin/udevadm", {"settle"}});
+        ASSERT_EQ(settle.wait_for_exit(kLimit), tvkctl::exit_status::exited(0));
+    }
+
+    /// What explain says of the rungs up to this one when all is well.
+    static std::string well_up_to(const std::string& last)
+    {
+        const std::pair<std::string, std::string> rungs[] = {
+            {"address", "vendor 1a2b, product 3c4d, any serial number"},
+            {"bus",
+             "1a2b:3c4d at bus BUS device DEV, \"Tarvik\", \"Virtual scanner\", serial number \"SN0042\""},
+            {"rights", "/dev/bus/usb/BUS/DEV is crw-rw-r-- root:root, open to this user"},
+            {"interface", "interface 0 with bulk endpoints 81 in and 02 out"},
+            {"driver", "interface 0 is free"},
+            {"plugin", kShippedPlugin + " can be loaded and has the four entry points"},
+            {"program", std::string(kProgram) + " starts, prints a port and accepts"},
+            {"open", "the scanner was opened and closed again"},
+        };
+        std::string text;
+        for (const auto& [name, summary] : rungs) {
+            text += rung("ok", name, summary);
+            if (name == last)
+                break;
+        }
+        return text;
+    }
+
+    static std::string rung(std::string mark, std::string name, const std::string& summary)
+    {
+        mark.resize(6, ' ');
+        name.resize(11, ' ');
+        return mark + name + summary + "\n";
+    }
+
+    static void expect(const result& came, int status, const std::string& out, const std::string& err = "")
+    {
+        EXPECT_EQ(came.status, status);
+        EXPECT_EQ(came.out, out);
+        EXPECT_EQ(came.err, err);
+    }
+
+    static void expect_part(const std::string& whole, const std::string& part)
+    {
+        EXPECT_NE(whole.find(part), std::string::npos) << whole << "---- lacks\n" << part;
+    }
+
+private:
+    std::optional<target::scanner_process> m_scanner;
+};
+
+} // namespace
+
+TEST_F(tools, list_shows_address_names_plugin_node_rights_and_driver)
+{
+    plug_in("plain");
+    expect(run({"list"}), 0,
+           "UDI                   NAME                    PLUGIN                  STATE     NODE             "
+           "     "
+           "RIGHTS                MAY OPEN  DRIVER\n"
+           "usb:1a2b:3c4d:SN0042  Tarvik Virtual scanner  libryo-mora-hk-t210.so  loadable  "
+           "/dev/bus/usb/BUS/DEV  crw-rw-r-- root:root  yes       -\n");
+}
+
+TEST_F(tools, list_tells_the_same_as_json)
+{
+    plug_in("plain");
+    const json devices = json::parse(run({"list", "--json"}).out).at("devices");
+    ASSERT_EQ(devices.size(), 1U);
+    const json& scanner = devices.front();
+    EXPECT_EQ(scanner.at("udi"), "usb:1a2b:3c4d:SN0042");
+    EXPECT_EQ(scanner.at("plugin").at("path"), kShippedPlugin);
+    EXPECT_EQ(scanner.at("plugin").at("loadable"), true);
+    EXPECT_EQ(scanner.at("interface").at("bulk_in"), "0x81");
+    EXPECT_EQ(scanner.at("node").at("may_open"), true);
+    EXPECT_EQ(scanner.at("kernel_driver"), nullptr);
+}
+
+TEST_F(tools, list_shows_the_kernel_driver_on_the_interface)
+{
+    plug_in("serial_port");
+    const json devices = json::parse(run({"list", "--json"}).out).at("devices");
+    ASSERT_EQ(devices.size(), 1U);
+    EXPECT_EQ(devices.front().at("kernel_driver"), "usbserial_generic");
+}
+
+TEST_F(tools, list_warns_of_two_scanners_that_cannot_be_told_apart)
+{
+    plug_in("alike");
+    const result came = run({"list"});
+    EXPECT_EQ(came.status, 0);
+    EXPECT_EQ(came.err, "tvkctl: warning: usb:1a2b:3c4d fits /dev/bus/usb/BUS/DEV and /dev/bus/usb/BUS/DEV: "
+                        "which of them is opened depends on their order on the bus\n");
+}
+
+TEST_F(tools, list_shows_a_user_without_rights_that_it_may_not_open)
+{
+    plug_in("plain");
+    const guest acting;
+    const json devices = json::parse(run({"list", "--json"}).out).at("devices");
+    ASSERT_EQ(devices.size(), 1U);
+    EXPECT_EQ(devices.front().at("node").at("may_open"), false);
+}
+
+TEST_F(tools, run_shows_what_goes_and_what_comes)
+{
+    plug_in("plain");
+    const std::string echo = "send 56534331 0400 0700 00000000 05000000 \"Hello\"";
+    expect(run({"run", kByIds, echo, "recv 16", "recv 5"}), 0,
+           "open usb:1a2b:3c4d\n" + echo +
+               "\n"
+               "00000000  56 53 43 31 04 00 07 00 00 00 00 00 05 00 00 00  |VSC1............|\n"
+               "00000010  48 65 6c 6c 6f                                   |Hello|\n"
+               "recv 16\n"
+               "00000000  56 53 41 31 04 00 07 00 00 00 00 00 05 00 00 00  |VSA1............|\n"
+               "recv 5\n"
+               "00000000  48 65 6c 6c 6f                                   |Hello|\n"
+               "close\n");
+}
+
+TEST_F(tools, run_receives_a_mebibyte_into_a_file_with_every_byte_right)
+{
+    plug_in("plain");
+    fs::remove(kScannedFile);
+    const result came = run({"run", kByIds, "send 56534331 0300 0700 00001000 00000000", "recv 16",
+                             "recv 1MiB > " + kScannedFile});
+    EXPECT_EQ(came.status, 0) << came.err;
+    const std::string data = support::read_file(kScannedFile);
+    ASSERT_EQ(data.size(), 1048576U);
+    std::uint32_t position = 0;
+    while (position < data.size() &&
+           static_cast<unsigned char>(data[position]) == virtual_scanner::pattern_byte(position))
+        ++position;
+    EXPECT_EQ(position, data.size()) << "is the position of the first wrong byte";
+}
+
+TEST_F(tools, explain_opens_and_closes_when_all_is_well)
+{
+    plug_in("plain");
+    expect(explain(), 0, well_up_to("open"));
+}
+
+TEST_F(tools, explain_refuses_an_address_without_a_product_id)
+{
+    expect(explain("usb:1a2b"), 20,
+           "FAIL  address    field 2, the product id, is missing\n"
+           "      Next:\n"
+           "        write it in one of these shapes, ids and numbers in hexadecimal:\n"
+           "            usb:VENDOR:PRODUCT\n"
+           "            usb:VENDOR:PRODUCT:SERIAL\n"
+           "            usb:VENDOR:PRODUCT:BUS:DEVICE\n"
+           "        tvkctl list   # shows the addresses of the devices that are there\n");
+}
+
+TEST_F(tools, explain_shows_what_is_on_the_bus_instead)
+{
+    plug_in("plain");
+    expect(explain("usb:1a2b:9999"), 21,
+           "ok    address    vendor 1a2b, product 9999, any serial number\n"
+           "FAIL  bus        none of 5 USB devices is 1a2b:9999\n"
+           "        - same vendor: 1a2b:3c4d at bus BUS device DEV, \"Tarvik\", \"Virtual scanner\", serial "
+           "number \"SN0042\"\n"
+           "      Next:\n"
+           "        switch the scanner on and check its cable\n"
+           "        tvkctl list --all\n");
+}
+
+TEST_F(tools, explain_warns_that_a_missing_serial_number_opens_another_scanner)
+{
+    plug_in("plain");
+    const result came = explain("usb:1a2b:3c4d:SN0043");
+    EXPECT_EQ(came.status, 0);
+    expect_part(came.out, "warn  bus        no device has serial number \"SN0043\": the program opens the "
+                          "first with these ids, 1a2b:3c4d at bus BUS device DEV");
+}
+
+TEST_F(tools, explain_gives_a_user_without_rights_the_udev_rule)
+{
+    plug_in("plain");
+    const guest acting;
+    expect(explain(), 22,
+           well_up_to("bus") +
+               "FAIL  rights     /dev/bus/usb/BUS/DEV is crw-rw-r-- root:root, and this user may not open it "
+               "for reading and writing\n"
+               "        - this user is guest (1000), in group guest scanner\n"
+               "      Next:\n"
+               "        echo 'SUBSYSTEM==\"usb\", ENV{DEVTYPE}==\"usb_device\", ATTR{idVendor}==\"1a2b\", "
+               "ATTR{idProduct}==\"3c4d\", GROUP=\"scanner\", MODE=\"0660\", TAG+=\"uaccess\"' | sudo tee "
+               "/etc/udev/rules.d/70-tvkintif-1a2b-3c4d.rules\n"
+               "        sudo udevadm control --reload\n"
+               "        plug the scanner in again\n");
+}
+
+TEST_F(tools, explain_tells_what_each_interface_lacks)
+{
+    plug_in("unusable");
+    const result came = explain();
+    EXPECT_EQ(came.status, 23);
+    expect_part(came.out,
+                "FAIL  interface  no interface is vendor specific and has bulk endpoints both ways\n"
+                "        - configuration 1, interface 0, setting 0: class 07 and protocol ff where ff "
+                "and ff are needed\n"
+                "        - configuration 1, interface 1, setting 0: class ff and protocol 01 where ff "
+                "and ff are needed\n"
+                "        - configuration 1, interface 2, setting 0: no bulk endpoint to the device\n");
+}
+
+TEST_F(tools, explain_warns_of_a_kernel_driver_and_opens)
+{
+    plug_in("serial_port");
+    const result came = explain("usb:1a2b:5e1a");
+    EXPECT_EQ(came.status, 0);
+    expect_part(came.out, "warn  driver     kernel driver usbserial_generic is bound to interface 0\n");
+}
+
+TEST_F(tools, explain_names_the_process_that_has_the_device)
+{
+    plug_in("plain");
+    tvkctl::front_end holder(tvkctl::launch{kProgram});
+    holder.connect(kLimit);
+    ASSERT_TRUE(holder.open(kByIds, kLimit));
+    const std::string pid = std::to_string(holder.process().pid());
+    expect(explain(), 24,
+           well_up_to("interface") +
+               "FAIL  driver     another process has claimed interface 0\n"
+               "        - tvkintif (process " +
+               pid +
+               ") has the device open\n"
+               "      Next:\n"
+               "        kill " +
+               pid + "   # ends tvkintif\n");
+}
+
+TEST_F(tools, explain_misses_the_plugin)
+{
+    plug_in("plain");
+    const plugin_folder plugins(kShippedPlugin, "another.so");
+    expect(explain(), 25,
+           well_up_to("driver") + "FAIL  plugin     " + kShippedPlugin +
+               " is not there\n"
+               "        - product 3c4d is served by libryo-mora-hk-t210.so\n"
+               "        - in its folder there is another.so\n"
+               "      Next:\n"
+               "        install the plugin package of this model, or put the file there yourself\n"
+               "        sudo install -D -m 644 libryo-mora-hk-t210.so " +
+               kShippedPlugin + "\n");
+}
+
+TEST_F(tools, explain_tells_that_the_plugin_is_of_another_machine)
+{
+    plug_in("plain");
+    const plugin_folder plugins(plugin_of_another_machine(), kDefaultPlugin);
+    expect(explain(), 25,
+           well_up_to("driver") + "FAIL  plugin     " + kShippedPlugin +
+               " cannot be loaded\n"
+               "        - the loader says: " +
+               kShippedPlugin +
+               ": cannot open shared object file: No such file or directory\n"
+               "        - machine: x86; a process there runs on ARM\n"
+               "      Next:\n"
+               "        install the plugin that is built for 32-bit ARM, hard float\n"
+               "        tvkctl check-plugin " +
+               kShippedPlugin + "\n");
+}
+
+TEST_F(tools, explain_names_the_entry_point_that_the_plugin_lacks)
+{
+    plug_in("plain");
+    const plugin_folder plugins(kTestPlugins + "plugin_without_writer.so", kDefaultPlugin);
+    const result came = explain();
+    EXPECT_EQ(came.status, 25);
+    expect_part(came.out, "FAIL  plugin     " + kShippedPlugin + " lacks interpreter_writer\n");
+}
+
+TEST_F(tools, explain_tells_that_the_program_cannot_be_started)
+{
+    plug_in("plain");
+    expect(explain(kByIds, {"--program", "/opt/tvkintif"}), 26,
+           well_up_to("plugin") +
+               "FAIL  program    start /opt/tvkintif: expected a program to execute, got No such file or "
+               "directory\n"
+               "      Next:\n"
+               "        Check that the file is there, may be executed, and is built for this machine.\n"
+               "        ldd /opt/tvkintif\n");
+}
+
+TEST_F(tools, explain_shows_the_log_of_an_open_that_the_plugin_refuses)
+{
+    plug_in("plain");
+    const plugin_folder plugins(kTestPlugins + "plugin_refusing.so", kDefaultPlugin);
+    expect(explain(), 27,
+           well_up_to("program") +
+               "FAIL  open       the open is answered with ng\n"
+               "        - the log tells:\n"
+               "        -     port = 0\n"
+               "        -     open usb:1a2b:3c4d\n"
+               "        -     open usb:1a2b:3c4d\n"
+               "        -     interpName libryo-mora-hk-t210.so\n"
+               "        -     interpreter load " +
+               kShippedPlugin +
+               "\n"
+               "        -     usb_transceiver start\n"
+               "        -     usb_transceiver open start\n"
+               "        -     usb_transceiver open \n"
+               "        -     usb_transceiver set_bulk_endpoints\n"
+               "        -     connection open isSuccess = 1\n"
+               "        -     break\n"
+               "        -     usb ctor failer.\n"
+               "        -     send ng\n"
+               "        -     Leave do_cleanup 1\n"
+               "        -     End Run\n"
+               "        -     --- Leave int interface ---\n"
+               "      Next:\n"
+               "        the plugin itself refused to start: see that its firmware files are in "
+               "/usr/share/tarvik/ and "
+               "that lid and transport lock of the scanner are open\n");
+}
+
+TEST_F(tools, explain_says_how_to_have_the_reason_logged)
+{
+    plug_in("plain");
+    fs::remove_all(support::log_directory);
+    const plugin_folder plugins(kTestPlugins + "plugin_refusing.so", kDefaultPlugin);
+    expect(explain(), 27,
+           well_up_to("program") +
+               "FAIL  open       the open is answered with ng\n"
+               "        - the log would tell the reason, but /tmp/velnor/tvkintif does not exist\n"
+               "      Next:\n"
+               "        tvkctl log on\n"
+               "        tvkctl explain usb:1a2b:3c4d   # then tells the reason\n");
+}
+
+namespace {
+
+/// What check-plugin says of the file of a good plugin.
+std::string good_file(const std::string& path, const std::string& judged_for)
+{
+    return path + ", judged for " + judged_for +
+           " (32-bit ARM, hard float)\n"
+           "  good         kind                shared library\n"
+           "  good         class               32-bit, little-endian\n"
+           "  good         machine             ARM\n"
+           "  good         float ABI           hard float\n"
+           "  good         libraries           libc.so.6, ld-linux-armhf.so.3\n"
+           "  good         glibc               2.4 or newer; there is 2.36\n"
+           "  good         versions            every library has the versions that are needed\n"
+           "  good         interpreter_ctor    function, exported\n"
+           "  good         interpreter_dtor    function, exported\n"
+           "  good         interpreter_reader  function, exported\n"
+           "  good         interpreter_writer  function, exported\n"
+           "  good         symbols             all that it uses are in libraries that it names\n"
+           "  good         stack               not executable\n"
+           "  good         relocations         none in the code\n";
+}
+
+} // namespace
+
+TEST_F(tools, check_plugin_finds_the_shipped_plugin_good)
+{
+    expect(run({"check-plugin", kShippedPlugin}), 0, good_file(kShippedPlugin, "armhf"));
+}
+
+TEST_F(tools, check_plugin_takes_the_shipped_plugin_through_three_sessions)
+{
+    expect(
+        run({"check-plugin", kShippedPlugin, "--run"}), 0,
+        good_file(kShippedPlugin, "native") +
+            "\n"
+            "run with a device that moves all bytes\n"
+            "  good         load                returned after TIME\n"
+            "  good         interpreter_ctor    returned 1 after TIME\n"
+            "  good         interpreter_writer  returned 1 after TIME\n"
+            "  good         interpreter_reader  returned 1 after TIME\n"
+            "  good         interpreter_dtor    returned after TIME\n"
+            "  good         unload              returned after TIME\n"
+            "  good         transfers           TRANSFERS\n"
+            "\n"
+            "run with a device that moves half of the bytes\n"
+            "  good         load                returned after TIME\n"
+            "  good         interpreter_ctor    returned 1 after TIME\n"
+            "  good         interpreter_writer  returned 1 after TIME\n"
+            "  good         interpreter_reader  returned 1 after TIME\n"
+            "  good         interpreter_dtor    returned after TIME\n"
+            "  good         unload              returned after TIME\n"
+            "  good         transfers           TRANSFERS\n"
+            "\n"
+            "run with a device that moves nothing\n"
+            "  good         load                returned after TIME\n"
+            "  good         interpreter_ctor    returned 1 after TIME\n"
+            "  good         interpreter_writer  returned 0 after TIME: failed, as it may without a device\n"
+            "  good         interpreter_reader  returned 0 after TIME: failed, as it may without a device\n"
+            "  good         interpreter_dtor    returned after TIME\n"
+            "  good         unload              returned after TIME\n"
+            "  good         transfers           TRANSFERS\n");
+}
+
+TEST_F(tools, check_plugin_tells_where_a_plugin_crashed)
+{
+    const std::string crash =
+        "ended the process: signal 6 (Aborted), at address 0xNUMBER of libc.so.6, probably "
+        "called from interpreter_reader+0xNUMBER (address 0xNUMBER of aborting.so)";
+    const std::string path = kTestPlugins + "aborting.so";
+    const result came = run({"check-plugin", path, "--run"});
+    EXPECT_EQ(came.status, 46);
+    EXPECT_EQ(came.err, "tvkctl: " + path + ": interpreter_reader: " + crash +
+                            ". Find the line with addr2line -fe FILE ADDRESS.\n");
+    expect_part(came.out, "run with a device that moves nothing\n");
+}
+
+TEST_F(tools, check_plugin_refuses_a_plugin_of_another_machine)
+{
+    const std::string path = plugin_of_another_machine();
+    const result came = run({"check-plugin", path, "--run"});
+    EXPECT_EQ(came.status, 42);
+    EXPECT_EQ(came.err,
+              "tvkctl: " + path +
+                  ": machine: x86; a process there runs on ARM. Build it with this machine's compiler, or "
+                  "judge it with --for armhf.\n");
+    expect_part(came.out,
+                "  bad          run                 32-bit x86; tvkctl itself is 32-bit ARM, hard float\n");
+}
+
+TEST_F(tools, check_plugin_names_the_entry_point_that_is_missing)
+{
+    const std::string path = kTestPlugins + "plugin_without_writer.so";
+    const result came = run({"check-plugin", path});
+    EXPECT_EQ(came.status, 43);
+    EXPECT_EQ(came.err,
+              "tvkctl: " + path +
+                  ": interpreter_writer: not there. Define it as in <tarvik/interpreter.h>; look for hidden "
+                  "visibility.\n");
+}
+
+TEST_F(tools, log_is_turned_on_and_off)
+{
+    fs::remove_all(support::log_directory);
+    expect(run({"log"}), 50,
+           "Logging is off: /tmp/velnor/tvkintif does not exist\n"
+           "Turn it on with: tvkctl log on.\n");
+    expect(run({"log", "on", "--level", "ERROR"}), 0,
+           "made /tmp/velnor/tvkintif\n"
+           "set loglevel = 3 in /tmp/velnor/tvkintif/setting.ini\n"
+           "Logging is on: ERROR and above\n"
+           "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
+           "  settings   /tmp/velnor/tvkintif/setting.ini\n"
+           "  today      /tmp/velnor/tvkintif/tvkintif_DATE.log (nothing yet)\n");
+    expect(run({"log", "off", "--purge"}), 0,
+           "removed 0 log files\n"
+           "removed /tmp/velnor/tvkintif\n"
+           "Logging is off: /tmp/velnor/tvkintif does not exist\n"
+           "Turn it on with: tvkctl log on.\n");
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+TEST_F(tools, log_show_prints_what_the_program_has_logged)
+{
+    plug_in("plain");
+    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
+    const result came = run({"log", "show"});
+    EXPECT_EQ(came.status, 0);
+    EXPECT_EQ(came.out, support::raw_log());
+    expect_part(came.out, "]--- Leave int interface ---\n");
+}
+
+TEST_F(tools, log_show_leaves_out_what_is_below_the_level)
+{
+    plug_in("plain");
+    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
+    expect(run({"log", "show", "--level", "ERROR"}), 0, "");
+}
+
+TEST_F(tools, log_follow_prints_lines_as_they_come)
+{
+    constexpr std::size_t longest_line = 200;
+    plug_in("plain");
+    tvkctl::child_process following(command({"log", "follow"}));
+    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
+    const auto line = following.first_line(longest_line, kLimit);
+    EXPECT_TRUE(
+        std::regex_match(line.text, std::regex("\\[[0-9:.]+\\]\\[[0-9]+\\]\\([0-9]+\\)\\[INFO\\]port = 0")))
+        << line.text;
+    following.signal(SIGTERM);
+    EXPECT_EQ(following.wait_for_exit(kLimit), tvkctl::exit_status::killed_by(SIGTERM));
+    EXPECT_EQ(following.standard_error(), "");
+}
+
+namespace {
+
+/// Where the user of the guide stands: a folder with a good plugin and one that crashes.
+fs::path folder_of_the_guide()
+{
+    const fs::path folder = "/run/guide";
+    fs::remove_all(folder);
+    fs::create_directory(folder);
+    fs::copy_file(kShippedPlugin, folder / "good.so");
+    fs::copy_file(kTestPlugins + "aborting.so", folder / "crashing.so");
+    guest::give(support::log_directory);
+    return folder;
+}
+
+/// The commands of an example with what they print to the user "guest".
+std::string played(const support::page_example& shown, const fs::path& folder)
+{
+    const guest acting;
+    std::string text;
+    for (const std::string& typed : support::commands_of(shown)) {
+        tvkctl::launch how{"/bin/sh", {"-c", typed + " 2>&1"}};
+        how.working_directory = folder;
+        tvkctl::child_process process(how);
+        process.wait_for_exit(kLimit);
+        text += "$ " + typed + "\n" + process.standard_output(kLimit);
+    }
+    return text;
+}
+
+} // namespace
+
+TEST_F(tools, print_what_their_guide_shows)
+{
+    plug_in("plain");
+    const auto examples = support::examples_of(support::read_file("/usr/share/doc/tvkintif/tvkctl.md"));
+    EXPECT_EQ(examples.size(), 5U);
+    const fs::path folder = folder_of_the_guide();
+    for (const support::page_example& shown : examples)
+        EXPECT_EQ(settled(shown.text), settled(played(shown, folder))) << "section " << shown.heading;
+}
