@@ -1,15 +1,9 @@
-#include <fcntl.h>
-#include <stdlib.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "process/tvkctl_test.h"
 #include "support/private_paths.h"
-#include "tvkctl/src/unique_fd.h"
 
 namespace fs = std::filesystem;
 
@@ -18,11 +12,6 @@ namespace process_test {
 namespace {
 
 using nlohmann::json;
-
-/// First statement of a test that needs a terminal: some containers have none to give.
-#define REQUIRE_TERMINALS()                                                                                  \
-    if (const tvkctl::unique_fd terminal(posix_openpt(O_RDWR)); !terminal)                                   \
-    GTEST_SKIP() << "needs a pseudo-terminal, and /dev/ptmx gives none: " << std::strerror(errno)
 
 const std::string kPlugin = support::plugin_directory + "/libryo-mora-hk-t210.so";
 
@@ -139,19 +128,17 @@ TEST_F(tvkctl_list_test, a_full_disk_behind_standard_output_is_told)
 TEST_F(tvkctl_list_test, colours_are_shown_on_a_terminal)
 {
     REQUIRE_TERMINALS();
-    with_environment("TERM", "xterm");
-    const tvkctl_result result =
-        run_in_shell("script --quiet --return --command '\"$TVKCTL\" list' /dev/null");
+    start_on_terminal("list");
+    const tvkctl_result result = wait();
     EXPECT_NE(result.out.find("\033[1mUDI\033[0m"), std::string::npos) << result.out;
 }
 
 TEST_F(tvkctl_list_test, colours_are_left_out_when_the_user_wants_none)
 {
     REQUIRE_TERMINALS();
-    with_environment("TERM", "xterm");
     with_environment("NO_COLOR", "1");
-    const tvkctl_result result =
-        run_in_shell("script --quiet --return --command '\"$TVKCTL\" list' /dev/null");
+    start_on_terminal("list");
+    const tvkctl_result result = wait();
     EXPECT_NE(result.out.find("UDI"), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find('\033'), std::string::npos) << result.out;
 }

@@ -35,6 +35,16 @@ protected:
         return run(arguments);
     }
 
+    /// From when the program is in the transfer.
+    static void hold_for_a_second(held_transfer& held)
+    {
+        using clock = std::chrono::steady_clock;
+        ASSERT_TRUE(held.is_reached());
+        const auto end = clock::now() + std::chrono::seconds(1);
+        ASSERT_TRUE(support::wait_until(std::chrono::seconds(10), [&] { return clock::now() >= end; }));
+        held.release();
+    }
+
     static void expect_one_line_with(const std::string& text, const std::string& part)
     {
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
@@ -99,6 +109,28 @@ TEST_F(tvkctl_run_test, a_receive_to_a_file_fills_it_and_says_so)
                           "close\n");
     const std::string content = support::read_file(scratch("my scan.raw"));
     EXPECT_TRUE(bytes(content.begin(), content.end()) == device_bytes(100000));
+}
+
+TEST_F(tvkctl_run_test, a_receive_that_takes_a_second_shows_bytes_rate_and_time_left_on_a_terminal)
+{
+    REQUIRE_TERMINALS();
+    held_transfer held;
+    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    start_on_terminal("run usb:1a2b:3c4d \"recv 128KiB > a.raw\"");
+    hold_for_a_second(held);
+    const tvkctl_result result = wait();
+    EXPECT_TRUE(std::regex_search(
+        result.out, std::regex("\r\033\\[K64\\.0 KiB of 128\\.0 KiB, [0-9.]+ [KM]iB/s, [0-9]+ s left")))
+        << result.out;
+}
+
+TEST_F(tvkctl_run_test, a_receive_shows_no_progress_elsewhere)
+{
+    held_transfer held;
+    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    start({"run", kUdi, "recv 128KiB > a.raw"});
+    hold_for_a_second(held);
+    EXPECT_EQ(wait().err, "");
 }
 
 TEST_F(tvkctl_run_test, two_arrows_add_to_a_file)

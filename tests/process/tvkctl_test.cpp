@@ -1,6 +1,8 @@
 #include "process/tvkctl_test.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
 
 #include <chrono>
 #include <filesystem>
@@ -8,6 +10,7 @@
 
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
+#include "tvkctl/src/unique_fd.h"
 
 namespace fs = std::filesystem;
 
@@ -74,6 +77,20 @@ tvkctl::launch tvkctl_test::launch_of(const std::string& path, const std::vector
 void tvkctl_test::start(const std::vector<std::string>& arguments)
 {
     m_process = std::make_unique<tvkctl::child_process>(launch_of(tvkctl_path, arguments));
+}
+
+void tvkctl_test::start_on_terminal(const std::string& arguments)
+{
+    const std::string command =
+        "exec script --quiet --return --command '\"$TVKCTL\" " + arguments + "' /dev/null";
+    tvkctl::launch how = launch_of("/bin/bash", {"-c", command});
+    how.environment.emplace("TERM", "xterm");
+    m_process = std::make_unique<tvkctl::child_process>(how);
+}
+
+bool tvkctl_test::have_terminals()
+{
+    return static_cast<bool>(tvkctl::unique_fd(posix_openpt(O_RDWR)));
 }
 
 tvkctl_result tvkctl_test::wait()

@@ -38,6 +38,9 @@ protected:
     /// Runs any program.
     tvkctl_result run_launch(const tvkctl::launch& how);
     void start(const std::vector<std::string>& arguments);
+    /// Runs tvkctl with both streams on a terminal; `arguments` are as a shell takes them, without '.
+    void start_on_terminal(const std::string& arguments);
+    static bool have_terminals();
     tvkctl_result wait();
     tvkctl::child_process& process() { return *m_process; }
 
@@ -60,3 +63,8 @@ private:
 };
 
 } // namespace process_test
+
+/// First statement of a test that needs a terminal: some containers have none to give.
+#define REQUIRE_TERMINALS()                                                                                  \
+    if (!have_terminals())                                                                                   \
+    GTEST_SKIP() << "needs a pseudo-terminal, and /dev/ptmx gives none"
