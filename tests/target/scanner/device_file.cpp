@@ -261,6 +261,21 @@ void reader::refuse(int line, const std::string& why)
 
 } // namespace
 
+bool has_strings(const device_description& device)
+{
+    return !device.serial.empty() || device.maker || device.model;
+}
+
+std::string maker_of(const device_description& device)
+{
+    return device.maker.value_or("Tarvik");
+}
+
+std::string model_of(const device_description& device)
+{
+    return device.model.value_or("Virtual scanner");
+}
+
 served_endpoints endpoints_to_serve(const std::vector<interface_description>& interfaces)
 {
     unsigned number = 0;

@@ -42,14 +42,20 @@ struct device_description {
     std::string name; ///< for our own use; never seen on the bus
     std::uint16_t vendor = 0;
     std::uint16_t product = 0;
-    std::string serial; ///< empty: the device has no serial number string
-    std::string maker = "Tarvik";
-    std::string model = "Virtual scanner";
+    std::string serial;               ///< empty: none
+    std::optional<std::string> maker; ///< none: one of ours, if the device has names at all
+    std::optional<std::string> model;
     bool starts_plugged = true;
     std::optional<std::uint32_t> plugged_after_ms; ///< of one that starts unplugged; none: when ordered
     std::vector<configuration_description> configurations;
     std::vector<planned_fault> faults;
 };
+
+/// The kernel gives a device all three strings or none. One that has names and no serial number therefore has
+/// an empty serial number.
+bool has_strings(const device_description& device);
+std::string maker_of(const device_description& device);
+std::string model_of(const device_description& device);
 
 /// By their place among the endpoints of a configuration, counted from 1; 0: none.
 struct served_endpoints {

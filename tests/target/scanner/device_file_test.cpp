@@ -44,7 +44,7 @@ TEST(device_file, describes_a_device_with_its_interface_and_endpoints)
     EXPECT_EQ(device.vendor, 0x1A2B);
     EXPECT_EQ(device.product, 0x3C4D);
     EXPECT_EQ(device.serial, "SN7");
-    EXPECT_EQ(device.model, "Big scanner");
+    EXPECT_EQ(model_of(device), "Big scanner");
     ASSERT_EQ(device.configurations[0].interfaces.size(), 1U);
     EXPECT_EQ(device.configurations[0].interfaces[0].interface_class, 0xFF);
     EXPECT_EQ(device.configurations[0].interfaces[0].protocol, 0xFF);
@@ -53,9 +53,21 @@ TEST(device_file, describes_a_device_with_its_interface_and_endpoints)
     EXPECT_EQ(device.configurations[0].interfaces[0].endpoints[1].type, endpoint_type::interrupt);
 }
 
-TEST(device_file, device_without_a_serial_line_has_none)
+TEST(device_file, device_without_names_and_serial_number_has_no_strings)
 {
-    EXPECT_EQ(read(kWhole)[0].serial, "");
+    EXPECT_FALSE(has_strings(read(kWhole)[0]));
+}
+
+TEST(device_file, device_with_a_name_has_strings)
+{
+    EXPECT_TRUE(has_strings(read(kWhole + "maker Nobody\n")[0]));
+}
+
+TEST(device_file, device_with_a_serial_number_has_a_name_of_ours)
+{
+    const device_description device = read(kWhole + "serial SN1\n")[0];
+    EXPECT_TRUE(has_strings(device));
+    EXPECT_EQ(model_of(device), "Virtual scanner");
 }
 
 TEST(device_file, describes_several_devices)

@@ -74,7 +74,8 @@ void gadget::make(const device_description& device) const
     fs::create_directory(m_folder);
     write_attribute(m_folder + "/idVendor", hex(device.vendor));
     write_attribute(m_folder + "/idProduct", hex(device.product));
-    make_strings(device);
+    if (has_strings(device))
+        make_strings(device);
     for (const configuration_description& each : device.configurations)
         make_configuration(each.value);
 }
@@ -83,9 +84,8 @@ void gadget::make_strings(const device_description& device) const
 {
     const std::string strings = m_folder + "/strings/" + kLanguage;
     fs::create_directory(strings);
-    write_attribute(strings + "/manufacturer", device.maker);
-    write_attribute(strings + "/product", device.model);
-    // An attribute that is never written leaves the device without a serial number string.
+    write_attribute(strings + "/manufacturer", maker_of(device));
+    write_attribute(strings + "/product", model_of(device));
     if (!device.serial.empty())
         write_attribute(strings + "/serialnumber", device.serial);
 }

@@ -304,7 +304,7 @@ bytes scanner_device::identification() const
         std::copy_n(text.begin(), std::min(width, text.size()),
                     made.begin() + static_cast<std::ptrdiff_t>(offset));
     };
-    put(0, 32, m_description.model);
+    put(0, 32, model_of(m_description));
     put(32, 16, kFirmware);
     put(48, 16, m_description.serial);
     return made;

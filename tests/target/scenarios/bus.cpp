@@ -1,0 +1,426 @@
+// The virtual scanner itself, seen from the bus: each fault does what COMMANDS.md says, and each device file
+// becomes the devices that it describes. What the program makes of them is for the other suites.
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "support/wait_until.h"
+#include "target/scanner/command_set.h"
+#include "target/scenarios/scanner_process.h"
+#include "target/scenarios/usb_host.h"
+
+using target::transfer;
+using virtual_scanner::bytes;
+using virtual_scanner::command_code;
+
+namespace {
+
+constexpr std::uint16_t kVendor = 0x1A2B;
+constexpr std::uint16_t kPlain = 0x3C4D;
+constexpr std::uint16_t kTag = 3;
+constexpr std::uint32_t kData = 8192;
+constexpr std::chrono::milliseconds kSoon{10'000};
+constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner/";
+/// For a transfer that is to find nothing.
+constexpr unsigned kShortTimeoutMs = 200;
+
+/// What a scanner gives in answer to "read pattern".
+bytes pattern(std::size_t length)
+{
+    bytes made;
+    for (std::size_t position = 0; position < length; ++position)
+        made.push_back(virtual_scanner::pattern_byte(static_cast<std::uint32_t>(position)));
+    return made;
+}
+
+class bus : public testing::Test {
+protected:
+    void TearDown() override
+    {
+        if (HasFailure())
+            std::cout << target::scanner_process::diary();
+    }
+
+    void become(const std::string& device_file) { m_scanner.emplace(device_file); }
+    void close() { m_host.reset(); }
+    void open(std::uint16_t product = kPlain, int interface = 0)
+    {
+        m_host.emplace(kVendor, product, interface);
+    }
+
+    /// A plain one, unless it was told to become another.
+    target::scanner_process& scanner()
+    {
+        if (!m_scanner)
+            become("plain");
+        return *m_scanner;
+    }
+    target::usb_host& host()
+    {
+        scanner();
+        if (!m_host)
+            open();
+        return *m_host;
+    }
+
+    static bytes command(command_code code, std::uint32_t argument = 0, const bytes& payload = {})
+    {
+        return virtual_scanner::encode_with_payload({code, kTag, argument, 0}, payload);
+    }
+
+    static bytes answer(command_code code, std::uint32_t length)
+    {
+        const auto block = virtual_scanner::encode({code, kTag, virtual_scanner::answer_status::ok, length});
+        return {block.begin(), block.end()};
+    }
+
+    transfer send_read_pattern() { return host().write(command(command_code::read_pattern, kData)); }
+
+    void expect_block() { expect_done(host().read(16), answer(command_code::read_pattern, kData)); }
+
+    void expect_served()
+    {
+        expect_done(send_read_pattern());
+        expect_block();
+        expect_done(host().read(kData), pattern(kData));
+    }
+
+    static void expect_done(const transfer& came, const bytes& data = {})
+    {
+        EXPECT_EQ(came.result, LIBUSB_SUCCESS) << libusb_error_name(came.result);
+        EXPECT_TRUE(came.data == data) << came.data.size() << " bytes, not " << data.size() << ", or others";
+    }
+
+    static void expect_failed(const transfer& came, int result, int moved = 0)
+    {
+        EXPECT_EQ(came.result, result) << libusb_error_name(came.result);
+        EXPECT_EQ(came.moved, moved);
+    }
+
+    /// Which of the two it is depends on whether the host has noticed that the device is gone.
+    static void expect_lost(const transfer& came, int moved)
+    {
+        EXPECT_TRUE(came.result == LIBUSB_ERROR_IO || came.result == LIBUSB_ERROR_NO_DEVICE)
+            << libusb_error_name(came.result);
+        EXPECT_EQ(came.moved, moved);
+    }
+
+    static bool is_there() { return !target::described_on_bus(kVendor, kPlain).empty(); }
+    static bool is_gone() { return !is_there(); }
+
+    static bool diary_has(const std::string& text)
+    {
+        return target::scanner_process::diary().find(text) != std::string::npos;
+    }
+
+private:
+    std::optional<target::scanner_process> m_scanner;
+    std::optional<target::usb_host> m_host;
+};
+
+/// The order that cannot be obeyed, and why not; empty when it was.
+std::string refusal(const std::function<void()>& order)
+{
+    try {
+        order();
+        return "";
+    } catch (const std::runtime_error& reason) {
+        return reason.what();
+    }
+}
+
+} // namespace
+
+TEST_F(bus, stalls_out_until_the_host_clears_the_halt)
+{
+    scanner().arm("plain", "stall-out");
+    expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
+    expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
+    host().clear_halt_out();
+    expect_served();
+}
+
+TEST_F(bus, stalls_in_until_the_host_clears_the_halt)
+{
+    scanner().arm("plain", "stall-in");
+    expect_done(send_read_pattern());
+    expect_failed(host().read(16), LIBUSB_ERROR_PIPE);
+    host().clear_halt_in();
+    expect_block();
+    expect_done(host().read(kData), pattern(kData));
+}
+
+TEST_F(bus, stalls_out_again_after_each_clearing_until_it_is_ordered_to_stop)
+{
+    scanner().arm("plain", "stall-out-always");
+    for (int round = 0; round < 3; ++round) {
+        expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
+        host().clear_halt_out();
+    }
+    scanner().clear("plain");
+    expect_served();
+}
+
+TEST_F(bus, stalls_in_again_after_each_clearing_until_it_is_ordered_to_stop)
+{
+    scanner().arm("plain", "stall-in-always");
+    expect_done(send_read_pattern());
+    for (int round = 0; round < 3; ++round) {
+        expect_failed(host().read(16), LIBUSB_ERROR_PIPE);
+        host().clear_halt_in();
+    }
+    scanner().clear("plain");
+    expect_block();
+    expect_done(host().read(kData), pattern(kData));
+}
+
+TEST_F(bus, ends_a_short_answer_with_a_short_packet)
+{
+    scanner().arm("plain", "short-answer 1000");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), pattern(1000));
+    expect_served();
+}
+
+TEST_F(bus, ends_a_short_answer_of_whole_packets_with_an_empty_packet)
+{
+    scanner().arm("plain", "short-answer 1024");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), pattern(1024));
+    expect_served();
+}
+
+TEST_F(bus, gives_half_of_the_data_in_a_short_answer_of_no_certain_length)
+{
+    scanner().arm("plain", "short-answer");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), pattern(kData / 2));
+}
+
+TEST_F(bus, gives_an_empty_packet_for_the_data_of_a_short_answer_of_0_bytes)
+{
+    scanner().arm("plain", "short-answer 0");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), {});
+    expect_served();
+}
+
+TEST_F(bus, cuts_the_block_of_a_short_answer_without_data)
+{
+    scanner().arm("plain", "short-answer");
+    expect_done(host().write(command(command_code::echo)));
+    bytes half = answer(command_code::echo, 0);
+    half.resize(8);
+    expect_done(host().read(16), half);
+    expect_served();
+}
+
+TEST_F(bus, gives_an_empty_packet_before_an_answer)
+{
+    scanner().arm("plain", "zlp-before");
+    expect_done(send_read_pattern());
+    expect_done(host().read(16), {});
+    expect_block();
+    expect_done(host().read(kData), pattern(kData));
+}
+
+TEST_F(bus, gives_an_empty_packet_after_an_answer)
+{
+    scanner().arm("plain", "zlp-after");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(2 * kData), pattern(kData));
+    expect_served();
+}
+
+TEST_F(bus, keeps_the_empty_packet_after_an_answer_for_the_next_read)
+{
+    scanner().arm("plain", "zlp-after");
+    expect_served();
+    expect_done(send_read_pattern());
+    expect_done(host().read(16), {});
+    expect_block();
+}
+
+TEST_F(bus, does_not_answer_in_silence_and_serves_the_next_command)
+{
+    scanner().arm("plain", "silence");
+    expect_done(send_read_pattern());
+    expect_failed(host().read(16, kShortTimeoutMs), LIBUSB_ERROR_TIMEOUT);
+    expect_served();
+}
+
+TEST_F(bus, falls_silent_in_the_middle_of_an_answer)
+{
+    scanner().arm("plain", "silence 5000");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_failed(host().read(kData, kShortTimeoutMs), LIBUSB_ERROR_TIMEOUT, 4608);
+    expect_served();
+}
+
+TEST_F(bus, takes_no_more_of_a_payload_when_deaf_until_it_is_ordered_to_listen)
+{
+    scanner().arm("plain", "deaf 4096");
+    expect_failed(host().write(command(command_code::echo, 0, bytes(kData)), kShortTimeoutMs),
+                  LIBUSB_ERROR_TIMEOUT, 4096);
+    scanner().clear("plain");
+    expect_served();
+}
+
+TEST_F(bus, answers_late)
+{
+    constexpr std::chrono::milliseconds kDelay{400};
+    scanner().arm("plain", "delay " + std::to_string(kDelay.count()));
+    const auto start = std::chrono::steady_clock::now();
+    expect_served();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, kDelay);
+}
+
+TEST_F(bus, leaves_when_its_answer_has_been_read)
+{
+    scanner().arm("plain", "unplug");
+    expect_served();
+    EXPECT_TRUE(support::wait_until(kSoon, is_gone));
+    scanner().plug("plain");
+    open();
+    expect_served();
+}
+
+TEST_F(bus, leaves_in_the_middle_of_a_read)
+{
+    scanner().arm("plain", "unplug-in-read 2048");
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_lost(host().read(kData), 2048);
+    EXPECT_TRUE(support::wait_until(kSoon, [] { return diary_has("link lost"); }));
+    scanner().plug("plain");
+    open();
+    expect_served();
+}
+
+TEST_F(bus, leaves_in_the_middle_of_a_write)
+{
+    scanner().arm("plain", "unplug-in-write 2048");
+    expect_lost(host().write(command(command_code::echo, 0, bytes(kData))), 2048);
+    EXPECT_TRUE(support::wait_until(kSoon, [] { return diary_has("link lost"); }));
+    scanner().plug("plain");
+    open();
+    expect_served();
+}
+
+TEST_F(bus, forgets_a_command_that_is_answered_after_the_device_was_plugged_in_again)
+{
+    scanner().arm("plain", "delay 300");
+    expect_done(send_read_pattern());
+    scanner().unplug("plain");
+    scanner().plug("plain");
+    ASSERT_TRUE(support::wait_until(kSoon, [] { return diary_has("link lost"); }));
+    open();
+    expect_served();
+}
+
+TEST_F(bus, never_comes_back_once_vanished)
+{
+    scanner().vanish("plain");
+    EXPECT_TRUE(is_gone());
+    const std::string reason = refusal([this] { scanner().plug("plain"); });
+    EXPECT_NE(reason.find("failed: it has vanished for good"), std::string::npos) << reason;
+}
+
+TEST_F(bus, strikes_with_a_fault_that_came_by_command)
+{
+    expect_done(host().write(command(command_code::fault, 5, virtual_scanner::little_endian(100))));
+    expect_done(host().read(16), answer(command_code::fault, 0));
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), pattern(100));
+    expect_served();
+}
+
+TEST_F(bus, refuses_an_order_to_clear_what_is_in_no_fault)
+{
+    const std::string reason = refusal([this] { scanner().clear("plain"); });
+    EXPECT_NE(reason.find("failed: it is in no fault that can be cleared"), std::string::npos) << reason;
+}
+
+TEST_F(bus, plugs_itself_in_and_has_each_fault_with_the_command_that_it_is_planned_for)
+{
+    become("planned");
+    EXPECT_TRUE(is_gone());
+    ASSERT_TRUE(support::wait_until(kSoon, is_there));
+    expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
+    host().clear_halt_out();
+    expect_served();
+    expect_done(send_read_pattern());
+    expect_block();
+    expect_done(host().read(kData), pattern(4));
+    expect_served();
+    EXPECT_TRUE(support::wait_until(kSoon, is_gone));
+    EXPECT_NE(refusal([this] { scanner().plug("planned"); }), "");
+}
+
+TEST_F(bus, has_its_planned_faults_again_after_plugging_in_again)
+{
+    become("planned");
+    ASSERT_TRUE(support::wait_until(kSoon, is_there));
+    for (int plugging = 0; plugging < 2; ++plugging) {
+        open();
+        expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
+        scanner().unplug("planned");
+        scanner().plug("planned");
+    }
+}
+
+TEST_F(bus, serves_the_last_bulk_endpoints_of_the_second_interface)
+{
+    become("shapes");
+    open(0x0004, 1);
+    expect_served();
+}
+
+TEST_F(bus, serves_the_configuration_that_the_host_chooses)
+{
+    constexpr std::uint16_t kProduct = 0x0005;
+    become("configurations");
+    EXPECT_EQ(target::active_configuration(kVendor, kProduct), 2);
+    for (const int value : {1, 3, 1}) {
+        target::choose_configuration(kVendor, kProduct, value);
+        open(kProduct);
+        expect_served();
+        close();
+    }
+}
+
+TEST_F(bus, every_device_file_becomes_the_devices_that_it_describes)
+{
+    for (const auto& file : std::filesystem::directory_iterator(kDeviceFiles)) {
+        std::ifstream text(file.path());
+        std::multiset<std::string> expected;
+        std::multiset<std::string> found;
+        std::set<std::pair<int, int>> ids;
+        become(file.path().stem());
+        for (const auto& device : virtual_scanner::read_devices(text, file.path())) {
+            if (!device.starts_plugged)
+                scanner().plug(device.name);
+            expected.insert(target::described_in_file(device));
+            if (ids.insert({device.vendor, device.product}).second)
+                for (const std::string& each : target::described_on_bus(device.vendor, device.product))
+                    found.insert(each);
+        }
+        EXPECT_EQ(found, expected) << file.path();
+    }
+}
