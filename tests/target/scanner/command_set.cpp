@@ -47,6 +47,14 @@ block make_block(const std::array<unsigned char, 4>& magic, command_code code, s
     return made;
 }
 
+bytes two_numbers(std::uint32_t first, std::uint32_t second)
+{
+    bytes made(8);
+    put32(made.begin(), first);
+    put32(made.begin() + 4, second);
+    return made;
+}
+
 bool has_magic(const block& from, const std::array<unsigned char, 4>& magic)
 {
     return std::equal(magic.begin(), magic.end(), from.begin());
@@ -87,6 +95,16 @@ bytes encode(const scanner_status& what)
     return made;
 }
 
+bytes encode(const sheet_size& what)
+{
+    return two_numbers(what.line_pixels, what.lines);
+}
+
+bytes encode(const line_range& what)
+{
+    return two_numbers(what.first, what.count);
+}
+
 bool decode(const block& from, command& what)
 {
     if (!has_magic(from, kCommandMagic))
@@ -108,6 +126,16 @@ bool decode(const block& from, answer& what)
 scanner_status decode_status(const bytes& from)
 {
     return {get32(from.begin()), get32(from.begin() + 4), get32(from.begin() + 8), get32(from.begin() + 12)};
+}
+
+sheet_size decode_sheet_size(const bytes& from)
+{
+    return {get32(from.begin()), get32(from.begin() + 4)};
+}
+
+line_range decode_line_range(const bytes& from)
+{
+    return {get32(from.begin()), get32(from.begin() + 4)};
 }
 
 bytes encode_with_payload(command what, const bytes& payload)
@@ -155,6 +183,10 @@ const char* name_of(command_code code)
         return "checksum";
     case command_code::fault:
         return "fault";
+    case command_code::sheet:
+        return "sheet";
+    case command_code::read_lines:
+        return "read lines";
     }
     return "unknown";
 }

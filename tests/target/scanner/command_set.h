@@ -20,6 +20,8 @@ enum class command_code : std::uint16_t {
     echo = 4,
     checksum = 5,
     fault = 6,
+    sheet = 7,
+    read_lines = 8,
 };
 
 enum class answer_status : std::uint32_t {
@@ -62,17 +64,34 @@ struct scanner_status {
     std::uint32_t stalls_done;
 };
 
+/// The data of the answer to command_code::sheet.
+struct sheet_size {
+    std::uint32_t line_pixels;
+    std::uint32_t lines;
+};
+
+/// The payload of command_code::read_lines.
+struct line_range {
+    std::uint32_t first; ///< counted from 0
+    std::uint32_t count;
+};
+
 using block = std::array<unsigned char, kBlockSize>;
 
 block encode(const command& what);
 block encode(const answer& what);
 bytes encode(const scanner_status& what);
+bytes encode(const sheet_size& what);
+bytes encode(const line_range& what);
 
 /// Decoding answers whether the bytes are such a block at all; `what` is filled only then.
 bool decode(const block& from, command& what);
 bool decode(const block& from, answer& what);
 /// `from` must hold the 16 bytes of the answer's data.
 scanner_status decode_status(const bytes& from);
+/// These two must hold 8 bytes.
+sheet_size decode_sheet_size(const bytes& from);
+line_range decode_line_range(const bytes& from);
 
 /// A command with its payload behind it, as it goes out in one transfer.
 bytes encode_with_payload(command what, const bytes& payload);

@@ -292,6 +292,10 @@ bytes scanner_device::data_for(const command& what, const bytes& payload, answer
         if (!fault_in(what, payload))
             status = answer_status::bad_argument;
         return {};
+    case command_code::sheet:
+        return size_of_sheet(what, status);
+    case command_code::read_lines:
+        return lines_of_sheet(what, payload, status);
     }
     status = answer_status::unknown_command;
     return {};
@@ -308,6 +312,36 @@ bytes scanner_device::identification() const
     put(32, 16, kFirmware);
     put(48, 16, m_description.serial);
     return made;
+}
+
+bytes scanner_device::size_of_sheet(const command& what, answer_status& status)
+{
+    if (test_chart::can_have(what.argument))
+        return encode(sheet_size{test_chart::width_at(what.argument), test_chart::height_at(what.argument)});
+    status = answer_status::bad_argument;
+    return {};
+}
+
+bytes scanner_device::lines_of_sheet(const command& what, const bytes& payload, answer_status& status)
+{
+    status = answer_status::bad_argument;
+    if (!test_chart::can_have(what.argument) || payload.size() != sizeof(line_range))
+        return {};
+    const line_range wanted = decode_line_range(payload);
+    const std::uint32_t lines = test_chart::height_at(what.argument);
+    if (wanted.count > lines || wanted.first > lines - wanted.count)
+        return {};
+    status = answer_status::ok;
+    const test_chart& chart = chart_at(what.argument);
+    const auto first = chart.pixels().begin() + static_cast<std::ptrdiff_t>(wanted.first * chart.width());
+    return {first, first + static_cast<std::ptrdiff_t>(wanted.count * chart.width())};
+}
+
+const test_chart& scanner_device::chart_at(std::uint32_t dots_per_inch)
+{
+    if (!m_chart || m_chart->resolution() != dots_per_inch)
+        m_chart.emplace(dots_per_inch);
+    return *m_chart;
 }
 
 std::optional<fault> scanner_device::fault_in(const command& what, const bytes& payload)

@@ -15,6 +15,7 @@
 #include "target/scanner/device_file.h"
 #include "target/scanner/function_fs.h"
 #include "target/scanner/gadget.h"
+#include "target/scanner/test_chart.h"
 
 namespace virtual_scanner {
 
@@ -58,6 +59,9 @@ private:
 
     bytes data_for(const command& what, const bytes& payload, answer_status& status);
     bytes identification() const;
+    static bytes size_of_sheet(const command& what, answer_status& status);
+    bytes lines_of_sheet(const command& what, const bytes& payload, answer_status& status);
+    const test_chart& chart_at(std::uint32_t dots_per_inch);
     static std::optional<fault> fault_in(const command& what, const bytes& payload);
 
     void give_answer(const answer& head, const bytes& data);
@@ -77,7 +81,8 @@ private:
     function_fs& m_link;
     gadget& m_bus;
     session m_session;
-    bytes m_taken; ///< came from the host, not yet understood
+    bytes m_taken;                     ///< came from the host, not yet understood
+    std::optional<test_chart> m_chart; ///< at the resolution that was last asked for
 
     std::mutex m_orders_mutex; ///< guards all below
     std::condition_variable m_orders_change;
