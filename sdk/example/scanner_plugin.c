@@ -17,17 +17,16 @@ enum {
     BLOCK_SIZE = 16,
     AREA_SIZE = 16,
     SCAN_SIZE = BLOCK_SIZE + AREA_SIZE,
+    PAIR_SIZE = 8, /* of two numbers */
 
-    COMMAND_READ_PATTERN = 3,
+    COMMAND_SHEET = 7,
+    COMMAND_READ_LINES = 8,
     COMMAND_SCAN = 256,
 
     STATUS_DONE = 0,
     STATUS_BAD_ARGUMENT = 2,
 
-    LINE_PIXELS = 2048, /* a multiple of the packet size: reads of other sizes overflow */
-    SHEET_LINES = 4096,
-    STRIPE_LINES = 8, /* taken from the device at once */
-    STRIPE_SIZE = STRIPE_LINES * LINE_PIXELS
+    PIECE_SIZE = 64 * 1024 /* taken from the device at once; a multiple of its packets, or reads overflow */
 };
 
 static const unsigned char command_mark[4] = {'V', 'S', 'C', '1'};
@@ -53,12 +52,13 @@ static struct {
     tarvik_transfer read_device;
     tarvik_transfer write_device;
 
-    struct area area;    /* of the scan under way */
-    uint32_t next_line;  /* of the sheet, that the device gives next */
-    uint32_t end_line;   /* of the sheet, where the device stops; equal to next_line: no more to come */
-    uint32_t bytes_left; /* that the front-end may still take; 0: no scan under way */
+    struct area area;     /* of the scan under way */
+    uint32_t line_pixels; /* of the sheet; the device gives whole lines, from the area's first to its last */
+    uint32_t next_pixel;  /* of those lines, that the device gives next */
+    uint32_t end_pixel;   /* where the device stops; equal to next_pixel: no more to come */
+    uint32_t bytes_left;  /* that the front-end may still take; 0: no scan under way */
 
-    unsigned char ready[STRIPE_SIZE]; /* for the front-end */
+    unsigned char ready[PIECE_SIZE]; /* for the front-end */
     uint32_t ready_begin;
     uint32_t ready_end;
 } session;
@@ -149,66 +149,69 @@ static int transfer_past_a_stall(tarvik_transfer transfer, void* buffer, int len
     return moved > 0 ? moved : transfer(buffer, length);
 }
 
-static int write_block(unsigned char* block)
+static int write_past_a_stall(unsigned char* bytes, int length)
 {
-    const int moved = transfer_past_a_stall(session.write_device, block, BLOCK_SIZE);
-    return moved > 0 && write_all(block + moved, BLOCK_SIZE - moved);
+    const int moved = transfer_past_a_stall(session.write_device, bytes, length);
+    return moved > 0 && write_all(bytes + moved, length - moved);
 }
 
-static int read_block(unsigned char* block)
+static int read_past_a_stall(unsigned char* bytes, int length)
 {
-    const int moved = transfer_past_a_stall(session.read_device, block, BLOCK_SIZE);
-    return moved > 0 && read_all(block + moved, BLOCK_SIZE - moved);
+    const int moved = transfer_past_a_stall(session.read_device, bytes, length);
+    return moved > 0 && read_all(bytes + moved, length - moved);
 }
 
-/* Moves what the area has of the `count` lines in `stripe` to its front; the number of bytes. */
-static uint32_t crop(unsigned char* stripe, uint32_t count)
+/* Moves what the area has of the `count` pixels in `ready` to its front; their number. */
+static uint32_t crop(uint32_t count)
 {
+    const struct area* area = &session.area;
+    uint32_t column = session.next_pixel % session.line_pixels;
     uint32_t kept = 0;
-    for (uint32_t line = 0; line < count; ++line) {
-        if (session.next_line + line < session.area.top)
-            continue;
-        memmove(stripe + kept, stripe + line * LINE_PIXELS + session.area.left, session.area.width);
-        kept += session.area.width;
+    for (uint32_t pixel = 0; pixel < count; ++pixel) {
+        if (column >= area->left && column - area->left < area->width)
+            session.ready[kept++] = session.ready[pixel];
+        if (++column == session.line_pixels)
+            column = 0;
     }
     return kept;
 }
 
 static void end_scan(void)
 {
-    session.next_line = 0;
-    session.end_line = 0;
+    session.next_pixel = 0;
+    session.end_pixel = 0;
     session.bytes_left = 0;
     session.ready_begin = 0;
     session.ready_end = 0;
 }
 
-/* Takes the next lines of the sheet from the device. */
-static int take_stripe(void)
+/* Takes the next pixels of the sheet from the device; one of its lines may begin or end anywhere among them.
+ */
+static int take_piece(void)
 {
-    uint32_t count = session.end_line - session.next_line;
-    if (count > STRIPE_LINES)
-        count = STRIPE_LINES;
-    if (!read_all(session.ready, (int)(count * LINE_PIXELS)))
+    uint32_t count = session.end_pixel - session.next_pixel;
+    if (count > PIECE_SIZE)
+        count = PIECE_SIZE;
+    if (count == 0 || !read_all(session.ready, (int)count))
         return 0;
     session.ready_begin = 0;
-    session.ready_end = crop(session.ready, count);
-    session.next_line += count;
+    session.ready_end = crop(count);
+    session.next_pixel += count;
     return 1;
 }
 
 /* The device goes on until it has given all that it was asked for: a new command would get old pixels. */
 static void abandon_scan(void)
 {
-    while (session.next_line != session.end_line && take_stripe()) {
+    while (session.next_pixel != session.end_pixel && take_piece()) {
     }
     end_scan();
 }
 
-static int is_on_sheet(const struct area* area)
+static int is_on_sheet(const struct area* area, uint32_t pixels, uint32_t lines)
 {
-    return area->width > 0 && area->width <= LINE_PIXELS && area->left <= LINE_PIXELS - area->width &&
-           area->height > 0 && area->height <= SHEET_LINES && area->top <= SHEET_LINES - area->height;
+    return area->width > 0 && area->width <= pixels && area->left <= pixels - area->width &&
+           area->height > 0 && area->height <= lines && area->top <= lines - area->height;
 }
 
 /* Makes the plugin's own answer the next thing that the front-end receives. */
@@ -221,33 +224,68 @@ static void answer_scan(uint16_t tag, uint32_t status, uint32_t length)
     session.bytes_left = BLOCK_SIZE + length;
 }
 
-/* Asks the device for the first `length` bytes of the sheet; whether it will give them. */
-static int ask_for_sheet(uint16_t tag, uint32_t length)
+/* Sends a command of the device's own; whether it answered that one, in whatever way. */
+static int ask_device(const struct block* command, const unsigned char* payload, struct block* answer)
 {
-    const struct block command = {COMMAND_READ_PATTERN, tag, length, 0};
-    unsigned char bytes[BLOCK_SIZE];
-    encode(bytes, command_mark, &command);
-    if (!write_block(bytes) || !read_block(bytes) || !is_marked(bytes, answer_mark))
+    unsigned char bytes[BLOCK_SIZE + PAIR_SIZE];
+    encode(bytes, command_mark, command);
+    memcpy(bytes + BLOCK_SIZE, payload, command->length);
+    if (!write_past_a_stall(bytes, (int)(BLOCK_SIZE + command->length)) ||
+        !read_past_a_stall(bytes, BLOCK_SIZE) || !is_marked(bytes, answer_mark))
         return 0;
-    const struct block answer = decode(bytes);
-    return answer.code == command.code && answer.tag == tag && answer.third == STATUS_DONE &&
-           answer.length == length;
+    *answer = decode(bytes);
+    return answer->code == command->code && answer->tag == command->tag;
+}
+
+/* Asks how large the sheet is. `status` is the device's: it may not have the resolution. */
+static int ask_for_sheet(uint16_t tag, uint32_t resolution, uint32_t* status, uint32_t* lines)
+{
+    const struct block command = {COMMAND_SHEET, tag, resolution, 0};
+    struct block answer;
+    unsigned char size[PAIR_SIZE] = {0};
+    if (!ask_device(&command, size, &answer))
+        return 0;
+    *status = answer.third;
+    if (answer.third != STATUS_DONE)
+        return 1;
+    if (answer.length != sizeof size || !read_all(size, sizeof size))
+        return 0;
+    session.line_pixels = get32(size);
+    *lines = get32(size + 4);
+    return 1;
+}
+
+/* Asks for the lines that the area is on; whether the device will give them. */
+static int ask_for_lines(uint16_t tag, uint32_t resolution)
+{
+    const struct block command = {COMMAND_READ_LINES, tag, resolution, PAIR_SIZE};
+    const uint32_t length = session.area.height * session.line_pixels;
+    struct block answer;
+    unsigned char range[PAIR_SIZE];
+    put32(range, session.area.top);
+    put32(range + 4, session.area.height);
+    return ask_device(&command, range, &answer) && answer.third == STATUS_DONE && answer.length == length;
 }
 
 static int start_scan(const unsigned char* request)
 {
-    const uint16_t tag = decode(request).tag;
+    const struct block scan = decode(request);
     const unsigned char* area = request + BLOCK_SIZE;
+    uint32_t status = STATUS_DONE;
+    uint32_t lines = 0;
     session.area = (struct area){get32(area), get32(area + 4), get32(area + 8), get32(area + 12)};
-    if (!is_on_sheet(&session.area)) {
-        answer_scan(tag, STATUS_BAD_ARGUMENT, 0);
+    if (!ask_for_sheet(scan.tag, scan.third, &status, &lines))
+        return 0;
+    if (status == STATUS_DONE && !is_on_sheet(&session.area, session.line_pixels, lines))
+        status = STATUS_BAD_ARGUMENT;
+    if (status != STATUS_DONE) {
+        answer_scan(scan.tag, status, 0);
         return 1;
     }
-    const uint32_t end_line = session.area.top + session.area.height;
-    if (!ask_for_sheet(tag, end_line * LINE_PIXELS))
+    if (!ask_for_lines(scan.tag, scan.third))
         return 0;
-    answer_scan(tag, STATUS_DONE, session.area.width * session.area.height);
-    session.end_line = end_line;
+    answer_scan(scan.tag, STATUS_DONE, session.area.width * session.area.height);
+    session.end_pixel = session.area.height * session.line_pixels;
     return 1;
 }
 
@@ -266,7 +304,7 @@ static int give(unsigned char* buffer, uint32_t length)
         return 0;
     session.bytes_left -= length;
     while (length > 0) {
-        if (session.ready_begin == session.ready_end && !take_stripe()) {
+        if (session.ready_begin == session.ready_end && !take_piece()) {
             end_scan();
             return 0;
         }
@@ -278,6 +316,8 @@ static int give(unsigned char* buffer, uint32_t length)
         buffer += count;
         length -= count;
     }
+    if (session.bytes_left == 0)
+        abandon_scan(); /* the last line may go on to the right of the area */
     return 1;
 }
 

@@ -194,8 +194,9 @@ TEST_F(check_plugin_command, writes_all_of_it_as_json)
 TEST_F(check_plugin_command, sends_and_answers_what_it_is_told)
 {
     EXPECT_EQ(check({SAMPLE_PLUGIN_PATH, "--run", "--recv", "17", "--send",
-                     "56534331 0001 0000 00000000 10000000 00000000 00000000 01000000 01000000", "--answer",
-                     "56534131 0300 0000 00000000 00080000"}),
+                     "56534331 0001 0000 4b000000 10000000 00000000 00000000 01000000 01000000", "--answer",
+                     "56534131 0700 0000 00000000 08000000 6c020000 6c030000"
+                     "56534131 0800 0000 00000000 6c020000"}),
               exit_code::ok);
     EXPECT_FALSE(tells("warning")) << out();
 }

@@ -297,10 +297,12 @@ TEST(plugin_trial, gives_the_plugin_the_answers_of_the_plan)
 {
     trial_plan plan;
     plan.path = SAMPLE_PLUGIN_PATH;
-    // A scan of one pixel, and the scanner's answer to what the plugin makes of it: one line of 2048 bytes.
-    plan.sent = {'V', 'S', 'C', '1', 0, 1, 0, 0, 0, 0, 0, 0, 16, 0, 0, 0,
-                 0,   0,   0,   0,   0, 0, 0, 0, 1, 0, 0, 0, 1,  0, 0, 0};
-    plan.answers = {'V', 'S', 'A', '1', 3, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0};
+    // A scan of one pixel at 75 dpi, and the scanner's answers to what the plugin makes of it: the sheet has
+    // 620 by 876 pixels, and a line of it follows.
+    plan.sent = {'V', 'S', 'C', '1', 0, 1, 0, 0, 75, 0, 0, 0, 16, 0, 0, 0,
+                 0,   0,   0,   0,   0, 0, 0, 0, 1,  0, 0, 0, 1,  0, 0, 0};
+    plan.answers = {'V',  'S', 'A', '1', 7,   0,   0,   0,   0, 0, 0, 0, 8, 0, 0, 0, 0x6c, 2, 0, 0,
+                    0x6c, 3,   0,   0,   'V', 'S', 'A', '1', 8, 0, 0, 0, 0, 0, 0, 0, 0x6c, 2, 0, 0};
     plan.received = 17;
     const trial_report report = try_plugin(plan);
     EXPECT_EQ(result_of(report, trial_step::writer), 1);

@@ -4,17 +4,26 @@
 #include <cstdint>
 #include <deque>
 #include <limits>
+#include <regex>
+#include <sstream>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "support/files.h"
+#include "target/scanner/test_chart.h"
 #include "tvkintif/src/interpreter.h"
 
 namespace {
 
 using bytes = std::vector<unsigned char>;
 
-constexpr std::uint32_t kLinePixels = 2048;
-constexpr std::uint32_t kSheetLines = 4096;
+constexpr std::uint32_t kResolution = 300;
+constexpr std::uint32_t kLinePixels = 2481; // no multiple of anything that the plugin takes at once
+constexpr std::uint32_t kSheetLines = 3507;
+constexpr std::uint32_t kSheetCommand = 7;
+constexpr std::uint32_t kReadLinesCommand = 8;
+constexpr std::uint32_t kScanCommand = 256;
 
 /// The device that the plugin talks to: takes every write, unless told to stall, and gives what was put in.
 class scripted_device {
@@ -88,9 +97,26 @@ struct area {
     std::uint32_t left, top, width, height;
 };
 
+bytes with_numbers(bytes made, const std::vector<std::uint32_t>& numbers)
+{
+    for (const std::uint32_t number : numbers)
+        append32(made, number);
+    return made;
+}
+
+bytes sheet_request()
+{
+    return block('C', kSheetCommand, kResolution, 0);
+}
+
+bytes lines_request(const area& wanted)
+{
+    return with_numbers(block('C', kReadLinesCommand, kResolution, 8), {wanted.top, wanted.height});
+}
+
 bytes scan_request(const area& wanted)
 {
-    bytes made = block('C', 256, 0, 16);
+    bytes made = block('C', kScanCommand, kResolution, 16);
     for (const std::uint32_t number : {wanted.left, wanted.top, wanted.width, wanted.height})
         append32(made, number);
     return made;
@@ -128,30 +154,58 @@ protected:
         return m_plugin.read(data.data(), static_cast<int>(count)) != 0 ? data : bytes{};
     }
 
-    /// The device's side of a scan that ends at this line of the sheet.
-    void device_will_give_sheet(std::uint32_t end_line)
+    void device_will_tell_sheet()
     {
-        m_device.will_give(block('A', 3, 0, end_line * kLinePixels));
-        m_device.will_give(picture_of({0, 0, kLinePixels, end_line}));
+        m_device.will_give(block('A', kSheetCommand, 0, 8));
+        m_device.will_give(with_numbers({}, {kLinePixels, kSheetLines}));
+    }
+
+    /// The device's side of a scan.
+    void device_will_give_lines_of(const area& wanted)
+    {
+        device_will_tell_sheet();
+        m_device.will_give(block('A', kReadLinesCommand, 0, wanted.height * kLinePixels));
+        m_device.will_give(picture_of({0, wanted.top, kLinePixels, wanted.height}));
     }
 
     void start_scan(const area& wanted)
     {
-        device_will_give_sheet(wanted.top + wanted.height);
+        device_will_give_lines_of(wanted);
         ASSERT_TRUE(send(scan_request(wanted)));
-        ASSERT_EQ(receive(16), block('A', 256, 0, wanted.width * wanted.height));
+        ASSERT_EQ(receive(16), block('A', kScanCommand, 0, wanted.width * wanted.height));
     }
 
     void expect_refused_as_bad_argument(const area& wanted)
     {
+        device_will_tell_sheet();
         EXPECT_TRUE(send(scan_request(wanted)));
-        EXPECT_EQ(receive(16), block('A', 256, 2, 0));
-        EXPECT_TRUE(m_device.taken().empty()) << "the device must not hear of it";
+        EXPECT_EQ(receive(16), block('A', kScanCommand, 2, 0));
+        EXPECT_EQ(m_device.taken(), std::vector<bytes>{sheet_request()})
+            << "the device must not begin a scan";
     }
 
     interpreter m_plugin{SAMPLE_PLUGIN_PATH};
     scripted_device m_device;
 };
+
+/// The bytes of the page's worked example that stand behind `label`, one entry for each such line. A line
+/// that only counts its bytes is left out.
+std::vector<bytes> example_lines(const std::string& label)
+{
+    const std::regex line_of_bytes("^    " + label + " +((?:[0-9A-F]{2} *)+)$");
+    std::vector<bytes> found;
+    std::istringstream page(support::read_file(SAMPLE_COMMANDS_PAGE));
+    for (std::string line; std::getline(page, line);) {
+        std::smatch parts;
+        if (!std::regex_match(line, parts, line_of_bytes))
+            continue;
+        std::istringstream numbers(parts[1]);
+        found.emplace_back();
+        for (std::string number; numbers >> number;)
+            found.back().push_back(static_cast<unsigned char>(std::stoul(number, nullptr, 16)));
+    }
+    return found;
+}
 
 const bytes identify = block('C', 1, 0, 0);
 
@@ -216,8 +270,9 @@ TEST_F(sample_plugin, fails_a_receive_that_stalls_and_gives_the_answer_to_the_ne
 
 TEST_F(sample_plugin, asks_the_device_for_no_more_lines_than_a_scan_needs)
 {
-    start_scan({10, 20, 30, 40});
-    EXPECT_EQ(m_device.taken(), std::vector<bytes>{block('C', 3, 60 * kLinePixels, 0)});
+    const area wanted{10, 20, 30, 40};
+    start_scan(wanted);
+    EXPECT_EQ(m_device.taken(), (std::vector<bytes>{sheet_request(), lines_request(wanted)}));
 }
 
 TEST_F(sample_plugin, gives_the_pixels_of_the_area_line_by_line)
@@ -244,7 +299,7 @@ TEST_F(sample_plugin, scans_the_whole_sheet)
 {
     const area sheet{0, 0, kLinePixels, kSheetLines};
     start_scan(sheet);
-    EXPECT_TRUE(receive(kLinePixels * kSheetLines) == picture_of(sheet)) << "8 MiB differ";
+    EXPECT_TRUE(receive(kLinePixels * kSheetLines) == picture_of(sheet)) << "8.7 MB differ";
 }
 
 TEST_F(sample_plugin, scans_the_last_pixel_of_the_sheet)
@@ -303,30 +358,64 @@ TEST_F(sample_plugin, scans_in_spite_of_a_stall_of_the_answer)
     start_scan({0, 0, 4, 1});
 }
 
+TEST_F(sample_plugin, scans_in_spite_of_a_stall_of_the_answer_that_lines_follow)
+{
+    device_will_tell_sheet();
+    m_device.will_give({});
+    m_device.will_give(block('A', kReadLinesCommand, 0, kLinePixels));
+    m_device.will_give(picture_of({0, 0, kLinePixels, 1}));
+    EXPECT_TRUE(send(scan_request({0, 0, 4, 1})));
+    EXPECT_EQ(receive(16), block('A', kScanCommand, 0, 4));
+}
+
 TEST_F(sample_plugin, fails_a_scan_when_the_device_does_not_answer)
 {
     EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
 }
 
-TEST_F(sample_plugin, fails_a_scan_when_the_device_refuses)
+TEST_F(sample_plugin, refuses_a_resolution_that_the_device_does_not_have)
 {
-    m_device.will_give(block('A', 3, 1, 0));
+    m_device.will_give(block('A', kSheetCommand, 2, 0));
+    EXPECT_TRUE(send(scan_request({0, 0, 4, 1})));
+    EXPECT_EQ(receive(16), block('A', kScanCommand, 2, 0));
+}
+
+TEST_F(sample_plugin, fails_a_scan_when_the_device_refuses_to_give_the_lines)
+{
+    device_will_tell_sheet();
+    m_device.will_give(block('A', kReadLinesCommand, 1, 0));
+    EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
+}
+
+TEST_F(sample_plugin, fails_a_scan_when_the_device_announces_other_lines_than_asked_for)
+{
+    device_will_tell_sheet();
+    m_device.will_give(block('A', kReadLinesCommand, 0, kLinePixels - 1));
     EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
 }
 
 TEST_F(sample_plugin, fails_a_scan_when_the_device_answers_another_command)
 {
+    device_will_tell_sheet();
     m_device.will_give(block('A', 4, 0, kLinePixels));
     EXPECT_FALSE(send(scan_request({0, 0, 4, 1})));
 }
 
 TEST_F(sample_plugin, fails_a_receive_when_the_device_falls_silent_in_a_picture)
 {
-    m_device.will_give(block('A', 3, 0, 20 * kLinePixels));
+    device_will_tell_sheet();
+    m_device.will_give(block('A', kReadLinesCommand, 0, 20 * kLinePixels));
     m_device.will_give(picture_of({0, 0, kLinePixels, 8}));
     ASSERT_TRUE(send(scan_request({0, 0, 1, 20})));
     ASSERT_EQ(receive(16).size(), 16U);
     EXPECT_EQ(receive(20), bytes{});
+}
+
+TEST_F(sample_plugin, leaves_nothing_of_the_last_line_in_the_device)
+{
+    start_scan({0, 0, 1, 27}); // the last line begins in one piece and ends in the next
+    ASSERT_EQ(receive(27).size(), 27U);
+    EXPECT_TRUE(m_device.has_given_all()) << "the next answer would be old pixels";
 }
 
 TEST_F(sample_plugin, drops_the_rest_of_a_picture_when_the_next_command_comes)
@@ -353,4 +442,23 @@ TEST_F(sample_plugin, starts_afresh_when_it_was_not_stopped)
     ASSERT_NE(m_plugin.ctor(scripted_device::read, scripted_device::write), 0);
     other.will_give({1, 2});
     EXPECT_EQ(receive(2), (bytes{1, 2}));
+}
+
+TEST_F(sample_plugin, does_what_the_worked_example_says)
+{
+    const auto sent = example_lines("send");
+    const auto received = example_lines("receive");
+    const auto given = example_lines("IN");
+    ASSERT_EQ(sent.size(), 1U);
+    ASSERT_EQ(received.size(), 2U);
+    ASSERT_EQ(given.size(), 3U);
+    for (const bytes& each : given)
+        m_device.will_give(each);
+    const virtual_scanner::test_chart chart(75);
+    const auto first = chart.pixels().begin() + chart.width();
+    m_device.will_give({first, first + 2 * chart.width()});
+    EXPECT_TRUE(send(sent[0]));
+    EXPECT_EQ(receive(16), received[0]);
+    EXPECT_EQ(receive(8), received[1]);
+    EXPECT_EQ(m_device.taken(), example_lines("OUT"));
 }
