@@ -1,5 +1,11 @@
-// A session of the real program with the virtual scanner, told on the terminal as it happens: every frame
-// that is shown was on the wire, every figure was measured. Exit status: 0 when all went as it must.
+// Parts of the demonstration that demo/show plays:
+//
+//   target_demo session     a session of the real program with the virtual scanner, told on the terminal as
+//   it
+//                           happens: every frame that is shown was on the wire, every figure was measured
+//   target_demo log COPY    what the program's log has of it and of the sessions behind it; all of it to COPY
+//
+// Exit status: 0 when all went as it must.
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -26,7 +32,6 @@ using virtual_scanner::fault_kind;
 
 constexpr const char* kProgram = "/usr/bin/tvkintif";
 constexpr const char* kAddress = "usb:1a2b:3c4d:SN0042";
-constexpr const char* kLogCopy = "/host/tvkintif.log";
 constexpr std::uint32_t kMebibyte = 1024 * 1024;
 
 void say(const std::string& text)
@@ -163,10 +168,10 @@ bool is_transfer_line(const std::string& line)
            line.find("]transferred ") != std::string::npos;
 }
 
-void show_log()
+void show_log(const char* copy)
 {
     const std::string whole = support::raw_log();
-    std::ofstream(kLogCopy) << whole;
+    std::ofstream(copy) << whole;
     std::istringstream lines(whole);
     std::string shown;
     int left_out = 0;
@@ -182,11 +187,16 @@ void show_log()
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    const std::string part = argc > 1 ? argv[1] : "";
     try {
-        show_session();
-        show_log();
+        if (part == "session" && argc == 2)
+            show_session();
+        else if (part == "log" && argc == 3)
+            show_log(argv[2]);
+        else
+            throw std::invalid_argument("usage: target_demo session | log COPY");
         return EXIT_SUCCESS;
     } catch (const std::exception& reason) {
         std::printf("\n%s\n", reason.what());
