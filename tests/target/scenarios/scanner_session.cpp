@@ -180,7 +180,15 @@ void scanner_session::command(command_code code, std::uint32_t argument, const b
     send(encoded(code, argument, payload));
 }
 
-bytes scanner_session::answer_to(command_code code)
+void scanner_session::send_past_a_stall(const bytes& data, const std::string& direction, std::size_t length)
+{
+    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ok);
+    m_log.request(data.size());
+    m_log.stall(direction, length);
+    m_log.reply(0);
+}
+
+std::uint32_t scanner_session::announced_by_answer_to(command_code code)
 {
     const bytes received = receive(virtual_scanner::kBlockSize);
     virtual_scanner::block block{};
@@ -190,7 +198,13 @@ bytes scanner_session::answer_to(command_code code)
     EXPECT_EQ(answer.code, code);
     EXPECT_EQ(answer.tag, kTag);
     EXPECT_EQ(answer.status, virtual_scanner::answer_status::ok);
-    return answer.data_length == 0 ? bytes() : receive(answer.data_length);
+    return answer.data_length;
+}
+
+bytes scanner_session::answer_to(command_code code)
+{
+    const std::uint32_t length = announced_by_answer_to(code);
+    return length == 0 ? bytes() : receive(length);
 }
 
 std::string scanner_session::identified_serial()

@@ -62,6 +62,12 @@ protected:
     /// Sends a command of the scanner's own set.
     void command(virtual_scanner::command_code code, std::uint32_t argument = 0,
                  const virtual_scanner::bytes& payload = {});
+    /// Passes bytes to the plugin, which sends and receives over USB on its own for them and gets by one
+    /// stall of a transfer of this direction ("read" or "write") and length.
+    void send_past_a_stall(const virtual_scanner::bytes& data, const std::string& direction,
+                           std::size_t length);
+    /// Takes the block of an answer and checks it; how many bytes of data are to follow.
+    std::uint32_t announced_by_answer_to(virtual_scanner::command_code code);
     /// Takes an answer: checks its block, returns its data.
     virtual_scanner::bytes answer_to(virtual_scanner::command_code code);
     /// The serial number that the scanner at the other end has, by its own word.
