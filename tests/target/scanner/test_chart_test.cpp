@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -33,6 +36,18 @@ int run_length(std::uint32_t x, std::uint32_t y, std::uint32_t dx, std::uint32_t
            pixel(x, y))
         ++length;
     return length;
+}
+
+bytes output_of(const char* shell_command)
+{
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(shell_command, "r"), ::pclose);
+    bytes output;
+    bytes piece(65536);
+    while (pipe != nullptr && !std::feof(pipe.get())) {
+        const std::size_t length = std::fread(piece.data(), 1, piece.size(), pipe.get());
+        output.insert(output.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(length));
+    }
+    return output;
 }
 
 } // namespace
@@ -153,6 +168,17 @@ TEST(test_chart, has_rings_that_become_finer)
     const int next = run_length(kCentre + static_cast<std::uint32_t>(inner), kMiddle, 1, 0);
     EXPECT_EQ(inner, 17);
     EXPECT_EQ(next, 7);
+}
+
+TEST(test_chart, is_what_the_picture_in_the_readme_shows)
+{
+    if (std::system("command -v pngtopnm >/dev/null") != 0)
+        GTEST_SKIP() << "pngtopnm is missing: run scripts/setup";
+    const std::string head = "P5\n827 1169\n255\n";
+    bytes expected(head.begin(), head.end());
+    expected.insert(expected.end(), chart().pixels().begin(), chart().pixels().end());
+    EXPECT_TRUE(output_of("pngtopnm " README_PICTURE) == expected)
+        << "scan the chart at 100 dpi again, and copy it over " << README_PICTURE;
 }
 
 TEST(test_chart, has_the_same_bytes_on_every_machine)
