@@ -43,8 +43,7 @@ tvkctl_result explain_test::explain_as_nobody(const std::string& udi)
 {
     // The dialogue of the bus is written by whoever runs.
     EXPECT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);
-    const tvkctl_result result = run_in_shell(
-        "exec setpriv --reuid 65534 --regid 65534 --clear-groups \"$TVKCTL\" explain '" + udi + "'");
+    const tvkctl_result result = run_in_shell("exec " + as_nobody("\"$TVKCTL\" explain '" + udi + "'"));
     if (result.status == 127)
         []() { GTEST_SKIP() << "needs root and setpriv to run as another user"; }();
     return result;

@@ -129,7 +129,7 @@ protected:
         command = std::regex_replace(command, std::regex("^(sudo )?tvkctl "), "\"$TVKCTL\" ");
         command = replaced(command, "/opt/other/tvkintif", scratch("program"));
         if (is_ordinary_user)
-            command = "setpriv --reuid 65534 --regid 65534 --clear-groups " + command;
+            command = as_nobody(command);
         return as_on_the_page(run_in_shell("(" + command + ") 2>&1").out);
     }
 

@@ -75,8 +75,7 @@ protected:
 
     tvkctl_result run_as_nobody(const std::string& arguments)
     {
-        const tvkctl_result result =
-            run_in_shell("exec setpriv --reuid 65534 --regid 65534 --clear-groups \"$TVKCTL\" " + arguments);
+        const tvkctl_result result = run_in_shell("exec " + as_nobody("\"$TVKCTL\" " + arguments));
         if (result.status == 127)
             []() { GTEST_SKIP() << "needs root and setpriv to run as another user"; }();
         return result;

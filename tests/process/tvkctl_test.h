@@ -49,6 +49,9 @@ protected:
     /// The dialogue with the USB bus and the plugin, as far as its lines begin so.
     lines usb_lines_about(const std::string& beginning) const;
 
+    /// `command` of the shell as another user, without rights. Status 127 where that cannot be done.
+    static std::string as_nobody(const std::string& command);
+
     /// A file beside the program's working directory.
     static std::string scratch(const std::string& name);
     static void write_scratch(const std::string& name, const std::string& content);
