@@ -19,7 +19,7 @@ protected:
     std::string serial_of_the_opened(const opening& what)
     {
         open(what);
-        const std::string serial = identified_serial();
+        std::string serial = identified_serial();
         close();
         return serial;
     }

@@ -60,11 +60,12 @@ TEST_F(unplug, in_a_read_fails_it_and_the_session_closes)
 
 TEST_F(unplug, in_a_write_fails_it_and_the_session_closes)
 {
+    constexpr std::size_t kSent = std::size_t{40} * 1024;
     constexpr std::uint32_t kTaken = 20 * 1024;
     plug_in("plain");
     open(kByIds);
     arm(fault_kind::unplug_in_write, kTaken);
-    send_to_one_that_leaves(encoded(command_code::echo, 0, bytes(40 * 1024)), kTaken);
+    send_to_one_that_leaves(encoded(command_code::echo, 0, bytes(kSent)), kTaken);
     close();
     expect_the_next_session_to_work();
 }
