@@ -26,7 +26,9 @@ enum {
     STATUS_DONE = 0,
     STATUS_BAD_ARGUMENT = 2,
 
-    PIECE_SIZE = 64 * 1024 /* taken from the device at once; a multiple of its packets, or reads overflow */
+    PIECE_SIZE = 64 * 1024, /* taken from the device at once; a multiple of its packets, or reads overflow */
+
+    LARGEST_TRANSFER = 1024 * 1024 /* in bytes, whole packets: kernels refuse transfers of 16 MiB */
 };
 
 static const unsigned char command_mark[4] = {'V', 'S', 'C', '1'};
@@ -109,6 +111,11 @@ static struct block decode(const unsigned char* from)
     return what;
 }
 
+static int at_most_a_transfer(int length)
+{
+    return length < LARGEST_TRANSFER ? length : LARGEST_TRANSFER;
+}
+
 /*
  * Fills all of `buffer`, or fails with 0. A device may answer in several transfers, so a short one is no
  * failure by itself; one that brings nothing is, for then the rest will not come either.
@@ -118,7 +125,7 @@ static int read_all(void* buffer, int length)
     unsigned char* next = buffer;
     int missing = length;
     while (missing > 0) {
-        const int moved = session.read_device(next, missing);
+        const int moved = session.read_device(next, at_most_a_transfer(missing));
         if (moved <= 0)
             return 0;
         next += moved;
@@ -133,7 +140,7 @@ static int write_all(void* buffer, int length)
     unsigned char* next = buffer;
     int left = length;
     while (left > 0) {
-        const int moved = session.write_device(next, left);
+        const int moved = session.write_device(next, at_most_a_transfer(left));
         if (moved <= 0)
             return 0;
         next += moved;

@@ -44,6 +44,8 @@ extern "C" {
  *
  * `buffer` is the plugin's and is not kept. `length` is the number of bytes to move at most, greater than 0;
  * a read whose length is not a multiple of the endpoint's packet size fails when the device sends more.
+ * Linux lends all USB programs together no more than 16 MiB (usbfs_memory_mb), so a single transfer of that
+ * size moves nothing: cut large ones, at a multiple of the packet size.
  *
  * Returns how many bytes were moved, which may be fewer than `length`; 0 when nothing could be moved: the
  * device is gone, it stalled (the halt has been cleared by then, and the next transfer may succeed), or it
