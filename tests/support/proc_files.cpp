@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -82,6 +84,17 @@ std::uint64_t signal_set(std::initializer_list<int> signals)
 std::uint64_t signals_in(pid_t process, const std::string& line)
 {
     return std::stoull(status_of(process, line), nullptr, 16);
+}
+
+std::size_t open_descriptors(pid_t process)
+{
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+std::size_t resident_memory(pid_t process)
+{
+    return std::stoul(status_of(process, "VmRSS"));
 }
 
 bool is_stopped(pid_t process)

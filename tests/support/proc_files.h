@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,6 +14,11 @@ namespace support {
 std::uint64_t signal_set(std::initializer_list<int> signals);
 /// The set in one line of /proc/PID/status: "SigBlk", "SigIgn", "SigCgt", "ShdPnd".
 std::uint64_t signals_in(pid_t process, const std::string& line);
+
+/// How many descriptors the process has open.
+std::size_t open_descriptors(pid_t process);
+/// How much memory the process occupies, in KiB.
+std::size_t resident_memory(pid_t process);
 
 /// Whether a signal has stopped the process.
 bool is_stopped(pid_t process);

@@ -159,6 +159,14 @@ std::uint32_t number_in(const bytes& four)
     return get32(four.begin());
 }
 
+bytes pattern(std::uint32_t length)
+{
+    bytes made(length);
+    for (std::uint32_t position = 0; position < length; ++position)
+        made[position] = pattern_byte(position);
+    return made;
+}
+
 std::uint32_t crc32(const bytes& data)
 {
     static const auto table = make_crc_table();

@@ -108,6 +108,9 @@ constexpr unsigned char pattern_byte(std::uint32_t position)
     return static_cast<unsigned char>(position * 7U + (position >> 8U) * 13U + (position >> 16U) * 29U);
 }
 
+/// The first `length` bytes of the pattern.
+bytes pattern(std::uint32_t length);
+
 /// CRC-32 as in zlib and PNG (reflected, polynomial 0xEDB88320).
 std::uint32_t crc32(const bytes& data);
 

@@ -188,6 +188,9 @@ void function_fs::give(const unsigned char* data, std::size_t length)
     check_link();
     for (std::size_t given = 0; given < length;) {
         const ssize_t now = ::write(m_in.descriptor(), data + given, std::min(length - given, kLargestPiece));
+        // A process that is stopped for a while loses its transfer.
+        if (now < 0 && errno == EINTR)
+            continue;
         if (now < 0)
             throw_transfer_error("give bytes to the host");
         given += static_cast<std::size_t>(now);

@@ -19,14 +19,6 @@ constexpr std::chrono::milliseconds kBetweenLooks{1};
 /// A device that serves a command, or waits for its host to read, hears no order.
 constexpr std::chrono::seconds kOrderLimit{10};
 
-bytes pattern(std::uint32_t length)
-{
-    bytes made(length);
-    for (std::uint32_t position = 0; position < length; ++position)
-        made[position] = pattern_byte(position);
-    return made;
-}
-
 std::size_t whole_packets(std::size_t length)
 {
     return (length + function_fs::kPacketSize - 1) / function_fs::kPacketSize * function_fs::kPacketSize;

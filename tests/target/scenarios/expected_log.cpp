@@ -5,6 +5,10 @@ namespace target {
 namespace {
 
 constexpr std::size_t kHeaderSize = 20;
+constexpr const char* kReadCall = "ipc connection read get called = ";
+constexpr const char* kReadResult = "ipc connection read get bail rv = ";
+constexpr const char* kWriteCall = "ipc connection wrute get called = ";
+constexpr const char* kWriteResult = "ipc connection wrte  bail rv = ";
 
 } // namespace
 
@@ -15,38 +19,47 @@ void expected_log::start()
 
 void expected_log::request(std::size_t payload)
 {
-    transfer("read get called = ", "read get bail rv = ", kHeaderSize);
+    transfer(kReadCall, kReadResult, kHeaderSize);
     if (payload > 0)
-        transfer("read get called = ", "read get bail rv = ", payload);
+        transfer(kReadCall, kReadResult, payload);
 }
 
 void expected_log::reply(std::size_t payload)
 {
-    transfer("wrute get called = ", "wrte  bail rv = ", kHeaderSize);
+    transfer(kWriteCall, kWriteResult, kHeaderSize);
     if (payload > 0)
-        transfer("wrute get called = ", "wrte  bail rv = ", payload);
+        transfer(kWriteCall, kWriteResult, payload);
 }
 
 void expected_log::open(const opening& what)
+{
+    load_plugin(what);
+    reach_device(what);
+    if (what.succeeds()) {
+        line("send ok");
+        return;
+    }
+    line("usb connection failer.");
+    line("open fails");
+    line("send ng");
+}
+
+void expected_log::load_plugin(const opening& what)
 {
     line("open " + what.udi); // the dispatcher
     line("open " + what.udi); // the session
     line("interpName " + what.plugin);
     line("interpreter load /usr/lib/arm-linux-gnueabihf/tarvik/libexec/" + what.plugin);
+}
+
+void expected_log::reach_device(const opening& what)
+{
     line("usb_transceiver start");
     for (const attempt each : what.attempts) {
         search(what);
         outcome(each);
     }
-    if (what.succeeds()) {
-        line("break");
-        line("send ok");
-        return;
-    }
-    line("retry finish");
-    line("usb connection failer.");
-    line("open fails");
-    line("send ng");
+    line(what.succeeds() ? "break" : "retry finish");
 }
 
 void expected_log::search(const opening& what)
@@ -74,7 +87,7 @@ void expected_log::outcome(attempt what)
 
 void expected_log::stall(const std::string& direction, std::size_t length)
 {
-    line("usb " + direction + " : transferred 0 of " + std::to_string(length) + " bytes");
+    short_transfer(direction, 0, length);
     line("clearing halt: LIBUSB_ERROR_PIPE");
     line("usb " + direction + " : LIBUSB_ERROR_PIPE");
 }
@@ -82,9 +95,41 @@ void expected_log::stall(const std::string& direction, std::size_t length)
 void expected_log::cut(const std::string& direction, std::size_t length, std::size_t moved,
                        const std::string& error)
 {
+    short_transfer(direction, moved, length);
+    line("usb " + direction + " : " + error);
+}
+
+void expected_log::short_transfer(const std::string& direction, std::size_t moved, std::size_t length)
+{
     line("usb " + direction + " : transferred " + std::to_string(moved) + " of " + std::to_string(length) +
          " bytes");
-    line("usb " + direction + " : " + error);
+}
+
+void expected_log::failed_read(std::size_t length, const std::string& reason)
+{
+    line(kReadCall + std::to_string(length));
+    line("read failed: " + reason);
+    line(std::string(kReadResult) + "-1");
+}
+
+void expected_log::failed_write(std::size_t length, const std::string& reason)
+{
+    line(kWriteCall + std::to_string(length));
+    line("write failed: " + reason);
+    line(std::string(kWriteResult) + "-1");
+}
+
+void expected_log::waiting()
+{
+    line(kReadCall + std::to_string(kHeaderSize));
+}
+
+void expected_log::hung_up()
+{
+    waiting();
+    line(std::string(kReadResult) + "0");
+    line("transferred 0 bytes, total 0/" + std::to_string(kHeaderSize));
+    line("do_cleanup 1");
 }
 
 void expected_log::close()
@@ -108,8 +153,8 @@ void expected_log::line(const std::string& text)
 void expected_log::transfer(const std::string& call, const std::string& result, std::size_t length)
 {
     const std::string count = std::to_string(length);
-    line("ipc connection " + call + count);
-    line("ipc connection " + result + count);
+    line(call + count);
+    line(result + count);
     line("transferred " + count + " bytes, total " + count + "/" + count);
 }
 

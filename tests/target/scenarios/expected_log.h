@@ -37,22 +37,31 @@ public:
     void request(std::size_t payload);
     /// A reply with this many payload bytes has gone out.
     void reply(std::size_t payload);
-    /// The handling of an open request, up to its reply.
+    /// The handling of an open request, up to its reply; and the first two parts of it.
     void open(const opening& what);
+    void load_plugin(const opening& what);
+    void reach_device(const opening& what);
     /// A transfer of `length` bytes that the device stalled; `direction` is "read" or "write".
     void stall(const std::string& direction, std::size_t length);
-    /// A transfer of `length` bytes that a device did not live to end: `moved` of them crossed, and `error`
-    /// came.
+    /// One that moved fewer bytes; and one that did, `moved` of them, and ended with `error`.
+    void short_transfer(const std::string& direction, std::size_t moved, std::size_t length);
     void cut(const std::string& direction, std::size_t length, std::size_t moved, const std::string& error);
+    /// A call on the connection that failed.
+    void failed_read(std::size_t length, const std::string& reason);
+    void failed_write(std::size_t length, const std::string& reason);
+    /// The program waits for a request, and the end of the connection that it then meets.
+    void waiting();
+    void hung_up();
     /// The handling of a close request.
     void close();
     /// The end of the program.
     void end();
+    /// Any other line, without its level.
+    void line(const std::string& text);
 
     const std::vector<std::string>& lines() const { return m_lines; }
 
 private:
-    void line(const std::string& text);
     void search(const opening& what);
     void outcome(attempt what);
     void transfer(const std::string& call, const std::string& result, std::size_t length);

@@ -16,7 +16,6 @@ namespace {
 
 class interfaces : public target::scanner_session {
 protected:
-    static constexpr const char* kByIds = "usb:1a2b:3c4d";
     static constexpr const char* kProgramsDriver = "usbfs";
 
     /// The scanner answers only on the interface and the endpoints that are the right ones.

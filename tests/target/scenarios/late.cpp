@@ -15,8 +15,6 @@ namespace {
 
 class late : public target::scanner_session {
 protected:
-    static constexpr const char* kByIds = "usb:1a2b:3c4d";
-
     static opening all_attempts(attempt outcome)
     {
         opening what{kByIds};

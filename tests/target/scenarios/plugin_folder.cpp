@@ -19,8 +19,13 @@ constexpr const char* kStandIn = "/run/plugins";
 
 } // namespace
 
+std::string test_plugin(const std::string& name)
+{
+    return "/usr/lib/target-tests/" + name + ".so";
+}
+
 const std::string kShippedPlugin = std::string(kFolder) + "/libryo-mora-hk-t210.so";
-const std::string kTracingPlugin = "/usr/lib/target-tests/plugin_tracing.so";
+const std::string kTracingPlugin = test_plugin("plugin_tracing");
 
 plugin_folder::plugin_folder(const std::string& file, const std::string& name)
 {

@@ -21,6 +21,8 @@ public:
 
 /// The plugin as installed.
 extern const std::string kShippedPlugin;
+/// A plugin that was built for tests, by its name ("plugin_good").
+std::string test_plugin(const std::string& name);
 /// A plugin that writes down what is asked of it.
 extern const std::string kTracingPlugin;
 

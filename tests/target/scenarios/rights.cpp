@@ -27,8 +27,6 @@ namespace fs = std::filesystem;
 
 class rights : public target::scanner_session {
 protected:
-    static constexpr const char* kBySerial = "usb:1a2b:3c4d:SN0042";
-    static constexpr const char* kSerial = "SN0042";
     static constexpr tvkctl::milliseconds kLimit{20'000};
     static constexpr int kNoRights = 22;
 

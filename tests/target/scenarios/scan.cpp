@@ -47,7 +47,7 @@ protected:
 
     void expect_announced(const area& wanted)
     {
-        EXPECT_EQ(announced_by_answer_to(kScan), wanted.width * wanted.height);
+        EXPECT_EQ(answer_block(kScan), wanted.width * wanted.height);
     }
 
     void start(const area& wanted)

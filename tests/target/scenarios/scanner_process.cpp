@@ -70,11 +70,26 @@ scanner_process::scanner_process(const std::string& device_file)
 
 scanner_process::~scanner_process()
 {
+    release();
     // The end of its orders is the order to end, and the end of its answers shows that it has.
     m_orders.reset();
     if (!tvkctl::wait_until_ready(m_answers.get(), POLLIN, tvkctl::deadline(kEndLimit)))
         ::kill(m_pid, SIGKILL);
     ::waitpid(m_pid, nullptr, 0);
+}
+
+void scanner_process::hold()
+{
+    int status = 0;
+    ::kill(m_pid, SIGSTOP);
+    // Told when all of its threads have stopped.
+    if (::waitpid(m_pid, &status, WUNTRACED) != m_pid || !WIFSTOPPED(status))
+        throw std::runtime_error("hold the virtual scanner: it has ended; it said:\n" + diary());
+}
+
+void scanner_process::release()
+{
+    ::kill(m_pid, SIGCONT);
 }
 
 std::string scanner_process::diary()

@@ -32,6 +32,11 @@ public:
     /// Ends a fault that lasts.
     void clear(const std::string& device) { order("clear " + device); }
 
+    /// The devices stand still until release(): they stay on the bus, and transfers with them wait. Not while
+    /// one is under way.
+    void hold();
+    void release();
+
     /// What the devices saw so far, one line for each command and fault.
     static std::string diary();
 

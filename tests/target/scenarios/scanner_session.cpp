@@ -1,10 +1,16 @@
 #include "target/scenarios/scanner_session.h"
 
+#include <sys/syscall.h>
+
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
+#include <utility>
 
 #include "support/dialogue.h"
 #include "support/log_reader.h"
+#include "support/log_transfers.h"
+#include "support/proc_files.h"
 #include "support/wait_until.h"
 #include "target/scenarios/plugin_folder.h"
 
@@ -15,16 +21,37 @@ using virtual_scanner::command_code;
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr const char* kProgram = "/usr/bin/tvkintif";
-/// Shorter than the limit of a scenario, so that the logs of one that hangs are seen.
-constexpr tvkctl::milliseconds kStepLimit{30'000};
 constexpr tvkctl::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tvkctl::request_code::open), 0, 0,
                                             0};
 constexpr const char* kNoDevice = "LIBUSB_ERROR_NO_DEVICE";
 constexpr const char* kBrokenTransfer = "LIBUSB_ERROR_IO";
 constexpr std::uint16_t kTag = 0x7A67; // any; given back in each answer
 
+std::vector<std::string> log_so_far()
+{
+    return support::with_whole_transfers(support::log_dialogue());
+}
+
 } // namespace
+
+tvkctl::launch program_launch()
+{
+    tvkctl::launch how;
+    how.path = kProgram;
+    return how;
+}
+
+std::vector<std::string> claimed_interfaces()
+{
+    std::vector<std::string> claimed;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/sys/bus/usb/drivers/usbfs"))
+        if (fs::exists(entry.path() / "bInterfaceNumber"))
+            claimed.push_back(entry.path().filename());
+    return claimed;
+}
 
 scanner_session::scanner_session()
 {
@@ -54,12 +81,20 @@ void scanner_session::open_in_vain(const opening& what)
 
 void scanner_session::begin_to_open(const std::string& udi)
 {
-    tvkctl::launch how;
-    how.path = kProgram;
-    how.environment = m_environment;
+    start();
+    request_open(udi);
+}
+
+void scanner_session::start(tvkctl::launch how)
+{
+    how.environment.insert(m_environment.begin(), m_environment.end());
     m_program.emplace(how);
-    m_program->connect(kStepLimit);
     m_log.start();
+}
+
+void scanner_session::request_open(const std::string& udi)
+{
+    m_program->connect(kStepLimit);
     m_program->send_request(kOpenRequest, udi, kStepLimit);
     m_log.request(udi.size());
 }
@@ -84,17 +119,27 @@ void scanner_session::wait_for_failed_attempts(int count)
 
 void scanner_session::close()
 {
+    request_close();
+    end_program();
+}
+
+void scanner_session::request_close()
+{
     m_program->close(kStepLimit);
     m_log.request(0);
     m_log.close();
-    end_program();
 }
 
 void scanner_session::end_program()
 {
-    EXPECT_EQ(m_program->finish(kStepLimit), tvkctl::exit_status::exited(0));
     m_log.end();
-    EXPECT_EQ(support::text(support::log_dialogue()), support::text(m_log.lines()));
+    end_program(tvkctl::exit_status::exited(0));
+}
+
+void scanner_session::end_program(const tvkctl::exit_status& expected)
+{
+    EXPECT_EQ(m_program->finish(kStepLimit), expected);
+    EXPECT_EQ(support::text(log_so_far()), support::text(m_log.lines()));
 }
 
 void scanner_session::send(const bytes& data)
@@ -175,6 +220,64 @@ void scanner_session::expect_parting(const std::string& direction, std::size_t l
     m_log.cut(direction, length - moved, 0, kNoDevice);
 }
 
+void scanner_session::begin_send(const bytes& data)
+{
+    begin(tvkctl::request_code::send, 0, data);
+    wait_until_in_a_transfer();
+}
+
+void scanner_session::end_send()
+{
+    EXPECT_EQ(m_program->read_reply(tvkctl::kConnectionId, kStepLimit).kind, tvkctl::reply::verdict::ok);
+    m_log.reply(0);
+}
+
+void scanner_session::begin_receive(std::uint32_t count)
+{
+    begin(tvkctl::request_code::recv, count, {});
+    wait_until_in_a_transfer();
+}
+
+bytes scanner_session::end_receive(std::uint32_t count)
+{
+    const tvkctl::reply reply = m_program->read_reply(tvkctl::kConnectionId, kStepLimit);
+    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok);
+    EXPECT_EQ(reply.payload.size(), count);
+    m_log.reply(count);
+    return reply.payload;
+}
+
+void scanner_session::begin(tvkctl::request_code code, std::uint32_t value, tvkctl::byte_view payload)
+{
+    tvkctl::frame_header header;
+    header.id = tvkctl::kConnectionId;
+    header.code = static_cast<std::uint32_t>(code);
+    header.value = value;
+    m_program->send_request(header, payload, kStepLimit);
+    m_log.request(payload.size);
+}
+
+void scanner_session::wait_until_in_a_transfer()
+{
+    wait_until_in(SYS_poll, m_log); // where libusb waits
+}
+
+void scanner_session::wait_until_idle()
+{
+    expected_log so_far = m_log;
+    so_far.waiting();
+    wait_until_in(SYS_read, so_far);
+}
+
+void scanner_session::wait_until_in(long system_call, const expected_log& so_far)
+{
+    const pid_t pid = m_program->process().pid();
+    EXPECT_TRUE(support::wait_until(
+        kStepLimit,
+        [&] { return log_so_far() == so_far.lines() && support::is_waiting_in(pid, system_call); }))
+        << "the program did not come to wait in system call " << system_call;
+}
+
 void scanner_session::command(command_code code, std::uint32_t argument, const bytes& payload)
 {
     send(encoded(code, argument, payload));
@@ -188,7 +291,19 @@ void scanner_session::send_past_a_stall(const bytes& data, const std::string& di
     m_log.reply(0);
 }
 
-std::uint32_t scanner_session::announced_by_answer_to(command_code code)
+void scanner_session::announce(command_code code, std::uint32_t payload_length)
+{
+    const virtual_scanner::block head = virtual_scanner::encode({code, kTag, 0, payload_length});
+    send({head.begin(), head.end()});
+}
+
+bytes scanner_session::answer_to(command_code code)
+{
+    const std::uint32_t length = answer_block(code);
+    return length == 0 ? bytes() : receive(length);
+}
+
+std::uint32_t scanner_session::answer_block(command_code code)
 {
     const bytes received = receive(virtual_scanner::kBlockSize);
     virtual_scanner::block block{};
@@ -199,12 +314,6 @@ std::uint32_t scanner_session::announced_by_answer_to(command_code code)
     EXPECT_EQ(answer.tag, kTag);
     EXPECT_EQ(answer.status, virtual_scanner::answer_status::ok);
     return answer.data_length;
-}
-
-bytes scanner_session::answer_to(command_code code)
-{
-    const std::uint32_t length = announced_by_answer_to(code);
-    return length == 0 ? bytes() : receive(length);
 }
 
 std::string scanner_session::identified_serial()
@@ -223,6 +332,19 @@ void scanner_session::arm(virtual_scanner::fault_kind fault, std::optional<std::
     command(command_code::fault, static_cast<std::uint32_t>(fault),
             amount ? virtual_scanner::little_endian(*amount) : bytes());
     answer_to(command_code::fault);
+}
+
+virtual_scanner::scanner_status scanner_session::status()
+{
+    command(command_code::status);
+    return virtual_scanner::decode_status(answer_to(command_code::status));
+}
+
+void scanner_session::expect_pattern(std::uint32_t length)
+{
+    command(command_code::read_pattern, length);
+    EXPECT_TRUE(answer_to(command_code::read_pattern) == virtual_scanner::pattern(length))
+        << "not the pattern";
 }
 
 bytes scanner_session::encoded(command_code code, std::uint32_t argument, const bytes& payload)

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
@@ -16,11 +17,26 @@ namespace target {
 
 constexpr std::uint32_t kMebibyte = 1024 * 1024;
 
+/// Shorter than the limit of a scenario, so that the logs of one that hangs are seen.
+constexpr tvkctl::milliseconds kStepLimit{30'000};
+
+/// How the program is started here.
+tvkctl::launch program_launch();
+
+/// The interfaces that programs have claimed on all buses of the machine, as the kernel names them
+/// ("1-1:1.0").
+std::vector<std::string> claimed_interfaces();
+
 /// A front-end's session with a scanner: the real program, started as a front-end starts it, the real plugin,
 /// the kernel's USB, and the virtual scanner at its end. Each step is done, its reply checked, and the log
 /// lines that it must leave noted; close() ends the session and compares the exit status and the whole log.
 class scanner_session : public testing::Test {
 protected:
+    /// The device file "plain" describes these.
+    static constexpr const char* kByIds = "usb:1a2b:3c4d";
+    static constexpr const char* kBySerial = "usb:1a2b:3c4d:SN0042";
+    static constexpr const char* kSerial = "SN0042";
+
     scanner_session();
     /// After a failure, shows what the program logged and what the scanner saw.
     void TearDown() override;
@@ -36,6 +52,9 @@ protected:
     void open(const opening& what);
     /// An open that fails, with which the program ends.
     void open_in_vain(const opening& what);
+    /// Starts the program, which then awaits its front-end; and connects to it and asks it for the open.
+    void start(tvkctl::launch how = program_launch());
+    void request_open(const std::string& udi);
     /// An open in two halves: the request has gone out, the reply is there. Between them the program is at
     /// work, and wait_for_failed_attempts() tells how far it has come.
     void begin_to_open(const std::string& udi);
@@ -43,6 +62,12 @@ protected:
     /// Returns when so many attempts to reach the device have failed.
     static void wait_for_failed_attempts(int count);
     void close();
+    /// Asks the program to close the scanner and to end, without waiting for it.
+    void request_close();
+    /// Waits until a program has ended that was told to, and compares its exit status and its whole log.
+    void end_program();
+    /// The same with one that ends in another way, and in the middle of its log.
+    void end_program(const tvkctl::exit_status& expected);
 
     /// Passes bytes to the scanner, which takes them.
     void send(const virtual_scanner::bytes& data);
@@ -59,6 +84,16 @@ protected:
     void send_to_one_that_leaves(const virtual_scanner::bytes& data, std::uint32_t moved);
     void receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved);
 
+    /// The same in two halves; after the first one the program waits for the scanner.
+    void begin_send(const virtual_scanner::bytes& data);
+    void end_send();
+    void begin_receive(std::uint32_t count);
+    virtual_scanner::bytes end_receive(std::uint32_t count);
+    /// Both return when the log is all that is expected so far and the program waits: for the scanner, or for
+    /// the next request.
+    void wait_until_in_a_transfer();
+    void wait_until_idle();
+
     /// Sends a command of the scanner's own set.
     void command(virtual_scanner::command_code code, std::uint32_t argument = 0,
                  const virtual_scanner::bytes& payload = {});
@@ -66,10 +101,12 @@ protected:
     /// stall of a transfer of this direction ("read" or "write") and length.
     void send_past_a_stall(const virtual_scanner::bytes& data, const std::string& direction,
                            std::size_t length);
-    /// Takes the block of an answer and checks it; how many bytes of data are to follow.
-    std::uint32_t announced_by_answer_to(virtual_scanner::command_code code);
+    /// Sends one whose payload follows in requests of its own.
+    void announce(virtual_scanner::command_code code, std::uint32_t payload_length);
     /// Takes an answer: checks its block, returns its data.
     virtual_scanner::bytes answer_to(virtual_scanner::command_code code);
+    /// Takes the block of an answer and checks it; how many bytes of data are to follow.
+    std::uint32_t answer_block(virtual_scanner::command_code code);
     /// The serial number that the scanner at the other end has, by its own word.
     std::string identified_serial();
     /// Has the scanner do something wrong with the next command.
@@ -78,10 +115,19 @@ protected:
     static virtual_scanner::bytes encoded(virtual_scanner::command_code code, std::uint32_t argument = 0,
                                           const virtual_scanner::bytes& payload = {});
 
-private:
+    virtual_scanner::scanner_status status();
+    /// Reads so many bytes of the pattern, in one request, and looks at each.
+    void expect_pattern(std::uint32_t length);
+
+    /// For steps of a suite's own. begin() sends a request, and leaves the reply to program().
+    void begin(tvkctl::request_code code, std::uint32_t value, tvkctl::byte_view payload);
     void expect_refusal(const tvkctl::reply& reply);
+    tvkctl::front_end& program() { return m_program.value(); }
+    expected_log& log() { return m_log; }
+
+private:
     void expect_parting(const std::string& direction, std::size_t length, std::size_t moved);
-    void end_program();
+    void wait_until_in(long system_call, const expected_log& so_far);
 
     std::map<std::string, std::string> m_environment; ///< of the programs
     std::optional<scanner_process> m_scanner;

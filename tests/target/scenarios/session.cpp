@@ -11,38 +11,10 @@ namespace {
 
 class session : public target::scanner_session {
 protected:
-    static constexpr const char* kByIds = "usb:1a2b:3c4d";
-    static constexpr const char* kBySerial = "usb:1a2b:3c4d:SN0042";
-    static constexpr const char* kSerial = "SN0042";
-
-    /// The position of the first byte that is not the pattern's; the size when there is none.
-    static std::size_t first_wrong_byte(const bytes& data)
-    {
-        std::size_t position = 0;
-        while (position < data.size() &&
-               data[position] == virtual_scanner::pattern_byte(virtual_scanner::wire_length(position)))
-            ++position;
-        return position;
-    }
-
     static std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
     {
         const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
         return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
-    }
-
-    virtual_scanner::scanner_status status()
-    {
-        command(command_code::status);
-        return virtual_scanner::decode_status(answer_to(command_code::status));
-    }
-
-    void expect_pattern(std::uint32_t length)
-    {
-        command(command_code::read_pattern, length);
-        const bytes data = answer_to(command_code::read_pattern);
-        EXPECT_EQ(data.size(), length);
-        EXPECT_EQ(first_wrong_byte(data), length);
     }
 };
 

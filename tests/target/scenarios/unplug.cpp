@@ -9,8 +9,6 @@ namespace {
 
 class unplug : public target::scanner_session {
 protected:
-    static constexpr const char* kByIds = "usb:1a2b:3c4d";
-
     /// The device comes back, and a new program works with it.
     void expect_the_next_session_to_work()
     {
