@@ -1,0 +1,242 @@
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "support/dialogue.h"
+#include "support/files.h"
+#include "support/log_reader.h"
+#include "support/private_paths.h"
+#include "support/wait_until.h"
+#include "target/scenarios/machine_clock.h"
+#include "target/scenarios/own_mounts.h"
+#include "target/scenarios/scanner_session.h"
+
+namespace fs = std::filesystem;
+
+using virtual_scanner::bytes;
+using virtual_scanner::command_code;
+
+namespace {
+
+/// Whatever becomes of the log, the front-end does not notice: each test has a session whose bytes on the
+/// wire are compared with those of a session without a log.
+class logging : public target::scanner_session {
+protected:
+    void SetUp() override
+    {
+        plug_in("plain");
+        fs::remove_all(support::log_directory);
+        m_without_log = bytes_of_a_session();
+        log() = target::expected_log();
+    }
+
+    void expect_same_session(const tvkctl::launch& how = target::program_launch())
+    {
+        EXPECT_EQ(bytes_of_a_session(how), m_without_log);
+    }
+
+    void expect_whole_log()
+    {
+        EXPECT_EQ(support::text(support::log_dialogue()), support::text(log().lines()));
+    }
+
+    /// The same session leaves nothing, and a request that then ends the program with an exception `error`.
+    void expect_at_level(int level, const std::string& error)
+    {
+        support::make_log_directory(level);
+        begin_session();
+        talk();
+        EXPECT_EQ(seen(), without_log());
+        EXPECT_EQ(support::raw_log(), "");
+        begin(tvkctl::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
+        EXPECT_EQ(program().finish(target::kStepLimit), tvkctl::exit_status::exited(1));
+        EXPECT_EQ(support::text(support::log_dialogue()), error);
+    }
+
+    static fs::path log_file_of(std::time_t day)
+    {
+        char name[] = "tvkintif_yyyymmdd.log";
+        std::strftime(name, sizeof name, "tvkintif_%Y%m%d.log", std::localtime(&day));
+        return fs::path(support::log_directory) / name;
+    }
+
+    /// A session in three parts; talk() may come in the middle of something else.
+    void begin_session(const tvkctl::launch& how = target::program_launch())
+    {
+        m_seen.clear();
+        start(how);
+        program().observe([this](const tvkctl::frame_event& frame) { see(frame); });
+        request_open(kByIds);
+        end_opening({kByIds});
+    }
+
+    void talk()
+    {
+        command(command_code::identify);
+        answer_to(command_code::identify);
+        command(command_code::echo, 0, virtual_scanner::pattern(kEchoed));
+        EXPECT_EQ(answer_to(command_code::echo), virtual_scanner::pattern(kEchoed));
+    }
+
+    void end_session()
+    {
+        request_close();
+        EXPECT_EQ(program().finish(target::kStepLimit), tvkctl::exit_status::exited(0));
+        log().end();
+    }
+
+    bytes bytes_of_a_session(const tvkctl::launch& how = target::program_launch())
+    {
+        begin_session(how);
+        talk();
+        const bytes seen = m_seen;
+        end_session();
+        return seen;
+    }
+
+    const bytes& without_log() const { return m_without_log; }
+    const bytes& seen() const { return m_seen; }
+
+private:
+    static constexpr std::uint32_t kEchoed = 1000;
+
+    void see(const tvkctl::frame_event& frame)
+    {
+        const tvkctl::wire_header head = tvkctl::to_wire(frame.header);
+        m_seen.insert(m_seen.end(), head.begin(), head.end());
+        m_seen.insert(m_seen.end(), frame.payload.begin(), frame.payload.end());
+    }
+
+    bytes m_seen; ///< all that crossed the wire in a session, in both directions
+    bytes m_without_log;
+};
+
+tvkctl::launch launch_with_captured_errors()
+{
+    tvkctl::launch how = target::program_launch();
+    how.errors = tvkctl::launch::standard_error::capture;
+    return how;
+}
+
+} // namespace
+
+TEST_F(logging, without_a_directory_nothing_is_logged_or_made)
+{
+    expect_same_session(launch_with_captured_errors());
+    EXPECT_EQ(program().process().standard_error(), "");
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+TEST_F(logging, directory_alone_means_level_info)
+{
+    support::make_log_directory();
+    expect_same_session();
+    expect_whole_log();
+}
+
+TEST_F(logging, level_0_tells_the_source_of_each_line_and_copies_it_to_standard_error)
+{
+    support::make_log_directory(0);
+    expect_same_session(launch_with_captured_errors());
+    std::vector<std::string> lines;
+    for (const support::log_line& line : support::log_lines()) {
+        EXPECT_NE(support::source_of(line.message), "") << line.message;
+        lines.push_back(line.level + " " + support::without_source(line.message));
+    }
+    EXPECT_EQ(support::text(lines), support::text(log().lines()));
+    EXPECT_EQ(program().process().standard_error(), support::raw_log());
+}
+
+TEST_F(logging, level_1_writes_every_line_and_copies_none)
+{
+    support::make_log_directory(1);
+    expect_same_session(launch_with_captured_errors());
+    expect_whole_log();
+    EXPECT_EQ(program().process().standard_error(), "");
+}
+
+TEST_F(logging, level_2_writes_errors_alone)
+{
+    expect_at_level(2, "ERROR vector::reserve\n");
+}
+
+TEST_F(logging, level_3_writes_errors_alone)
+{
+    expect_at_level(3, "ERROR vector::reserve\n");
+}
+
+TEST_F(logging, level_4_does_not_even_write_errors)
+{
+    expect_at_level(4, "");
+}
+
+TEST_F(logging, level_5_writes_nothing)
+{
+    expect_at_level(5, "");
+}
+
+TEST_F(logging, midnight_in_a_session_begins_the_next_days_file)
+{
+    using std::chrono::milliseconds;
+    using std::chrono::seconds;
+    const std::time_t day = 1'893'456'000; // 1 January 2030
+    const seconds midnight(day);
+    support::make_log_directory();
+    const target::machine_clock clock;
+    target::machine_clock::set(midnight - seconds(60));
+    begin_session();
+    wait_until_idle();
+    target::expected_log before = log();
+    before.waiting();
+    target::machine_clock::set(midnight - milliseconds(100));
+    ASSERT_TRUE(support::wait_until(target::kStepLimit, [&] { return std::time(nullptr) >= day; }));
+    talk();
+    EXPECT_EQ(seen(), without_log());
+    end_session();
+    expect_whole_log();
+    const std::string first = support::read_file(log_file_of(day - 1));
+    const std::string second = support::read_file(log_file_of(day));
+    EXPECT_EQ(static_cast<std::size_t>(std::count(first.begin(), first.end(), '\n')), before.lines().size());
+    EXPECT_EQ(second.rfind("[00:00:00.0000]", 0), 0U) << second.substr(0, 40);
+    EXPECT_EQ(first + second, support::raw_log()) << "there is a third file";
+}
+
+TEST_F(logging, full_disk_cuts_the_log_and_nothing_else)
+{
+    constexpr std::size_t kRoom = 4096; // a page is the least that a file system in memory has
+    support::make_log_directory();
+    target::cover(support::log_directory, "size=4k");
+    expect_same_session();
+    EXPECT_EQ(support::raw_log().size(), kRoom);
+    std::vector<std::string> written = support::log_dialogue();
+    written.pop_back(); // cut somewhere
+    ASSERT_LT(written.size(), log().lines().size());
+    EXPECT_EQ(support::text(written),
+              support::text({log().lines().begin(),
+                             log().lines().begin() + static_cast<std::ptrdiff_t>(written.size())}));
+}
+
+TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)
+{
+    support::make_log_directory();
+    target::cover(support::log_directory);
+    std::ofstream(support::log_directory + "/setting.ini") << "loglevel=0\n";
+    target::make_read_only(support::log_directory);
+    expect_same_session(launch_with_captured_errors());
+    EXPECT_EQ(support::raw_log(), "");
+    EXPECT_EQ(program().process().standard_error(), "");
+}
+
+TEST_F(logging, file_that_cannot_be_opened_drops_the_lines)
+{
+    support::make_log_directory();
+    fs::create_directory(log_file_of(std::time(nullptr)));
+    expect_same_session();
+    EXPECT_EQ(support::raw_log(), "");
+}
