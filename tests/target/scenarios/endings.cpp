@@ -8,7 +8,6 @@
 #include "target/scenarios/scanner_session.h"
 #include "tvkctl/src/child_process.h"
 
-using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 
 namespace {
