@@ -62,10 +62,10 @@ protected:
 TEST_F(choosing, ids_open_the_device_that_is_listed_first)
 {
     plug_in("twins");
-    EXPECT_EQ(serial_of_the_opened({"usb:1a2b:3c4d"}), kListedFirst);
+    EXPECT_EQ(serial_of_the_opened({kByIds}), kListedFirst);
     scanner().unplug("left");
     scanner().plug("left");
-    EXPECT_EQ(serial_of_the_opened({"usb:1a2b:3c4d"}), kListedFirst);
+    EXPECT_EQ(serial_of_the_opened({kByIds}), kListedFirst);
 }
 
 TEST_F(choosing, serial_number_opens_its_device_when_that_is_listed_first)

@@ -14,7 +14,7 @@ protected:
     {
         scanner().plug("plain");
         open(kByIds);
-        EXPECT_EQ(identified_serial(), "SN0042");
+        EXPECT_EQ(identified_serial(), kSerial);
         close();
     }
 };
@@ -25,7 +25,7 @@ TEST_F(unplug, of_an_idle_scanner_fails_what_comes_after_and_the_session_closes)
 {
     plug_in("plain");
     open(kByIds);
-    EXPECT_EQ(identified_serial(), "SN0042");
+    EXPECT_EQ(identified_serial(), kSerial);
     scanner().unplug("plain");
     send_to_nobody(encoded(command_code::identify));
     receive_from_nobody(virtual_scanner::kBlockSize);
