@@ -169,15 +169,13 @@ void write_place(const instruction& at)
 {
     char innermost[256];
     describe(innermost, sizeof innermost, at.address);
-    const void* in_plugin = place_in_plugin(at);
-    if (is_in_plugin(at.address))
-        write_down(g_notes->place, innermost);
-    else if (in_plugin != nullptr)
-        write_caller(innermost, "called from", in_plugin);
-    else if (const void* guess = caller_on_stack(at.stack))
-        write_caller(innermost, "probably called from", guess);
-    else
-        write_down(g_notes->place, innermost);
+    if (!is_in_plugin(at.address)) {
+        if (const void* caller = place_in_plugin(at))
+            return write_caller(innermost, "called from", caller);
+        if (const void* guess = caller_on_stack(at.stack))
+            return write_caller(innermost, "probably called from", guess);
+    }
+    write_down(g_notes->place, innermost);
 }
 
 /// Empty when the address is in no relation to the buffer.
