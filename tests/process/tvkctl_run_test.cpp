@@ -361,6 +361,9 @@ TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
 
 TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_told)
 {
+#ifdef PROGRAM_IS_SANITIZED
+    GTEST_SKIP() << "the sanitizer needs descriptors itself, to look at memory";
+#endif
     const tvkctl_result result = run_in_shell("ulimit -n 6; exec \"$TVKCTL\" run usb:1a2b:3c4d 'query 1'");
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "tvkctl: pipe2: Too many open files\n");
