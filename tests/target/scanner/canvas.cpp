@@ -20,7 +20,9 @@ canvas::canvas(int width, int height)
 
 void canvas::put(int x, int y, unsigned char grey)
 {
-    fill({x, y, 1, 1}, grey);
+    if (x >= 0 && x < m_width && y >= 0 && y < m_height)
+        m_pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(m_width) +
+                 static_cast<std::size_t>(x)] = grey;
 }
 
 void canvas::fill(const rectangle& where, unsigned char grey)

@@ -257,7 +257,7 @@ void scanner_device::take_at_least(std::size_t length)
 /// Takes whole packets, so that the host's transfer goes on; what came with the block counts.
 void scanner_device::take_part_of_payload(const command& what, const fault& how_much)
 {
-    const std::size_t most = how_much.amount.value_or(what.payload_length / 2);
+    const std::size_t most = std::min(how_much.amount.value_or(what.payload_length / 2), what.payload_length);
     while (m_taken.size() + function_fs::kPacketSize <= most)
         take_at_least(m_taken.size() + 1);
     note("took " + std::to_string(m_taken.size()) + " bytes of the payload");
@@ -387,7 +387,7 @@ void scanner_device::give_short(const answer& head, const bytes& data, const fau
         m_link.give(encoded.data(), count);
     else
         give(head, data, count);
-    if (count % function_fs::kPacketSize == 0)
+    if (count < whole && count % function_fs::kPacketSize == 0)
         m_link.give_empty_packet();
 }
 
