@@ -455,8 +455,8 @@ TEST_F(sample_plugin, does_what_the_worked_example_says)
     for (const bytes& each : given)
         m_device.will_give(each);
     const virtual_scanner::test_chart chart(75);
-    const auto first = chart.pixels().begin() + chart.width();
-    m_device.will_give({first, first + 2 * chart.width()});
+    const auto first = chart.pixels().begin() + static_cast<std::ptrdiff_t>(chart.width());
+    m_device.will_give({first, first + 2 * static_cast<std::ptrdiff_t>(chart.width())});
     EXPECT_TRUE(send(sent[0]));
     EXPECT_EQ(receive(16), received[0]);
     EXPECT_EQ(receive(8), received[1]);
