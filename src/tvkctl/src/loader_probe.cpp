@@ -12,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tvkctl/src/line_counts.h"
 #include "tvkctl/src/process_handle.h"
 #include "tvkctl/src/unique_fd.h"
 
@@ -40,13 +41,13 @@ void silence_output()
         _exit(1);
 }
 
-[[noreturn]] void load_here(const std::string& path, const std::vector<std::string>& functions, int report)
+void load_here(const std::string& path, const std::vector<std::string>& functions, int report)
 {
     silence_output();
     void* library = dlopen(path.c_str(), RTLD_LAZY);
     if (library == nullptr) {
         tell(report, kRefused + std::string(dlerror()));
-        _exit(0);
+        return;
     }
     for (const std::string& name : functions)
         if (dlsym(library, name.c_str()) == nullptr)
@@ -54,7 +55,6 @@ void silence_output()
     tell(report, kLoaded);
     dlclose(library);
     tell(report, kUnloaded);
-    _exit(0);
 }
 
 /// A child of this process, with a process group of its own; killed with all of it and reaped on destruction.
@@ -133,8 +133,11 @@ load_attempt try_to_load(const std::string& path, const std::vector<std::string>
     if (pid < 0)
         throw std::system_error(errno, std::generic_category(), "fork");
     setpgid(pid, 0); // on both sides, so that it is done whoever comes first
-    if (pid == 0)
+    if (pid == 0) {
         load_here(path, functions, report.writing.get());
+        save_line_counts();
+        _exit(0);
+    }
     child loader(pid);
     const bool has_ended = loader.ends_before(until);
     const exit_status status = loader.end();

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tvkctl/src/crash_place.h"
+#include "tvkctl/src/line_counts.h"
 #include "tvkintif/src/scanner.h"
 
 namespace tvkctl {
@@ -361,6 +362,7 @@ void run_trial_here(const trial_plan& plan, trial_notes& notes)
         notes.has_thrown = true;
     }
     std::fflush(nullptr);
+    save_line_counts();
     _exit(EXIT_SUCCESS);
 }
 
