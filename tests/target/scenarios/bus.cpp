@@ -125,7 +125,7 @@ protected:
         }
     }
 
-    static bool is_there() { return !target::described_on_bus(kVendor, kPlain).empty(); }
+    static bool is_there() { return target::is_on_bus(kVendor, kPlain); }
     static bool is_gone() { return !is_there(); }
 
     static bool diary_has(const std::string& text)

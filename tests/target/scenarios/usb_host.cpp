@@ -100,26 +100,30 @@ std::string describe(libusb_device* device, const libusb_device_descriptor& desc
     return text;
 }
 
-/// Calls `visit` with each device on the bus.
-void for_each_device(libusb_context* context,
-                     const std::function<void(libusb_device*, const libusb_device_descriptor&)>& visit)
-{
-    libusb_device** list = nullptr;
-    const ssize_t count = libusb_get_device_list(context, &list);
-    const std::unique_ptr<libusb_device*, void (*)(libusb_device**)> owner(
-        list, [](libusb_device** all) { libusb_free_device_list(all, 1); });
-    for (ssize_t index = 0; index < count; ++index) {
-        libusb_device_descriptor descriptor{};
-        libusb_get_device_descriptor(list[index], &descriptor);
-        visit(list[index], descriptor);
-    }
-}
-
 libusb_context* make_context()
 {
     libusb_context* context = nullptr;
     require(libusb_init(&context), "start libusb");
     return context;
+}
+
+/// Calls `visit` with each device of these ids on the bus.
+void for_each_device(std::uint16_t vendor, std::uint16_t product,
+                     const std::function<void(libusb_device*, const libusb_device_descriptor&)>& visit)
+{
+    libusb_context* const context = make_context();
+    const std::unique_ptr<libusb_context, void (*)(libusb_context*)> context_owner(context, libusb_exit);
+    libusb_device** list = nullptr;
+    const ssize_t count = libusb_get_device_list(context, &list);
+    require(static_cast<int>(count), "list the devices");
+    const std::unique_ptr<libusb_device*, void (*)(libusb_device**)> list_owner(
+        list, [](libusb_device** all) { libusb_free_device_list(all, 1); });
+    for (ssize_t index = 0; index < count; ++index) {
+        libusb_device_descriptor descriptor{};
+        libusb_get_device_descriptor(list[index], &descriptor);
+        if (descriptor.idVendor == vendor && descriptor.idProduct == product)
+            visit(list[index], descriptor);
+    }
 }
 
 } // namespace
@@ -207,14 +211,19 @@ void choose_configuration(std::uint16_t vendor, std::uint16_t product, int value
             "choose a configuration");
 }
 
+bool is_on_bus(std::uint16_t vendor, std::uint16_t product)
+{
+    bool is_found = false;
+    for_each_device(vendor, product,
+                    [&](libusb_device*, const libusb_device_descriptor&) { is_found = true; });
+    return is_found;
+}
+
 std::vector<std::string> described_on_bus(std::uint16_t vendor, std::uint16_t product)
 {
-    libusb_context* const context = make_context();
-    const std::unique_ptr<libusb_context, void (*)(libusb_context*)> owner(context, libusb_exit);
     std::vector<std::string> found;
-    for_each_device(context, [&](libusb_device* device, const libusb_device_descriptor& descriptor) {
-        if (descriptor.idVendor == vendor && descriptor.idProduct == product)
-            found.push_back(describe(device, descriptor));
+    for_each_device(vendor, product, [&](libusb_device* device, const libusb_device_descriptor& descriptor) {
+        found.push_back(describe(device, descriptor));
     });
     return found;
 }

@@ -72,6 +72,9 @@ int active_configuration(std::uint16_t vendor, std::uint16_t product);
 /// Has the host choose another one, for which no interface may be claimed.
 void choose_configuration(std::uint16_t vendor, std::uint16_t product, int value);
 
+/// Whether a device of these ids is on the bus. It is not opened, so that it may come or go at any time.
+bool is_on_bus(std::uint16_t vendor, std::uint16_t product);
+
 /// The configurations of a device on the bus, as its descriptors tell, and its serial number; one text for
 /// one device, in the words of device files. Empty when no such device is on the bus.
 std::vector<std::string> described_on_bus(std::uint16_t vendor, std::uint16_t product);
