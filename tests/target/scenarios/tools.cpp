@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
@@ -17,6 +18,8 @@
 #include "support/log_reader.h"
 #include "support/page_examples.h"
 #include "support/private_paths.h"
+#include "support/proc_files.h"
+#include "support/wait_until.h"
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
 #include "target/scenarios/guest.h"
@@ -587,6 +590,8 @@ TEST_F(tools, log_follow_prints_lines_as_they_come)
     constexpr std::size_t longest_line = 200;
     plug_in("plain");
     tvkctl::child_process following(command({"log", "follow"}));
+    ASSERT_TRUE(
+        support::wait_until(kLimit, [&] { return support::is_waiting_in(following.pid(), SYS_poll); }));
     ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
     const auto line = following.first_line(longest_line, kLimit);
     EXPECT_TRUE(
