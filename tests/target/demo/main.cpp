@@ -1,8 +1,8 @@
 // Parts of the demonstration that demo/show plays:
 //
-//   target_demo session     a session of the real program with the virtual scanner, told on the terminal as
-//   it
-//                           happens: every frame that is shown was on the wire, every figure was measured
+//   target_demo session     a session of the real program with the virtual scanner, told on the terminal
+//                           as it happens: every frame that is shown was on the wire, every figure was
+//                           measured
 //   target_demo log COPY    what the program's log has of it and of the sessions behind it; all of it to COPY
 //
 // Exit status: 0 when all went as it must.
