@@ -47,14 +47,6 @@ block make_block(const std::array<unsigned char, 4>& magic, command_code code, s
     return made;
 }
 
-bytes two_numbers(std::uint32_t first, std::uint32_t second)
-{
-    bytes made(8);
-    put32(made.begin(), first);
-    put32(made.begin() + 4, second);
-    return made;
-}
-
 bool has_magic(const block& from, const std::array<unsigned char, 4>& magic)
 {
     return std::equal(magic.begin(), magic.end(), from.begin());
@@ -97,12 +89,10 @@ bytes encode(const scanner_status& what)
 
 bytes encode(const sheet_size& what)
 {
-    return two_numbers(what.line_pixels, what.lines);
-}
-
-bytes encode(const line_range& what)
-{
-    return two_numbers(what.first, what.count);
+    bytes made(8);
+    put32(made.begin(), what.line_pixels);
+    put32(made.begin() + 4, what.lines);
+    return made;
 }
 
 bool decode(const block& from, command& what)
@@ -126,11 +116,6 @@ bool decode(const block& from, answer& what)
 scanner_status decode_status(const bytes& from)
 {
     return {get32(from.begin()), get32(from.begin() + 4), get32(from.begin() + 8), get32(from.begin() + 12)};
-}
-
-sheet_size decode_sheet_size(const bytes& from)
-{
-    return {get32(from.begin()), get32(from.begin() + 4)};
 }
 
 line_range decode_line_range(const bytes& from)

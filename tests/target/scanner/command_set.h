@@ -82,15 +82,13 @@ block encode(const command& what);
 block encode(const answer& what);
 bytes encode(const scanner_status& what);
 bytes encode(const sheet_size& what);
-bytes encode(const line_range& what);
 
 /// Decoding answers whether the bytes are such a block at all; `what` is filled only then.
 bool decode(const block& from, command& what);
 bool decode(const block& from, answer& what);
 /// `from` must hold the 16 bytes of the answer's data.
 scanner_status decode_status(const bytes& from);
-/// These two must hold 8 bytes.
-sheet_size decode_sheet_size(const bytes& from);
+/// It must hold 8 bytes.
 line_range decode_line_range(const bytes& from);
 
 /// A command with its payload behind it, as it goes out in one transfer.
