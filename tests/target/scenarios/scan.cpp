@@ -25,14 +25,12 @@ struct area {
 
 class scan : public target::scanner_session {
 protected:
-    static constexpr const char* kAddress = "usb:1a2b:3c4d";
-
     area sheet() const { return {0, 0, m_chart.width(), m_chart.height()}; }
 
     void begin()
     {
         plug_in("plain");
-        open(kAddress);
+        open(kByIds);
     }
 
     static bytes request(const area& wanted)
@@ -173,7 +171,7 @@ TEST_F(scan, begins_again_in_the_session_after_one_that_was_closed_in_a_picture)
     start(sheet());
     EXPECT_EQ(receive(10'000).size(), 10'000U);
     close();
-    open(kAddress);
+    open(kByIds);
     expect_scanned({0, 700, sheet().width, 100});
     close();
 }
