@@ -87,14 +87,6 @@ bytes answer(tvkctl::front_end& program)
     return decoded.data_length == 0 ? bytes() : take(program, decoded.data_length);
 }
 
-bool is_pattern(const bytes& data)
-{
-    for (std::uint32_t position = 0; position < data.size(); ++position)
-        if (data[position] != virtual_scanner::pattern_byte(position))
-            return false;
-    return data.size() == kMebibyte;
-}
-
 void show_identity(tvkctl::front_end& program)
 {
     say("Ask the scanner who it is: a command of its own, passed through the plugin");
@@ -122,7 +114,7 @@ void show_large_receive(tvkctl::front_end& program)
     const auto start = std::chrono::steady_clock::now();
     const bytes data = answer(program);
     const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-    demand(is_pattern(data), "the bytes are not the ones of the pattern");
+    demand(data == virtual_scanner::pattern(kMebibyte), "the bytes are not the ones of the pattern");
     char text[100];
     std::snprintf(text, sizeof text, "all %u bytes are right, in %.0f ms: %.1f MB/s (emulated, both ends)",
                   kMebibyte, time.count() * 1000, kMebibyte / time.count() / 1e6);

@@ -19,6 +19,8 @@
 using target::transfer;
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
+using virtual_scanner::fault_kind;
+using virtual_scanner::pattern;
 
 namespace {
 
@@ -32,15 +34,6 @@ constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner/";
 constexpr unsigned kShortTimeoutMs = 200;
 /// For one that is to stop in the middle, which a busy machine takes its time to reach.
 constexpr unsigned kLongerTimeoutMs = 1000;
-
-/// What a scanner gives in answer to "read pattern".
-bytes pattern(std::size_t length)
-{
-    bytes made;
-    for (std::size_t position = 0; position < length; ++position)
-        made.push_back(virtual_scanner::pattern_byte(static_cast<std::uint32_t>(position)));
-    return made;
-}
 
 class bus : public testing::Test {
 protected:
@@ -356,7 +349,9 @@ TEST_F(bus, never_comes_back_once_vanished)
 
 TEST_F(bus, strikes_with_a_fault_that_came_by_command)
 {
-    expect_done(host().write(command(command_code::fault, 5, virtual_scanner::little_endian(100))));
+    expect_done(
+        host().write(command(command_code::fault, static_cast<std::uint32_t>(fault_kind::short_answer),
+                             virtual_scanner::little_endian(100))));
     expect_done(host().read(16), answer(command_code::fault, 0));
     expect_done(send_read_pattern());
     expect_block();
