@@ -29,6 +29,7 @@ using tvkctl::reply;
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
+using virtual_scanner::text_at;
 
 constexpr const char* kProgram = "/usr/bin/tvkintif";
 constexpr const char* kAddress = "usb:1a2b:3c4d:SN0042";
@@ -54,12 +55,6 @@ void demand(const reply& came, reply::verdict expected)
 {
     demand(came.kind == expected,
            std::string("expected ") + tvkctl::name_of(expected) + ", got " + tvkctl::name_of(came.kind));
-}
-
-std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
-{
-    const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
-    return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
 }
 
 void command(tvkctl::front_end& program, command_code code, std::uint32_t argument = 0,

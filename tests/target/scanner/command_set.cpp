@@ -123,6 +123,12 @@ line_range decode_line_range(const bytes& from)
     return {get32(from.begin()), get32(from.begin() + 4)};
 }
 
+std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
+{
+    const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
+    return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
+}
+
 bytes encode_with_payload(command what, const bytes& payload)
 {
     what.payload_length = wire_length(payload.size());

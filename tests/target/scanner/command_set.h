@@ -91,6 +91,9 @@ scanner_status decode_status(const bytes& from);
 /// It must hold 8 bytes.
 line_range decode_line_range(const bytes& from);
 
+/// The text in a field of zero-padded data, which must be there as a whole.
+std::string text_at(const bytes& data, std::size_t offset, std::size_t width);
+
 /// A command with its payload behind it, as it goes out in one transfer.
 bytes encode_with_payload(command what, const bytes& payload);
 

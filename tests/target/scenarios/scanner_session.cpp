@@ -318,13 +318,13 @@ std::uint32_t scanner_session::answer_block(command_code code)
 
 std::string scanner_session::identified_serial()
 {
-    constexpr std::ptrdiff_t kSerialOffset = 48;
+    constexpr std::size_t kSerialOffset = 48;
+    constexpr std::size_t kSerialWidth = 16;
     command(command_code::identify);
     const bytes identity = answer_to(command_code::identify);
-    if (identity.size() <= kSerialOffset)
+    if (identity.size() != kSerialOffset + kSerialWidth)
         return "no identity";
-    const auto first = identity.begin() + kSerialOffset;
-    return {first, std::find(first, identity.end(), 0)};
+    return virtual_scanner::text_at(identity, kSerialOffset, kSerialWidth);
 }
 
 void scanner_session::arm(virtual_scanner::fault_kind fault, std::optional<std::uint32_t> amount)

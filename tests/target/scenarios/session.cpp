@@ -1,22 +1,13 @@
-#include <algorithm>
-#include <string>
-
 #include "target/scenarios/scanner_session.h"
 
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
+using virtual_scanner::text_at;
 
 namespace {
 
-class session : public target::scanner_session {
-protected:
-    static std::string text_at(const bytes& data, std::size_t offset, std::size_t width)
-    {
-        const auto first = data.begin() + static_cast<std::ptrdiff_t>(offset);
-        return {first, std::find(first, first + static_cast<std::ptrdiff_t>(width), 0)};
-    }
-};
+class session : public target::scanner_session {};
 
 } // namespace
 
