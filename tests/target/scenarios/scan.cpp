@@ -27,7 +27,7 @@ class scan : public target::scanner_session {
 protected:
     area sheet() const { return {0, 0, m_chart.width(), m_chart.height()}; }
 
-    void begin()
+    void open_plain()
     {
         plug_in("plain");
         open(kByIds);
@@ -48,7 +48,7 @@ protected:
         EXPECT_EQ(answer_block(kScan), wanted.width * wanted.height);
     }
 
-    void start(const area& wanted)
+    void start_scan(const area& wanted)
     {
         send(request(wanted));
         expect_announced(wanted);
@@ -88,7 +88,7 @@ protected:
 
     void expect_scanned(const area& wanted)
     {
-        start(wanted);
+        start_scan(wanted);
         expect_picture(receive(wanted.width * wanted.height), wanted);
     }
 
@@ -101,8 +101,8 @@ private:
 TEST_F(scan, gives_the_whole_chart_in_requests_of_an_odd_size)
 {
     constexpr std::uint32_t kOddSize = 100'003;
-    begin();
-    start(sheet());
+    open_plain();
+    start_scan(sheet());
     expect_picture(receive_in_pieces(sheet().width * sheet().height, kOddSize), sheet());
     close();
 }
@@ -110,8 +110,8 @@ TEST_F(scan, gives_the_whole_chart_in_requests_of_an_odd_size)
 TEST_F(scan, gives_a_picture_that_the_scanner_knows_by_its_checksum)
 {
     const area wanted{0, 400, sheet().width, 30};
-    begin();
-    start(wanted);
+    open_plain();
+    start_scan(wanted);
     command(command_code::checksum, 0, receive(wanted.width * wanted.height));
     EXPECT_EQ(answer_to(command_code::checksum),
               virtual_scanner::little_endian(virtual_scanner::crc32(part_of_chart(wanted))));
@@ -120,14 +120,14 @@ TEST_F(scan, gives_a_picture_that_the_scanner_knows_by_its_checksum)
 
 TEST_F(scan, gives_an_area_of_the_chart)
 {
-    begin();
+    open_plain();
     expect_scanned({333, 55, 101, 797});
     close();
 }
 
 TEST_F(scan, gives_single_pixels_of_every_edge)
 {
-    begin();
+    open_plain();
     for (const area& wanted : {area{0, 0, 1, 1}, area{sheet().width - 1, 0, 1, sheet().height},
                                area{0, sheet().height - 1, sheet().width, 1}})
         expect_scanned(wanted);
@@ -137,7 +137,7 @@ TEST_F(scan, gives_single_pixels_of_every_edge)
 TEST_F(scan, survives_a_stall_of_the_scanners_first_answer)
 {
     const area wanted{0, 500, sheet().width, 10};
-    begin();
+    open_plain();
     arm(fault_kind::stall_in);
     send_past_a_stall(request(wanted), "read", kBlockSize);
     expect_announced(wanted);
@@ -148,7 +148,7 @@ TEST_F(scan, survives_a_stall_of_the_scanners_first_answer)
 TEST_F(scan, survives_a_stall_of_the_first_command_to_the_scanner)
 {
     const area wanted{0, 500, sheet().width, 10};
-    begin();
+    open_plain();
     arm(fault_kind::stall_out);
     send_past_a_stall(request(wanted), "write", kBlockSize);
     expect_announced(wanted);
@@ -158,8 +158,8 @@ TEST_F(scan, survives_a_stall_of_the_first_command_to_the_scanner)
 
 TEST_F(scan, begins_again_after_one_that_was_broken_off)
 {
-    begin();
-    start(sheet());
+    open_plain();
+    start_scan(sheet());
     EXPECT_EQ(receive(10'000).size(), 10'000U);
     expect_scanned({0, 700, sheet().width, 100});
     close();
@@ -167,8 +167,8 @@ TEST_F(scan, begins_again_after_one_that_was_broken_off)
 
 TEST_F(scan, begins_again_in_the_session_after_one_that_was_closed_in_a_picture)
 {
-    begin();
-    start(sheet());
+    open_plain();
+    start_scan(sheet());
     EXPECT_EQ(receive(10'000).size(), 10'000U);
     close();
     open(kByIds);
