@@ -116,10 +116,8 @@ bytes lines_request(const area& wanted)
 
 bytes scan_request(const area& wanted)
 {
-    bytes made = block('C', kScanCommand, kResolution, 16);
-    for (const std::uint32_t number : {wanted.left, wanted.top, wanted.width, wanted.height})
-        append32(made, number);
-    return made;
+    return with_numbers(block('C', kScanCommand, kResolution, 16),
+                        {wanted.left, wanted.top, wanted.width, wanted.height});
 }
 
 unsigned char pixel(std::uint32_t line, std::uint32_t column)
