@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <string>
+#include <vector>
 
 #include "support/proc_files.h"
 #include "support/wait_until.h"
@@ -19,7 +20,7 @@ protected:
 
     void TearDown() override
     {
-        EXPECT_TRUE(target::claimed_interfaces().empty()) << "the scanner is still taken";
+        EXPECT_EQ(target::claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
         scanner_session::TearDown();
     }
 
