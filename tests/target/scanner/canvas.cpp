@@ -1,6 +1,8 @@
 #include "target/scanner/canvas.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 
 #include "target/scanner/font.h"
 

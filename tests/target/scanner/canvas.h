@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace virtual_scanner {

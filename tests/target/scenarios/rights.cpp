@@ -1,6 +1,5 @@
 // A user who may not open the device, and what tvkctl advises.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
