@@ -192,8 +192,7 @@ static void end_scan(void)
     session.ready_end = 0;
 }
 
-/* Takes the next pixels of the sheet from the device; one of its lines may begin or end anywhere among them.
- */
+/* Takes the next pixels of the sheet from the device; lines may begin and end anywhere among them. */
 static int take_piece(void)
 {
     uint32_t count = session.end_pixel - session.next_pixel;
