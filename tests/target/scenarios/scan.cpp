@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "target/scanner/test_chart.h"
 #include "target/scenarios/scanner_session.h"
@@ -92,6 +93,18 @@ protected:
         expect_picture(receive(wanted.width * wanted.height), wanted);
     }
 
+    /// A session in which the first transfer of this direction stalls.
+    void expect_scanned_in_spite_of(fault_kind stall, const std::string& direction)
+    {
+        const area wanted{0, 500, sheet().width, 10};
+        open_plain();
+        arm(stall);
+        send_past_a_stall(request(wanted), direction, kBlockSize);
+        expect_announced(wanted);
+        expect_picture(receive(wanted.width * wanted.height), wanted);
+        close();
+    }
+
 private:
     const test_chart m_chart{kResolution};
 };
@@ -136,24 +149,12 @@ TEST_F(scan, gives_single_pixels_of_every_edge)
 
 TEST_F(scan, survives_a_stall_of_the_scanners_first_answer)
 {
-    const area wanted{0, 500, sheet().width, 10};
-    open_plain();
-    arm(fault_kind::stall_in);
-    send_past_a_stall(request(wanted), "read", kBlockSize);
-    expect_announced(wanted);
-    expect_picture(receive(wanted.width * wanted.height), wanted);
-    close();
+    expect_scanned_in_spite_of(fault_kind::stall_in, "read");
 }
 
 TEST_F(scan, survives_a_stall_of_the_first_command_to_the_scanner)
 {
-    const area wanted{0, 500, sheet().width, 10};
-    open_plain();
-    arm(fault_kind::stall_out);
-    send_past_a_stall(request(wanted), "write", kBlockSize);
-    expect_announced(wanted);
-    expect_picture(receive(wanted.width * wanted.height), wanted);
-    close();
+    expect_scanned_in_spite_of(fault_kind::stall_out, "write");
 }
 
 TEST_F(scan, begins_again_after_one_that_was_broken_off)
