@@ -64,11 +64,6 @@ void canvas::text(int left, int top, int scale, const std::string& what)
     }
 }
 
-int canvas::text_width(int scale, const std::string& what)
-{
-    return (static_cast<int>(what.size()) * kAdvance - 1) * scale;
-}
-
 int canvas::text_height(int scale)
 {
     return static_cast<int>(kGlyphHeight) * scale;

@@ -37,7 +37,6 @@ public:
     /// Black letters, each pixel of which is `scale` pixels wide and high.
     void text(int left, int top, int scale, const std::string& what);
 
-    static int text_width(int scale, const std::string& what);
     static int text_height(int scale);
 
 private:
