@@ -150,11 +150,6 @@ void peer_side::await_end()
         fail("the other side did not end: " + std::generic_category().message(errno));
 }
 
-void peer_side::half_close()
-{
-    shutdown(descriptor(), SHUT_WR);
-}
-
 void peer_side::reset()
 {
     const linger at_once = {1, 0};
@@ -183,11 +178,6 @@ peer_step expects_reset()
         side.expect_reset();
         side.close();
     };
-}
-
-peer_step half_closes()
-{
-    return [](peer_side& side) { side.half_close(); };
 }
 
 peer_step closes()

@@ -34,7 +34,6 @@ public:
     void expect_reset();
     /// The other side has ended the connection, in whichever way, and sent nothing more.
     void await_end();
-    void half_close();
     void reset();
     void close() { m_socket.reset(); }
     int descriptor() const { return m_socket.get(); }
@@ -48,7 +47,6 @@ peer_step expects(const tvkctl::bytes& wanted);
 peer_step answers(const tvkctl::bytes& data);
 peer_step expects_end();
 peer_step expects_reset();
-peer_step half_closes();
 peer_step closes();
 peer_step resets();
 peer_step waits_for(std::shared_future<void> event);
