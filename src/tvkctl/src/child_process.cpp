@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "tvkctl/src/front_end_error.h"
+#include "tvkctl/src/line_counts.h"
 #include "tvkctl/src/output_collector.h"
 #include "tvkctl/src/process_handle.h"
 
@@ -57,6 +58,7 @@ public:
             give_up(start_stage::redirection);
         if (!m_directory.empty() && chdir(m_directory.c_str()) != 0)
             give_up(start_stage::working_directory);
+        save_line_counts();
         execve(m_path.c_str(), m_argument_pointers.data(), m_environment_pointers.data());
         give_up(start_stage::execution);
     }
@@ -111,6 +113,7 @@ private:
     [[noreturn]] void give_up(start_stage stage)
     {
         const start_report report = {stage, errno};
+        save_line_counts();
         const ssize_t count = ::write(m_report.writing.get(), &report, sizeof report);
         _exit(count == sizeof report ? 127 : 126);
     }

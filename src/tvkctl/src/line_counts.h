@@ -7,7 +7,7 @@ extern "C" void __gcov_dump(void);
 namespace tvkctl {
 
 /// In a build that counts executed lines: writes the counts down. To be called where a process ends without
-/// its exit handlers, which would do it.
+/// its exit handlers, which would do it, or becomes another program.
 inline void save_line_counts()
 {
 #ifdef TVKINTIF_COVERAGE
