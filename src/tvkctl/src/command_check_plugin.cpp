@@ -104,9 +104,9 @@ std::string advice_for(elf_error::reason why)
     case elf_error::reason::not_elf:
         return "Name the shared library that the linker made.";
     case elf_error::reason::damaged:
-        return "Copy or build it again.";
+        break;
     }
-    return "";
+    return "Copy or build it again.";
 }
 
 elf_file read_plugin(const std::string& path)
@@ -211,9 +211,9 @@ style style_of(verdict came_out)
     case verdict::bad:
         return style::bad;
     case verdict::not_checked:
-        return style::dim;
+        break;
     }
-    return style::plain;
+    return style::dim;
 }
 
 std::string padded(std::string text, std::size_t width)

@@ -35,9 +35,9 @@ std::string mark_of(verdict came_out, const console& io)
     case verdict::bad:
         return io.styled(style::bad, "FAIL");
     case verdict::not_checked:
-        return io.styled(style::dim, "?   ");
+        break;
     }
-    return {};
+    return io.styled(style::dim, "?   ");
 }
 
 void print(const rung& which, const rung_result& result, console& io)

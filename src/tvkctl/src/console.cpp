@@ -15,7 +15,7 @@ const char* sequence_of(style how)
 {
     switch (how) {
     case style::plain:
-        return "";
+        break;
     case style::bold:
         return "\033[1m";
     case style::dim:

@@ -54,7 +54,7 @@ private:
 
     void open_file();
     void begin();
-    void read_header();
+    void take_identity();
     void read_segments();
     void check_section_table() const;
     void read_sections();
@@ -95,7 +95,7 @@ elf_file elf_reader::read()
 {
     open_file();
     begin();
-    read_header();
+    take_identity();
     read_segments();
     check_section_table();
     read_sections();
@@ -127,14 +127,12 @@ void elf_reader::begin()
         fail(elf_error::reason::not_elf, got == 0 ? "the file is empty" : "not an ELF file");
     elf_version(EV_CURRENT);
     m_elf.reset(elf_begin(m_file.get(), ELF_C_READ, nullptr));
-    if (!m_elf || elf_kind(m_elf.get()) != ELF_K_ELF)
+    if (!m_elf || gelf_getehdr(m_elf.get(), &m_header) == nullptr)
         fail_damaged("starts like an ELF file, but its header is cut off or makes no sense");
 }
 
-void elf_reader::read_header()
+void elf_reader::take_identity()
 {
-    if (gelf_getehdr(m_elf.get(), &m_header) == nullptr)
-        fail_damaged("its header is cut off");
     m_result.identity = {gelf_getclass(m_elf.get()) == ELFCLASS32 ? 32 : 64,
                          m_header.e_ident[EI_DATA] == ELFDATA2MSB, m_header.e_machine,
                          float_abi_of(m_header)};
@@ -351,9 +349,9 @@ std::string float_abi_name(float_abi floats)
     case float_abi::soft:
         return "soft float";
     case float_abi::hard:
-        return "hard float";
+        break;
     }
-    return "";
+    return "hard float";
 }
 
 bool elf_identity::operator==(const elf_identity& other) const

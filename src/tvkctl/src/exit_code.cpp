@@ -68,9 +68,9 @@ exit_code exit_code_of(failure cause)
         return exit_code::connection_lost;
     case failure::wrong_id:
     case failure::unexpected_reply:
-        return exit_code::bad_reply;
+        break;
     }
-    return exit_code::internal_error;
+    return exit_code::bad_reply;
 }
 
 std::string exit_code_help()

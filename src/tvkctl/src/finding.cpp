@@ -12,9 +12,9 @@ const char* name_of(verdict came_out)
     case verdict::bad:
         return "bad";
     case verdict::not_checked:
-        return "not_checked";
+        break;
     }
-    return "";
+    return "not_checked";
 }
 
 } // namespace tvkctl

@@ -73,9 +73,9 @@ const char* name_of(reply::verdict kind)
     case reply::verdict::ng:
         return "ng";
     case reply::verdict::nak:
-        return "nak";
+        break;
     }
-    return "";
+    return "nak";
 }
 
 std::ostream& operator<<(std::ostream& out, reply::verdict kind)

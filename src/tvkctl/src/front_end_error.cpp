@@ -35,9 +35,9 @@ const char* front_end_error::advice() const
         return "The program ended or was killed: its exit status and the last lines of its log say why.";
     case failure::wrong_id:
     case failure::unexpected_reply:
-        return "Check that the port belongs to the right program, and that every earlier reply was read.";
+        break;
     }
-    return "";
+    return "Check that the port belongs to the right program, and that every earlier reply was read.";
 }
 
 } // namespace tvkctl

@@ -74,9 +74,9 @@ const char* name_of(log_level level)
     case log_level::error:
         return "ERROR";
     case log_level::fatal:
-        return "FATAL";
+        break;
     }
-    return "";
+    return "FATAL";
 }
 
 std::optional<log_level> level_named(const std::string& text)
