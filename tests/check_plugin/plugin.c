@@ -8,6 +8,7 @@
  */
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -105,6 +106,14 @@ ACTION void hang(void)
 {
     for (;;)
         pause();
+}
+
+ACTION void hang_deaf(void)
+{
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, NULL);
+    hang();
 }
 
 ACTION void insist_on_bytes(void* buffer, int length)

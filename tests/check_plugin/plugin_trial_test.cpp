@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
+#include <system_error>
 
 #include "check_plugin/checked_plugins.h"
+#include "support/process_limits.h"
 
 using check_plugin_test::checked_plugin;
 using tvkctl::exit_status;
@@ -58,6 +60,18 @@ void expect_crash(const std::string& plugin, trial_step step)
     EXPECT_EQ(report.last, step) << tvkctl::trial_step_name(report.last);
     EXPECT_EQ(report.status, exit_status::killed_by(SIGSEGV));
     EXPECT_TRUE(contains(report.place, plugin + ".so")) << report.place;
+}
+
+/// Why a trial cannot be made where nothing but its two pipes can be opened.
+std::string refusal_without_descriptors()
+{
+    try {
+        const support::few_descriptors_left here(4); // gone when the error is looked at
+        try_one("passing");
+    } catch (const std::system_error& error) {
+        return error.code().message();
+    }
+    return "none";
 }
 
 } // namespace
@@ -222,6 +236,14 @@ TEST(plugin_trial, ends_a_plugin_that_hangs_and_tells_where)
     EXPECT_TRUE(contains(report.place, "hanging.so")) << report.place;
 }
 
+TEST(plugin_trial, ends_a_plugin_that_hangs_and_takes_no_signal)
+{
+    const trial_report report = try_one("hanging_deaf", transfer_script::all, kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_EQ(report.status, exit_status::killed_by(SIGKILL));
+    EXPECT_EQ(report.place, "");
+}
+
 TEST(plugin_trial, ends_a_plugin_that_tries_for_ever_when_nothing_moves)
 {
     const trial_report report = try_one("insisting", transfer_script::nothing, kShort);
@@ -273,6 +295,24 @@ TEST(plugin_trial, tells_that_a_process_outlives_the_session)
 TEST(plugin_trial, leaves_no_process_behind_itself)
 {
     try_one("leaving_process");
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(plugin_trial, says_that_this_machine_has_no_process_for_it)
+{
+    SUPPORT_REQUIRE_NO_PROCESSES_LEFT();
+    EXPECT_THROW(try_one("passing"), std::system_error);
+}
+
+TEST(plugin_trial, says_that_this_machine_has_no_descriptor_to_watch_it_with)
+{
+    EXPECT_EQ(refusal_without_descriptors(), std::generic_category().message(EMFILE));
+}
+
+TEST(plugin_trial, leaves_no_process_behind_that_it_could_not_watch)
+{
+    refusal_without_descriptors();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "support/process_limits.h"
 #include "tvkctl/src/front_end_error.h"
 #include "tvkctl/src/unique_fd.h"
 #include "unit/caught_error.h"
@@ -118,6 +119,17 @@ TEST(child_process, start_without_a_free_descriptor_is_an_error_of_this_machine)
 #endif
     const no_descriptors_left here;
     EXPECT_THROW(child_process child(shell("exit 0")), std::system_error);
+}
+
+TEST(child_process, start_without_a_process_left_is_an_error_of_this_machine)
+{
+    SUPPORT_REQUIRE_NO_PROCESSES_LEFT();
+    try {
+        child_process child(shell("exit 0"));
+        FAIL() << "it was started";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
+    }
 }
 
 TEST(child_process, closed_standard_streams_of_this_process_are_no_obstacle)

@@ -5,7 +5,10 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <system_error>
+
 #include "support/plugin_files.h"
+#include "support/process_limits.h"
 #include "tvkctl/src/plugin_check.h"
 
 namespace {
@@ -75,6 +78,12 @@ TEST(loader_probe_test, a_plugin_that_hangs_is_given_up)
     const load_attempt attempt = attempt_on_hanging_plugin();
     EXPECT_EQ(attempt.end, outcome::hung);
     EXPECT_FALSE(attempt.was_loaded);
+}
+
+TEST(loader_probe_test, a_machine_without_processes_left_is_told)
+{
+    SUPPORT_REQUIRE_NO_PROCESSES_LEFT();
+    EXPECT_THROW(attempt_on_plugin("plugin_good"), std::system_error);
 }
 
 TEST(loader_probe_test, processes_that_a_plugin_started_end_with_it)
