@@ -181,6 +181,44 @@ TEST_F(check_plugin_command, warns_of_success_without_a_transfer)
     EXPECT_TRUE(tells("though the device took nothing") && tells("though the device gave nothing")) << out();
 }
 
+TEST_F(check_plugin_command, has_a_code_for_a_plugin_whose_libraries_the_other_machine_lacks)
+{
+    REQUIRE_ARMHF_PLUGIN();
+    const scratch_file neighbour("");
+    EXPECT_EQ(check({armhf_plugin(), "--sysroot", neighbour.folder()}), exit_code::plugin_needs_missing);
+    EXPECT_TRUE(complains_in_one_line_of("libraries: not found: libc.so.6")) << err();
+}
+
+TEST_F(check_plugin_command, tells_what_the_loader_says_when_it_runs_a_plugin_that_cannot_be_loaded)
+{
+    EXPECT_EQ(check_run("needing_absent_library"), exit_code::plugin_needs_missing);
+    EXPECT_TRUE(tells("the loader says: other_library.so: cannot open shared object file")) << out();
+}
+
+TEST_F(check_plugin_command, only_warns_of_a_plugin_that_gives_up_when_half_of_the_bytes_move)
+{
+    EXPECT_EQ(check_run("failing"), exit_code::ok);
+    EXPECT_TRUE(tells("Go on with the rest when a transfer moves less than was asked.")) << out();
+}
+
+TEST_F(check_plugin_command, has_a_code_for_a_transfer_without_a_buffer)
+{
+    EXPECT_EQ(check_run("asking_for_nothing"), exit_code::plugin_unclean);
+    EXPECT_TRUE(complains_in_one_line_of("1 of them without a buffer or a length")) << err();
+}
+
+TEST_F(check_plugin_command, has_a_code_for_a_transfer_after_the_session)
+{
+    EXPECT_EQ(check_run("asking_late"), exit_code::plugin_unclean);
+    EXPECT_TRUE(complains_in_one_line_of("1 of them after interpreter_dtor")) << err();
+}
+
+TEST_F(check_plugin_command, only_warns_of_a_process_that_is_left)
+{
+    EXPECT_EQ(check_run("leaving_process"), exit_code::ok);
+    EXPECT_TRUE(tells("processes that it started outlive it")) << out();
+}
+
 TEST_F(check_plugin_command, writes_all_of_it_as_json)
 {
     const exit_code code = check({checked_plugin("crashing_in_ctor"), "--run", "--json"});

@@ -2,19 +2,23 @@
 
 #include <elf.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
+#include "check_plugin/bare_elf_file.h"
 #include "check_plugin/checked_plugins.h"
 #include "check_plugin/scratch_file.h"
 #include "support/files.h"
 
 using check_plugin_test::armhf_plugin;
+using check_plugin_test::bare_arm_file;
+using check_plugin_test::bare_elf_file;
 using check_plugin_test::checked_plugin;
 using check_plugin_test::scratch_file;
 using tvkctl::elf_error;
@@ -47,31 +51,6 @@ std::string failure_of(const std::string& content)
     return failure_of_path(scratch_file(content).path());
 }
 
-/// The bytes of an object as they lie in memory.
-template <typename Object>
-std::string raw(const Object& object)
-{
-    std::string bytes(sizeof object, '\0');
-    std::memcpy(bytes.data(), &object, sizeof object);
-    return bytes;
-}
-
-/// An ELF file that is nothing but a header.
-std::string bare_arm_file(std::uint32_t flags)
-{
-    Elf32_Ehdr header{};
-    std::memcpy(header.e_ident, ELFMAG, SELFMAG);
-    header.e_ident[EI_CLASS] = ELFCLASS32;
-    header.e_ident[EI_DATA] = ELFDATA2LSB;
-    header.e_ident[EI_VERSION] = EV_CURRENT;
-    header.e_type = ET_DYN;
-    header.e_machine = EM_ARM;
-    header.e_version = EV_CURRENT;
-    header.e_flags = EF_ARM_EABI_VER5 | flags;
-    header.e_ehsize = sizeof header;
-    return raw(header);
-}
-
 tvkctl::elf_identity identity_of(const std::string& content)
 {
     return read_elf_file(scratch_file(content).path()).identity;
@@ -80,6 +59,46 @@ tvkctl::elf_identity identity_of(const std::string& content)
 std::string passing_content()
 {
     return support::read_file(checked_plugin("passing"));
+}
+
+/// An object of an ELF file, to be read and changed in a copy of the file.
+template <typename Object>
+class part {
+public:
+    part(std::string& file, std::size_t offset) : m_file(file), m_offset(offset)
+    {
+        m_file.copy(reinterpret_cast<char*>(&m_object), sizeof m_object, offset); // bytes, as they are
+    }
+    part(const part&) = delete;
+    part& operator=(const part&) = delete;
+    ~part() { m_file.replace(m_offset, sizeof m_object, check_plugin_test::raw(m_object)); }
+
+    Object* operator->() { return &m_object; }
+
+private:
+    Object m_object{};
+    std::string& m_file;
+    std::size_t m_offset;
+};
+
+/// Where the first section of a type begins.
+std::size_t section_of(std::string& file, std::uint32_t type)
+{
+    part<ElfW(Ehdr)> header(file, 0);
+    for (std::size_t index = 0; index < header->e_shnum; ++index) {
+        part<ElfW(Shdr)> section(file, header->e_shoff + index * sizeof(ElfW(Shdr)));
+        if (section->sh_type == type)
+            return section->sh_offset;
+    }
+    throw std::runtime_error("no section of type " + std::to_string(type));
+}
+
+/// The first word on a library that is needed.
+std::size_t first_need_of(std::string& file)
+{
+    for (std::size_t offset = section_of(file, SHT_DYNAMIC);; offset += sizeof(ElfW(Dyn)))
+        if (part<ElfW(Dyn)>(file, offset)->d_tag == DT_NEEDED)
+            return offset;
 }
 
 bool contains(const std::vector<std::string>& all, const std::string& one)
@@ -119,6 +138,19 @@ TEST(elf_file, tells_soft_float_by_its_flag)
 TEST(elf_file, tells_an_arm_file_without_either_flag)
 {
     EXPECT_EQ(identity_of(bare_arm_file(0)).floats, float_abi::unmarked);
+}
+
+TEST(elf_identity, names_the_machine)
+{
+    EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_AARCH64)).text(), "64-bit AArch64");
+    EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_X86_64)).text(), "64-bit x86-64");
+    EXPECT_EQ(identity_of(bare_elf_file<Elf32_Ehdr>(EM_386)).text(), "32-bit x86");
+    EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_RISCV)).text(), "64-bit RISC-V");
+}
+
+TEST(elf_identity, has_a_number_for_a_machine_without_name)
+{
+    EXPECT_EQ(identity_of(bare_elf_file<Elf32_Ehdr>(EM_68K)).text(), "32-bit machine 4");
 }
 
 TEST(elf_identity, accepts_a_library_that_does_not_tell_its_float_abi)
@@ -264,6 +296,41 @@ TEST(elf_file, is_damaged_when_its_section_headers_were_removed)
         content.replace(offsetof(Elf32_Ehdr, e_shnum), 4, 4, '\0');
     }
     EXPECT_EQ(failure_of(content), "damaged");
+}
+
+TEST(elf_file, is_damaged_when_its_program_headers_are_said_to_be_behind_its_end)
+{
+    std::string content = passing_content();
+    part<ElfW(Ehdr)>(content, 0)->e_phoff = static_cast<ElfW(Off)>(content.size());
+    EXPECT_EQ(failure_of(content), "damaged");
+}
+
+TEST(elf_file, is_damaged_when_it_has_no_room_for_its_program_headers)
+{
+    std::string content = passing_content();
+    part<ElfW(Ehdr)>(content, 0)->e_phnum = PN_XNUM - 1;
+    EXPECT_EQ(failure_of(content), "damaged");
+}
+
+TEST(elf_file, is_damaged_when_the_name_of_a_library_is_outside_of_all_tables)
+{
+    std::string content = support::read_file(checked_plugin("printing"));
+    const std::size_t need = first_need_of(content);
+    part<ElfW(Dyn)>(content, need)->d_un.d_val = static_cast<ElfW(Addr)>(-1);
+    EXPECT_EQ(failure_of(content), "damaged");
+}
+
+TEST(elf_file, is_damaged_when_its_table_of_versions_leads_outside)
+{
+    std::string content = support::read_file(checked_plugin("printing"));
+    const std::size_t versions = section_of(content, SHT_GNU_verneed);
+    part<ElfW(Verneed)>(content, versions)->vn_aux = 0x10000000;
+    EXPECT_EQ(failure_of(content), "damaged");
+}
+
+TEST(elf_file, is_unreadable_when_reading_it_fails)
+{
+    EXPECT_EQ(failure_of_path("/proc/self/mem"), "unreadable") << "its first page is never there";
 }
 
 TEST(elf_file, never_crashes_on_a_file_with_one_wrong_byte)

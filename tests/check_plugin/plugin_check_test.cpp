@@ -172,6 +172,13 @@ TEST(plugin_check, is_bad_when_a_library_lacks_a_version)
     expect_bad(line_of("versions", file), exit_code::plugin_needs_missing, "GLIBC_9.99 of libc.so.6");
 }
 
+TEST(plugin_check, does_not_miss_the_versions_of_a_library_that_is_missing_itself)
+{
+    elf_file file = read_elf_file(checked_plugin("needing_absent_library"));
+    file.version_needs.push_back({"other_library.so", "OTHER_1"});
+    EXPECT_EQ(line_of("versions", file).came_out, verdict::good);
+}
+
 TEST(plugin_check, is_bad_for_an_entry_point_that_is_a_variable)
 {
     expect_bad(line_of("interpreter_ctor", "odd_symbols"), exit_code::plugin_incomplete, "not a function");
@@ -188,6 +195,14 @@ TEST(plugin_check, is_bad_for_an_entry_point_that_is_only_used)
                "used, but not defined");
 }
 
+TEST(plugin_check, is_bad_for_an_entry_point_that_only_its_own_file_can_use)
+{
+    elf_file file = read_elf_file(checked_plugin("passing"));
+    for (tvkctl::elf_symbol& symbol : file.symbols)
+        symbol.is_exported = symbol.is_exported && symbol.name != "interpreter_ctor";
+    expect_bad(line_of("interpreter_ctor", file), exit_code::plugin_incomplete, "not visible from outside");
+}
+
 TEST(plugin_check, is_bad_for_an_entry_point_with_a_cpp_name)
 {
     expect_bad(line_of("interpreter_ctor", "cpp_names"), exit_code::plugin_incomplete, "C++ name");
@@ -196,6 +211,14 @@ TEST(plugin_check, is_bad_for_an_entry_point_with_a_cpp_name)
 TEST(plugin_check, is_bad_for_a_symbol_that_is_nowhere)
 {
     expect_bad(line_of("symbols", "missing_symbol"), exit_code::plugin_needs_missing, "defined_nowhere");
+}
+
+TEST(plugin_check, names_five_symbols_that_are_nowhere_and_counts_the_others)
+{
+    elf_file file = read_elf_file(checked_plugin("passing"));
+    for (const char* name : {"one", "two", "three", "four", "five", "six", "seven"})
+        file.symbols.push_back({std::string("nowhere_") + name, false, true, false, false});
+    expect_bad(line_of("symbols", file), exit_code::plugin_needs_missing, "nowhere_five and 2 more");
 }
 
 TEST(plugin_check, warns_of_a_symbol_that_only_the_program_brings_along)
