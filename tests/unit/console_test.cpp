@@ -55,6 +55,15 @@ TEST_F(console_test, text_is_coloured_only_where_colours_are_shown)
     EXPECT_EQ(colourful.styled(style::good, "yes"), "\033[32myes\033[0m");
 }
 
+TEST_F(console_test, each_style_has_a_look_of_its_own)
+{
+    EXPECT_EQ(colourful.styled(style::plain, "x"), "x");
+    EXPECT_EQ(colourful.styled(style::bold, "x"), "\033[1mx\033[0m");
+    EXPECT_EQ(colourful.styled(style::dim, "x"), "\033[2mx\033[0m");
+    EXPECT_EQ(colourful.styled(style::warning, "x"), "\033[33mx\033[0m");
+    EXPECT_EQ(colourful.styled(style::bad, "x"), "\033[1;31mx\033[0m");
+}
+
 TEST_F(console_test, json_with_broken_utf8_is_still_json)
 {
     plain.write({{"serial", "\xff"}});

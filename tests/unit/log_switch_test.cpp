@@ -1,6 +1,8 @@
 #include "tvkctl/src/log_switch.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "support/files.h"
@@ -24,6 +26,7 @@ using tvkctl::why_not_logged;
 
 constexpr std::time_t kNow = 1794736800; // 15 November 2026 in Greenwich
 constexpr uid_t kSomebody = 54321;
+constexpr uid_t kSomebodyElse = 54322;
 
 mode_t mode_of(const std::string& path)
 {
@@ -38,6 +41,29 @@ uid_t owner_of(const std::string& path)
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status.st_uid;
 }
+
+/// Has every file of this process take no byte for a while, as on a full disk.
+class no_room_in_files {
+public:
+    no_room_in_files() : m_signal(signal(SIGXFSZ, SIG_IGN))
+    {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        rlimit none = m_before;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_FSIZE, &none);
+    }
+    no_room_in_files(const no_room_in_files&) = delete;
+    no_room_in_files& operator=(const no_room_in_files&) = delete;
+    ~no_room_in_files()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        signal(SIGXFSZ, m_signal);
+    }
+
+private:
+    void (*m_signal)(int);
+    rlimit m_before = {};
+};
 
 class log_switch_test : public testing::Test {
 protected:
@@ -91,6 +117,7 @@ TEST_F(log_switch_test, a_file_in_its_place_is_no_directory)
     fs::create_directory(place.root);
     folder.append("velnor/tvkintif", "");
     EXPECT_EQ(state().why, log_state::reason::not_directory);
+    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " is not a directory");
 }
 
 TEST_F(log_switch_test, a_directory_alone_means_info)
@@ -248,6 +275,22 @@ TEST_F(log_switch_test, on_replaces_a_linked_settings_file_instead_of_writing_th
     EXPECT_EQ(settings(), "loglevel = 0\n");
 }
 
+TEST_F(log_switch_test, on_refuses_when_the_settings_have_no_room)
+{
+    with_directory();
+    const no_room_in_files here;
+    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
+              place.directory() + " takes no settings file: write: File too large");
+    EXPECT_FALSE(fs::exists(place.settings()));
+}
+
+TEST_F(log_switch_test, on_refuses_a_directory_in_place_of_the_settings)
+{
+    fs::create_directories(place.settings());
+    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
+              place.directory() + " takes no settings file: rename: Is a directory");
+}
+
 TEST_F(log_switch_test, off_without_directory_does_nothing)
 {
     EXPECT_EQ(turn_log_off(place, false), log_change{});
@@ -388,6 +431,54 @@ TEST_F(log_of_others_test, a_user_cannot_set_the_level_of_root)
     become_somebody();
     EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
               place.directory() + " takes no settings file: create: Permission denied");
+}
+
+TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_told)
+{
+    fs::create_directory(place.root);
+    ASSERT_EQ(chmod(place.root.c_str(), 0700), 0);
+    become_somebody();
+    EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be opened: Permission denied");
+}
+
+TEST_F(log_of_others_test, a_user_cannot_close_what_is_roots)
+{
+    with_directory(0777);
+    become_somebody();
+    EXPECT_EQ(refusal_of([&] { turn_on(); }),
+              place.directory() +
+                  " is writable for others, and that cannot be changed: Operation not permitted");
+}
+
+TEST_F(log_of_others_test, a_user_cannot_hand_the_directory_over)
+{
+    with_directory();
+    become_somebody();
+    EXPECT_EQ(refusal_of([&] {
+                  turn_on({}, account{kSomebodyElse, "else"});
+              }),
+              place.directory() + " cannot be given to else: Operation not permitted");
+}
+
+TEST_F(log_of_others_test, a_user_cannot_hand_the_logs_over)
+{
+    with_directory();
+    with_log("tvkintif_20261115.log");
+    ASSERT_EQ(chown(place.directory().c_str(), kSomebodyElse, kSomebodyElse), 0);
+    become_somebody();
+    EXPECT_EQ(refusal_of([&] {
+                  turn_on({}, account{kSomebodyElse, "else"});
+              }),
+              place.directory() +
+                  " keeps tvkintif_20261115.log, which cannot be given to else: Operation not permitted");
+}
+
+TEST_F(log_of_others_test, a_user_cannot_remove_the_directory_of_root)
+{
+    with_directory();
+    become_somebody();
+    EXPECT_EQ(refusal_of([&] { turn_log_off(place, false); }),
+              place.directory() + " cannot be removed: Permission denied");
 }
 
 TEST_F(log_of_others_test, a_user_cannot_purge_what_is_roots)

@@ -290,6 +290,17 @@ TEST_F(usb_scan_test, the_process_that_holds_a_node_is_found)
     EXPECT_TRUE(holders.is_complete);
 }
 
+TEST_F(usb_scan_test, a_device_is_told_from_another_by_its_numbers)
+{
+    device_node null;
+    null.path = "/dev/null";
+    add_process("17", "other", "/dev/zero");
+    add_process("4711", "holder", "/dev/null");
+    const node_holders holders = find_node_holders(null, machine);
+    ASSERT_EQ(holders.found.size(), 1U);
+    EXPECT_EQ(holders.found[0].name, "holder");
+}
+
 TEST_F(usb_scan_test, nobody_holds_a_node_that_is_not_there)
 {
     bus.plug(scanner());
@@ -367,6 +378,24 @@ TEST_F(listing_test, a_device_without_a_serial_number_is_hidden_by_one_with_the_
     bus.plug(with_serial({}));
     EXPECT_TRUE(warnings_of(0).empty());
     EXPECT_EQ(warnings_of(1).size(), 1U);
+}
+
+TEST_F(listing_test, a_serial_number_that_no_address_can_carry_is_warned_of)
+{
+    bus.plug(with_serial("A:B"));
+    EXPECT_EQ(warnings_of(0),
+              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has a serial number with a colon, "
+                                                         "which no address can carry"});
+}
+
+TEST_F(listing_test, a_device_without_an_address_is_warned_of)
+{
+    fake_usb::device device = with_serial("A");
+    device.product_id = 0;
+    bus.plug(device);
+    EXPECT_EQ(warnings_of(0),
+              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has no address: its vendor or "
+                                                         "product id is 0"});
 }
 
 TEST_F(listing_test, an_unusable_device_is_listed_only_on_request)
