@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include "fake_usb/checked_bus.h"
+#include "support/plugin_files.h"
+#include "support/private_paths.h"
 #include "tvkctl/src/accounts.h"
+#include "tvkintif/src/scanner.h"
 #include "unit/temporary_folder.h"
 
 namespace tvkctl {
@@ -109,6 +112,16 @@ TEST_F(bus_rung_test, the_device_is_described)
     EXPECT_EQ(result.came_out, verdict::good);
     EXPECT_EQ(result.summary, "1a2b:3c4d at bus 1 device 1, serial number \"SN42\"");
     EXPECT_EQ(where.device, &where.devices.front());
+}
+
+TEST_F(bus_rung_test, the_name_of_the_device_is_told)
+{
+    fake_usb::device device = fake_usb::scanner_device();
+    device.manufacturer = "Tarvik";
+    device.product = "Model X";
+    bus.plug(device);
+    const rung_result result = look("usb:1a2b:3c4d");
+    EXPECT_NE(result.summary.find("\"Tarvik\", \"Model X\""), std::string::npos) << result.summary;
 }
 
 TEST_F(bus_rung_test, an_empty_bus_is_told)
@@ -388,6 +401,94 @@ TEST_F(driver_rung_test, without_sysfs_nothing_is_claimed_to_be_known)
 {
     device.active_configuration.reset();
     EXPECT_EQ(look_at_driver_of_usable().came_out, verdict::not_checked);
+}
+
+class plugin_rung_test : public device_rung_test {
+protected:
+    void SetUp() override
+    {
+        SUPPORT_REQUIRE_PRIVATE_PATHS();
+        support::remove_plugins();
+        install("plugin_good");
+    }
+    void TearDown() override
+    {
+        if (m_isSomebody) {
+            ASSERT_EQ(setresuid(0, 0, 0), 0) << "later tests would run as somebody";
+        }
+    }
+
+    static void install(const std::string& plugin)
+    {
+        support::install_plugin(plugin, "libryo-mora-hk-t210.so");
+    }
+    static std::string file() { return lib_path(plugin_name(0x3c4d)); }
+
+    /// Looks as a user who is not root.
+    rung_result look_as_somebody()
+    {
+        m_isSomebody = getuid() == 0 && setresuid(kSomebody, kSomebody, 0) == 0;
+        if (!m_isSomebody)
+            []() { GTEST_SKIP() << "needs root, whom nothing is closed to, to become another user"; }();
+        return m_isSomebody ? look_at_plugin(where) : rung_result{};
+    }
+
+    static constexpr uid_t kSomebody = 54321;
+
+private:
+    bool m_isSomebody = false;
+};
+
+TEST_F(plugin_rung_test, a_plugin_that_can_be_loaded_is_good)
+{
+    EXPECT_EQ(look_at_plugin(where).summary, file() + " can be loaded and has the four entry points");
+}
+
+TEST_F(plugin_rung_test, a_plugin_that_is_closed_to_the_user_tells_how_to_open_it)
+{
+    fs::permissions(file(), fs::perms::owner_all);
+    const rung_result result = look_as_somebody();
+    if (IsSkipped())
+        return;
+    EXPECT_EQ(result.cause, "no_permission");
+    EXPECT_EQ(result.summary, file() + " is closed to 54321");
+    EXPECT_EQ(result.next, texts{"sudo chmod o+r " + file()});
+}
+
+TEST_F(plugin_rung_test, a_folder_that_is_closed_to_the_user_tells_how_to_open_it)
+{
+    const std::string closed = fs::path(file()).parent_path();
+    fs::permissions(closed, fs::perms::owner_all);
+    const rung_result result = look_as_somebody();
+    if (IsSkipped())
+        return;
+    EXPECT_EQ(result.cause, "no_permission");
+    EXPECT_EQ(result.summary, closed + " is closed to 54321");
+    EXPECT_EQ(result.next, texts{"sudo chmod o+x " + closed});
+}
+
+TEST_F(plugin_rung_test, an_empty_folder_is_told)
+{
+    support::remove_plugins();
+    EXPECT_EQ(look_at_plugin(where).evidence.back(), "its folder is empty or missing");
+}
+
+TEST_F(plugin_rung_test, a_plugin_that_hangs_when_it_is_loaded_is_given_up)
+{
+    install("plugin_hanging_when_loaded");
+    where.load_timeout = std::chrono::seconds(1);
+    const rung_result result = look_at_plugin(where);
+    EXPECT_EQ(result.cause, "hang");
+    EXPECT_EQ(result.summary, file() + " does not come to an end when it is loaded");
+    EXPECT_EQ(result.evidence.front(), "given up after 1 s");
+}
+
+TEST_F(plugin_rung_test, a_plugin_that_crashes_when_it_is_unloaded_is_told)
+{
+    install("plugin_crashing_when_unloaded");
+    const rung_result result = look_at_plugin(where);
+    EXPECT_EQ(result.cause, "crash");
+    EXPECT_EQ(result.summary, file() + " ends the process when it is unloaded");
 }
 
 } // namespace

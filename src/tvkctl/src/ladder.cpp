@@ -1,7 +1,6 @@
 #include "tvkctl/src/ladder.h"
 
 #include "tvkctl/src/command_error.h"
-#include "tvkctl/src/front_end_error.h"
 #include "tvkctl/src/rungs.h"
 
 namespace tvkctl {
@@ -13,8 +12,6 @@ rung_result look(const rung& which, situation& where)
     try {
         return which.look(where);
     } catch (const command_error& error) {
-        return {verdict::bad, "failed", error.what(), {}, {error.advice()}};
-    } catch (const front_end_error& error) {
         return {verdict::bad, "failed", error.what(), {}, {error.advice()}};
     }
 }

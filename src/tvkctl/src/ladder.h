@@ -30,6 +30,7 @@ struct situation {
     std::string udi;
     host machine;
     log_place log = {};
+    milliseconds load_timeout{20'000}; ///< loading a plugin takes no time worth speaking of
 
     std::vector<usb_device> devices = {};           ///< from the bus rung on
     const usb_device* device = nullptr;             ///< one of these: which the program would open

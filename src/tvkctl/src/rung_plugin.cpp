@@ -16,8 +16,6 @@ namespace tvkctl {
 
 namespace {
 
-constexpr milliseconds kLoadTimeout{20'000}; // loading takes no time worth speaking of
-
 std::string directory_of(const std::string& path)
 {
     return path.substr(0, path.rfind('/'));
@@ -105,7 +103,7 @@ std::string name_list(const std::vector<std::string>& names)
 }
 
 /// How loading failed, in a word and a sentence; nullopt when it did not.
-std::optional<rung_result> judge(const load_attempt& attempt, const std::string& path)
+std::optional<rung_result> judge(const load_attempt& attempt, const std::string& path, milliseconds timeout)
 {
     const std::string moment = attempt.was_loaded ? "unloaded" : "loaded";
     switch (attempt.end) {
@@ -121,7 +119,7 @@ std::optional<rung_result> judge(const load_attempt& attempt, const std::string&
         return rung_result{verdict::bad,
                            "hang",
                            path + " does not come to an end when it is " + moment,
-                           {"given up after " + std::to_string(kLoadTimeout.count() / 1000) + " s"}};
+                           {"given up after " + std::to_string(timeout.count() / 1000) + " s"}};
     case load_attempt::outcome::loaded:
         break;
     }
@@ -148,11 +146,11 @@ void add_flaws(rung_result& result, const std::vector<finding>& flaws)
     }
 }
 
-rung_result look_into_file(const std::string& path)
+rung_result look_into_file(const std::string& path, milliseconds timeout)
 {
     const std::vector<finding> flaws = flaws_of(path);
     const std::vector<std::string> functions(kEntryPoints.begin(), kEntryPoints.end());
-    if (auto broken = judge(try_to_load(path, functions, kLoadTimeout), path)) {
+    if (auto broken = judge(try_to_load(path, functions, timeout), path, timeout)) {
         add_flaws(*broken, flaws);
         broken->next.push_back("tvkctl check-plugin " + path);
         return *broken;
@@ -176,7 +174,7 @@ rung_result look_at_plugin(situation& where)
     if (auto broken = look_at_file(path, *where.device))
         return *broken;
     try {
-        return look_into_file(path);
+        return look_into_file(path, where.load_timeout);
     } catch (const elf_error& error) {
         return {
             verdict::bad, "no_library", error.what(), {}, {"install it anew", "tvkctl check-plugin " + path}};
