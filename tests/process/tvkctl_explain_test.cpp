@@ -144,6 +144,32 @@ TEST_F(tvkctl_explain_test, a_kernel_driver_is_a_warning)
     EXPECT_LINE(result, "warn  driver     kernel driver usblp is bound to interface 0");
 }
 
+TEST_F(tvkctl_explain_test, a_driver_that_cannot_be_told_does_not_end_the_climb)
+{
+    with_bus("device scanner 1a2b:3c4d\n  place 1 1 2\n"); // of which sysfs knows nothing
+    const tvkctl_result result = explain();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_LINE(result, "?     driver     /sys does not tell which driver is bound to the interface");
+}
+
+TEST_F(tvkctl_explain_test, json_has_a_word_for_each_verdict)
+{
+    bind_driver("1-1:1.0", "usblp");
+    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["rungs"][4]["verdict"], "warning");
+    with_bus("device scanner 1a2b:3c4d\n  place 1 1 2\n");
+    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["rungs"][4]["verdict"], "not_checked");
+}
+
+TEST_F(tvkctl_explain_test, a_plugin_with_a_flaw_is_a_warning)
+{
+    with_plugin_file(support::read_file(PLUGIN_WITH_FLAW));
+    const tvkctl_result result = explain();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_LINE(result, "warn  plugin     " + plugin_file() + " can be loaded and has the four entry points");
+    EXPECT_LINE(result, "        - stack: asks for an executable stack, for the whole process");
+    EXPECT_LINE(result, "        tvkctl check-plugin " + plugin_file());
+}
+
 TEST_F(tvkctl_explain_test, a_plugin_that_is_missing_is_25)
 {
     support::remove_plugins();
@@ -228,6 +254,30 @@ TEST_F(tvkctl_explain_test, a_program_that_is_not_there_is_26)
     const tvkctl_result result = explain(kUdi, {"--program", scratch("none")});
     EXPECT_EQ(result.status, 26);
     EXPECT_EQ(verdicts(result), all_good_up_to_plugin + "FAIL  program\n");
+}
+
+TEST_F(tvkctl_explain_test, a_program_that_is_nowhere_is_26)
+{
+    with_environment("PATH", "/nonexistent");
+    const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"explain", kUdi}));
+    EXPECT_EQ(result.status, 26);
+    EXPECT_LINE(result, "FAIL  program    there is no tvkintif beside tvkctl or in PATH");
+    EXPECT_LINE(result, "        install it, or say where it is with --program FILE");
+}
+
+TEST_F(tvkctl_explain_test, the_program_is_found_in_path)
+{
+    with_environment("PATH", "/nonexistent:" + fs::path(tvkintif_path).parent_path().string());
+    const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"explain", kUdi}));
+    EXPECT_EQ(result.status, 0);
+    EXPECT_LINE(result, "ok    program    " + tvkintif_path + " starts, prints a port and accepts");
+}
+
+TEST_F(tvkctl_explain_test, a_program_that_prints_no_number_is_26)
+{
+    const tvkctl_result result = explain(kUdi, {"--program", program_that("echo hello"), "--json"});
+    EXPECT_EQ(result.status, 26);
+    EXPECT_EQ(json::parse(result.out)["rungs"].back()["cause"], "bad_port_line");
 }
 
 TEST_F(tvkctl_explain_test, a_program_that_gives_no_port_is_26)

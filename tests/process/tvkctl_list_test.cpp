@@ -2,6 +2,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "process/explain_test.h"
 #include "process/tvkctl_test.h"
 #include "support/private_paths.h"
 
@@ -22,6 +23,9 @@ protected:
                                           "    interface 0 03 01\n"
                                           "    endpoint 81 interrupt\n";
 };
+
+/// On a machine with device nodes.
+using tvkctl_list_node_test = explain_test;
 
 TEST_F(tvkctl_list_test, shows_address_name_and_plugin_of_each_usable_device)
 {
@@ -69,6 +73,20 @@ TEST_F(tvkctl_list_test, json_holds_all_that_is_known)
     EXPECT_TRUE(fs::equivalent(path.get<std::string>(), kPlugin)) << path;
     path = "PLUGIN";
     EXPECT_EQ(document, expected);
+}
+
+TEST_F(tvkctl_list_node_test, the_rights_of_a_node_are_told)
+{
+    const tvkctl_result result = run({"list"});
+    EXPECT_NE(result.out.find("/dev/bus/usb/001/001  -rw-rw-rw- root:root  yes       -\n"), std::string::npos)
+        << result.out;
+}
+
+TEST_F(tvkctl_list_node_test, json_holds_the_rights_of_a_node)
+{
+    EXPECT_EQ(json::parse(run({"list", "--json"}).out)["devices"][0]["node"], json::parse(R"({
+        "path": "/dev/bus/usb/001/001", "exists": true, "owner": "root", "group": "root",
+        "mode": "-rw-rw-rw-", "may_open": true})"));
 }
 
 TEST_F(tvkctl_list_test, devices_that_cannot_be_told_apart_are_warned_of_once)

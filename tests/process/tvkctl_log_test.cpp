@@ -351,11 +351,23 @@ TEST_F(tvkctl_log_test, follow_ends_with_the_directory)
     append(line_of("INFO", "one"));
     start_following();
     EXPECT_TRUE(has_followed(line_of("INFO", "one")));
+    append(line_of("INFO", "two"));
+    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
     fs::remove_all(support::log_directory);
     EXPECT_EQ(m_follower->wait_for_exit(kPatience), tvkctl::exit_status::exited(50));
     EXPECT_EQ(m_follower->standard_error(),
               "tvkctl: /tmp/velnor/tvkintif is gone: logging was turned off. Turn it on with: tvkctl "
               "log on.\n");
+}
+
+TEST_F(tvkctl_log_test, follow_ends_when_what_it_writes_to_is_full)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one"));
+    const tvkctl_result result = run_in_shell("exec \"$TVKCTL\" log follow >/dev/full");
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.err,
+              "tvkctl: standard output cannot be written. Look for a full disk or a closed reader.\n");
 }
 
 TEST_F(tvkctl_log_test, follow_without_directory_is_50)

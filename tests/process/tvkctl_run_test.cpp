@@ -327,6 +327,15 @@ TEST_F(tvkctl_run_test, a_program_that_is_none_cannot_be_started)
     expect_one_line_with(result.err, "/nonexistent");
 }
 
+TEST_F(tvkctl_run_test, a_program_that_is_nowhere_is_told)
+{
+    with_environment("PATH", "/nonexistent");
+    const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"run", kUdi, "send 01"}));
+    EXPECT_EQ(result.status, 10);
+    EXPECT_EQ(result.err,
+              "tvkctl: there is no tvkintif beside tvkctl or in PATH. Say where it is with --program.\n");
+}
+
 TEST_F(tvkctl_run_test, a_program_that_prints_no_port_is_not_taken_for_the_right_one)
 {
     const tvkctl_result result = run_steps({"--program", "/bin/true", "send 01"});

@@ -137,6 +137,12 @@ std::string tvkctl_test::as_nobody(const std::string& command)
     return "env GCOV_PREFIX=" + counts + " setpriv --reuid 65534 --regid 65534 --clear-groups " + command;
 }
 
+std::string tvkctl_test::lonely_tvkctl()
+{
+    fs::copy_file(tvkctl_path, scratch("tvkctl"), fs::copy_options::overwrite_existing);
+    return scratch("tvkctl");
+}
+
 std::string tvkctl_test::scratch(const std::string& name)
 {
     return scratch_folder + "/" + name;

@@ -52,6 +52,9 @@ protected:
     /// `command` of the shell as another user, without rights. Status 127 where that cannot be done.
     static std::string as_nobody(const std::string& command);
 
+    /// A copy of tvkctl without tvkintif beside it; its path.
+    static std::string lonely_tvkctl();
+
     /// A file beside the program's working directory.
     static std::string scratch(const std::string& name);
     static void write_scratch(const std::string& name, const std::string& content);
