@@ -36,7 +36,8 @@ protected:
         scanner_session::TearDown();
         for (const std::string& rule : m_rules)
             fs::remove(rule);
-        run("udevadm control --reload");
+        if (!m_rules.empty())
+            run("udevadm control --reload");
     }
 
     /// Returns when the device's node has this mode, which udev's daemon gives it after the kernel has made
@@ -73,7 +74,13 @@ protected:
     }
 
 private:
-    static void run(const std::string& command) { EXPECT_EQ(std::system(command.c_str()), 0) << command; }
+    /// Runs it until it succeeds: udev's daemon may hang up instead of answering, and none of the commands
+    /// does harm when it is repeated.
+    static void run(const std::string& command)
+    {
+        EXPECT_TRUE(support::wait_until(kLimit, [&] { return std::system(command.c_str()) == 0; }))
+            << command;
+    }
 
     std::vector<std::string> m_rules; ///< files
 };
