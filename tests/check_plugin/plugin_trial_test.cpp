@@ -307,11 +307,17 @@ TEST(plugin_trial, says_that_this_machine_has_no_process_for_it)
 
 TEST(plugin_trial, says_that_this_machine_has_no_descriptor_to_watch_it_with)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' run-time needs descriptors itself; run this in a build without them";
+#endif
     EXPECT_EQ(refusal_without_descriptors(), std::generic_category().message(EMFILE));
 }
 
 TEST(plugin_trial, leaves_no_process_behind_that_it_could_not_watch)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' run-time needs descriptors itself; run this in a build without them";
+#endif
     refusal_without_descriptors();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
