@@ -115,7 +115,7 @@ protected:
         output = replaced(output, scratch("program"), "/opt/other/tvkintif");
         output = replaced(output, fs::path(plugin_file()).parent_path(),
                           "/usr/lib/arm-linux-gnueabihf/tarvik/libexec");
-        output = replaced(output, "tvkctl_tests", "scanimage");
+        output = replaced(output, "tvkctl_tests", "front-end");
         output = replaced(output, std::to_string(getpid()), "4711");
         output = std::regex_replace(output, std::regex("GROUP=\"[^\"]*\""), "GROUP=\"scanner\"");
         output = std::regex_replace(output, std::regex("usermod -aG [^ ]* "), "usermod -aG scanner ");

@@ -353,13 +353,13 @@ TEST_F(driver_rung_test, a_kernel_driver_is_warned_of)
 TEST_F(driver_rung_test, a_claim_of_another_process_names_the_process)
 {
     bind(0, "usbfs");
-    hold_by(4711, "scanimage");
+    hold_by(4711, "front-end");
     const rung_result result = look_at_driver_of_usable();
     EXPECT_EQ(result.came_out, verdict::bad);
     EXPECT_EQ(result.cause, "claimed");
     EXPECT_EQ(result.summary, "another process has claimed interface 0");
-    EXPECT_EQ(result.evidence, texts{"scanimage (process 4711) has the device open"});
-    EXPECT_EQ(result.next, texts{"kill 4711   # ends scanimage"});
+    EXPECT_EQ(result.evidence, texts{"front-end (process 4711) has the device open"});
+    EXPECT_EQ(result.next, texts{"kill 4711   # ends front-end"});
 }
 
 TEST_F(driver_rung_test, a_claim_on_an_interface_that_is_tried_first_counts)

@@ -82,7 +82,7 @@ constexpr const char* kExamples =
       stops at the first thing that is broken
   tvkctl explain usb:1a2b:3c4d:SN0042 --json | jq -r '.rungs[-1].next[]'
       only what to try next
-  sudo -u saned tvkctl explain usb:1a2b:3c4d
+  sudo -u scanner tvkctl explain usb:1a2b:3c4d
       as another user, with that user's rights
 
 When all is well the scanner was really opened and closed again. Each kind of

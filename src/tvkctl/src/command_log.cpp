@@ -380,7 +380,7 @@ exit_code log(const log_options& options, cli& shared)
 constexpr const char* kExamples =
     "  tvkctl log                        is logging on, and would my lines be written?\n"
     "  tvkctl log on --level TRACE       log everything\n"
-    "  sudo tvkctl log on --for saned    log what the user saned starts\n"
+    "  sudo tvkctl log on --for scanner  log what the user scanner starts\n"
     "  tvkctl log show --level ERROR     today's errors\n"
     "  tvkctl log follow                 what is logged from now on, past midnight too\n"
     "  tvkctl log off                    log nothing more; the logs stay\n"
