@@ -40,5 +40,6 @@ if(TVKINTIF_COVERAGE)
   # Atomic counters: a child that forks while another counts must not corrupt the figures.
   target_compile_options(tvkintif_hardening INTERFACE
     "$<$<NOT:${is_test_code}>:--coverage;-fprofile-update=atomic>")
+  target_compile_definitions(tvkintif_hardening INTERFACE "$<$<NOT:${is_test_code}>:TVKINTIF_COVERAGE>")
   target_link_options(tvkintif_hardening INTERFACE --coverage)
 endif()
