@@ -18,12 +18,6 @@ class endings : public target::scanner_session {
 protected:
     static constexpr std::uint32_t kCount = 4096; // given in one piece
 
-    void TearDown() override
-    {
-        EXPECT_EQ(target::claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
-        scanner_session::TearDown();
-    }
-
     void send_signal(int number) { ASSERT_TRUE(program().process().signal(number)); }
 
     /// A receive that the scanner is about to answer, but does not before it is released.

@@ -3,6 +3,8 @@
 #include <sys/mount.h>
 
 #include <filesystem>
+#include <fstream>
+#include <stdexcept>
 
 #include "support/files.h"
 #include "target/plugins/trace_file.h"
@@ -26,6 +28,15 @@ std::string test_plugin(const std::string& name)
 
 const std::string kShippedPlugin = std::string(kFolder) + "/libryo-mora-hk-t210.so";
 const std::string kTracingPlugin = test_plugin("plugin_tracing");
+
+void change_byte(const std::string& file, std::size_t offset, unsigned char value)
+{
+    std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+    stream.seekp(static_cast<std::streamoff>(offset));
+    stream.put(static_cast<char>(value));
+    if (!stream.flush())
+        throw std::runtime_error("cannot change " + file);
+}
 
 plugin_folder::plugin_folder(const std::string& file, const std::string& name)
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace target {
@@ -23,6 +24,9 @@ public:
 extern const std::string kShippedPlugin;
 /// A plugin that was built for tests, by its name ("plugin_good").
 std::string test_plugin(const std::string& name);
+/// Makes one byte of a plugin file another, as in a file for another machine. Failures are
+/// std::runtime_error.
+void change_byte(const std::string& file, std::size_t offset, unsigned char value);
 /// A plugin that writes down what is asked of it.
 extern const std::string kTracingPlugin;
 

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <cstddef>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,12 +18,6 @@ class plugins : public target::scanner_session {
 protected:
     void SetUp() override { plug_in("plain"); }
 
-    void TearDown() override
-    {
-        EXPECT_EQ(target::claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
-        scanner_session::TearDown();
-    }
-
     /// Instead of all other plugins.
     void install_as(const std::string& name, const std::string& file) { m_folder.emplace(file, name); }
     void install(const std::string& plugin)
@@ -36,10 +29,7 @@ protected:
     void install_with_byte(std::size_t offset, unsigned char value)
     {
         install("plugin_good");
-        std::fstream file(target::kShippedPlugin, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(offset));
-        file.put(static_cast<char>(value));
-        ASSERT_TRUE(file.flush().good());
+        target::change_byte(target::kShippedPlugin, offset, value);
     }
 
     void ask_for_the_open()

@@ -61,6 +61,7 @@ scanner_session::scanner_session()
 
 void scanner_session::TearDown()
 {
+    EXPECT_EQ(claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
     if (HasFailure())
         std::cout << "---- the program's log\n"
                   << support::raw_log() << "---- what the scanner saw\n"

@@ -2,11 +2,12 @@
 // plugging-in to the next.
 #include <gtest/gtest.h>
 
+#include <elf.h>
 #include <signal.h>
 #include <sys/syscall.h>
 
+#include <cstddef>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <regex>
@@ -93,12 +94,9 @@ result explain(const std::string& udi = kByIds, std::vector<std::string> options
 /// The shipped plugin with another machine in its header.
 std::string plugin_of_another_machine()
 {
-    constexpr std::size_t machine_field = 18; // of the ELF header
-    constexpr char intel_80386 = 3;
-    std::string content = support::read_file(kShippedPlugin);
-    content.at(machine_field) = intel_80386;
     const std::string path = "/run/plugin_of_another_machine.so";
-    std::ofstream(path, std::ios::binary) << content << std::flush;
+    fs::copy_file(kShippedPlugin, path, fs::copy_options::overwrite_existing);
+    target::change_byte(path, offsetof(Elf32_Ehdr, e_machine), EM_386);
     return path;
 }
 
