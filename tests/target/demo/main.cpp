@@ -8,7 +8,6 @@
 // Exit status: 0 when all went as it must.
 #include <sys/utsname.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -73,9 +72,8 @@ bytes take(tvkctl::front_end& program, std::uint32_t count)
 
 bytes answer(tvkctl::front_end& program)
 {
-    const bytes head = take(program, virtual_scanner::kBlockSize);
-    virtual_scanner::block block{};
-    std::copy_n(head.begin(), block.size(), block.begin());
+    const virtual_scanner::block block =
+        virtual_scanner::first_block(take(program, virtual_scanner::kBlockSize));
     virtual_scanner::answer decoded{};
     demand(decode(block, decoded) && decoded.status == virtual_scanner::answer_status::ok,
            "the scanner's answer");

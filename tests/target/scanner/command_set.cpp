@@ -95,6 +95,13 @@ bytes encode(const sheet_size& what)
     return made;
 }
 
+block first_block(const bytes& data)
+{
+    block made{};
+    std::copy_n(data.begin(), std::min(data.size(), made.size()), made.begin());
+    return made;
+}
+
 bool decode(const block& from, command& what)
 {
     if (!has_magic(from, kCommandMagic))

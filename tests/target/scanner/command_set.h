@@ -83,6 +83,9 @@ block encode(const answer& what);
 bytes encode(const scanner_status& what);
 bytes encode(const sheet_size& what);
 
+/// The bytes that `data` begins with; zeros for those that it does not have.
+block first_block(const bytes& data);
+
 /// Decoding answers whether the bytes are such a block at all; `what` is filled only then.
 bool decode(const block& from, command& what);
 bool decode(const block& from, answer& what);

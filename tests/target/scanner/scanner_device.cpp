@@ -193,9 +193,7 @@ void scanner_device::await_command()
 bool scanner_device::take_command(command& what)
 {
     take_at_least(kBlockSize);
-    block head{};
-    std::copy_n(m_taken.begin(), kBlockSize, head.begin());
-    if (!decode(head, what)) {
+    if (!decode(first_block(m_taken), what)) {
         m_taken.clear();
         return false;
     }

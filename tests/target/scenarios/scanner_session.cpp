@@ -306,9 +306,7 @@ bytes scanner_session::answer_to(command_code code)
 
 std::uint32_t scanner_session::answer_block(command_code code)
 {
-    const bytes received = receive(virtual_scanner::kBlockSize);
-    virtual_scanner::block block{};
-    std::copy_n(received.begin(), std::min(received.size(), block.size()), block.begin());
+    const virtual_scanner::block block = virtual_scanner::first_block(receive(virtual_scanner::kBlockSize));
     virtual_scanner::answer answer{};
     EXPECT_TRUE(decode(block, answer)) << "not an answer block";
     EXPECT_EQ(answer.code, code);
