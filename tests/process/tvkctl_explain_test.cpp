@@ -14,6 +14,7 @@
 #include "support/log_reader.h"
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
+#include "support/refusal_story.h"
 
 namespace fs = std::filesystem;
 
@@ -320,28 +321,7 @@ TEST_F(tvkctl_explain_test, an_open_that_is_refused_tells_the_log_of_that_open_a
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 27);
     const std::string story = result.out.substr(result.out.find("        - the log tells:\n"));
-    EXPECT_EQ(story, "        - the log tells:\n"
-                     "        -     port = 0\n"
-                     "        -     open usb:1a2b:3c4d\n"
-                     "        -     open usb:1a2b:3c4d\n"
-                     "        -     interpName libryo-mora-hk-t210.so\n"
-                     "        -     interpreter load " +
-                         plugin_file() +
-                         "\n"
-                         "        -     usb_transceiver start\n"
-                         "        -     usb_transceiver open start\n"
-                         "        -     usb_transceiver open \n"
-                         "        -     usb_transceiver set_bulk_endpoints\n"
-                         "        -     connection open isSuccess = 1\n"
-                         "        -     break\n"
-                         "        -     usb ctor failer.\n"
-                         "        -     send ng\n"
-                         "        -     Leave do_cleanup 1\n"
-                         "        -     End Run\n"
-                         "        -     --- Leave int interface ---\n"
-                         "      Next:\n"
-                         "        the plugin itself refused to start: see that its firmware files are in "
-                         "/usr/share/tarvik/ and that lid and transport lock of the scanner are open\n");
+    EXPECT_EQ(story, support::refusal_story(plugin_file()));
 }
 
 TEST_F(tvkctl_explain_test, a_log_that_takes_only_errors_is_told)

@@ -4,13 +4,12 @@
 #include <cstdint>
 #include <deque>
 #include <limits>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "support/files.h"
+#include "support/page_examples.h"
 #include "target/scanner/test_chart.h"
 #include "tvkintif/src/interpreter.h"
 
@@ -186,23 +185,9 @@ protected:
     scripted_device m_device;
 };
 
-/// The bytes of the page's worked example that stand behind `label`, one entry for each such line. A line
-/// that only counts its bytes is left out.
 std::vector<bytes> example_lines(const std::string& label)
 {
-    const std::regex line_of_bytes("^    " + label + " +((?:[0-9A-F]{2} *)+)$");
-    std::vector<bytes> found;
-    std::istringstream page(support::read_file(SAMPLE_COMMANDS_PAGE));
-    for (std::string line; std::getline(page, line);) {
-        std::smatch parts;
-        if (!std::regex_match(line, parts, line_of_bytes))
-            continue;
-        std::istringstream numbers(parts[1]);
-        found.emplace_back();
-        for (std::string number; numbers >> number;)
-            found.back().push_back(static_cast<unsigned char>(std::stoul(number, nullptr, 16)));
-    }
-    return found;
+    return support::bytes_behind(label, support::read_file(SAMPLE_COMMANDS_PAGE));
 }
 
 const bytes identify = block('C', 1, 0, 0);

@@ -3,31 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
+#include <vector>
+
+#include "support/files.h"
+#include "support/page_examples.h"
 
 using namespace virtual_scanner;
 
 namespace {
 
-/// The bytes of the page's worked example that stand behind `label`, one entry for each such line.
 std::vector<bytes> example_lines(const std::string& label)
 {
-    std::vector<bytes> found;
-    std::ifstream page(COMMANDS_PAGE);
-    for (std::string line; std::getline(page, line);) {
-        std::istringstream words(line);
-        std::string word;
-        words >> word;
-        if (line.rfind("    ", 0) != 0 || word != label)
-            continue;
-        found.emplace_back();
-        while (words >> word)
-            found.back().push_back(static_cast<unsigned char>(std::stoul(word, nullptr, 16)));
-    }
-    return found;
+    return support::bytes_behind(label, support::read_file(COMMANDS_PAGE));
 }
 
 bytes plain(const block& from)

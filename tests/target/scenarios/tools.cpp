@@ -20,6 +20,7 @@
 #include "support/page_examples.h"
 #include "support/private_paths.h"
 #include "support/proc_files.h"
+#include "support/refusal_story.h"
 #include "support/wait_until.h"
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
@@ -399,31 +400,8 @@ TEST_F(tools, explain_shows_the_log_of_an_open_that_the_plugin_refuses)
     plug_in("plain");
     const plugin_folder plugins(test_plugin("plugin_refusing"), kDefaultPlugin);
     expect(explain(), 27,
-           well_up_to("program") +
-               "FAIL  open       the open is answered with ng\n"
-               "        - the log tells:\n"
-               "        -     port = 0\n"
-               "        -     open usb:1a2b:3c4d\n"
-               "        -     open usb:1a2b:3c4d\n"
-               "        -     interpName libryo-mora-hk-t210.so\n"
-               "        -     interpreter load " +
-               kShippedPlugin +
-               "\n"
-               "        -     usb_transceiver start\n"
-               "        -     usb_transceiver open start\n"
-               "        -     usb_transceiver open \n"
-               "        -     usb_transceiver set_bulk_endpoints\n"
-               "        -     connection open isSuccess = 1\n"
-               "        -     break\n"
-               "        -     usb ctor failer.\n"
-               "        -     send ng\n"
-               "        -     Leave do_cleanup 1\n"
-               "        -     End Run\n"
-               "        -     --- Leave int interface ---\n"
-               "      Next:\n"
-               "        the plugin itself refused to start: see that its firmware files are in "
-               "/usr/share/tarvik/ and "
-               "that lid and transport lock of the scanner are open\n");
+           well_up_to("program") + "FAIL  open       the open is answered with ng\n" +
+               support::refusal_story(kShippedPlugin));
 }
 
 TEST_F(tools, explain_says_how_to_have_the_reason_logged)
