@@ -24,8 +24,8 @@ namespace tvkctl {
 
 namespace {
 
-constexpr const char* kSummary = "Examine a plugin file, and run it with a scripted device";
-constexpr const char* kExamples =
+constexpr const char* kCheckPluginSummary = "Examine a plugin file, and run it with a scripted device";
+constexpr const char* kCheckPluginExamples =
     R"(  tvkctl check-plugin libqvintZ4.so
       reads the file without loading it and judges it for the armhf machine
   tvkctl check-plugin libqvintZ4.so --sysroot /srv/armhf
@@ -73,11 +73,6 @@ struct section {
     std::string title;
     std::vector<finding> findings;
 };
-
-command_error usage_error(const std::string& message, const std::string& advice)
-{
-    return command_error(exit_code::usage, message, advice);
-}
 
 plugin_target target_of(const check_plugin_options& options)
 {
@@ -299,7 +294,7 @@ exit_code check(const check_plugin_options& options, cli& shared)
 void add_check_plugin_command(CLI::App& app, cli& shared)
 {
     auto options = std::make_shared<check_plugin_options>();
-    CLI::App& command = add_command(app, shared, {"check-plugin", kSummary, kExamples},
+    CLI::App& command = add_command(app, shared, {"check-plugin", kCheckPluginSummary, kCheckPluginExamples},
                                     [options, &shared] { return check(*options, shared); });
     command.add_option("FILE", options->file, "The plugin, a shared library")->required();
     command

@@ -33,4 +33,10 @@ private:
     std::string m_advice;
 };
 
+/// Of a command line that cannot be understood.
+inline command_error usage_error(const std::string& message, const std::string& advice)
+{
+    return command_error(exit_code::usage, message, advice);
+}
+
 } // namespace tvkctl

@@ -75,8 +75,8 @@ exit_code explain(const explain_options& options, cli& shared)
     return code;
 }
 
-constexpr const char* kSummary = "Find out why a scanner cannot be opened";
-constexpr const char* kExamples =
+constexpr const char* kExplainSummary = "Find out why a scanner cannot be opened";
+constexpr const char* kExplainExamples =
     R"(  tvkctl explain usb:1a2b:3c4d
       looks at all that an open needs, from the address to the open itself, and
       stops at the first thing that is broken
@@ -94,7 +94,7 @@ broken rung has its own exit status: 20 address, 21 bus, 22 rights,
 void add_explain_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<explain_options>();
-    CLI::App& command = add_command(app, shared, {"explain", kSummary, kExamples},
+    CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, kExplainExamples},
                                     [=, &shared] { return explain(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
     command.add_option("--program", options->program, "Start this tvkintif")->type_name("FILE");

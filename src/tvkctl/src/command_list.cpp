@@ -15,8 +15,8 @@ namespace tvkctl {
 
 namespace {
 
-constexpr const char* kSummary = "List the USB devices that tvkintif could drive";
-constexpr const char* kExamples = R"(  tvkctl list
+constexpr const char* kListSummary = "List the USB devices that tvkintif could drive";
+constexpr const char* kListExamples = R"(  tvkctl list
       devices with a vendor-specific interface that has bulk endpoints both ways
   tvkctl list --all
       the other USB devices as well
@@ -194,7 +194,7 @@ exit_code list(const list_options& options, cli& shared)
 void add_list_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<list_options>();
-    CLI::App& command = add_command(app, shared, {"list", kSummary, kExamples},
+    CLI::App& command = add_command(app, shared, {"list", kListSummary, kListExamples},
                                     [=, &shared] { return list(*options, shared); });
     command.add_flag("--all", options->is_all, "List the other USB devices as well");
 }

@@ -33,19 +33,14 @@ struct log_options {
     bool is_purging = false;
 };
 
-[[noreturn]] void refuse_usage(const std::string& message, const std::string& advice)
-{
-    throw command_error(exit_code::usage, message, advice);
-}
-
 std::optional<log_level> wanted_level(const log_options& options)
 {
     if (options.level.empty())
         return std::nullopt;
     const auto level = level_named(options.level);
     if (!level)
-        refuse_usage("--level " + options.level + " is no level",
-                     "Name one of TRACE, INFO, WARNING, ERROR, FATAL, or 0 to 4.");
+        throw usage_error("--level " + options.level + " is no level",
+                          "Name one of TRACE, INFO, WARNING, ERROR, FATAL, or 0 to 4.");
     return level;
 }
 
@@ -55,7 +50,7 @@ std::optional<account> wanted_owner(const log_options& options)
         return std::nullopt;
     auto owner = find_user(options.owner);
     if (!owner)
-        refuse_usage("--for " + options.owner + ": there is no such user", "See getent passwd.");
+        throw usage_error("--for " + options.owner + ": there is no such user", "See getent passwd.");
     return owner;
 }
 
@@ -65,7 +60,7 @@ log_day wanted_day(const log_options& options)
         return day_of(std::time(nullptr));
     const auto day = day_named(options.date);
     if (!day)
-        refuse_usage("--date " + options.date + " is no day", "Write it as 2026-11-15.");
+        throw usage_error("--date " + options.date + " is no day", "Write it as 2026-11-15.");
     return *day;
 }
 
@@ -80,9 +75,9 @@ void check_combination(const log_options& options)
     const auto expect = [&](bool is_given, const char* option, std::initializer_list<const char*> actions) {
         const bool is_fitting = std::find(actions.begin(), actions.end(), options.action) != actions.end();
         if (is_given && !is_fitting)
-            refuse_usage(std::string(option) + " does not go with tvkctl log" +
-                             (options.action.empty() ? "" : " " + options.action),
-                         "See tvkctl log --help.");
+            throw usage_error(std::string(option) + " does not go with tvkctl log" +
+                                  (options.action.empty() ? "" : " " + options.action),
+                              "See tvkctl log --help.");
     };
     expect(!options.level.empty(), "--level", {"on", "show", "follow"});
     expect(!options.date.empty(), "--date", {"show"});
@@ -377,7 +372,7 @@ exit_code log(const log_options& options, cli& shared)
     return show_status(place, shared);
 }
 
-constexpr const char* kExamples =
+constexpr const char* kLogExamples =
     "  tvkctl log                        is logging on, and would my lines be written?\n"
     "  tvkctl log on --level TRACE       log everything\n"
     "  sudo tvkctl log on --for scanner  log what the user scanner starts\n"
@@ -396,7 +391,7 @@ void add_log_command(CLI::App& app, cli& shared)
 {
     auto options = std::make_shared<log_options>();
     CLI::App& command =
-        add_command(app, shared, {"log", "Turn logging on or off, show or follow the log", kExamples},
+        add_command(app, shared, {"log", "Turn logging on or off, show or follow the log", kLogExamples},
                     [options, &shared] { return log(*options, shared); });
     command.add_option("action", options->action, "on, off, show or follow; without one, tell the state")
         ->check(CLI::IsMember({"on", "off", "show", "follow"}));

@@ -18,8 +18,8 @@ namespace tvkctl {
 
 namespace {
 
-constexpr const char* kSummary = "Open a scanner, pass bytes to it and take bytes from it";
-constexpr const char* kExamples =
+constexpr const char* kRunSummary = "Open a scanner, pass bytes to it and take bytes from it";
+constexpr const char* kRunExamples =
     R"(  tvkctl run usb:1a2b:3c4d 'send 1b 45' 'recv 64'
       sends two bytes and shows the 64 that come
   tvkctl run usb:1a2b:3c4d:SN0042 'send "SCAN" 0d0a @head.bin' 'recv 2MiB > scan.raw'
@@ -49,11 +49,6 @@ struct run_options {
     std::string program;
     bool is_verbose = false;
 };
-
-command_error usage_error(const std::string& message, const std::string& advice)
-{
-    return command_error(exit_code::usage, message, advice);
-}
 
 std::optional<std::uint32_t> parse_chunk(const std::string& text)
 {
@@ -149,7 +144,7 @@ exit_code run(const run_options& options, cli& shared)
 void add_run_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<run_options>();
-    CLI::App& command = add_command(app, shared, {"run", kSummary, kExamples},
+    CLI::App& command = add_command(app, shared, {"run", kRunSummary, kRunExamples},
                                     [=, &shared] { return run(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
     command.add_option("STEP", options->steps, "What to do, in this order (see below)");

@@ -2,15 +2,11 @@
 
 #include <strings.h>
 
-#include <array>
 #include <charconv>
 
 namespace tvkctl {
 
 namespace {
-
-constexpr std::array<log_level, 5> kLevels = {log_level::trace, log_level::info, log_level::warning,
-                                              log_level::error, log_level::fatal};
 
 /// Takes apart a text from its front.
 class header_reader {
@@ -81,7 +77,7 @@ const char* name_of(log_level level)
 
 std::optional<log_level> level_named(const std::string& text)
 {
-    for (const log_level level : kLevels)
+    for (const log_level level : kLogLevels)
         if (strcasecmp(text.c_str(), name_of(level)) == 0 || text == std::to_string(static_cast<int>(level)))
             return level;
     return std::nullopt;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string>
 
@@ -8,6 +9,10 @@
 namespace tvkctl {
 
 using log_level = vl::common::log::ESeveryLevel;
+
+/// All of them, the least severe first.
+inline constexpr std::array<log_level, 5> kLogLevels = {log_level::trace, log_level::info, log_level::warning,
+                                                        log_level::error, log_level::fatal};
 
 /// "TRACE", "INFO", "WARNING", "ERROR", "FATAL": as lines carry it and as people ask for it.
 const char* name_of(log_level level);

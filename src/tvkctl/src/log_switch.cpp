@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -28,8 +27,6 @@ constexpr const char* kSettingsName = "setting.ini";
 constexpr const char* kNewSettingsName = "setting.ini.new";
 constexpr const char* kLevelKey = "loglevel";
 constexpr int kLevelThatNothingReaches = 5;
-constexpr std::array<log_level, 5> kLevels = {log_level::trace, log_level::info, log_level::warning,
-                                              log_level::error, log_level::fatal};
 
 std::string cause_text()
 {
@@ -46,9 +43,9 @@ void read_level(const log_place& place, log_state& state)
 {
     logConfigure settings;
     settings.set_config_file(place.settings());
-    const auto found =
-        std::find_if(kLevels.begin(), kLevels.end(), [&](log_level l) { return settings.is_enabled(l); });
-    if (found != kLevels.end()) {
+    const auto found = std::find_if(kLogLevels.begin(), kLogLevels.end(),
+                                    [&](log_level l) { return settings.is_enabled(l); });
+    if (found != kLogLevels.end()) {
         state.why = log_state::reason::on;
         state.least = *found;
     } else {

@@ -215,7 +215,7 @@ sleep_step parse_sleep(const arguments& given)
 
 [[noreturn]] void refuse(const std::string& place, const step_error& reason)
 {
-    throw command_error(exit_code::usage, place + ": " + reason.what(), kStepForms);
+    throw usage_error(place + ": " + reason.what(), kStepForms);
 }
 
 std::string without_line_end(std::string line)
