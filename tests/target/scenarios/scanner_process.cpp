@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,22 +21,31 @@ namespace target {
 
 namespace {
 
-constexpr const char* kProgram = "/usr/bin/virtual_scanner";
+constexpr const char* kVirtualScanner = "/usr/bin/virtual_scanner";
 constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner";
 constexpr const char* kDiary = "/run/scanner.log";
 constexpr tvkctl::milliseconds kAnswerLimit{20'000};
 constexpr tvkctl::milliseconds kEndLimit{5'000};
 
-struct pipe_ends {
+struct channel_ends {
     tvkctl::unique_fd reading;
     tvkctl::unique_fd writing;
 };
 
-pipe_ends make_pipe()
+channel_ends make_pipe()
 {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0)
         throw std::system_error(errno, std::generic_category(), "pipe2");
+    return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
+}
+
+/// Unlike a pipe's, its broken end can be told without a signal.
+channel_ends make_socket_pair()
+{
+    std::array<int, 2> ends{};
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
+        throw std::system_error(errno, std::generic_category(), "socketpair");
     return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
 }
 
@@ -102,15 +112,16 @@ std::string scanner_process::diary()
 
 void scanner_process::start(const std::string& device_file)
 {
-    pipe_ends orders = make_pipe();
-    pipe_ends answers = make_pipe();
+    channel_ends orders = make_socket_pair();
+    channel_ends answers = make_pipe();
     const redirections streams(orders.reading.get(), answers.writing.get(), kDiary);
-    std::string program = kProgram;
+    std::string program = kVirtualScanner;
     std::string argument = device_file;
     const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
-    const int error = ::posix_spawn(&m_pid, kProgram, streams.get(), nullptr, arguments.data(), environ);
+    const int error =
+        ::posix_spawn(&m_pid, kVirtualScanner, streams.get(), nullptr, arguments.data(), environ);
     if (error != 0)
-        throw std::system_error(error, std::generic_category(), std::string("start ") + kProgram);
+        throw std::system_error(error, std::generic_category(), std::string("start ") + kVirtualScanner);
     m_orders = std::move(orders.writing);
     m_answers = std::move(answers.reading);
 }
@@ -118,8 +129,9 @@ void scanner_process::start(const std::string& device_file)
 void scanner_process::order(const std::string& what)
 {
     const std::string line = what + "\n";
-    if (::write(m_orders.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
-        throw std::system_error(errno, std::generic_category(), "tell the virtual scanner to " + what);
+    if (::send(m_orders.get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size()))
+        throw std::runtime_error("tell the virtual scanner to " + what + ": it has ended; it said:\n" +
+                                 diary());
     expect_answer("done", what);
 }
 

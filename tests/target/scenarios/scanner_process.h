@@ -32,8 +32,8 @@ public:
     /// Ends a fault that lasts.
     void clear(const std::string& device) { order("clear " + device); }
 
-    /// The devices stand still until release(): they stay on the bus, and transfers with them wait. Not while
-    /// one is under way.
+    /// The devices stand still until release(): they stay on the bus, and transfers that begin with them
+    /// wait. Only while none is under way: what stops in the middle of one may have taken a part of it.
     void hold();
     void release();
 
