@@ -13,13 +13,13 @@
 #include "process/lines.h"
 #include "process/wire.h"
 #include "support/private_paths.h"
+#include "support/wait_until.h"
 #include "tvkctl/src/child_process.h"
 #include "tvkctl/src/connection.h"
 
 namespace process_test {
 
-/// How long anything is waited for that should come at once.
-constexpr std::chrono::milliseconds kPatience{30'000};
+using support::kPatience;
 
 /// Empty at the start of each test, beside the log directory; the program's working directory.
 inline const std::string scratch_directory = support::log_root + "/scratch";

@@ -24,7 +24,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::chrono::milliseconds kPatience{30'000};
+using support::kPatience;
 
 /// Local date in the form of strftime, some days from now.
 std::string date(const char* form, int days = 0)

@@ -10,6 +10,7 @@
 
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
+#include "support/wait_until.h"
 #include "tvkctl/src/unique_fd.h"
 
 namespace fs = std::filesystem;
@@ -18,8 +19,7 @@ namespace process_test {
 
 namespace {
 
-/// How long anything is waited for that should come at once.
-constexpr std::chrono::milliseconds kPatience{30'000};
+using support::kPatience;
 
 const std::string scratch_folder = support::log_root + "/scratch";
 

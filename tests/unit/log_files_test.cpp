@@ -7,6 +7,7 @@
 #include <future>
 #include <system_error>
 
+#include "support/wait_until.h"
 #include "unit/temporary_folder.h"
 
 namespace {
@@ -234,8 +235,6 @@ TEST_F(log_tail_test, a_file_that_was_emptied_is_begun_anew)
 
 class directory_watch_test : public testing::Test {
 protected:
-    static constexpr milliseconds kPatience{30'000};
-
     temporary_folder folder;
 };
 
@@ -244,14 +243,14 @@ TEST_F(directory_watch_test, an_added_line_wakes)
     folder.append(kToday, "one\n");
     directory_watch watch(folder.path());
     auto writer = std::async(std::launch::async, [&] { folder.append(kToday, "two\n"); });
-    EXPECT_EQ(watch.wait(deadline(kPatience)), directory_watch::news::change);
+    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::change);
 }
 
 TEST_F(directory_watch_test, a_new_file_wakes)
 {
     directory_watch watch(folder.path());
     folder.append(kTomorrow, "");
-    EXPECT_EQ(watch.wait(deadline(kPatience)), directory_watch::news::change);
+    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::change);
 }
 
 TEST_F(directory_watch_test, the_end_of_the_folder_is_told)
@@ -259,7 +258,7 @@ TEST_F(directory_watch_test, the_end_of_the_folder_is_told)
     fs::create_directory(folder / "log");
     directory_watch watch(folder / "log");
     fs::remove(folder / "log");
-    EXPECT_EQ(watch.wait(deadline(kPatience)), directory_watch::news::gone);
+    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::gone);
 }
 
 TEST_F(directory_watch_test, a_folder_that_is_renamed_is_gone)
@@ -267,7 +266,7 @@ TEST_F(directory_watch_test, a_folder_that_is_renamed_is_gone)
     fs::create_directory(folder / "log");
     directory_watch watch(folder / "log");
     fs::rename(folder / "log", folder / "old");
-    EXPECT_EQ(watch.wait(deadline(kPatience)), directory_watch::news::gone);
+    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::gone);
 }
 
 TEST_F(directory_watch_test, nothing_happens_until_the_deadline)

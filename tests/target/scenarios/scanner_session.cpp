@@ -23,7 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kProgram = "/usr/bin/tvkintif";
 constexpr tvkctl::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tvkctl::request_code::open), 0, 0,
                                             0};
 constexpr const char* kNoDevice = "LIBUSB_ERROR_NO_DEVICE";

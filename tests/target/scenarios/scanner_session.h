@@ -17,6 +17,9 @@ namespace target {
 
 constexpr std::uint32_t kMebibyte = 1024 * 1024;
 
+/// The program, where the machine has it installed.
+constexpr const char* kProgram = "/usr/bin/tvkintif";
+
 /// Shorter than the limit of a scenario, so that the logs of one that hangs are seen.
 constexpr tvkctl::milliseconds kStepLimit{30'000};
 

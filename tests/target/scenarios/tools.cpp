@@ -36,13 +36,13 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using target::guest;
 using target::kDefaultPlugin;
+using target::kProgram;
 using target::kShippedPlugin;
 using target::plugin_folder;
 using target::test_plugin;
 
 constexpr tvkctl::milliseconds kLimit{40'000};
 constexpr const char* kByIds = "usb:1a2b:3c4d";
-constexpr const char* kProgram = "/usr/bin/tvkintif";
 const std::string kScannedFile = "/run/scanned.raw";
 
 struct result {
