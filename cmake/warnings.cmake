@@ -14,4 +14,6 @@ target_compile_options(tvkintif_warnings INTERFACE
   "$<$<COMPILE_LANGUAGE:CXX>:${cxx_warnings}>"
   "$<$<BOOL:${TVKINTIF_WERROR}>:-Werror>"
   # GCC's note that an ABI detail changed in version 7.1 concerns nobody who builds with one compiler.
-  -Wno-psabi)
+  -Wno-psabi
+  # Several sources compiled as one look to GCC as if they were headers.
+  "$<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<COMPILE_LANGUAGE:CXX>>:-Wno-subobject-linkage>")
