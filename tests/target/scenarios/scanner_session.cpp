@@ -209,15 +209,15 @@ void scanner_session::expect_refusal(const tvkctl::reply& reply)
     m_log.reply(0);
 }
 
-/// The transfer in hand ends with one error or the other, depending on who sees first that the device is
-/// gone: the host controller or the kernel's hub driver.
+/// The transfer in hand and the next one end with one error until the kernel's hub driver has seen that the
+/// device is gone, and with the other from then on.
 void scanner_session::expect_parting(const std::string& direction, std::size_t length, std::size_t moved)
 {
     const std::vector<std::string> log = support::log_dialogue();
     const std::string broken = "INFO usb " + direction + " : " + kBrokenTransfer;
-    const bool is_broken = std::find(log.begin(), log.end(), broken) != log.end();
-    m_log.cut(direction, length, moved, is_broken ? kBrokenTransfer : kNoDevice);
-    m_log.cut(direction, length - moved, 0, kNoDevice);
+    const auto unseen = std::count(log.begin(), log.end(), broken);
+    m_log.cut(direction, length, moved, unseen >= 1 ? kBrokenTransfer : kNoDevice);
+    m_log.cut(direction, length - moved, 0, unseen >= 2 ? kBrokenTransfer : kNoDevice);
 }
 
 void scanner_session::begin_send(const bytes& data)
