@@ -27,6 +27,7 @@
 #include "target/scenarios/guest.h"
 #include "target/scenarios/plugin_folder.h"
 #include "target/scenarios/scanner_process.h"
+#include "target/scenarios/scanner_session.h"
 #include "tvkctl/src/child_process.h"
 #include "tvkctl/src/front_end.h"
 
