@@ -140,6 +140,23 @@ TEST(plugin_check, says_what_it_could_not_look_at_without_the_libraries_of_the_m
     EXPECT_EQ(line.advice, "Name a folder with them: --sysroot DIR.");
 }
 
+TEST(plugin_check, names_the_symbols_that_it_could_not_look_for)
+{
+    elf_file file = arm_file(float_abi::hard);
+    file.symbols.push_back({"used_elsewhere", false, true, false, false});
+    const finding line = line_of("symbols", file, foreign_target());
+    EXPECT_EQ(line.came_out, verdict::not_checked);
+    EXPECT_EQ(line.evidence.rfind("needs ", 0), 0U) << line.evidence;
+    EXPECT_NE(line.evidence.find("used_elsewhere"), std::string::npos) << line.evidence;
+}
+
+TEST(plugin_check, is_good_when_there_is_no_symbol_to_look_for)
+{
+    elf_file file = arm_file(float_abi::hard);
+    file.symbols.clear();
+    EXPECT_EQ(line_of("symbols", file, foreign_target()).came_out, verdict::good);
+}
+
 TEST(plugin_check, is_bad_when_the_c_library_of_the_machine_is_too_old)
 {
     plugin_target target = tvkctl::native_target();

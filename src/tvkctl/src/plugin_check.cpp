@@ -301,8 +301,12 @@ std::vector<std::string> examination::unresolved(const std::vector<const library
 
 finding examination::undefined_symbols() const
 {
-    if (!m_hasClosure)
-        return without_libraries("symbols");
+    if (!m_hasClosure) {
+        const auto used = unresolved({});
+        finding open_question = without_libraries("symbols");
+        open_question.evidence = "needs " + enumeration(used) + "; " + open_question.evidence;
+        return used.empty() ? good("symbols", "none needed") : open_question;
+    }
     if (!m_closure.absent.empty())
         return not_checked("symbols", "libraries that may have them are missing", "See the libraries above.");
     const auto open = unresolved({&m_closure});
