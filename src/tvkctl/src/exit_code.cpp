@@ -45,7 +45,7 @@ const std::vector<exit_code_entry>& exit_code_table()
         {exit_code::log_not_writable, "log: logging is on, but not for this user"},
         {exit_code::log_refused, "log: the directory cannot be trusted or changed"},
         {exit_code::log_missing, "log: there is no log of that day"},
-        {exit_code::interrupted, "ended by Ctrl-C or SIGTERM"},
+        {exit_code::interrupted, "run: ended by Ctrl-C or SIGTERM"},
     };
     return table;
 }

@@ -11,7 +11,7 @@ namespace tvkctl {
 
 namespace {
 
-constexpr const char* kProgram = "tvkintif";
+constexpr const char* kProgramName = "tvkintif";
 
 bool is_executable(const std::filesystem::path& file)
 {
@@ -23,7 +23,7 @@ std::string program_beside_this_one()
 {
     std::error_code error;
     const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    const auto candidate = self.parent_path() / kProgram;
+    const auto candidate = self.parent_path() / kProgramName;
     return !error && is_executable(candidate) ? candidate.string() : "";
 }
 
@@ -32,7 +32,7 @@ std::string program_in_path()
     const char* path = std::getenv("PATH");
     std::istringstream folders(path != nullptr ? path : "");
     for (std::string folder; std::getline(folders, folder, ':');)
-        if (const auto candidate = std::filesystem::path(folder) / kProgram; is_executable(candidate))
+        if (const auto candidate = std::filesystem::path(folder) / kProgramName; is_executable(candidate))
             return candidate.string();
     return "";
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -21,7 +22,7 @@ using vl::common::log::logConfigure;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
-constexpr const char* kProgram = "tvkintif"; // its log files begin with it
+constexpr const char* kLogFilePrefix = "tvkintif";
 constexpr const char* kDirectoryName = "tvkintif";
 constexpr const char* kSettingsName = "setting.ini";
 constexpr const char* kNewSettingsName = "setting.ini.new";
@@ -311,7 +312,7 @@ log_change purge(const directory_handle& root, const directory_handle& directory
 log_state look_at_log(const log_place& place, std::time_t now)
 {
     log_state state;
-    state.file = place.directory() + "/" + kProgram + "_" + day_of(now) + ".log";
+    state.file = place.directory() + "/" + kLogFilePrefix + "_" + day_of(now) + ".log";
     struct stat found = {};
     if (stat(place.directory().c_str(), &found) != 0)
         return state;

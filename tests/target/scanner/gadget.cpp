@@ -23,7 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kHostLimit{10};
-constexpr std::chrono::milliseconds kBetweenLooksAtNode{2};
+constexpr std::chrono::milliseconds kBetweenLooksAtHost{2};
 constexpr const char* kGadgetsFolder = "/sys/kernel/config/usb_gadget/";
 constexpr const char* kFunctionsFolder = "/run/virtual-scanner/";
 /// How configfs knows the kind of a function.
@@ -187,7 +187,7 @@ void gadget::wait_until(const std::string& what, const std::function<bool()>& is
     while (!is_so()) {
         if (std::chrono::steady_clock::now() > deadline)
             throw std::runtime_error("the host has not " + what + " in time (" + m_controller + ")");
-        std::this_thread::sleep_for(kBetweenLooksAtNode);
+        std::this_thread::sleep_for(kBetweenLooksAtHost);
     }
 }
 

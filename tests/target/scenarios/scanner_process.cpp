@@ -40,7 +40,7 @@ channel_ends make_pipe()
     return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
 }
 
-/// Unlike a pipe's, its broken end can be told without a signal.
+/// Unlike a pipe, it can be written to without a signal when its reader has ended.
 channel_ends make_socket_pair()
 {
     std::array<int, 2> ends{};

@@ -33,7 +33,7 @@ public:
     void clear(const std::string& device) { order("clear " + device); }
 
     /// The devices stand still until release(): they stay on the bus, and transfers that begin with them
-    /// wait. Only while none is under way: what stops in the middle of one may have taken a part of it.
+    /// wait. To be called between transfers: one under way may have been served in part.
     void hold();
     void release();
 

@@ -8,7 +8,7 @@ using virtual_scanner::command_code;
 
 namespace {
 
-/// Bytes of all sizes, in both directions, as one USB transfer each.
+/// Bytes of all sizes, in both directions, each in one request.
 class transfers : public target::scanner_session {
 protected:
     static constexpr std::uint32_t kPacketSize = 512;
