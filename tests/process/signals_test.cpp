@@ -5,13 +5,22 @@
 
 #include "process/held_transfer.h"
 #include "process/program_test.h"
+#include "support/log_reader.h"
 #include "support/proc_files.h"
 #include "support/wait_until.h"
 
 namespace process_test {
 
+namespace {
+
+const std::string write_call = "INFO ipc connection wrute get called = ";
+
+} // namespace
+
 class signals : public program_test {
 protected:
+    static constexpr std::uint32_t kMoreThanSocketsHold = 32'000'000;
+
     void wait_until_pending(int number)
     {
         ASSERT_TRUE(support::wait_until(
@@ -57,6 +66,46 @@ protected:
         send_signal(number);
         expect_end();
         expect_log(announced + failed_to_read(20, "Bad file descriptor") + left);
+    }
+
+    /// The program stands still in the middle of a reply's payload.
+    void wait_in_a_write()
+    {
+        start_connected();
+        open();
+        tell(recv_request(kMoreThanSocketsHold));
+        wait_for_log_end(put(20) + lines{write_call + std::to_string(kMoreThanSocketsHold)});
+        wait_until_in(SYS_write);
+    }
+
+    /// Waits until the call for the whole payload has returned with a part of it.
+    void wait_until_writing_the_rest()
+    {
+        ASSERT_TRUE(support::wait_until(kPatience, [&] {
+            const std::string last = support::log_dialogue().back();
+            return last.rfind(write_call, 0) == 0 &&
+                   last != write_call + std::to_string(kMoreThanSocketsHold);
+        })) << "the write is not cut short";
+    }
+
+    void expect_whole_reply_and_end()
+    {
+        expect_reply(ok_reply(device_bytes(kMoreThanSocketsHold)));
+        expect_end();
+    }
+
+    lines log_with_whole_reply()
+    {
+        return announced + open_served() + request() + reply(kMoreThanSocketsHold) + left;
+    }
+
+    void expect_held_back_until_the_reply_is_written(int number)
+    {
+        wait_in_a_write();
+        send_signal(number);
+        wait_until_pending(number);
+        expect_whole_reply_and_end();
+        expect_log(log_with_whole_reply()); // in one call: only a signal that gets through cuts it up
     }
 
     /// The signal comes while the program is busy with the device.
@@ -114,11 +163,7 @@ TEST_F(signals, sigterm_and_sigint_alone_are_blocked_in_a_read)
 
 TEST_F(signals, sigterm_and_sigint_alone_are_blocked_in_a_write)
 {
-    constexpr std::uint32_t kMoreThanSocketsHold = 32'000'000;
-    start_connected();
-    open();
-    tell(recv_request(kMoreThanSocketsHold));
-    wait_until_in(SYS_write);
+    wait_in_a_write();
     EXPECT_EQ(support::signals_in(pid(), "SigBlk"), support::signal_set({SIGTERM, SIGINT}));
     expect_reply(ok_reply(device_bytes(kMoreThanSocketsHold)));
     close();
@@ -183,6 +228,25 @@ TEST_F(signals, sigterm_between_header_and_payload_lets_the_request_be_served)
     expect_reply(ok_reply());
     expect_end();
     expect_log(announced + open_served() + request(3) + reply() + left);
+}
+
+TEST_F(signals, sigterm_in_a_write_ends_the_program_after_that_reply)
+{
+    expect_held_back_until_the_reply_is_written(SIGTERM);
+}
+
+TEST_F(signals, sigint_in_a_write_ends_the_program_after_that_reply)
+{
+    expect_held_back_until_the_reply_is_written(SIGINT);
+}
+
+TEST_F(signals, sighup_in_a_write_that_has_moved_bytes_ends_the_program_after_that_reply)
+{
+    wait_in_a_write();
+    send_signal(SIGHUP);
+    wait_until_writing_the_rest();
+    expect_whole_reply_and_end();
+    expect_log_with_whole_transfers(log_with_whole_reply());
 }
 
 TEST_F(signals, sighup_in_a_read_ends_it_and_the_process)
