@@ -3,6 +3,8 @@
 #include <signal.h>
 #include <sys/syscall.h>
 
+#include <chrono>
+
 #include "process/held_transfer.h"
 #include "process/program_test.h"
 #include "support/log_reader.h"
@@ -106,6 +108,26 @@ protected:
         wait_until_pending(number);
         expect_whole_reply_and_end();
         expect_log(log_with_whole_reply()); // in one call: only a signal that gets through cuts it up
+    }
+
+    /// The signal comes between the first attempt to open the device and the second, which succeeds.
+    void expect_pause_cut_short(int number)
+    {
+        with_bus("device scanner 1a2b:3c4d\nappears_at_search 6\n");
+        start_connected();
+        const auto begin = std::chrono::steady_clock::now();
+        tell(open_request());
+        wait_for_log_end(not_opened());
+        wait_until_in(SYS_clock_nanosleep);
+        send_signal(number);
+        expect_reply(ok_reply());
+        // A pause that is taken up again for the seconds that are left lasts at least this long.
+        constexpr std::chrono::seconds kResumedPause(2);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, kResumedPause) << "the pause went on";
+        expect_end();
+        expect_log(announced + request(13) + lines{"INFO open usb:1a2b:3c4d"} +
+                   plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + not_opened() +
+                   opened_by_ids() + lines{"INFO send ok"} + reply() + left);
     }
 
     /// The signal comes while the program is busy with the device.
@@ -306,6 +328,21 @@ TEST_F(signals, sigint_in_a_device_transfer_lets_the_request_be_answered)
 TEST_F(signals, sighup_in_a_device_transfer_lets_the_request_be_answered)
 {
     expect_request_in_hand_finished(SIGHUP);
+}
+
+TEST_F(signals, sigterm_in_a_pause_between_attempts_cuts_it_short_and_the_open_goes_on)
+{
+    expect_pause_cut_short(SIGTERM);
+}
+
+TEST_F(signals, sigint_in_a_pause_between_attempts_cuts_it_short_and_the_open_goes_on)
+{
+    expect_pause_cut_short(SIGINT);
+}
+
+TEST_F(signals, sighup_in_a_pause_between_attempts_cuts_it_short_and_the_open_goes_on)
+{
+    expect_pause_cut_short(SIGHUP);
 }
 
 TEST_F(signals, sigterm_that_the_parent_ignores_stays_ignored)
