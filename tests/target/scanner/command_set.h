@@ -35,6 +35,8 @@ enum class answer_status : std::uint32_t {
 /// Commands and answers both start with a block of this many bytes.
 constexpr std::size_t kBlockSize = 16;
 constexpr std::size_t kLongestPayload = 16 * 1024 * 1024;
+/// Of its field in the data of the answer to command_code::identify.
+constexpr std::size_t kFirmwareWidth = 16;
 
 /// Lengths are 32 bits wide on the wire, and nothing that is sent is longer.
 constexpr std::uint32_t wire_length(std::uint64_t length)

@@ -58,11 +58,13 @@ private:
     void start_configuration(const words& line);
     void add_interface(const words& line);
     void add_endpoint(const words& line);
+    void set_firmware(const words& line);
     void add_fault(const words& line);
     void plug_later(const words& line);
     device_description& device();
     std::vector<interface_description>& interfaces();
     void check_device();
+    void check_served(int line, const std::string& which);
     void check_configuration();
     /// Refuses because of an earlier line than the one just read.
     [[noreturn]] void refuse(int line, const std::string& why);
@@ -71,7 +73,8 @@ private:
 
     int m_blamed_line = 0;
     int m_device_line = 0;
-    int m_fault_line = 0;         ///< the first of the device
+    int m_fault_line = 0; ///< the first of the device
+    int m_firmware_line = 0;
     int m_plug_line = 0;          ///< where the device is said to be plugged in later
     int m_configuration_line = 0; ///< the last of the device
     std::set<std::string> m_said; ///< of the device, what can be said only once
@@ -89,6 +92,7 @@ private:
          {how_often::once, 1, kAnyNumber, [this](const words& line) { device().maker = join(line, 1); }}},
         {"model",
          {how_often::once, 1, kAnyNumber, [this](const words& line) { device().model = join(line, 1); }}},
+        {"firmware", {how_often::once, 1, kAnyNumber, [this](const words& line) { set_firmware(line); }}},
         {"unplugged", {how_often::once, 0, 0, [this](const words&) { device().starts_plugged = false; }}},
         {"plug", {how_often::once, 2, 2, [this](const words& line) { plug_later(line); }}},
         {"configuration",
@@ -156,7 +160,7 @@ void reader::start_device(const words& line)
     m_devices.emplace_back();
     m_devices.back().name = name;
     m_device_line = this_line;
-    m_fault_line = m_plug_line = m_configuration_line = 0;
+    m_fault_line = m_firmware_line = m_plug_line = m_configuration_line = 0;
     m_said.clear();
 }
 
@@ -192,6 +196,18 @@ void reader::add_endpoint(const words& line)
     if (interfaces().empty())
         throw std::invalid_argument("an endpoint needs an interface before it");
     interfaces().back().endpoints.push_back({one_of(types, line[1]), one_of(directions, line[2])});
+}
+
+void reader::set_firmware(const words& line)
+{
+    const std::string text = join(line, 1);
+    if (text.size() > kFirmwareWidth) {
+        throw std::invalid_argument("\"" + text + "\" has " + std::to_string(text.size()) +
+                                    " bytes; the identification has room for " +
+                                    std::to_string(kFirmwareWidth));
+    }
+    device().firmware = text;
+    m_firmware_line = m_blamed_line;
 }
 
 void reader::add_fault(const words& line)
@@ -246,11 +262,17 @@ void reader::check_device()
     check_configuration();
     if (last.plugged_after_ms && last.starts_plugged)
         refuse(m_plug_line, name + " is plugged in from the start, unless it is said to be \"unplugged\"");
-    if (!last.faults.empty() && !serves_anything(last)) {
-        refuse(m_fault_line,
-               name + " serves no commands that a fault could strike: it has no interface ff .. ff" +
-                   " with bulk endpoints both ways");
-    }
+    check_served(m_fault_line, "that a fault could strike");
+    check_served(m_firmware_line, "whose answer could tell its firmware");
+}
+
+/// Refuses a line, if it was said, that makes sense only of a device that serves commands.
+void reader::check_served(int line, const std::string& which)
+{
+    if (line == 0 || serves_anything(device()))
+        return;
+    refuse(line, "device \"" + device().name + "\" serves no commands " + which +
+                     ": it has no interface ff .. ff with bulk endpoints both ways");
 }
 
 void reader::refuse(int line, const std::string& why)

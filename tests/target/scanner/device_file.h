@@ -45,6 +45,7 @@ struct device_description {
     std::string serial;               ///< empty: none
     std::optional<std::string> maker; ///< none: one of ours, if the device has names at all
     std::optional<std::string> model;
+    std::string firmware = "1.0"; ///< at most kFirmwareWidth bytes
     bool starts_plugged = true;
     std::optional<std::uint32_t> plugged_after_ms; ///< of one that starts unplugged; none: when ordered
     std::vector<configuration_description> configurations;

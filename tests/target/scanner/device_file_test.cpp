@@ -252,6 +252,45 @@ TEST(device_file, refuses_a_fault_of_a_device_that_serves_nothing)
         "ff with bulk endpoints both ways");
 }
 
+TEST(device_file, tells_the_firmware)
+{
+    EXPECT_EQ(read(kServing + "firmware 0.9 beta\n")[0].firmware, "0.9 beta");
+}
+
+TEST(device_file, has_firmware_of_ours_where_none_is_told)
+{
+    EXPECT_EQ(read(kServing)[0].firmware, "1.0");
+}
+
+TEST(device_file, takes_the_longest_firmware_that_the_identification_has_room_for)
+{
+    EXPECT_EQ(read(kServing + "firmware 1234567890123456\n")[0].firmware, "1234567890123456");
+}
+
+TEST(device_file, refuses_a_firmware_that_is_too_long)
+{
+    EXPECT_EQ(complaint(kServing + "firmware 12345678 01234567\n"),
+              "a.device:7: \"12345678 01234567\" has 17 bytes; the identification has room for 16");
+}
+
+TEST(device_file, refuses_a_firmware_without_its_text)
+{
+    EXPECT_EQ(complaint(kServing + "firmware\n"), "a.device:7: \"firmware\" takes 1 or more values, not 0");
+}
+
+TEST(device_file, refuses_a_second_firmware)
+{
+    EXPECT_EQ(complaint(kServing + "firmware 1\nfirmware 2\n"),
+              "a.device:8: \"firmware\" was said of device \"one\" before");
+}
+
+TEST(device_file, refuses_a_firmware_of_a_device_that_serves_nothing)
+{
+    EXPECT_EQ(complaint(kWhole + "firmware 2\nserial SN1\n"),
+              "a.device:5: device \"one\" serves no commands whose answer could tell its firmware: it has no "
+              "interface ff .. ff with bulk endpoints both ways");
+}
+
 TEST(device_file, refuses_an_unknown_fault)
 {
     const std::string said = complaint(kServing + "fault fire 1\n");

@@ -12,7 +12,6 @@ namespace virtual_scanner {
 
 namespace {
 
-constexpr const char* kFirmware = "1.0";
 constexpr std::uint32_t kLongestPattern = 0x7FFFFFFF;
 constexpr int kCallBack = SIGUSR1;
 constexpr std::chrono::milliseconds kBetweenLooks{1};
@@ -299,7 +298,7 @@ bytes scanner_device::identification() const
                     made.begin() + static_cast<std::ptrdiff_t>(offset));
     };
     put(0, 32, model_of(m_description));
-    put(32, 16, kFirmware);
+    put(32, kFirmwareWidth, m_description.firmware);
     put(48, 16, m_description.serial);
     return made;
 }

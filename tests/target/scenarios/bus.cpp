@@ -21,6 +21,7 @@ using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
 using virtual_scanner::pattern;
+using virtual_scanner::text_at;
 
 namespace {
 
@@ -436,6 +437,18 @@ TEST_F(bus, serves_the_configuration_that_the_host_chooses)
         expect_served();
         close();
     }
+}
+
+TEST_F(bus, identifies_itself_as_its_file_says)
+{
+    become("answers");
+    expect_done(host().write(command(command_code::identify)));
+    expect_done(host().read(16), answer(command_code::identify, 64));
+    const bytes identity = host().read(64).data;
+    ASSERT_EQ(identity.size(), 64U);
+    EXPECT_EQ(text_at(identity, 0, 32), "Old scanner");
+    EXPECT_EQ(text_at(identity, 32, 16), "0.9 beta");
+    EXPECT_EQ(text_at(identity, 48, 16), "SN0009");
 }
 
 TEST_F(bus, has_devices_of_every_shape_as_their_file_describes_them)
