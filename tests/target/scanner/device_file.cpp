@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <set>
@@ -60,6 +61,7 @@ private:
     void add_endpoint(const words& line);
     void set_firmware(const words& line);
     void add_fault(const words& line);
+    void add_answer(const words& line);
     void plug_later(const words& line);
     device_description& device();
     std::vector<interface_description>& interfaces();
@@ -75,6 +77,7 @@ private:
     int m_device_line = 0;
     int m_fault_line = 0; ///< the first of the device
     int m_firmware_line = 0;
+    int m_answer_line = 0;        ///< the first of the device
     int m_plug_line = 0;          ///< where the device is said to be plugged in later
     int m_configuration_line = 0; ///< the last of the device
     std::set<std::string> m_said; ///< of the device, what can be said only once
@@ -102,6 +105,8 @@ private:
         {"endpoint",
          {how_often::any_number_of_times, 2, 2, [this](const words& line) { add_endpoint(line); }}},
         {"fault", {how_often::any_number_of_times, 2, 3, [this](const words& line) { add_fault(line); }}},
+        {"answer",
+         {how_often::any_number_of_times, 2, kAnyNumber, [this](const words& line) { add_answer(line); }}},
     };
 };
 
@@ -160,7 +165,7 @@ void reader::start_device(const words& line)
     m_devices.emplace_back();
     m_devices.back().name = name;
     m_device_line = this_line;
-    m_fault_line = m_firmware_line = m_plug_line = m_configuration_line = 0;
+    m_fault_line = m_firmware_line = m_answer_line = m_plug_line = m_configuration_line = 0;
     m_said.clear();
 }
 
@@ -220,6 +225,26 @@ void reader::add_fault(const words& line)
         m_fault_line = m_blamed_line;
 }
 
+void reader::add_answer(const words& line)
+{
+    // A front-end arms faults by one more command: to answer it and do nothing would be a trap for tests.
+    static const std::map<std::string, command_code> commands{
+        {"identify", command_code::identify},         {"status", command_code::status},
+        {"read-pattern", command_code::read_pattern}, {"echo", command_code::echo},
+        {"checksum", command_code::checksum},         {"sheet", command_code::sheet},
+        {"read-lines", command_code::read_lines},
+    };
+    given_answer given{static_cast<answer_status>(number<std::uint32_t>(line[2], 10)), {}};
+    std::transform(line.begin() + 3, line.end(), std::back_inserter(given.data),
+                   [](const std::string& text) { return number<std::uint8_t>(text, 16); });
+    if (!device().answers.emplace(one_of(commands, line[1]), given).second) {
+        throw std::invalid_argument("device \"" + device().name + "\" has an answer to " + line[1] +
+                                    " already");
+    }
+    if (m_answer_line == 0)
+        m_answer_line = m_blamed_line;
+}
+
 void reader::plug_later(const words& line)
 {
     if (line[1] != "after")
@@ -263,6 +288,7 @@ void reader::check_device()
     if (last.plugged_after_ms && last.starts_plugged)
         refuse(m_plug_line, name + " is plugged in from the start, unless it is said to be \"unplugged\"");
     check_served(m_fault_line, "that a fault could strike");
+    check_served(m_answer_line, "that it could answer");
     check_served(m_firmware_line, "whose answer could tell its firmware");
 }
 

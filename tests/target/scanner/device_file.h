@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -38,6 +39,12 @@ struct planned_fault {
     std::uint32_t at_command;
 };
 
+/// In place of what the scanner would answer by itself.
+struct given_answer {
+    answer_status status;
+    bytes data;
+};
+
 struct device_description {
     std::string name; ///< for our own use; never seen on the bus
     std::uint16_t vendor = 0;
@@ -50,6 +57,7 @@ struct device_description {
     std::optional<std::uint32_t> plugged_after_ms; ///< of one that starts unplugged; none: when ordered
     std::vector<configuration_description> configurations;
     std::vector<planned_fault> faults;
+    std::map<command_code, given_answer> answers; ///< commands without one are served
 };
 
 /// The kernel gives a device all three strings or none. One that has names and no serial number therefore has

@@ -252,6 +252,69 @@ TEST(device_file, refuses_a_fault_of_a_device_that_serves_nothing)
         "ff with bulk endpoints both ways");
 }
 
+TEST(device_file, gives_an_answer_to_a_command)
+{
+    const auto answers = read(kServing + "answer status 5 2A 00 ff\n")[0].answers;
+    ASSERT_EQ(answers.count(command_code::status), 1U);
+    EXPECT_EQ(answers.at(command_code::status).status, static_cast<answer_status>(5));
+    EXPECT_EQ(answers.at(command_code::status).data, (bytes{0x2A, 0x00, 0xFF}));
+}
+
+TEST(device_file, gives_an_answer_without_data)
+{
+    const auto answers = read(kServing + "answer read-lines 1\n")[0].answers;
+    ASSERT_EQ(answers.count(command_code::read_lines), 1U);
+    EXPECT_EQ(answers.at(command_code::read_lines).data, bytes());
+}
+
+TEST(device_file, leaves_commands_to_the_scanner_that_it_gives_no_answer_to)
+{
+    EXPECT_EQ(read(kServing + "answer sheet 1\n")[0].answers.count(command_code::status), 0U);
+}
+
+TEST(device_file, refuses_an_answer_to_an_unknown_command)
+{
+    EXPECT_EQ(complaint(kServing + "answer sing 0\n"),
+              "a.device:7: \"sing\" is none of: checksum echo identify read-lines read-pattern sheet status");
+}
+
+TEST(device_file, refuses_an_answer_to_the_command_that_arms_faults)
+{
+    const std::string said = complaint(kServing + "answer fault 0\n");
+    EXPECT_EQ(said.rfind("a.device:7: \"fault\" is none of: ", 0), 0U) << said;
+}
+
+TEST(device_file, refuses_an_answer_without_its_status)
+{
+    EXPECT_EQ(complaint(kServing + "answer status\n"),
+              "a.device:7: \"answer\" takes 2 or more values, not 1");
+}
+
+TEST(device_file, refuses_a_status_of_an_answer_that_is_no_number)
+{
+    EXPECT_EQ(complaint(kServing + "answer status done\n"),
+              "a.device:7: \"done\" is not a number from 0 to 4294967295");
+}
+
+TEST(device_file, refuses_data_of_an_answer_that_are_no_bytes)
+{
+    EXPECT_EQ(complaint(kServing + "answer status 0 12 100\n"),
+              "a.device:7: \"100\" is not a number from 0 to 255 in hexadecimal");
+}
+
+TEST(device_file, refuses_two_answers_to_one_command)
+{
+    EXPECT_EQ(complaint(kServing + "answer status 1\nanswer status 2\n"),
+              "a.device:8: device \"one\" has an answer to status already");
+}
+
+TEST(device_file, refuses_an_answer_of_a_device_that_serves_nothing)
+{
+    EXPECT_EQ(complaint(kWhole + "answer status 0\nanswer sheet 1\n"),
+              "a.device:5: device \"one\" serves no commands that it could answer: it has no interface ff .. "
+              "ff with bulk endpoints both ways");
+}
+
 TEST(device_file, tells_the_firmware)
 {
     EXPECT_EQ(read(kServing + "firmware 0.9 beta\n")[0].firmware, "0.9 beta");

@@ -17,6 +17,7 @@
 #include "target/scenarios/usb_host.h"
 
 using target::transfer;
+using virtual_scanner::answer_status;
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
@@ -71,9 +72,9 @@ protected:
         return virtual_scanner::encode_with_payload({code, kTag, argument, 0}, payload);
     }
 
-    static bytes answer(command_code code, std::uint32_t length)
+    static bytes answer(command_code code, std::uint32_t length, answer_status status = answer_status::ok)
     {
-        const auto block = virtual_scanner::encode({code, kTag, virtual_scanner::answer_status::ok, length});
+        const auto block = virtual_scanner::encode({code, kTag, status, length});
         return {block.begin(), block.end()};
     }
 
@@ -449,6 +450,22 @@ TEST_F(bus, identifies_itself_as_its_file_says)
     EXPECT_EQ(text_at(identity, 0, 32), "Old scanner");
     EXPECT_EQ(text_at(identity, 32, 16), "0.9 beta");
     EXPECT_EQ(text_at(identity, 48, 16), "SN0009");
+}
+
+TEST_F(bus, answers_a_command_with_the_data_that_its_file_gives)
+{
+    become("answers");
+    expect_done(host().write(command(command_code::status)));
+    expect_done(host().read(16), answer(command_code::status, 16));
+    expect_done(host().read(16), {0x2A, 0, 0, 0, 0, 1, 0, 0, 0, 0, 2, 0, 3, 0, 0, 0});
+}
+
+TEST_F(bus, answers_a_command_with_the_status_that_its_file_gives)
+{
+    become("answers");
+    expect_done(host().write(command(command_code::sheet, 75)));
+    expect_done(host().read(16), answer(command_code::sheet, 0, answer_status::unknown_command));
+    expect_served();
 }
 
 TEST_F(bus, has_devices_of_every_shape_as_their_file_describes_them)
