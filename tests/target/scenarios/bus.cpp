@@ -6,7 +6,6 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,12 +38,6 @@ constexpr unsigned kLongerTimeoutMs = 1000;
 
 class bus : public testing::Test {
 protected:
-    void TearDown() override
-    {
-        if (HasFailure())
-            std::cout << target::scanner_process::diary();
-    }
-
     void become(const std::string& device_file) { m_scanner.emplace(device_file); }
     void close() { m_host.reset(); }
     void open(std::uint16_t product = kPlain, int interface = 0)

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iostream>
 #include <utility>
 
 #include "support/dialogue.h"
@@ -61,10 +60,6 @@ scanner_session::scanner_session()
 void scanner_session::TearDown()
 {
     EXPECT_EQ(claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
-    if (HasFailure())
-        std::cout << "---- the program's log\n"
-                  << support::raw_log() << "---- what the scanner saw\n"
-                  << scanner_process::diary();
 }
 
 void scanner_session::open(const opening& what)

@@ -41,7 +41,7 @@ protected:
     static constexpr const char* kSerial = "SN0042";
 
     scanner_session();
-    /// After a failure, shows what the program logged and what the scanner saw.
+    /// Expects that the program has let go of the scanner.
     void TearDown() override;
 
     void plug_in(const std::string& device_file) { m_scanner.emplace(device_file); }
