@@ -354,6 +354,13 @@ TEST(device_file, refuses_a_firmware_of_a_device_that_serves_nothing)
               "interface ff .. ff with bulk endpoints both ways");
 }
 
+TEST(device_file, lets_a_device_serve_nothing_after_one_with_fault_answer_and_firmware)
+{
+    EXPECT_EQ(complaint(kServing + "fault silence 1\nanswer sheet 1\nfirmware 2\n" +
+                        "device two\nvendor 1\nproduct 2\ninterface 8 6 50\n"),
+              "");
+}
+
 TEST(device_file, refuses_an_unknown_fault)
 {
     const std::string said = complaint(kServing + "fault fire 1\n");
