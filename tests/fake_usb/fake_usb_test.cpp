@@ -573,6 +573,13 @@ TEST_F(fake_usb_script_test, records_the_clock_only_when_told_so)
 {
     EXPECT_FALSE(load("device scanner 1a2b:3c4d\n").is_clock_recorded);
     EXPECT_TRUE(load("clock recorded\n").is_clock_recorded);
+    EXPECT_FALSE(load("clock slow\n").is_clock_recorded);
+}
+
+TEST_F(fake_usb_script_test, slows_the_clock_only_when_told_so)
+{
+    EXPECT_FALSE(load("clock recorded\n").is_clock_slow);
+    EXPECT_TRUE(load("clock slow\n").is_clock_slow);
 }
 
 struct bad_script {

@@ -23,7 +23,7 @@
 namespace {
 
 fake_usb::bus* made_bus = nullptr; // never destroyed: the program calls until its last moment
-bool is_clock_recorded = false;
+fake_usb::script_options options;
 
 [[noreturn]] void give_up(const std::string& reason)
 {
@@ -57,7 +57,7 @@ void make_bus()
         give_up("cannot read the bus from " + path);
     made_bus = new fake_usb::bus;
     try {
-        is_clock_recorded = fake_usb::load_script(script, path, *made_bus).is_clock_recorded;
+        options = fake_usb::load_script(script, path, *made_bus);
     } catch (const std::invalid_argument& problem) {
         give_up(problem.what());
     }
@@ -92,15 +92,16 @@ extern "C" {
 
 __attribute__((visibility("default"))) unsigned int sleep(unsigned int seconds)
 {
-    if (!is_clock_recorded)
-        return the_real<unsigned int (*)(unsigned int)>("sleep")(seconds);
+    if (!options.is_clock_recorded)
+        return the_real<unsigned int (*)(unsigned int)>("sleep")(options.is_clock_slow ? seconds * 1000
+                                                                                       : seconds);
     support::record("sleep " + std::to_string(seconds));
     return 0;
 }
 
 __attribute__((visibility("default"))) int usleep(useconds_t microseconds)
 {
-    if (!is_clock_recorded)
+    if (!options.is_clock_recorded)
         return the_real<int (*)(useconds_t)>("usleep")(microseconds);
     support::record("usleep " + std::to_string(microseconds));
     return 0;

@@ -279,9 +279,10 @@ private:
 
     void clock(words& line)
     {
-        if (const std::string word = line.next("recorded"); word != "recorded")
-            throw std::invalid_argument("the clock can only be 'recorded', not " + word);
-        m_options.is_clock_recorded = true;
+        const std::string word = line.next("recorded or slow");
+        if (word != "recorded" && word != "slow")
+            throw std::invalid_argument("the clock can only be 'recorded' or 'slow', not " + word);
+        (word == "slow" ? m_options.is_clock_slow : m_options.is_clock_recorded) = true;
     }
 
     static const std::map<std::string, handler> kAboutDevices;

@@ -10,6 +10,7 @@ namespace fake_usb {
 /// What a script says beside the bus itself.
 struct script_options {
     bool is_clock_recorded = false; ///< sleep() and usleep() leave a line in the dialogue and do not sleep
+    bool is_clock_slow = false;     ///< sleep() lasts a thousand times as long
 };
 
 /// Sets up a bus from text. One statement a line, '#' begins a comment, indentation is free. N is decimal;
@@ -34,7 +35,7 @@ struct script_options {
 ///     throw_number FUNCTION N               call N of FUNCTION throws an int
 ///     unplug NAME FUNCTION N                just before call N of FUNCTION
 ///     transfer NAME ADDRESS [result RESULT] [count N] [bytes HEX] [untouched] [hold FIFO]
-///     clock recorded
+///     clock recorded | clock slow
 ///
 /// Throws std::invalid_argument, with `source`, line number and reason, for anything else.
 script_options load_script(std::istream& text, const std::string& source, bus& target);

@@ -3,8 +3,6 @@
 #include <signal.h>
 #include <sys/syscall.h>
 
-#include <chrono>
-
 #include "process/held_transfer.h"
 #include "process/program_test.h"
 #include "support/log_reader.h"
@@ -113,17 +111,14 @@ protected:
     /// The signal comes between the first attempt to open the device and the second, which succeeds.
     void expect_pause_cut_short(int number)
     {
-        with_bus("device scanner 1a2b:3c4d\nappears_at_search 6\n");
+        // A pause that is not cut outlasts the test.
+        with_bus("clock slow\ndevice scanner 1a2b:3c4d\nappears_at_search 6\n");
         start_connected();
-        const auto begin = std::chrono::steady_clock::now();
         tell(open_request());
         wait_for_log_end(not_opened());
         wait_until_in(SYS_clock_nanosleep);
         send_signal(number);
         expect_reply(ok_reply());
-        // A pause that is taken up again for the seconds that are left lasts at least this long.
-        constexpr std::chrono::seconds kResumedPause(2);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, kResumedPause) << "the pause went on";
         expect_end();
         expect_log(announced + request(13) + lines{"INFO open usb:1a2b:3c4d"} +
                    plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + not_opened() +
