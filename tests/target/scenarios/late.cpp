@@ -28,13 +28,10 @@ protected:
 TEST_F(late, device_that_never_comes_is_looked_for_five_times_and_its_plugin_never_started)
 {
     constexpr std::chrono::seconds kFourPauses{12};
-    constexpr std::chrono::seconds kMachineIsSlow{8};
     const plugin_folder plugins(target::kTracingPlugin, target::kDefaultPlugin);
     const auto start = steady_clock::now();
     open_in_vain(all_attempts(attempt::finds_no_device));
-    const auto taken = steady_clock::now() - start;
-    EXPECT_GE(taken, kFourPauses);
-    EXPECT_LT(taken, kFourPauses + kMachineIsSlow);
+    EXPECT_GE(steady_clock::now() - start, kFourPauses); // how much more is up to the machine
     EXPECT_EQ(target::plugin_trace(), "plugin loaded\nplugin unloaded\n");
 }
 
