@@ -143,11 +143,10 @@ TEST(plugin_check, says_what_it_could_not_look_at_without_the_libraries_of_the_m
 TEST(plugin_check, names_the_symbols_that_it_could_not_look_for)
 {
     elf_file file = arm_file(float_abi::hard);
-    file.symbols.push_back({"used_elsewhere", false, true, false, false});
+    file.symbols = {{"used_elsewhere", false, true, false, false}};
     const finding line = line_of("symbols", file, foreign_target());
     EXPECT_EQ(line.came_out, verdict::not_checked);
-    EXPECT_EQ(line.evidence.rfind("needs ", 0), 0U) << line.evidence;
-    EXPECT_NE(line.evidence.find("used_elsewhere"), std::string::npos) << line.evidence;
+    EXPECT_EQ(line.evidence, "needs used_elsewhere; the libraries of the other machine are not here");
 }
 
 TEST(plugin_check, is_good_when_there_is_no_symbol_to_look_for)
