@@ -91,6 +91,8 @@ private:
     finding relocations() const;
 
     finding without_libraries(const char* check) const;
+    /// What is needed and cannot be looked for without the libraries.
+    finding not_looked_for(const char* check, const std::vector<std::string>& needed) const;
     std::vector<std::string> missing_versions() const;
     /// Undefined symbols that none of these libraries has.
     std::vector<std::string> unresolved(const std::vector<const library_closure*>& providers) const;
@@ -188,16 +190,21 @@ finding examination::without_libraries(const char* check) const
                        "Name a folder with them: --sysroot DIR.");
 }
 
+finding examination::not_looked_for(const char* check, const std::vector<std::string>& needed) const
+{
+    if (needed.empty())
+        return good(check, "none needed");
+    finding open_question = without_libraries(check);
+    open_question.evidence = "needs " + enumeration(needed) + "; " + open_question.evidence;
+    return open_question;
+}
+
 finding examination::libraries() const
 {
-    const std::string listed = m_file.needed.empty() ? "none needed" : enumeration(m_file.needed);
-    if (!m_hasClosure) {
-        finding open_question = without_libraries("libraries");
-        open_question.evidence = "needs " + listed + "; " + open_question.evidence;
-        return m_file.needed.empty() ? good("libraries", listed) : open_question;
-    }
+    if (!m_hasClosure)
+        return not_looked_for("libraries", m_file.needed);
     if (m_closure.absent.empty())
-        return good("libraries", listed);
+        return good("libraries", m_file.needed.empty() ? "none needed" : enumeration(m_file.needed));
     std::vector<std::string> absent;
     for (const library_closure::absence& library : m_closure.absent)
         absent.push_back(library.name + " (needed by " + library.needed_by + ")");
@@ -301,12 +308,8 @@ std::vector<std::string> examination::unresolved(const std::vector<const library
 
 finding examination::undefined_symbols() const
 {
-    if (!m_hasClosure) {
-        const auto used = unresolved({});
-        finding open_question = without_libraries("symbols");
-        open_question.evidence = "needs " + enumeration(used) + "; " + open_question.evidence;
-        return used.empty() ? good("symbols", "none needed") : open_question;
-    }
+    if (!m_hasClosure)
+        return not_looked_for("symbols", unresolved({}));
     if (!m_closure.absent.empty())
         return not_checked("symbols", "libraries that may have them are missing", "See the libraries above.");
     const auto open = unresolved({&m_closure});
