@@ -32,14 +32,6 @@ struct channel_ends {
     tvkctl::unique_fd writing;
 };
 
-channel_ends make_pipe()
-{
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
-    return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
-}
-
 /// Unlike a pipe, it can be written to without a signal when its reader has ended.
 channel_ends make_socket_pair()
 {
@@ -113,7 +105,7 @@ std::string scanner_process::diary()
 void scanner_process::start(const std::string& device_file)
 {
     channel_ends orders = make_socket_pair();
-    channel_ends answers = make_pipe();
+    channel_ends answers = make_socket_pair();
     const redirections streams(orders.reading.get(), answers.writing.get(), kDiary);
     std::string program = kVirtualScanner;
     std::string argument = device_file;
