@@ -25,4 +25,9 @@ private:
     std::string m_folder;
 };
 
+/// Returns when udev's daemon has given the node of every device on the bus its rights; the kernel leaves one
+/// to root alone. The daemon itself is not asked: now and then it ignores a question, not knowing whose it
+/// is. Throws std::runtime_error.
+void wait_for_node_rights();
+
 } // namespace target

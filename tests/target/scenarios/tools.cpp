@@ -25,6 +25,7 @@
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
 #include "target/scenarios/guest.h"
+#include "target/scenarios/host_device.h"
 #include "target/scenarios/plugin_folder.h"
 #include "target/scenarios/scanner_process.h"
 #include "target/scenarios/scanner_session.h"
@@ -111,12 +112,11 @@ protected:
         plugin_folder::restore();
     }
 
-    /// Returns when udev's daemon too has done its part.
+    /// Returns when udev's daemon too has done its part with the nodes.
     void plug_in(const std::string& device_file)
     {
         m_scanner.emplace(device_file);
-        tvkctl::child_process settle(tvkctl::launch{"/bin/udevadm", {"settle"}});
-        ASSERT_EQ(settle.wait_for_exit(kLimit), tvkctl::exit_status::exited(0));
+        target::wait_for_node_rights();
     }
 
     /// What explain says of the rungs up to this one when all is well.
