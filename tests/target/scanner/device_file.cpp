@@ -5,7 +5,6 @@
 #include <iterator>
 #include <limits>
 #include <map>
-#include <set>
 
 #include "target/scanner/words.h"
 
@@ -66,7 +65,7 @@ private:
     device_description& device();
     std::vector<interface_description>& interfaces();
     void check_device();
-    void check_served(int line, const std::string& which);
+    void check_served(const std::string& name, const std::string& which);
     void check_configuration();
     /// Refuses because of an earlier line than the one just read.
     [[noreturn]] void refuse(int line, const std::string& why);
@@ -74,13 +73,8 @@ private:
     static constexpr std::size_t kAnyNumber = std::numeric_limits<std::size_t>::max();
 
     int m_blamed_line = 0;
-    int m_device_line = 0;
-    int m_fault_line = 0; ///< the first of the device
-    int m_firmware_line = 0;
-    int m_answer_line = 0;        ///< the first of the device
-    int m_plug_line = 0;          ///< where the device is said to be plugged in later
-    int m_configuration_line = 0; ///< the last of the device
-    std::set<std::string> m_said; ///< of the device, what can be said only once
+    int m_configuration_line = 0;             ///< the last of the device
+    std::map<std::string, int> m_first_lines; ///< of the device, where each keyword was said first
     std::vector<device_description> m_devices;
     const std::map<std::string, keyword> m_keywords{
         {"device", {how_often::any_number_of_times, 1, 1, [this](const words& line) { start_device(line); }}},
@@ -120,6 +114,7 @@ void reader::take(const words& line, int line_number)
     require_number_of_values(rule, line);
     require_first_time(rule, line.front());
     rule.apply(line);
+    m_first_lines.emplace(line.front(), line_number);
 }
 
 void reader::require_number_of_values(const keyword& rule, const words& line) const
@@ -138,7 +133,7 @@ void reader::require_number_of_values(const keyword& rule, const words& line) co
 
 void reader::require_first_time(const keyword& rule, const std::string& name)
 {
-    if (rule.in_a_device == how_often::once && !m_said.insert(name).second)
+    if (rule.in_a_device == how_often::once && m_first_lines.count(name) != 0)
         throw std::invalid_argument("\"" + name + "\" was said of device \"" + device().name + "\" before");
 }
 
@@ -164,9 +159,8 @@ void reader::start_device(const words& line)
         throw std::invalid_argument("there is a device \"" + name + "\" already");
     m_devices.emplace_back();
     m_devices.back().name = name;
-    m_device_line = this_line;
-    m_fault_line = m_firmware_line = m_answer_line = m_plug_line = m_configuration_line = 0;
-    m_said.clear();
+    m_configuration_line = 0;
+    m_first_lines.clear();
 }
 
 void reader::start_configuration(const words& line)
@@ -212,7 +206,6 @@ void reader::set_firmware(const words& line)
                                     std::to_string(kFirmwareWidth));
     }
     device().firmware = text;
-    m_firmware_line = m_blamed_line;
 }
 
 void reader::add_fault(const words& line)
@@ -221,8 +214,6 @@ void reader::add_fault(const words& line)
     if (at_command == 0)
         throw std::invalid_argument("commands are counted from 1");
     device().faults.push_back({read_fault(line[1], line.size() > 3 ? line[3] : ""), at_command});
-    if (m_fault_line == 0)
-        m_fault_line = m_blamed_line;
 }
 
 void reader::add_answer(const words& line)
@@ -241,8 +232,6 @@ void reader::add_answer(const words& line)
         throw std::invalid_argument("device \"" + device().name + "\" has an answer to " + line[1] +
                                     " already");
     }
-    if (m_answer_line == 0)
-        m_answer_line = m_blamed_line;
 }
 
 void reader::plug_later(const words& line)
@@ -250,7 +239,6 @@ void reader::plug_later(const words& line)
     if (line[1] != "after")
         throw std::invalid_argument("\"" + line[1] + "\" is not \"after\"");
     device().plugged_after_ms = number<std::uint32_t>(line[2], 10);
-    m_plug_line = m_blamed_line;
 }
 
 device_description& reader::device()
@@ -281,24 +269,26 @@ void reader::check_device()
     const device_description& last = device();
     const std::string name = "device \"" + last.name + "\"";
     if (last.vendor == 0 || last.product == 0)
-        refuse(m_device_line, name + " needs a vendor and a product other than 0");
+        refuse(m_first_lines.at("device"), name + " needs a vendor and a product other than 0");
     if (last.configurations.empty())
-        refuse(m_device_line, name + " needs an interface");
+        refuse(m_first_lines.at("device"), name + " needs an interface");
     check_configuration();
     if (last.plugged_after_ms && last.starts_plugged)
-        refuse(m_plug_line, name + " is plugged in from the start, unless it is said to be \"unplugged\"");
-    check_served(m_fault_line, "that a fault could strike");
-    check_served(m_answer_line, "that it could answer");
-    check_served(m_firmware_line, "whose answer could tell its firmware");
+        refuse(m_first_lines.at("plug"),
+               name + " is plugged in from the start, unless it is said to be \"unplugged\"");
+    check_served("fault", "that a fault could strike");
+    check_served("answer", "that it could answer");
+    check_served("firmware", "whose answer could tell its firmware");
 }
 
-/// Refuses a line, if it was said, that makes sense only of a device that serves commands.
-void reader::check_served(int line, const std::string& which)
+/// Refuses a keyword, if it was said, that makes sense only of a device that serves commands.
+void reader::check_served(const std::string& name, const std::string& which)
 {
-    if (line == 0 || serves_anything(device()))
+    const auto said = m_first_lines.find(name);
+    if (said == m_first_lines.end() || serves_anything(device()))
         return;
-    refuse(line, "device \"" + device().name + "\" serves no commands " + which +
-                     ": it has no interface ff .. ff with bulk endpoints both ways");
+    refuse(said->second, "device \"" + device().name + "\" serves no commands " + which +
+                             ": it has no interface ff .. ff with bulk endpoints both ways");
 }
 
 void reader::refuse(int line, const std::string& why)
