@@ -159,7 +159,7 @@ TEST_F(endurance, programs_one_after_the_other_are_all_alike_and_leave_no_claim)
         wait_until_idle(); // for while it writes a line, the log is open too
         descriptors.push_back(support::open_descriptors(program().process().pid()));
         request_close();
-        ASSERT_EQ(program().finish(target::kStepLimit), tvkctl::exit_status::exited(0)) << "cycle " << cycle;
+        ASSERT_EQ(wait_for_exit(), tvkctl::exit_status::exited(0)) << "cycle " << cycle;
         ASSERT_EQ(target::claimed_interfaces(), names()) << "cycle " << cycle;
         log().end();
     }

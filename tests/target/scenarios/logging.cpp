@@ -55,7 +55,7 @@ protected:
         EXPECT_EQ(seen(), without_log());
         EXPECT_EQ(support::raw_log(), "");
         begin(tvkctl::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
-        EXPECT_EQ(program().process().wait_for_exit(target::kStepLimit), tvkctl::exit_status::exited(1));
+        EXPECT_EQ(wait_for_exit(), tvkctl::exit_status::exited(1));
         EXPECT_EQ(support::text(support::log_dialogue()), error);
     }
 
@@ -87,7 +87,7 @@ protected:
     void end_session()
     {
         request_close();
-        EXPECT_EQ(program().process().wait_for_exit(target::kStepLimit), tvkctl::exit_status::exited(0));
+        EXPECT_EQ(wait_for_exit(), tvkctl::exit_status::exited(0));
         log().end();
     }
 

@@ -125,6 +125,12 @@ void scanner_session::request_close()
     m_log.close();
 }
 
+// Hanging up first would hide a program that goes on, and overtake a signal that is on its way to it.
+tvkctl::exit_status scanner_session::wait_for_exit()
+{
+    return m_program->process().wait_for_exit(kStepLimit);
+}
+
 void scanner_session::end_program()
 {
     m_log.end();
@@ -133,8 +139,7 @@ void scanner_session::end_program()
 
 void scanner_session::end_program(const tvkctl::exit_status& expected)
 {
-    // Hanging up here would hide a program that goes on, and overtake a signal that is on its way to it.
-    EXPECT_EQ(m_program->process().wait_for_exit(kStepLimit), expected);
+    EXPECT_EQ(wait_for_exit(), expected);
     EXPECT_EQ(support::text(log_so_far()), support::text(m_log.lines()));
 }
 

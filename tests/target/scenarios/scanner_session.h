@@ -67,10 +67,11 @@ protected:
     void close();
     /// Asks the program to close the scanner and to end, without waiting for it.
     void request_close();
-    /// Waits, with the connection kept, until a program has ended that was told to, and compares its exit
-    /// status and its whole log.
+    /// Waits, with the connection kept, until a program has ended that was told to.
+    tvkctl::exit_status wait_for_exit();
+    /// The same, and compares its exit status and its whole log.
     void end_program();
-    /// The same with one that ends in another way, and in the middle of its log.
+    /// The same of one that ends in another way, and in the middle of its log.
     void end_program(const tvkctl::exit_status& expected);
 
     /// Passes bytes to the scanner, which takes them.
