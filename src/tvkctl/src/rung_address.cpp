@@ -6,7 +6,7 @@
 #include "tvkctl/src/bytes.h"
 #include "tvkctl/src/rungs.h"
 #include "tvkctl/src/udi.h"
-#include "tvkintif/src/usb.h"
+#include "tvkintif/src/udi.h"
 
 namespace tvkctl {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tvkintif/src/usb.h"
+#include "tvkintif/src/udi.h"
 
 namespace tvkctl {
 

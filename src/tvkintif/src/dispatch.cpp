@@ -36,9 +36,9 @@ int dispatch::port() const
     return m_connection->port();
 }
 
-bool dispatch::connect(const std::string& udi)
+bool dispatch::connect(const std::string& address)
 {
-    return scanner::instance().open(udi);
+    return scanner::instance().open(address);
 }
 
 void dispatch::disconnect()
@@ -94,9 +94,9 @@ void dispatch::do_dispatch(ipc_header& header, std::vector<unsigned char>& paylo
 
 void dispatch::open(const std::vector<unsigned char>& payload)
 {
-    const std::string udi(payload.begin(), payload.end());
-    Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", udi.c_str());
-    if (scanner::instance().open(udi)) {
+    const std::string address(payload.begin(), payload.end());
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", address.c_str());
+    if (scanner::instance().open(address)) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("send ok");
         m_connection->send_ok(kConnectionId, nullptr, 0);
     } else {

@@ -33,8 +33,8 @@ public:
     /// The TCP port on 127.0.0.1 where the front-end is awaited.
     int port() const;
 
-    /// Opens the scanner named by `udi`, outside the request loop.
-    bool connect(const std::string& udi);
+    /// Opens the scanner named by `address`, outside the request loop.
+    bool connect(const std::string& address);
     /// Closes the scanner, outside the request loop.
     void disconnect();
 

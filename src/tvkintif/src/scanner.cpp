@@ -10,6 +10,7 @@
 
 #include "common/log/logger.h"
 #include "tvkintif/src/interpreter.h"
+#include "tvkintif/src/udi.h"
 #include "tvkintif/src/usb.h"
 
 using vl::common::log::ESeveryLevel;
@@ -37,10 +38,10 @@ constexpr std::array<plugin_of_model, 6> kPlugins = {{
     {0x0A76, "libryo-mora-rt0915.so"},
 }};
 
-/// File name of the plugin for the model that `udi` names; null when it is no valid address.
-const char* choose_plugin(const std::string& udi)
+/// File name of the plugin for the model that `address` names; null when that is not valid.
+const char* choose_plugin(const udi& address)
 {
-    const int product_id = usb_transceiver::getpid(udi);
+    const int product_id = usb_transceiver::getpid(address);
     if (product_id < 0) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("get pid fails");
         return nullptr;
@@ -51,10 +52,10 @@ const char* choose_plugin(const std::string& udi)
 }
 
 /// A scanner that was just switched on takes its time to appear on the bus.
-bool connect_with_retries(usb_transceiver& usb, const std::string& udi)
+bool connect_with_retries(usb_transceiver& usb, const udi& address)
 {
     for (int attempts = kConnectionAttempts;;) {
-        const bool ok = usb.open(udi);
+        const bool ok = usb.open(address);
         Logger(kUnit, __LINE__, ESeveryLevel::info)("connection open isSuccess = %d", ok ? 1 : 0);
         if (ok) {
             Logger(kUnit, __LINE__, ESeveryLevel::info)("break");
@@ -133,19 +134,20 @@ scanner::~scanner()
     close();
 }
 
-bool scanner::open(const std::string& udi)
+bool scanner::open(const std::string& text)
 {
-    Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", udi.c_str());
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", text.c_str());
     if (m_usb && m_usb->is_open())
         return true;
     set_firmware_directories();
     try {
-        const char* name = choose_plugin(udi);
+        const udi address(text);
+        const char* name = choose_plugin(address);
         if (name == nullptr)
             return false; // without the closing line, on purpose: the log of a bad address ends here
         auto plugin = std::make_unique<interpreter>(lib_path(name));
         auto usb = std::make_shared<usb_transceiver>();
-        if (connect_with_retries(*usb, udi))
+        if (connect_with_retries(*usb, address))
             return start(std::move(plugin), std::move(usb));
         Logger(kUnit, __LINE__, ESeveryLevel::info)("usb connection failer.");
     } catch (const std::invalid_argument& error) {

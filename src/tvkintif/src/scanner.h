@@ -40,10 +40,10 @@ public:
     scanner& operator=(const scanner&) = delete;
     ~scanner();
 
-    /// Connects the device that `udi` names and starts the plugin of its model. True when a device is
-    /// connected and a plugin runs afterwards; at once so when one was connected before, whatever `udi`
-    /// says. Takes about 12 seconds to fail when there is no such device.
-    bool open(const std::string& udi);
+    /// Connects the device whose address (udi.h) `text` is and starts the plugin of its model. True when a
+    /// device is connected and a plugin runs afterwards; at once so when one was connected before, whatever
+    /// `text` says. Takes about 12 seconds to fail when there is no such device.
+    bool open(const std::string& text);
 
     /// Stops and unloads the plugin, then closes the device. Harmless when nothing is open.
     void close();

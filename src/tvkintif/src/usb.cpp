@@ -4,13 +4,9 @@
 
 #include <array>
 #include <cassert>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
-#include <vector>
 
 #include "common/log/logger.h"
 
@@ -24,7 +20,6 @@ using vl::common::log::Logger;
 namespace {
 
 constexpr const char* kUnit = "usb";
-constexpr const char* kPrefix = "usb:";
 constexpr int kOpenTries = 5;
 constexpr useconds_t kOpenPauseMicroseconds = 100;
 constexpr int kLibusbMessages = 3; ///< errors, warnings and information
@@ -41,45 +36,6 @@ struct config_descriptor_deleter {
     void operator()(libusb_config_descriptor* descriptor) const { libusb_free_config_descriptor(descriptor); }
 };
 using config_descriptor = std::unique_ptr<libusb_config_descriptor, config_descriptor_deleter>;
-
-bool has_prefix(const std::string& udi)
-{
-    return udi.find(kPrefix) == 0;
-}
-
-/// The field that begins at `start`, as a 16-bit hexadecimal number; 0 unless all of it is one.
-std::uint16_t hex_field(const std::string& udi, std::size_t start)
-{
-    const std::string text = udi.substr(start, udi.find(':', start) - start);
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text.c_str(), &end, 16);
-    return *end == '\0' && value < 0x10000 ? static_cast<std::uint16_t>(value) : std::uint16_t{0};
-}
-
-std::vector<std::string> split(const std::string& udi)
-{
-    std::vector<std::string> fields;
-    std::istringstream input(udi);
-    for (std::string field; std::getline(input, field, ':');)
-        fields.push_back(field);
-    return fields;
-}
-
-/// Low 8 bits of a field, in a UDI that has bus and device number.
-std::uint8_t location_field(const std::string& udi, std::size_t index)
-{
-    const std::vector<std::string> fields = split(udi);
-    if (fields.size() <= 4)
-        return 0;
-    unsigned int value = 0;
-    std::sscanf(fields[index].c_str(), "%x", &value);
-    return static_cast<std::uint8_t>(value & 0xFF);
-}
-
-bool is_valid(const std::string& udi)
-{
-    return has_prefix(udi) && get_vid(udi) != 0 && get_pid(udi) != 0;
-}
 
 /// Models whose device wants a reset before its handle is closed.
 bool is_reset_on_close(std::uint16_t product_id)
@@ -101,35 +57,6 @@ config_descriptor read_configuration(libusb_device* device, std::uint8_t index)
 }
 
 } // namespace
-
-std::uint16_t get_vid(const std::string& udi)
-{
-    return has_prefix(udi) ? hex_field(udi, udi.find(':') + 1) : std::uint16_t{0};
-}
-
-std::uint16_t get_pid(const std::string& udi)
-{
-    if (!has_prefix(udi))
-        return 0;
-    const std::size_t second = udi.find(':', udi.find(':') + 1);
-    return second == std::string::npos ? std::uint16_t{0} : hex_field(udi, second + 1);
-}
-
-std::string get_device_serial(const std::string& udi)
-{
-    const std::vector<std::string> fields = split(udi);
-    return fields.size() > 3 ? fields[3] : std::string();
-}
-
-std::uint8_t get_bus_number(const std::string& udi)
-{
-    return location_field(udi, 3);
-}
-
-std::uint8_t get_device_number(const std::string& udi)
-{
-    return location_field(udi, 4);
-}
 
 libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_t vid, std::uint16_t pid,
                                                int tries, useconds_t sleep)
@@ -179,11 +106,11 @@ usb_transceiver::~usb_transceiver()
     }
 }
 
-int usb_transceiver::getpid(const std::string& udi)
+int usb_transceiver::getpid(const udi& address)
 {
-    if (is_valid(udi))
-        return get_pid(udi);
-    Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", udi.c_str());
+    if (address.is_valid())
+        return address.product_id;
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", address.text.c_str());
     return -1;
 }
 
@@ -206,21 +133,20 @@ bool usb_transceiver::Is_matchID(std::uint16_t vid, std::uint16_t pid, std::stri
                        serial.c_str()) == 0;
 }
 
-bool usb_transceiver::open(const std::string& udi)
+bool usb_transceiver::open(const udi& address)
 {
-    if (!is_valid(udi)) {
-        Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", udi.c_str());
+    if (!address.is_valid()) {
+        Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", address.text.c_str());
         return false;
     }
     Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open start");
-    const std::uint16_t pid = get_pid(udi);
-    const std::uint16_t vid = get_vid(udi);
+    const std::uint16_t pid = address.product_id;
+    const std::uint16_t vid = address.vendor_id;
     assert(vid && pid);
-    const std::string serial = get_device_serial(udi);
-    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open %s", serial.c_str());
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open %s", address.serial.c_str());
     bool is_found = false;
-    if (!serial.empty()) {
-        is_found = open_by_serial(vid, pid, serial);
+    if (!address.serial.empty()) {
+        is_found = open_by_serial(address);
         if (!is_found)
             Logger(kUnit, __LINE__, ESeveryLevel::info)("not found retry");
     }
@@ -239,13 +165,13 @@ bool usb_transceiver::open(const std::string& udi)
     return true;
 }
 
-bool usb_transceiver::open_by_serial(std::uint16_t vid, std::uint16_t pid, const std::string& serial)
+bool usb_transceiver::open_by_serial(const udi& address)
 {
     libusb_device** devices = nullptr;
     const ssize_t count = libusb_get_device_list(sm_ctx, &devices);
     const device_list owner(devices);
     for (ssize_t i = 0; i < count; ++i) {
-        if (!Is_matchID(vid, pid, serial, devices[i]))
+        if (!Is_matchID(address.vendor_id, address.product_id, address.serial, devices[i]))
             continue;
         Logger(kUnit, __LINE__, ESeveryLevel::info)("found device");
         if (libusb_open(devices[i], &m_handle) == LIBUSB_SUCCESS && m_handle != nullptr)

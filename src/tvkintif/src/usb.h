@@ -6,22 +6,7 @@
 #include <cstdint>
 #include <string>
 
-// A scanner is named by a UDI, one of
-//     usb:VVVV:PPPP    usb:VVVV:PPPP:SERIAL    usb:VVVV:PPPP:BB:DD
-// with vendor id, product id, bus and device number in hexadecimal. The readers below take one field each
-// and never throw for a malformed UDI: 0 or an empty string stands for absent or unreadable. A number may
-// end in a NUL, so that a front-end that sends its string's terminator along is served.
-
-/// Vendor id; 0 also when the UDI does not begin with "usb:".
-std::uint16_t get_vid(const std::string& udi);
-/// Product id; 0 also when the UDI does not begin with "usb:".
-std::uint16_t get_pid(const std::string& udi);
-/// Field 3, whatever the prefix and whether or not a field 4 makes it a bus number.
-std::string get_device_serial(const std::string& udi);
-/// Low 8 bits of field 3, in a UDI that also has a field 4.
-std::uint8_t get_bus_number(const std::string& udi);
-/// Low 8 bits of field 4.
-std::uint8_t get_device_number(const std::string& udi);
+#include "tvkintif/src/udi.h"
 
 /// Opens the first device with these ids, trying up to `tries` times with `sleep` microseconds after each
 /// failure. The handle is the caller's; null when there was none. A null context or a zero id aborts.
@@ -44,12 +29,14 @@ public:
     usb_transceiver& operator=(const usb_transceiver&) = delete;
     virtual ~usb_transceiver();
 
-    /// The product id that `udi` names, -1 when it is no valid address. Needs no device.
-    static int getpid(const std::string& udi);
+    /// The product id in `address`, -1 when that is not valid. Needs no device.
+    static int getpid(const udi& address);
+    static int getpid(const std::string& address) { return getpid(udi(address)); }
 
-    /// Opens the device that `udi` names and prepares its endpoints; when it names a serial number that no
-    /// device has, the first device with its ids. On failure the object is closed. Not for an open object.
-    bool open(const std::string& udi);
+    /// Opens the device that `address` names and prepares its endpoints; when it names a serial number that
+    /// no device has, the first device with its ids. On failure the object is closed. Not for an open object.
+    bool open(const udi& address);
+    bool open(const std::string& address) { return open(udi(address)); }
     /// Gives everything back; harmless on a closed object.
     void close();
     bool is_open() const { return m_handle != nullptr; }
@@ -83,7 +70,7 @@ protected:
 
 private:
     /// Opens the first device that matches; false leaves the search by ids to the caller.
-    bool open_by_serial(std::uint16_t vid, std::uint16_t pid, const std::string& serial);
+    bool open_by_serial(const udi& address);
     /// Looks for the first usable setting of a configuration and keeps its interface claimed. False when an
     /// interface that might do could not be had.
     bool search_interfaces(const libusb_config_descriptor& configuration);
