@@ -14,7 +14,7 @@
 #include "support/private_paths.h"
 #include "tvkintif/src/dispatch.h"
 #include "tvkintif/src/transceiver.h"
-#include "unit/peer.h"
+#include "unit/tvkintif/peer.h"
 
 using unit::bytes;
 using unit::peer;

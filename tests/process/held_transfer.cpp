@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "process/program_test.h"
+#include "process/tvkintif/program_test.h"
 #include "support/wait_until.h"
 
 namespace process_test {

@@ -3,12 +3,12 @@
 #include <cstdint>
 #include <string>
 
-#include "tvkctl/src/bytes.h"
+#include "front_end/src/bytes.h"
 
 /// Requests and replies as they travel.
 namespace process_test {
 
-using tvkctl::bytes;
+using tarvik::bytes;
 
 /// Bytes from text: pairs of hexadecimal digits, blanks between them as it reads best.
 bytes from_hex(const std::string& text);

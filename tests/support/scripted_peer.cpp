@@ -14,8 +14,8 @@
 #include <stdexcept>
 #include <system_error>
 
-using tvkctl::bytes;
-using tvkctl::unique_fd;
+using tarvik::bytes;
+using tarvik::unique_fd;
 
 namespace {
 
@@ -52,7 +52,7 @@ ssize_t receive(int socket, void* buffer, std::size_t size)
 unique_fd accepted(int listening)
 {
     const auto socket = TEMP_FAILURE_RETRY(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
-    return tvkctl::own_descriptor(static_cast<int>(socket), "accept4");
+    return tarvik::own_descriptor(static_cast<int>(socket), "accept4");
 }
 
 bytes received(int socket, std::size_t size)
@@ -108,7 +108,7 @@ void peer_side::expect(const bytes& wanted)
 {
     const bytes came = received(descriptor(), wanted.size());
     if (came != wanted)
-        fail("expected " + tvkctl::in_quotes(wanted) + ", got " + tvkctl::in_quotes(came));
+        fail("expected " + tarvik::in_quotes(wanted) + ", got " + tarvik::in_quotes(came));
 }
 
 void peer_side::answer(const bytes& data)
@@ -231,7 +231,7 @@ void scripted_peer::play(const std::vector<peer_step>& steps)
 }
 
 bound_socket::bound_socket()
-    : m_socket(tvkctl::own_descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"))
+    : m_socket(tarvik::own_descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"))
 {
     sockaddr_in address = {};
     address.sin_family = AF_INET;

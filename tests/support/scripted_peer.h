@@ -8,14 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "tvkctl/src/bytes.h"
-#include "tvkctl/src/unique_fd.h"
+#include "common/process/unique_fd.h"
+#include "front_end/src/bytes.h"
 
 /// The bytes that a text of hexadecimal digits stands for; blanks are free.
-tvkctl::bytes hex(const std::string& text);
+tarvik::bytes hex(const std::string& text);
 
 /// `size` bytes in which every stretch differs from its neighbours.
-tvkctl::bytes pattern(std::size_t size);
+tarvik::bytes pattern(std::size_t size);
 
 /// Thirty-two bits, big-endian, as hexadecimal digits.
 std::string word(std::uint32_t number);
@@ -24,10 +24,10 @@ std::string word(std::uint32_t number);
 /// play along.
 class peer_side {
 public:
-    explicit peer_side(tvkctl::unique_fd socket) : m_socket(std::move(socket)) {}
+    explicit peer_side(tarvik::unique_fd socket) : m_socket(std::move(socket)) {}
 
-    void expect(const tvkctl::bytes& wanted);
-    void answer(const tvkctl::bytes& data);
+    void expect(const tarvik::bytes& wanted);
+    void answer(const tarvik::bytes& data);
     /// The other side has ended its stream and sent nothing more.
     void expect_end();
     /// The other side has ended the connection with a reset.
@@ -39,12 +39,12 @@ public:
     int descriptor() const { return m_socket.get(); }
 
 private:
-    tvkctl::unique_fd m_socket;
+    tarvik::unique_fd m_socket;
 };
 
 using peer_step = std::function<void(peer_side&)>;
-peer_step expects(const tvkctl::bytes& wanted);
-peer_step answers(const tvkctl::bytes& data);
+peer_step expects(const tarvik::bytes& wanted);
+peer_step answers(const tarvik::bytes& data);
 peer_step expects_end();
 peer_step expects_reset();
 peer_step closes();
@@ -68,7 +68,7 @@ public:
 private:
     void play(const std::vector<peer_step>& steps);
 
-    tvkctl::unique_fd m_listening;
+    tarvik::unique_fd m_listening;
     int m_port;
     std::thread m_thread;
 };
@@ -80,9 +80,9 @@ public:
 
     int port() const { return m_port; }
     int descriptor() const { return m_socket.get(); }
-    tvkctl::unique_fd release() { return std::move(m_socket); }
+    tarvik::unique_fd release() { return std::move(m_socket); }
 
 private:
-    tvkctl::unique_fd m_socket;
+    tarvik::unique_fd m_socket;
     int m_port = 0;
 };

@@ -6,9 +6,9 @@
 
 namespace target {
 
-using tvkctl::byte_view;
-using tvkctl::frame_event;
-using tvkctl::request_code;
+using tarvik::byte_view;
+using tarvik::frame_event;
+using tarvik::request_code;
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "tvkctl/src/frame.h"
+#include "front_end/src/frame.h"
 
 namespace target {
 
@@ -12,11 +12,11 @@ namespace target {
 class frame_printer {
 public:
     /// To be called for each frame, or piece of one.
-    void operator()(const tvkctl::frame_event& event) const;
+    void operator()(const tarvik::frame_event& event) const;
 
 private:
-    static std::string name_of(const tvkctl::frame_event& event);
-    static std::string preview(const tvkctl::frame_event& event);
+    static std::string name_of(const tarvik::frame_event& event);
+    static std::string preview(const tarvik::frame_event& event);
 };
 
 } // namespace target

@@ -17,14 +17,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "front_end/src/front_end.h"
 #include "support/log_reader.h"
 #include "target/demo/frame_printer.h"
 #include "target/scanner/command_set.h"
-#include "tvkctl/src/front_end.h"
 
 namespace {
 
-using tvkctl::reply;
+using tarvik::reply;
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
@@ -52,25 +52,25 @@ void demand(bool condition, const std::string& what)
 
 void demand(const reply& came, reply::verdict expected)
 {
-    demand(came.kind == expected,
-           std::string("expected ") + tvkctl::name_of(expected) + ", got " + tvkctl::name_of(came.kind));
+    demand(came.kind == expected, std::string("expected ") + tarvik::tvkctl::name_of(expected) + ", got " +
+                                      tarvik::tvkctl::name_of(came.kind));
 }
 
-void command(tvkctl::front_end& program, command_code code, std::uint32_t argument = 0,
+void command(tarvik::front_end& program, command_code code, std::uint32_t argument = 0,
              const bytes& payload = {})
 {
     demand(program.send(virtual_scanner::encode_with_payload({code, 1, argument, 0}, payload)),
            reply::verdict::ok);
 }
 
-bytes take(tvkctl::front_end& program, std::uint32_t count)
+bytes take(tarvik::front_end& program, std::uint32_t count)
 {
     const reply came = program.recv(count);
     demand(came, reply::verdict::ok);
     return came.payload;
 }
 
-bytes answer(tvkctl::front_end& program)
+bytes answer(tarvik::front_end& program)
 {
     const virtual_scanner::block block =
         virtual_scanner::first_block(take(program, virtual_scanner::kBlockSize));
@@ -80,7 +80,7 @@ bytes answer(tvkctl::front_end& program)
     return decoded.data_length == 0 ? bytes() : take(program, decoded.data_length);
 }
 
-void show_identity(tvkctl::front_end& program)
+void show_identity(tarvik::front_end& program)
 {
     say("Ask the scanner who it is: a command of its own, passed through the plugin");
     command(program, command_code::identify);
@@ -89,7 +89,7 @@ void show_identity(tvkctl::front_end& program)
          text_at(identity, 48, 16));
 }
 
-void show_both_ways(tvkctl::front_end& program)
+void show_both_ways(tarvik::front_end& program)
 {
     say("Bytes to the scanner, and the same bytes back");
     const std::string text = "Everything in its own words.";
@@ -100,7 +100,7 @@ void show_both_ways(tvkctl::front_end& program)
     note("it gave back \"" + std::string(echoed.begin(), echoed.end()) + "\"");
 }
 
-void show_large_receive(tvkctl::front_end& program)
+void show_large_receive(tarvik::front_end& program)
 {
     say("1 MiB from the scanner in one receive");
     command(program, command_code::read_pattern, kMebibyte);
@@ -114,7 +114,7 @@ void show_large_receive(tvkctl::front_end& program)
     note(text);
 }
 
-void show_stall(tvkctl::front_end& program)
+void show_stall(tarvik::front_end& program)
 {
     say("The scanner stalls once: that receive is refused, the next one works");
     command(program, command_code::fault, static_cast<std::uint32_t>(fault_kind::stall_in));
@@ -129,7 +129,7 @@ void show_session()
     utsname machine{};
     ::uname(&machine);
     say(std::string("Start tvkintif on ") + machine.sysname + " " + machine.release + ", " + machine.machine);
-    tvkctl::front_end program(tvkctl::launch{kProgram});
+    tarvik::front_end program(tarvik::launch{kProgram});
     note("it waits on port " + std::to_string(program.port()));
     program.observe(target::frame_printer());
     program.connect();
@@ -142,7 +142,7 @@ void show_session()
     say("Close");
     program.close();
     const auto status = program.finish();
-    demand(status == tvkctl::exit_status::exited(0), "the program's end");
+    demand(status == tarvik::exit_status::exited(0), "the program's end");
     note("it ended with " + status->text());
 }
 

@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
+#include "common/process/child_process.h"
 #include "support/proc_files.h"
 #include "support/wait_until.h"
 #include "target/scenarios/scanner_session.h"
-#include "tvkctl/src/child_process.h"
 
 using virtual_scanner::command_code;
 
@@ -78,17 +78,17 @@ TEST_F(endings, front_end_killed_in_a_transfer_lets_it_finish_and_ends_the_progr
     plug_in("plain");
     start();
     scanner().hold();
-    tvkctl::launch how;
+    tarvik::launch how;
     how.path = "/usr/bin/tvkctl";
     how.arguments = {"run", "--connect", std::to_string(program().port()), kByIds, "send \"anything\""};
-    tvkctl::child_process front_end(how);
+    tarvik::child_process front_end(how);
     log().request(std::string(kByIds).size());
     log().open({kByIds});
     log().reply(0);
     log().request(std::string("anything").size());
     wait_until_in_a_transfer();
     front_end.signal(SIGKILL);
-    EXPECT_EQ(front_end.wait_for_exit(target::kStepLimit), tvkctl::exit_status::killed_by(SIGKILL));
+    EXPECT_EQ(front_end.wait_for_exit(target::kStepLimit), tarvik::exit_status::killed_by(SIGKILL));
     scanner().release();
     log().reply(0);
     log().hung_up();
@@ -114,7 +114,7 @@ TEST_F(endings, program_killed_in_a_receive_leaves_the_scanner_to_the_next_one)
     open(kByIds);
     begin_receive(virtual_scanner::kBlockSize);
     send_signal(SIGKILL);
-    end_program(tvkctl::exit_status::killed_by(SIGKILL));
+    end_program(tarvik::exit_status::killed_by(SIGKILL));
     expect_next_program_to_work();
 }
 
@@ -124,7 +124,7 @@ TEST_F(endings, answer_that_a_killed_program_did_not_take_goes_to_the_next_one)
     open(kByIds);
     begin_held_receive();
     send_signal(SIGKILL);
-    end_program(tvkctl::exit_status::killed_by(SIGKILL));
+    end_program(tarvik::exit_status::killed_by(SIGKILL));
     scanner().release();
     open(kByIds);
     EXPECT_EQ(receive(kCount), virtual_scanner::pattern(kCount));
@@ -138,7 +138,7 @@ TEST_F(endings, program_killed_in_a_send_leaves_the_scanner_to_the_next_one)
     scanner().hold();
     begin_send(encoded(command_code::identify));
     send_signal(SIGKILL);
-    end_program(tvkctl::exit_status::killed_by(SIGKILL));
+    end_program(tarvik::exit_status::killed_by(SIGKILL));
     scanner().release();
     expect_next_program_to_work();
 }

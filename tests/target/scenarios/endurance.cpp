@@ -100,7 +100,7 @@ public:
     {
         const std::string process = std::to_string(m_program.process().pid());
         m_program.close(target::kStepLimit);
-        EXPECT_EQ(m_program.finish(target::kStepLimit), tvkctl::exit_status::exited(0));
+        EXPECT_EQ(m_program.finish(target::kStepLimit), tarvik::exit_status::exited(0));
         m_log.request(0);
         m_log.close();
         m_log.end();
@@ -108,18 +108,18 @@ public:
     }
 
 private:
-    static void expect_ok(const tvkctl::reply& reply) { EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok); }
+    static void expect_ok(const tarvik::reply& reply) { EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok); }
 
     bytes receive(std::uint32_t count)
     {
-        const tvkctl::reply reply = m_program.recv(count, target::kStepLimit);
+        const tarvik::reply reply = m_program.recv(count, target::kStepLimit);
         expect_ok(reply);
         m_log.request(0);
         m_log.reply(count);
         return reply.payload;
     }
 
-    tvkctl::front_end m_program;
+    tarvik::front_end m_program;
     target::expected_log m_log;
 };
 
@@ -159,7 +159,7 @@ TEST_F(endurance, programs_one_after_the_other_are_all_alike_and_leave_no_claim)
         wait_until_idle(); // for while it writes a line, the log is open too
         descriptors.push_back(support::open_descriptors(program().process().pid()));
         request_close();
-        ASSERT_EQ(wait_for_exit(), tvkctl::exit_status::exited(0)) << "cycle " << cycle;
+        ASSERT_EQ(wait_for_exit(), tarvik::exit_status::exited(0)) << "cycle " << cycle;
         ASSERT_EQ(target::claimed_interfaces(), names()) << "cycle " << cycle;
         log().end();
     }
@@ -193,7 +193,7 @@ TEST_F(endurance, two_hundred_mebibytes_are_received_with_every_byte_right)
         ASSERT_EQ(answer_block(command_code::read_pattern), kPiece);
         auto from = expected.begin();
         bool is_right = true;
-        const auto compare = [&](tvkctl::byte_view part) {
+        const auto compare = [&](tarvik::byte_view part) {
             const auto end = from + static_cast<std::ptrdiff_t>(part.size);
             is_right = is_right && std::equal(from, end, part.begin());
             from = end;

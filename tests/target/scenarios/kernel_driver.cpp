@@ -85,7 +85,7 @@ TEST_F(kernel_driver, stays_away_after_the_program_is_killed_until_the_device_is
     wait_until_idle();
     log().waiting();
     ASSERT_TRUE(program().process().signal(SIGKILL));
-    end_program(tvkctl::exit_status::killed_by(SIGKILL));
+    end_program(tarvik::exit_status::killed_by(SIGKILL));
     EXPECT_EQ(device().driver(0), "");
     open(kAddress);
     close();

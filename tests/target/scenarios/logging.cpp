@@ -36,7 +36,7 @@ protected:
         log() = target::expected_log();
     }
 
-    void expect_same_session(const tvkctl::launch& how = target::program_launch())
+    void expect_same_session(const tarvik::launch& how = target::program_launch())
     {
         EXPECT_EQ(bytes_of_a_session(how), m_without_log);
     }
@@ -54,8 +54,8 @@ protected:
         talk();
         EXPECT_EQ(seen(), without_log());
         EXPECT_EQ(support::raw_log(), "");
-        begin(tvkctl::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
-        EXPECT_EQ(wait_for_exit(), tvkctl::exit_status::exited(1));
+        begin(tarvik::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
+        EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(1));
         EXPECT_EQ(support::text(support::log_dialogue()), error);
     }
 
@@ -67,11 +67,11 @@ protected:
     }
 
     /// A session in three parts; talk() may come in the middle of something else.
-    void begin_session(const tvkctl::launch& how = target::program_launch())
+    void begin_session(const tarvik::launch& how = target::program_launch())
     {
         m_seen.clear();
         start(how);
-        program().observe([this](const tvkctl::frame_event& frame) { see(frame); });
+        program().observe([this](const tarvik::frame_event& frame) { see(frame); });
         request_open(kByIds);
         end_opening({kByIds});
     }
@@ -87,11 +87,11 @@ protected:
     void end_session()
     {
         request_close();
-        EXPECT_EQ(wait_for_exit(), tvkctl::exit_status::exited(0));
+        EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(0));
         log().end();
     }
 
-    bytes bytes_of_a_session(const tvkctl::launch& how = target::program_launch())
+    bytes bytes_of_a_session(const tarvik::launch& how = target::program_launch())
     {
         begin_session(how);
         talk();
@@ -106,9 +106,9 @@ protected:
 private:
     static constexpr std::uint32_t kEchoed = 1000;
 
-    void see(const tvkctl::frame_event& frame)
+    void see(const tarvik::frame_event& frame)
     {
-        const tvkctl::wire_header head = tvkctl::to_wire(frame.header);
+        const tarvik::wire_header head = tarvik::to_wire(frame.header);
         m_seen.insert(m_seen.end(), head.begin(), head.end());
         m_seen.insert(m_seen.end(), frame.payload.begin(), frame.payload.end());
     }
@@ -117,10 +117,10 @@ private:
     bytes m_without_log;
 };
 
-tvkctl::launch launch_with_captured_errors()
+tarvik::launch launch_with_captured_errors()
 {
-    tvkctl::launch how = target::program_launch();
-    how.errors = tvkctl::launch::standard_error::capture;
+    tarvik::launch how = target::program_launch();
+    how.errors = tarvik::launch::standard_error::capture;
     return how;
 }
 

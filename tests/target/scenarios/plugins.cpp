@@ -44,7 +44,7 @@ protected:
         for (const std::string& line : reason)
             log().line(line);
         log().line("send ng");
-        expect_refusal(program().read_reply(tvkctl::kConnectionId, target::kStepLimit));
+        expect_refusal(program().read_reply(tarvik::kConnectionId, target::kStepLimit));
         end_program();
         expect_next_program_to_work();
     }
@@ -67,8 +67,8 @@ protected:
     /// The plugin ends the program in the middle of a request: no reply, and the log ends there too.
     void expect_crash()
     {
-        EXPECT_EQ(program().wire().read_to_end(target::kStepLimit), tvkctl::bytes());
-        end_program(tvkctl::exit_status::killed_by(SIGABRT));
+        EXPECT_EQ(program().wire().read_to_end(target::kStepLimit), tarvik::bytes());
+        end_program(tarvik::exit_status::killed_by(SIGABRT));
         expect_next_program_to_work();
     }
 
@@ -144,7 +144,7 @@ TEST_F(plugins, crash_in_writer_ends_the_program_without_a_reply_to_the_send)
 {
     install("plugin_crashing_in_writer");
     open(kByIds);
-    begin(tvkctl::request_code::send, 0, encoded(command_code::identify));
+    begin(tarvik::request_code::send, 0, encoded(command_code::identify));
     expect_crash();
 }
 
@@ -152,7 +152,7 @@ TEST_F(plugins, crash_in_reader_ends_the_program_without_a_reply_to_the_receive)
 {
     install("plugin_crashing_in_reader");
     open(kByIds);
-    begin(tvkctl::request_code::recv, virtual_scanner::kBlockSize, {});
+    begin(tarvik::request_code::recv, virtual_scanner::kBlockSize, {});
     expect_crash();
 }
 
@@ -160,7 +160,7 @@ TEST_F(plugins, crash_in_dtor_ends_the_program_in_the_close)
 {
     install("plugin_crashing_in_dtor");
     open(kByIds);
-    begin(tvkctl::request_code::close, 0, {});
+    begin(tarvik::request_code::close, 0, {});
     log().line("enter close");
     expect_crash();
 }

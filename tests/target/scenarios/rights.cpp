@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "common/process/child_process.h"
 #include "support/private_paths.h"
 #include "support/wait_until.h"
 #include "target/scenarios/guest.h"
 #include "target/scenarios/host_device.h"
 #include "target/scenarios/scanner_session.h"
-#include "tvkctl/src/child_process.h"
 
 using target::attempt;
 using target::guest;
@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 class rights : public target::scanner_session {
 protected:
-    static constexpr tvkctl::milliseconds kLimit{20'000};
+    static constexpr tarvik::milliseconds kLimit{20'000};
     static constexpr int kNoRights = 22;
 
     rights() { guest::give(support::log_directory); }
@@ -64,8 +64,8 @@ protected:
     static std::string explanation_to_the_guest()
     {
         const guest acting;
-        tvkctl::child_process tvkctl(tvkctl::launch{"/usr/bin/tvkctl", {"explain", kBySerial}});
-        EXPECT_EQ(tvkctl.wait_for_exit(kLimit), tvkctl::exit_status::exited(kNoRights));
+        tarvik::child_process tvkctl(tarvik::launch{"/usr/bin/tvkctl", {"explain", kBySerial}});
+        EXPECT_EQ(tvkctl.wait_for_exit(kLimit), tarvik::exit_status::exited(kNoRights));
         return tvkctl.standard_output(kLimit);
     }
 

@@ -24,12 +24,12 @@ namespace {
 constexpr const char* kVirtualScanner = "/usr/bin/virtual_scanner";
 constexpr const char* kDeviceFiles = "/usr/share/virtual-scanner";
 constexpr const char* kDiary = "/run/scanner.log";
-constexpr tvkctl::milliseconds kAnswerLimit{20'000};
-constexpr tvkctl::milliseconds kEndLimit{5'000};
+constexpr tarvik::milliseconds kAnswerLimit{20'000};
+constexpr tarvik::milliseconds kEndLimit{5'000};
 
 struct channel_ends {
-    tvkctl::unique_fd reading;
-    tvkctl::unique_fd writing;
+    tarvik::unique_fd reading;
+    tarvik::unique_fd writing;
 };
 
 /// Unlike a pipe, it can be written to without a signal when its reader has ended.
@@ -38,7 +38,7 @@ channel_ends make_socket_pair()
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
         throw std::system_error(errno, std::generic_category(), "socketpair");
-    return {tvkctl::unique_fd(ends[0]), tvkctl::unique_fd(ends[1])};
+    return {tarvik::unique_fd(ends[0]), tarvik::unique_fd(ends[1])};
 }
 
 /// Where a child's standard streams lead to.
@@ -75,7 +75,7 @@ scanner_process::~scanner_process()
     release();
     // The end of its orders is the order to end, and the end of its answers shows that it has.
     m_orders.reset();
-    if (!tvkctl::wait_until_ready(m_answers.get(), POLLIN, tvkctl::deadline(kEndLimit)))
+    if (!tarvik::wait_until_ready(m_answers.get(), POLLIN, tarvik::deadline(kEndLimit)))
         ::kill(m_pid, SIGKILL);
     ::waitpid(m_pid, nullptr, 0);
 }
@@ -129,10 +129,10 @@ void scanner_process::order(const std::string& what)
 
 std::string scanner_process::next_answer()
 {
-    const tvkctl::deadline until(kAnswerLimit);
+    const tarvik::deadline until(kAnswerLimit);
     std::string line;
     for (char next = 0; next != '\n';) {
-        if (!tvkctl::wait_until_ready(m_answers.get(), POLLIN, until))
+        if (!tarvik::wait_until_ready(m_answers.get(), POLLIN, until))
             return line + " (and no more in time)";
         if (::read(m_answers.get(), &next, 1) != 1)
             return line + " (and the end)";

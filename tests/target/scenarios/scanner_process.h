@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "tvkctl/src/deadline.h"
-#include "tvkctl/src/unique_fd.h"
+#include "common/process/deadline.h"
+#include "common/process/unique_fd.h"
 
 namespace target {
 
@@ -47,8 +47,8 @@ private:
     void expect_answer(const std::string& expected, const std::string& step);
 
     pid_t m_pid = -1;
-    tvkctl::unique_fd m_orders;
-    tvkctl::unique_fd m_answers;
+    tarvik::unique_fd m_orders;
+    tarvik::unique_fd m_answers;
 };
 
 } // namespace target

@@ -22,7 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr tvkctl::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tvkctl::request_code::open), 0, 0,
+constexpr tarvik::frame_header kOpenRequest{0, static_cast<std::uint32_t>(tarvik::request_code::open), 0, 0,
                                             0};
 constexpr const char* kNoDevice = "LIBUSB_ERROR_NO_DEVICE";
 constexpr const char* kBrokenTransfer = "LIBUSB_ERROR_IO";
@@ -35,9 +35,9 @@ std::vector<std::string> log_so_far()
 
 } // namespace
 
-tvkctl::launch program_launch()
+tarvik::launch program_launch()
 {
-    tvkctl::launch how;
+    tarvik::launch how;
     how.path = kProgram;
     return how;
 }
@@ -80,7 +80,7 @@ void scanner_session::begin_to_open(const std::string& udi)
     request_open(udi);
 }
 
-void scanner_session::start(tvkctl::launch how)
+void scanner_session::start(tarvik::launch how)
 {
     how.environment.insert(m_environment.begin(), m_environment.end());
     m_program.emplace(how);
@@ -96,8 +96,8 @@ void scanner_session::request_open(const std::string& udi)
 
 void scanner_session::end_opening(const opening& what)
 {
-    const tvkctl::reply reply = m_program->read_reply(tvkctl::kConnectionId, kStepLimit);
-    EXPECT_EQ(reply.kind, what.succeeds() ? tvkctl::reply::verdict::ok : tvkctl::reply::verdict::ng);
+    const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
+    EXPECT_EQ(reply.kind, what.succeeds() ? tarvik::reply::verdict::ok : tarvik::reply::verdict::ng);
     m_log.open(what);
     m_log.reply(0);
 }
@@ -126,7 +126,7 @@ void scanner_session::request_close()
 }
 
 // Hanging up first would hide a program that goes on, and overtake a signal that is on its way to it.
-tvkctl::exit_status scanner_session::wait_for_exit()
+tarvik::exit_status scanner_session::wait_for_exit()
 {
     return m_program->process().wait_for_exit(kStepLimit);
 }
@@ -134,10 +134,10 @@ tvkctl::exit_status scanner_session::wait_for_exit()
 void scanner_session::end_program()
 {
     m_log.end();
-    end_program(tvkctl::exit_status::exited(0));
+    end_program(tarvik::exit_status::exited(0));
 }
 
-void scanner_session::end_program(const tvkctl::exit_status& expected)
+void scanner_session::end_program(const tarvik::exit_status& expected)
 {
     EXPECT_EQ(wait_for_exit(), expected);
     EXPECT_EQ(support::text(log_so_far()), support::text(m_log.lines()));
@@ -145,15 +145,15 @@ void scanner_session::end_program(const tvkctl::exit_status& expected)
 
 void scanner_session::send(const bytes& data)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ok);
+    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
     m_log.request(data.size());
     m_log.reply(0);
 }
 
 bytes scanner_session::receive(std::uint32_t count)
 {
-    const tvkctl::reply reply = m_program->recv(count, kStepLimit);
-    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok);
+    const tarvik::reply reply = m_program->recv(count, kStepLimit);
+    EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
     m_log.request(0);
     m_log.reply(count);
@@ -190,7 +190,7 @@ void scanner_session::receive_from_nobody(std::uint32_t count)
 
 void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t moved)
 {
-    const tvkctl::reply reply = m_program->send(data, kStepLimit);
+    const tarvik::reply reply = m_program->send(data, kStepLimit);
     m_log.request(data.size());
     expect_parting("write", data.size(), moved);
     expect_refusal(reply);
@@ -198,15 +198,15 @@ void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t m
 
 void scanner_session::receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved)
 {
-    const tvkctl::reply reply = m_program->recv(count, kStepLimit);
+    const tarvik::reply reply = m_program->recv(count, kStepLimit);
     m_log.request(0);
     expect_parting("read", count, moved);
     expect_refusal(reply);
 }
 
-void scanner_session::expect_refusal(const tvkctl::reply& reply)
+void scanner_session::expect_refusal(const tarvik::reply& reply)
 {
-    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ng);
+    EXPECT_EQ(reply.kind, tarvik::reply::verdict::ng);
     m_log.reply(0);
 }
 
@@ -223,35 +223,35 @@ void scanner_session::expect_parting(const std::string& direction, std::size_t l
 
 void scanner_session::begin_send(const bytes& data)
 {
-    begin(tvkctl::request_code::send, 0, data);
+    begin(tarvik::request_code::send, 0, data);
     wait_until_in_a_transfer();
 }
 
 void scanner_session::end_send()
 {
-    EXPECT_EQ(m_program->read_reply(tvkctl::kConnectionId, kStepLimit).kind, tvkctl::reply::verdict::ok);
+    EXPECT_EQ(m_program->read_reply(tarvik::kConnectionId, kStepLimit).kind, tarvik::reply::verdict::ok);
     m_log.reply(0);
 }
 
 void scanner_session::begin_receive(std::uint32_t count)
 {
-    begin(tvkctl::request_code::recv, count, {});
+    begin(tarvik::request_code::recv, count, {});
     wait_until_in_a_transfer();
 }
 
 bytes scanner_session::end_receive(std::uint32_t count)
 {
-    const tvkctl::reply reply = m_program->read_reply(tvkctl::kConnectionId, kStepLimit);
-    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok);
+    const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
+    EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
     m_log.reply(count);
     return reply.payload;
 }
 
-void scanner_session::begin(tvkctl::request_code code, std::uint32_t value, tvkctl::byte_view payload)
+void scanner_session::begin(tarvik::request_code code, std::uint32_t value, tarvik::byte_view payload)
 {
-    tvkctl::frame_header header;
-    header.id = tvkctl::kConnectionId;
+    tarvik::frame_header header;
+    header.id = tarvik::kConnectionId;
     header.code = static_cast<std::uint32_t>(code);
     header.value = value;
     m_program->send_request(header, payload, kStepLimit);
@@ -286,7 +286,7 @@ void scanner_session::command(command_code code, std::uint32_t argument, const b
 
 void scanner_session::send_past_a_stall(const bytes& data, const std::string& direction, std::size_t length)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tvkctl::reply::verdict::ok);
+    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
     m_log.request(data.size());
     m_log.stall(direction, length);
     m_log.reply(0);

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "front_end/src/front_end.h"
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
 #include "target/scenarios/scanner_process.h"
-#include "tvkctl/src/front_end.h"
 
 namespace target {
 
@@ -21,10 +21,10 @@ constexpr std::uint32_t kMebibyte = 1024 * 1024;
 constexpr const char* kProgram = "/usr/bin/tvkintif";
 
 /// Shorter than the limit of a scenario, so that the logs of one that hangs are seen.
-constexpr tvkctl::milliseconds kStepLimit{30'000};
+constexpr tarvik::milliseconds kStepLimit{30'000};
 
 /// How the program is started here.
-tvkctl::launch program_launch();
+tarvik::launch program_launch();
 
 /// The interfaces that programs have claimed on all buses of the machine, as the kernel names them
 /// ("1-1:1.0").
@@ -56,7 +56,7 @@ protected:
     /// An open that fails, with which the program ends.
     void open_in_vain(const opening& what);
     /// Starts the program, which then awaits its front-end; and connects to it and asks it for the open.
-    void start(tvkctl::launch how = program_launch());
+    void start(tarvik::launch how = program_launch());
     void request_open(const std::string& udi);
     /// An open in two halves: the request has gone out, the reply is there. Between them the program is at
     /// work, and wait_for_failed_attempts() tells how far it has come.
@@ -68,11 +68,11 @@ protected:
     /// Asks the program to close the scanner and to end, without waiting for it.
     void request_close();
     /// Waits, with the connection kept, until a program has ended that was told to.
-    tvkctl::exit_status wait_for_exit();
+    tarvik::exit_status wait_for_exit();
     /// The same, and compares its exit status and its whole log.
     void end_program();
     /// The same of one that ends in another way, and in the middle of its log.
-    void end_program(const tvkctl::exit_status& expected);
+    void end_program(const tarvik::exit_status& expected);
 
     /// Passes bytes to the scanner, which takes them.
     void send(const virtual_scanner::bytes& data);
@@ -125,9 +125,9 @@ protected:
     void expect_pattern(std::uint32_t length);
 
     /// For steps of a suite's own. begin() sends a request, and leaves the reply to program().
-    void begin(tvkctl::request_code code, std::uint32_t value, tvkctl::byte_view payload);
-    void expect_refusal(const tvkctl::reply& reply);
-    tvkctl::front_end& program() { return m_program.value(); }
+    void begin(tarvik::request_code code, std::uint32_t value, tarvik::byte_view payload);
+    void expect_refusal(const tarvik::reply& reply);
+    tarvik::front_end& program() { return m_program.value(); }
     expected_log& log() { return m_log; }
 
 private:
@@ -136,7 +136,7 @@ private:
 
     std::map<std::string, std::string> m_environment; ///< of the programs
     std::optional<scanner_process> m_scanner;
-    std::optional<tvkctl::front_end> m_program;
+    std::optional<tarvik::front_end> m_program;
     expected_log m_log;
 };
 

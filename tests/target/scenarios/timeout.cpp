@@ -16,7 +16,7 @@ class timeout : public target::scanner_session {};
 TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_came)
 {
     constexpr std::chrono::seconds kTransferLimit{60};
-    constexpr tvkctl::milliseconds kPatience{90'000};
+    constexpr tarvik::milliseconds kPatience{90'000};
     constexpr std::uint32_t kGiven = 512; // a whole packet, which does not end a transfer
     constexpr std::uint32_t kAsked = 1024;
     // Makes one transfer of each request, and takes what it brings.
@@ -27,9 +27,9 @@ TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_c
     answer_block(command_code::read_pattern);
 
     const auto begin = std::chrono::steady_clock::now();
-    const tvkctl::reply reply = program().recv(kAsked, kPatience);
+    const tarvik::reply reply = program().recv(kAsked, kPatience);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, kTransferLimit);
-    EXPECT_EQ(reply.kind, tvkctl::reply::verdict::ok) << "the plugin decides, and this one is content";
+    EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok) << "the plugin decides, and this one is content";
     bytes expected = virtual_scanner::pattern(kGiven);
     expected.resize(kAsked, 0);
     EXPECT_EQ(reply.payload, expected);

@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/process/child_process.h"
+#include "front_end/src/front_end.h"
 #include "support/files.h"
 #include "support/log_reader.h"
 #include "support/page_examples.h"
@@ -29,8 +31,6 @@
 #include "target/scenarios/plugin_folder.h"
 #include "target/scenarios/scanner_process.h"
 #include "target/scenarios/scanner_session.h"
-#include "tvkctl/src/child_process.h"
-#include "tvkctl/src/front_end.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ using target::kShippedPlugin;
 using target::plugin_folder;
 using target::test_plugin;
 
-constexpr tvkctl::milliseconds kLimit{40'000};
+constexpr tarvik::milliseconds kLimit{40'000};
 constexpr const char* kByIds = "usb:1a2b:3c4d";
 const std::string kScannedFile = "/run/scanned.raw";
 
@@ -71,20 +71,20 @@ std::string settled(std::string text)
     return text;
 }
 
-tvkctl::launch command(const std::vector<std::string>& arguments)
+tarvik::launch command(const std::vector<std::string>& arguments)
 {
-    tvkctl::launch how{"/usr/bin/tvkctl"};
+    tarvik::launch how{"/usr/bin/tvkctl"};
     how.arguments = arguments;
-    how.errors = tvkctl::launch::standard_error::capture;
+    how.errors = tarvik::launch::standard_error::capture;
     return how;
 }
 
 /// Runs tvkctl to its end.
 result run(const std::vector<std::string>& arguments)
 {
-    tvkctl::child_process process(command(arguments));
-    const tvkctl::exit_status status = process.wait_for_exit(kLimit);
-    EXPECT_EQ(status.end, tvkctl::exit_status::how::exited) << status.text();
+    tarvik::child_process process(command(arguments));
+    const tarvik::exit_status status = process.wait_for_exit(kLimit);
+    EXPECT_EQ(status.end, tarvik::exit_status::how::exited) << status.text();
     return {status.number, settled(process.standard_output(kLimit)), settled(process.standard_error())};
 }
 
@@ -328,7 +328,7 @@ TEST_F(tools, explain_warns_of_a_kernel_driver_and_opens)
 TEST_F(tools, explain_names_the_process_that_has_the_device)
 {
     plug_in("plain");
-    tvkctl::front_end holder(tvkctl::launch{kProgram});
+    tarvik::front_end holder(tarvik::launch{kProgram});
     holder.connect(kLimit);
     ASSERT_TRUE(holder.open(kByIds, kLimit));
     const std::string pid = std::to_string(holder.process().pid());
@@ -562,7 +562,7 @@ TEST_F(tools, log_follow_prints_lines_as_they_come)
 {
     constexpr std::size_t longest_line = 200;
     plug_in("plain");
-    tvkctl::child_process following(command({"log", "follow"}));
+    tarvik::child_process following(command({"log", "follow"}));
     ASSERT_TRUE(
         support::wait_until(kLimit, [&] { return support::is_waiting_in(following.pid(), SYS_poll); }));
     ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
@@ -571,7 +571,7 @@ TEST_F(tools, log_follow_prints_lines_as_they_come)
         std::regex_match(line.text, std::regex("\\[[0-9:.]+\\]\\[[0-9]+\\]\\([0-9]+\\)\\[INFO\\]port = 0")))
         << line.text;
     following.signal(SIGTERM);
-    EXPECT_EQ(following.wait_for_exit(kLimit), tvkctl::exit_status::killed_by(SIGTERM));
+    EXPECT_EQ(following.wait_for_exit(kLimit), tarvik::exit_status::killed_by(SIGTERM));
     EXPECT_EQ(following.standard_error(), "");
 }
 
@@ -595,9 +595,9 @@ std::string played(const support::page_example& shown, const fs::path& folder)
     const guest acting;
     std::string text;
     for (const std::string& typed : support::commands_of(shown)) {
-        tvkctl::launch how{"/bin/sh", {"-c", typed + " 2>&1"}};
+        tarvik::launch how{"/bin/sh", {"-c", typed + " 2>&1"}};
         how.working_directory = folder;
-        tvkctl::child_process process(how);
+        tarvik::child_process process(how);
         process.wait_for_exit(kLimit);
         text += "$ " + typed + "\n" + process.standard_output(kLimit);
     }

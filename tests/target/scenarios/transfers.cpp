@@ -80,7 +80,7 @@ TEST_F(transfers, short_packet_ends_a_transfer_and_the_plugin_asks_for_the_rest)
     plug_in("plain");
     open(kByIds);
     command(command_code::read_pattern, kData);
-    const tvkctl::reply reply = program().recv(kAll, target::kStepLimit);
+    const tarvik::reply reply = program().recv(kAll, target::kStepLimit);
     log().request(0);
     log().short_transfer("read", virtual_scanner::kBlockSize, kAll);
     log().reply(kAll);

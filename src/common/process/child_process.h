@@ -1,0 +1,83 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/process/deadline.h"
+#include "common/process/exit_status.h"
+#include "common/process/unique_fd.h"
+
+namespace tarvik {
+
+class output_collector;
+
+/// What to start and how. Standard input is /dev/null, standard output is collected; signal mask, ignored
+/// signals and limits are this process's.
+struct launch {
+    enum class standard_error { inherit, capture };
+
+    std::string path;                                    ///< file to execute; PATH is not searched
+    std::vector<std::string> arguments = {};             ///< without the program's own name
+    std::map<std::string, std::string> environment = {}; ///< added to this process's, or replacing there
+    std::string working_directory = {};                  ///< empty: this process's; `path` is relative to it
+    standard_error errors = standard_error::inherit;
+    std::vector<int> ignored_signals = {};
+};
+
+/// A child and what it writes. The descriptors that this library opens stay out of it.
+///
+/// Owns the process: one that still runs is killed on destruction, and it is always reaped. Throws
+/// front_end_error for what the child does, std::system_error when this machine refuses (no descriptors left
+/// and the like).
+///
+/// Threads: one at a time.
+class child_process {
+public:
+    /// Starts the program; returns when it is executing. Throws failure::start_failed otherwise.
+    explicit child_process(const launch& how);
+    child_process(const child_process&) = delete;
+    child_process& operator=(const child_process&) = delete;
+    ~child_process();
+
+    enum class line_end { newline, end_of_output, too_long, time_up };
+    struct output_line {
+        std::string text; ///< without the newline; as far as it came when there is none
+        line_end end;
+    };
+    /// Waits for the first line on standard output, of at most `limit` bytes.
+    output_line first_line(std::size_t limit, milliseconds timeout);
+    /// Waits until nobody can write to standard output any more and returns all of it. Throws
+    /// failure::timed_out.
+    std::string standard_output(milliseconds timeout);
+    /// What was written to standard error so far, that is all of it when the process has ended. Empty unless
+    /// captured.
+    std::string standard_error();
+
+    /// Sends a signal; false when the process has been reaped already.
+    bool signal(int number);
+    /// Waits for the end; throws failure::timed_out. May be called again.
+    exit_status wait_for_exit(milliseconds timeout);
+    /// As wait_for_exit(), but nullopt when time is up.
+    std::optional<exit_status> try_wait_for_exit(milliseconds timeout);
+
+    pid_t pid() const { return m_pid; }
+    const std::string& path() const { return m_path; }
+
+private:
+    explicit child_process(std::string path);
+
+    std::string m_path;
+    pid_t m_pid = -1;                    ///< -1: not started
+    unique_fd m_handle;                  ///< the process as a descriptor, readable once it has ended
+    std::optional<exit_status> m_status; ///< set when it has been reaped
+    std::unique_ptr<output_collector> m_output;
+    std::unique_ptr<output_collector> m_errors; ///< null: not captured
+};
+
+} // namespace tarvik

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace tarvik {
+
+/// What went wrong between a front-end and the program, coarse enough to decide on.
+enum class failure {
+    start_failed,       ///< the program could not be executed
+    exited_early,       ///< it ended before it wrote its port line
+    start_refused,      ///< it wrote -1 instead of a port
+    bad_port_line,      ///< it wrote something else than a port
+    timed_out,          ///< the deadline of the call passed
+    connection_refused, ///< nobody listens on the port
+    connect_failed,     ///< any other reason why there is no connection
+    end_of_stream,      ///< the program closed the connection before all was read
+    connection_lost,    ///< reset, broken pipe, or any other failed transfer
+    wrong_id,           ///< a reply that carries another id than it must
+    unexpected_reply,   ///< a reply that is none of ok, ng and nak, or has a payload of the wrong size
+};
+
+/// A step that did not go as it must. what() reads "STEP: expected EXPECTED, got CAME"; advice() is a
+/// sentence of its own. Replies ng and nak are answers, not errors.
+class front_end_error : public std::runtime_error {
+public:
+    front_end_error(failure cause, const std::string& step, const std::string& expected,
+                    const std::string& came);
+
+    failure cause() const { return m_cause; }
+    /// What was being done: "start /usr/bin/tvkintif", "recv 512 bytes", "connect to port 40001".
+    const std::string& step() const { return m_step; }
+    const std::string& expected() const { return m_expected; }
+    const std::string& came() const { return m_came; }
+    /// What a person can try next.
+    const char* advice() const;
+
+private:
+    failure m_cause;
+    std::string m_step;
+    std::string m_expected;
+    std::string m_came;
+};
+
+} // namespace tarvik

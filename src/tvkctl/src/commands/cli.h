@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/exit_code.h"
+#include "tvkctl/src/machine/host.h"
+#include "tvkctl/src/terminal/console.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tarvik::tvkctl {
+
+/// What the commands share while one command line is worked on.
+struct cli {
+    console& io;
+    const host& machine;
+    bool is_json = false;              ///< --json was given
+    std::function<exit_code()> chosen; ///< the work of the command that was named
+};
+
+/// What a command says of itself.
+struct command_text {
+    const char* name;
+    const char* summary;  ///< one line, in the list of commands
+    const char* examples; ///< whole lines, shown below the options
+};
+
+/// Adds a command with the options that all have (--json). Commands add their own options to what is
+/// returned, bound to an object that the work keeps alive:
+///
+///     auto wanted = std::make_shared<list_options>();
+///     CLI::App& command = add_command(app, shared, {"list", ...}, [=, &shared] { return list(*wanted,
+///     shared); }); command.add_flag("--all", wanted->all, "...");
+///
+/// The work throws command_error; front_end_error, std::system_error and others are told as well.
+CLI::App& add_command(CLI::App& app, cli& shared, const command_text& text, std::function<exit_code()> work);
+
+/// Adds every command to `app`.
+void add_commands(CLI::App& app, cli& shared);
+
+/// Works on one command line (without the program's own name) and returns the exit status.
+exit_code run_cli(std::vector<std::string> arguments, console& io, const host& machine);
+
+} // namespace tarvik::tvkctl

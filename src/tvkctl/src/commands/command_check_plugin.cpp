@@ -1,0 +1,316 @@
+#include "tvkctl/src/commands/command_check_plugin.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "tvkctl/src/machine/finding.h"
+#include "tvkctl/src/plugin/elf_file.h"
+#include "tvkctl/src/plugin/plugin_check.h"
+#include "tvkctl/src/plugin/plugin_trial.h"
+#include "tvkctl/src/plugin/trial_verdict.h"
+#include "tvkctl/src/session/run_steps.h"
+#include "tvkctl/src/terminal/numbers.h"
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+constexpr const char* kCheckPluginSummary = "Examine a plugin file, and run it with a scripted device";
+constexpr const char* kCheckPluginExamples =
+    R"(  tvkctl check-plugin libqvintZ4.so
+      reads the file without loading it and judges it for the armhf machine
+  tvkctl check-plugin libqvintZ4.so --sysroot /srv/armhf
+      looks at the libraries of that machine as well
+  tvkctl check-plugin ./mine.so --run
+      judges it for this machine, then loads and calls it three times: with a
+      device that moves all bytes, half of them, and none
+  tvkctl check-plugin ./mine.so --run --answer @identify.bin --send '1b 45'
+      gives it its own device's answer, and a command that it understands
+
+The plugin runs in a process of its own; --run is still no protection against
+a plugin that means harm. Bytes are written as for tvkctl run: hexadecimal,
+"TEXT" or @FILE.)";
+
+/// glibc of the Debian 12 that the armhf machine has.
+constexpr const char* kArmhfGlibc = "2.36";
+constexpr std::uint64_t kMostBytes = 64U << 20U; // a trial is no load test
+
+struct script_row {
+    transfer_script script;
+    const char* name;  ///< for programs
+    const char* title; ///< for people
+};
+constexpr std::array<script_row, 3> kScripts = {{
+    {transfer_script::all, "all", "run with a device that moves all bytes"},
+    {transfer_script::half, "half", "run with a device that moves half of the bytes"},
+    {transfer_script::nothing, "nothing", "run with a device that moves nothing"},
+}};
+
+struct check_plugin_options {
+    std::string file;
+    std::string machine; ///< "armhf", "native" or empty
+    std::string sysroot;
+    std::string glibc = kArmhfGlibc;
+    bool is_run = false;
+    std::string answer;
+    std::string sent;
+    std::string received;
+    std::string timeout;
+};
+
+/// The checks of one kind, below one heading.
+struct section {
+    std::string name;
+    std::string title;
+    std::vector<finding> findings;
+};
+
+plugin_target target_of(const check_plugin_options& options)
+{
+    const bool is_native = options.machine.empty() ? options.is_run : options.machine == "native";
+    if (is_native && !options.sysroot.empty())
+        throw usage_error("--sysroot does not go with a plugin that is judged for this machine",
+                          "Leave it out, or add --for armhf.");
+    if (options.glibc.find_first_not_of("0123456789.") != std::string::npos || options.glibc.empty())
+        throw usage_error("--glibc: " + in_quotes(options.glibc) + " is no version", "Write it as 2.36.");
+    return is_native ? native_target() : armhf_target(options.sysroot, options.glibc);
+}
+
+exit_code code_of(elf_error::reason why)
+{
+    return why == elf_error::reason::unreadable ? exit_code::plugin_unreadable
+                                                : exit_code::plugin_not_a_library;
+}
+
+std::string advice_for(elf_error::reason why)
+{
+    switch (why) {
+    case elf_error::reason::unreadable:
+        return "Check the name and the rights of the file.";
+    case elf_error::reason::not_elf:
+        return "Name the shared library that the linker made.";
+    case elf_error::reason::damaged:
+        break;
+    }
+    return "Copy or build it again.";
+}
+
+elf_file read_plugin(const std::string& path)
+{
+    try {
+        return read_elf_file(path);
+    } catch (const elf_error& error) {
+        throw command_error(code_of(error.why()), error.what(), advice_for(error.why()));
+    }
+}
+
+bytes bytes_of(const char* option, const std::string& text)
+{
+    std::vector<run_step> steps;
+    try {
+        steps = {parse_step("send " + text)};
+    } catch (const step_error& error) {
+        throw usage_error(std::string(option) + ": " + error.what(), "Write '1b 45', '\"TEXT\"' or @FILE.");
+    }
+    load_files(steps);
+    return std::get<send_step>(steps.front().what).items.front().literal;
+}
+
+int count_of(const std::string& text)
+{
+    const auto count = parse_size(text);
+    if (!count || *count == 0 || *count > kMostBytes)
+        throw usage_error("--recv: " + in_quotes(text) + " is no number of bytes to receive",
+                          "Write 1 to 64MiB.");
+    return static_cast<int>(*count);
+}
+
+milliseconds timeout_of(const std::string& text)
+{
+    const auto time = parse_duration(text);
+    if (!time || time->count() == 0)
+        throw usage_error("--timeout: " + in_quotes(text) + " is no time", "Write 2, 0.5, 3s or 250ms.");
+    return *time;
+}
+
+trial_plan plan_of(const check_plugin_options& options)
+{
+    trial_plan plan;
+    plan.path = options.file;
+    if (!options.answer.empty())
+        plan.answers = bytes_of("--answer", options.answer);
+    if (!options.sent.empty())
+        plan.sent = bytes_of("--send", options.sent);
+    if (!options.received.empty())
+        plan.received = count_of(options.received);
+    if (!options.timeout.empty())
+        plan.timeout = timeout_of(options.timeout);
+    return plan;
+}
+
+/// What keeps a plugin from being run at all; empty when nothing does.
+std::vector<finding> obstacles(const elf_file& file, const std::vector<finding>& findings)
+{
+    const elf_identity here = own_identity();
+    if (!here.accepts(file.identity))
+        return {{"run", verdict::bad, file.identity.text() + "; tvkctl itself is " + here.text(),
+                 "Run it on its own machine.", exit_code::plugin_not_runnable_here}};
+    const auto is_fatal = [](const finding& line) {
+        return line.code == exit_code::plugin_incomplete || line.code == exit_code::plugin_not_a_library;
+    };
+    if (std::any_of(findings.begin(), findings.end(), is_fatal))
+        return {{"run", verdict::not_checked, "such a file cannot be started", "Mend what is told above."}};
+    return {};
+}
+
+/// Takes the plan even when nothing is run: a bad option is told in any case.
+std::vector<section> examine(const check_plugin_options& options, const plugin_target& target,
+                             trial_plan plan)
+{
+    const elf_file file = read_plugin(options.file);
+    std::vector<section> sections = {{"file", "", check_plugin(file, target)}};
+    if (!options.is_run)
+        return sections;
+    if (auto found = obstacles(file, sections.front().findings); !found.empty()) {
+        sections.push_back({"run", "run", std::move(found)});
+        return sections;
+    }
+    for (const script_row& row : kScripts) {
+        plan.script = row.script;
+        sections.push_back({row.name, row.title, judge_trial(plan, try_plugin(plan))});
+    }
+    return sections;
+}
+
+const char* text_of(verdict came_out)
+{
+    return came_out == verdict::not_checked ? "not checked" : name_of(came_out);
+}
+
+style style_of(verdict came_out)
+{
+    switch (came_out) {
+    case verdict::good:
+        return style::good;
+    case verdict::warning:
+        return style::warning;
+    case verdict::bad:
+        return style::bad;
+    case verdict::not_checked:
+        break;
+    }
+    return style::dim;
+}
+
+std::string padded(std::string text, std::size_t width)
+{
+    text.resize(std::max(text.size() + 1, width), ' ');
+    return text;
+}
+
+void show(const section& shown, console& io)
+{
+    constexpr std::size_t verdict_width = 13;
+    constexpr std::size_t check_width = 20;
+    if (!shown.title.empty())
+        io.out() << '\n' << io.styled(style::bold, shown.title) << '\n';
+    for (const finding& line : shown.findings) {
+        io.out() << "  " << io.styled(style_of(line.came_out), padded(text_of(line.came_out), verdict_width))
+                 << padded(line.check, check_width) << line.evidence << '\n';
+        if (!line.advice.empty())
+            io.out() << std::string(2 + verdict_width + check_width, ' ') << line.advice << '\n';
+    }
+}
+
+json as_json(const section& shown)
+{
+    json checks = json::array();
+    for (const finding& line : shown.findings)
+        checks.push_back({{"check", line.check},
+                          {"verdict", name_of(line.came_out)},
+                          {"evidence", line.evidence},
+                          {"advice", line.advice}});
+    return {{"name", shown.name}, {"checks", std::move(checks)}};
+}
+
+const finding* first_bad(const std::vector<section>& sections)
+{
+    for (const section& part : sections)
+        for (const finding& line : part.findings)
+            if (line.came_out == verdict::bad)
+                return &line;
+    return nullptr;
+}
+
+void show_all(const std::vector<section>& sections, const std::string& file, const plugin_target& target,
+              console& io)
+{
+    io.out() << io.styled(style::bold, file) << ", judged for " << target.name << " (" << target.loader.text()
+             << ")\n";
+    for (const section& part : sections)
+        show(part, io);
+}
+
+void write_json(const std::vector<section>& sections, const std::string& file, const plugin_target& target,
+                console& io)
+{
+    const finding* worst = first_bad(sections);
+    json parts = json::array();
+    for (const section& part : sections)
+        parts.push_back(as_json(part));
+    io.write({{"file", file},
+              {"for", target.name},
+              {"machine", target.loader.text()},
+              {"good", worst == nullptr},
+              {"exit_status", static_cast<int>(worst == nullptr ? exit_code::ok : worst->code)},
+              {"sections", std::move(parts)}});
+}
+
+exit_code check(const check_plugin_options& options, cli& shared)
+{
+    const plugin_target target = target_of(options);
+    const auto sections = examine(options, target, plan_of(options));
+    if (shared.is_json)
+        write_json(sections, options.file, target, shared.io);
+    else
+        show_all(sections, options.file, target, shared.io);
+    if (const finding* worst = first_bad(sections))
+        throw command_error(worst->code, options.file + ": " + worst->check + ": " + worst->evidence,
+                            worst->advice);
+    return exit_code::ok;
+}
+
+} // namespace
+
+void add_check_plugin_command(CLI::App& app, cli& shared)
+{
+    auto options = std::make_shared<check_plugin_options>();
+    CLI::App& command = add_command(app, shared, {"check-plugin", kCheckPluginSummary, kCheckPluginExamples},
+                                    [options, &shared] { return check(*options, shared); });
+    command.add_option("FILE", options->file, "The plugin, a shared library")->required();
+    command
+        .add_option("--for", options->machine,
+                    "Judge it for the machine that tvkintif is made for, or for this one; armhf unless --run "
+                    "is given")
+        ->check(CLI::IsMember({"armhf", "native"}));
+    command.add_option("--sysroot", options->sysroot, "Folder with the files of the armhf machine")
+        ->check(CLI::ExistingDirectory);
+    command.add_option("--glibc", options->glibc, "Version that the armhf machine has")
+        ->capture_default_str();
+    command.add_flag("--run", options->is_run, "Load it in a process of its own and call it");
+    command.add_option("--answer", options->answer, "What the scripted device gives first");
+    command.add_option("--send", options->sent, "What interpreter_writer gets (16 zeros)");
+    command.add_option("--recv", options->received, "Bytes that interpreter_reader is to fill (512)");
+    command.add_option("--timeout", options->timeout, "Time for each of the three runs (10)");
+}
+
+} // namespace tarvik::tvkctl

@@ -1,0 +1,202 @@
+#include "tvkctl/src/commands/command_list.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "tvkctl/src/diagnosis/listing.h"
+#include "tvkctl/src/machine/udi.h"
+#include "tvkctl/src/terminal/text_table.h"
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+constexpr const char* kListSummary = "List the USB devices that tvkintif could drive";
+constexpr const char* kListExamples = R"(  tvkctl list
+      devices with a vendor-specific interface that has bulk endpoints both ways
+  tvkctl list --all
+      the other USB devices as well
+  tvkctl list --json | jq -r '.devices[].udi'
+      only the addresses)";
+
+struct list_options {
+    bool is_all = false;
+};
+
+std::string hexadecimal(unsigned int number, int digits)
+{
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%0*x", digits, number);
+    return text.data();
+}
+
+json or_null(const std::string& text)
+{
+    return text.empty() ? json() : json(text);
+}
+
+json to_json(const usable_interface& found)
+{
+    return {{"configuration", found.configuration},
+            {"number", found.number},
+            {"alternate", found.alternate},
+            {"bulk_in", "0x" + hexadecimal(found.bulk_in, 2)},
+            {"bulk_out", "0x" + hexadecimal(found.bulk_out, 2)}};
+}
+
+json to_json(const plugin_state& plugin)
+{
+    return {{"path", plugin.path},
+            {"installed", plugin.is_installed},
+            {"loadable", plugin.is_loadable},
+            {"problem", or_null(plugin.problem)}};
+}
+
+json to_json(const device_node& node)
+{
+    if (!node.exists)
+        return {{"path", node.path}, {"exists", false}};
+    return {{"path", node.path},        {"exists", true},           {"owner", node.owner.name},
+            {"group", node.group.name}, {"mode", node.mode_text()}, {"may_open", node.may_open}};
+}
+
+json to_json(const listed_device& listed)
+{
+    const usb_device& device = listed.device;
+    return {{"udi", or_null(listed.udi)},
+            {"vendor_id", hexadecimal(device.vendor_id, 4)},
+            {"product_id", hexadecimal(device.product_id, 4)},
+            {"serial", or_null(device.serial)},
+            {"manufacturer", or_null(device.manufacturer)},
+            {"product", or_null(device.product)},
+            {"bus", device.bus},
+            {"address", device.address},
+            {"port", device.port_path},
+            {"interface", listed.interface ? to_json(*listed.interface) : json()},
+            {"plugin", listed.plugin ? to_json(*listed.plugin) : json()},
+            {"node", to_json(device.node)},
+            {"kernel_driver", or_null(listed.driver)},
+            {"warnings", listed.warnings}};
+}
+
+void write_json(const std::vector<listed_device>& devices, console& io)
+{
+    json document = {{"devices", json::array()}};
+    for (const listed_device& listed : devices)
+        document["devices"].push_back(to_json(listed));
+    io.write(document);
+}
+
+using cell = text_table::cell;
+
+cell address_cell(const listed_device& listed)
+{
+    if (!listed.interface)
+        return {"(" + ids_of(listed.device) + ")", style::dim};
+    return {listed.udi.empty() ? "-" : shell_word(listed.udi), style::bold};
+}
+
+cell name_cell(const usb_device& device)
+{
+    const std::string gap = device.manufacturer.empty() || device.product.empty() ? "" : " ";
+    const std::string name = device.manufacturer + gap + device.product;
+    return {name.empty() ? "-" : name};
+}
+
+cell plugin_cell(const listed_device& listed)
+{
+    if (!listed.plugin)
+        return {"-"};
+    return {listed.plugin->path.substr(listed.plugin->path.rfind('/') + 1)};
+}
+
+cell state_cell(const listed_device& listed)
+{
+    if (!listed.plugin)
+        return {"-"};
+    if (!listed.plugin->is_installed)
+        return {"not installed", style::bad};
+    return listed.plugin->is_loadable ? cell{"loadable", style::good} : cell{"not loadable", style::bad};
+}
+
+cell rights_cell(const device_node& node)
+{
+    if (!node.exists)
+        return {"no node", style::bad};
+    return {node.mode_text() + " " + node.owner.name + ":" + node.group.name};
+}
+
+cell open_cell(const device_node& node)
+{
+    return node.may_open ? cell{"yes", style::good} : cell{"no", style::bad};
+}
+
+void write_table(const std::vector<listed_device>& devices, console& io)
+{
+    text_table table({"UDI", "NAME", "PLUGIN", "STATE", "NODE", "RIGHTS", "MAY OPEN", "DRIVER"});
+    for (const listed_device& listed : devices) {
+        const device_node& node = listed.device.node;
+        table.add({address_cell(listed),
+                   name_cell(listed.device),
+                   plugin_cell(listed),
+                   state_cell(listed),
+                   {node.path},
+                   rights_cell(node),
+                   open_cell(node),
+                   {listed.driver.empty() ? "-" : listed.driver}});
+    }
+    table.write(io);
+}
+
+void write_warnings(const std::vector<listed_device>& devices, console& io)
+{
+    std::set<std::string> told; // devices that cannot be told apart have one warning in common
+    const auto tell = [&](const std::string& warning) {
+        if (told.insert(warning).second)
+            io.warning(warning);
+    };
+    for (const listed_device& listed : devices) {
+        if (listed.plugin && listed.plugin->is_installed && !listed.plugin->is_loadable)
+            tell(listed.plugin->path + " cannot be loaded: " + listed.plugin->problem);
+        for (const std::string& warning : listed.warnings)
+            tell(warning);
+    }
+}
+
+void write_text(const std::vector<listed_device>& devices, const list_options& options, console& io)
+{
+    if (devices.empty()) {
+        io.note(options.is_all
+                    ? "there is no USB device"
+                    : "there is no device that tvkintif could drive; tvkctl list --all shows the others");
+        return;
+    }
+    write_table(devices, io);
+    write_warnings(devices, io);
+}
+
+exit_code list(const list_options& options, cli& shared)
+{
+    const std::vector<listed_device> devices = list_devices(options.is_all, shared.machine);
+    if (shared.is_json)
+        write_json(devices, shared.io);
+    else
+        write_text(devices, options, shared.io);
+    return exit_code::ok;
+}
+
+} // namespace
+
+void add_list_command(CLI::App& app, cli& shared)
+{
+    const auto options = std::make_shared<list_options>();
+    CLI::App& command = add_command(app, shared, {"list", kListSummary, kListExamples},
+                                    [=, &shared] { return list(*options, shared); });
+    command.add_flag("--all", options->is_all, "List the other USB devices as well");
+}
+
+} // namespace tarvik::tvkctl

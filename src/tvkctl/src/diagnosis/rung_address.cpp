@@ -1,0 +1,99 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <sstream>
+
+#include "front_end/src/bytes.h"
+#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/machine/udi.h"
+#include "tvkintif/src/udi.h"
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+constexpr std::size_t kSerialField = 3;
+constexpr std::size_t kDeviceField = 4;
+
+/// The fields as the program counts them: an empty one at the very end is none.
+std::vector<std::string> fields_of(const std::string& udi)
+{
+    std::vector<std::string> fields;
+    std::istringstream input(udi);
+    for (std::string field; std::getline(input, field, ':');)
+        fields.push_back(field);
+    return fields;
+}
+
+/// What is wrong with an id; empty when the program could read it as `value`.
+std::string flaw_of_id(const char* name, const std::vector<std::string>& fields, std::size_t index,
+                       unsigned int value)
+{
+    if (value != 0)
+        return {};
+    const std::string who = "field " + std::to_string(index) + ", the " + name;
+    if (fields.size() <= index || fields[index].empty())
+        return who + ", is missing";
+    return who + ", is " + in_quotes(fields[index]) + " and not 1 to 4 hexadecimal digits other than 0";
+}
+
+std::vector<std::string> flaws_of(const std::string& udi, const std::vector<std::string>& fields)
+{
+    if (udi.rfind("usb:", 0) != 0)
+        return {"it does not begin with usb: in lower case"};
+    std::vector<std::string> flaws = {flaw_of_id("vendor id", fields, 1, get_vid(udi)),
+                                      flaw_of_id("product id", fields, 2, get_pid(udi))};
+    flaws.erase(std::remove(flaws.begin(), flaws.end(), ""), flaws.end());
+    return flaws;
+}
+
+rung_result bad_address(const std::vector<std::string>& flaws)
+{
+    return {verdict::bad,
+            "malformed",
+            flaws.front(),
+            {flaws.begin() + 1, flaws.end()},
+            {"write it in one of these shapes, ids and numbers in hexadecimal:", "    usb:VENDOR:PRODUCT",
+             "    usb:VENDOR:PRODUCT:SERIAL", "    usb:VENDOR:PRODUCT:BUS:DEVICE",
+             "tvkctl list   # shows the addresses of the devices that are there"}};
+}
+
+std::string hexadecimal(unsigned int number)
+{
+    std::ostringstream text;
+    text << std::hex << number;
+    return text.str();
+}
+
+std::string summary_of(const std::string& udi)
+{
+    std::array<char, 32> ids{};
+    std::snprintf(ids.data(), ids.size(), "%04x, product %04x", static_cast<unsigned int>(get_vid(udi)),
+                  static_cast<unsigned int>(get_pid(udi)));
+    const std::string serial = get_device_serial(udi);
+    return std::string("vendor ") + ids.data() +
+           (serial.empty() ? ", any serial number" : ", serial number " + in_quotes(serial));
+}
+
+} // namespace
+
+rung_result look_at_address(situation& where)
+{
+    const std::vector<std::string> fields = fields_of(where.udi);
+    if (const auto flaws = flaws_of(where.udi, fields); !flaws.empty())
+        return bad_address(flaws);
+    rung_result result{verdict::good, "", summary_of(where.udi)};
+    if (fields.size() <= kDeviceField)
+        return result;
+    result.came_out = verdict::warning;
+    result.cause = "location_ignored";
+    result.evidence = {"bus " + hexadecimal(get_bus_number(where.udi)) + " and device " +
+                           hexadecimal(get_device_number(where.udi)) + " are read, but choose no device",
+                       "field 3 is looked for as a serial number; when no device has it, the ids decide"};
+    if (fields.size() > kDeviceField + 1)
+        result.evidence.push_back("what follows field 4 is ignored");
+    result.next = {"name the device by its serial number (tvkctl list)"};
+    return result;
+}
+
+} // namespace tarvik::tvkctl

@@ -1,0 +1,184 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/machine/accounts.h"
+#include "tvkctl/src/machine/udi.h"
+#include "tvkctl/src/plugin/elf_file.h"
+#include "tvkctl/src/plugin/loader_probe.h"
+#include "tvkctl/src/plugin/plugin_check.h"
+#include "tvkintif/src/scanner.h"
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+std::string directory_of(const std::string& path)
+{
+    return path.substr(0, path.rfind('/'));
+}
+
+/// The first folder on the way to a file that this user may not enter; empty when there is none.
+std::string closed_folder(const std::string& path)
+{
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        std::string folder = path.substr(0, slash);
+        if (access(folder.c_str(), X_OK) != 0 && errno == EACCES)
+            return folder;
+    }
+    return {};
+}
+
+std::vector<std::string> names_in(const std::string& directory)
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error))
+        names.push_back(entry->path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+rung_result missing(const std::string& path, const usb_device& device)
+{
+    rung_result result{verdict::bad, "missing_file", path + " is not there"};
+    const std::string name = path.substr(path.rfind('/') + 1);
+    result.evidence.push_back("product " + ids_of(device).substr(5) + " is served by " + name);
+    const auto others = names_in(directory_of(path));
+    for (const std::string& other : others)
+        result.evidence.push_back("in its folder there is " + other);
+    if (others.empty())
+        result.evidence.push_back("its folder is empty or missing");
+    result.next = {"install the plugin package of this model, or put the file there yourself",
+                   "sudo install -D -m 644 " + name + " " + path};
+    return result;
+}
+
+rung_result unreadable(const std::string& what, const std::string& cure)
+{
+    return {verdict::bad,
+            "no_permission",
+            what + " is closed to " + user_of(geteuid()).name,
+            {},
+            {"sudo chmod " + cure + " " + what}};
+}
+
+std::optional<rung_result> look_at_file(const std::string& path, const usb_device& device)
+{
+    if (const std::string folder = closed_folder(path); !folder.empty())
+        return unreadable(folder, "o+x");
+    if (access(path.c_str(), F_OK) != 0)
+        return missing(path, device);
+    if (access(path.c_str(), R_OK) != 0)
+        return unreadable(path, "o+r");
+    return std::nullopt;
+}
+
+/// What a look into the file shows; only that of weight, which is all that a person wants to read here.
+std::vector<finding> flaws_of(const std::string& path)
+{
+    std::vector<finding> flaws;
+    for (const finding& one : check_plugin(read_elf_file(path), native_target()))
+        if (one.came_out == verdict::bad || one.came_out == verdict::warning)
+            flaws.push_back(one);
+    return flaws;
+}
+
+std::string text_of(const finding& flaw)
+{
+    return flaw.check + ": " + flaw.evidence;
+}
+
+std::string name_list(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
+
+/// How loading failed, in a word and a sentence; nullopt when it did not.
+std::optional<rung_result> judge(const load_attempt& attempt, const std::string& path, milliseconds timeout)
+{
+    const std::string moment = attempt.was_loaded ? "unloaded" : "loaded";
+    switch (attempt.end) {
+    case load_attempt::outcome::refused:
+        return rung_result{
+            verdict::bad, "not_loadable", path + " cannot be loaded", {"the loader says: " + attempt.words}};
+    case load_attempt::outcome::died:
+        return rung_result{verdict::bad,
+                           "crash",
+                           path + " ends the process when it is " + moment,
+                           {"that process ended with " + attempt.status.text()}};
+    case load_attempt::outcome::hung:
+        return rung_result{verdict::bad,
+                           "hang",
+                           path + " does not come to an end when it is " + moment,
+                           {"given up after " + std::to_string(timeout.count() / 1000) + " s"}};
+    case load_attempt::outcome::loaded:
+        break;
+    }
+    if (attempt.missing.empty())
+        return std::nullopt;
+    return rung_result{verdict::bad, "missing_entry_point", path + " lacks " + name_list(attempt.missing)};
+}
+
+/// check-plugin advises the plugin's author; who only wants to scan can take another file.
+std::string advice_for(const finding& flaw)
+{
+    return flaw.code == exit_code::plugin_wrong_machine
+               ? "install the plugin that is built for " + own_identity().text()
+               : flaw.advice;
+}
+
+void add_flaws(rung_result& result, const std::vector<finding>& flaws)
+{
+    for (const finding& flaw : flaws) {
+        result.evidence.push_back(text_of(flaw));
+        const std::string advice = flaw.came_out == verdict::bad ? advice_for(flaw) : "";
+        if (!advice.empty() && (result.next.empty() || result.next.back() != advice))
+            result.next.push_back(advice);
+    }
+}
+
+rung_result look_into_file(const std::string& path, milliseconds timeout)
+{
+    const std::vector<finding> flaws = flaws_of(path);
+    const std::vector<std::string> functions(kEntryPoints.begin(), kEntryPoints.end());
+    if (auto broken = judge(try_to_load(path, functions, timeout), path, timeout)) {
+        add_flaws(*broken, flaws);
+        broken->next.push_back("tvkctl check-plugin " + path);
+        return *broken;
+    }
+    rung_result result{verdict::good, "", path + " can be loaded and has the four entry points"};
+    if (!flaws.empty()) {
+        result.came_out = verdict::warning;
+        result.cause = "flaws";
+        for (const finding& flaw : flaws)
+            result.evidence.push_back(text_of(flaw));
+        result.next = {"tvkctl check-plugin " + path};
+    }
+    return result;
+}
+
+} // namespace
+
+rung_result look_at_plugin(situation& where)
+{
+    const std::string path = lib_path(plugin_name(where.device->product_id));
+    if (auto broken = look_at_file(path, *where.device))
+        return *broken;
+    try {
+        return look_into_file(path, where.load_timeout);
+    } catch (const elf_error& error) {
+        return {
+            verdict::bad, "no_library", error.what(), {}, {"install it anew", "tvkctl check-plugin " + path}};
+    }
+}
+
+} // namespace tarvik::tvkctl

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tvkctl/src/machine/accounts.h"
+#include "tvkctl/src/machine/host.h"
+
+namespace tarvik::tvkctl {
+
+struct usb_endpoint {
+    bool is_in() const;
+    bool is_bulk() const;
+
+    std::uint8_t address;
+    std::uint8_t attributes;
+};
+
+/// One alternate setting of an interface.
+struct usb_setting {
+    /// Class and protocol 0xFF: what the program looks at. The subclass does not matter.
+    bool is_vendor_specific() const;
+    /// The endpoint that the program would use: the last of its direction.
+    std::optional<std::uint8_t> bulk_in() const;
+    std::optional<std::uint8_t> bulk_out() const;
+
+    int interface_number;
+    int alternate;
+    int interface_class;
+    int interface_subclass;
+    int interface_protocol;
+    std::vector<usb_endpoint> endpoints;
+};
+
+struct usb_configuration {
+    int value;
+    std::vector<usb_setting> settings; ///< of all interfaces, in descriptor order
+};
+
+/// The interface of a device that the program would claim, and its endpoints.
+struct usable_interface {
+    int configuration; ///< value of the configuration in which it stands
+    int number;
+    int alternate;
+    std::uint8_t bulk_in;
+    std::uint8_t bulk_out;
+};
+
+/// The file through which a device is opened.
+struct device_node {
+    /// "crw-rw-r--"
+    std::string mode_text() const;
+
+    std::string path;
+    bool exists = false; ///< the rest means nothing without it
+    account owner;
+    account group;
+    mode_t mode = 0;
+    bool may_open = false; ///< this user may read and write it
+};
+
+/// A device on the bus, as it was when it was looked at.
+struct usb_device {
+    std::uint16_t vendor_id = 0;
+    std::uint16_t product_id = 0;
+    int bus = 0;
+    int address = 0;
+    std::string port_path; ///< name of its folder in sysfs: "1-1.4", "usb1" for a root hub
+    /// Texts as the program sees them: ASCII, '?' for anything else. Empty: none, or not to be read.
+    std::string serial;
+    std::string manufacturer;
+    std::string product;
+    std::vector<usb_configuration> configurations; ///< up to the first that cannot be read
+    std::optional<int> active_configuration;       ///< nullopt: not known
+    device_node node;
+};
+
+/// All devices in the order in which the program finds them. Throws command_error (usb_unavailable). A device
+/// that the program could use is opened for its texts, if this user may; of others sysfs tells them.
+std::vector<usb_device> scan_usb(const host& machine);
+
+/// "1a2b:3c4d"
+std::string ids_of(const usb_device& device);
+
+/// The first alternate setting in descriptor order that the program would use.
+std::optional<usable_interface> usable_interface_of(const usb_device& device);
+
+/// The kernel driver that is bound to an interface of the active configuration; empty when there is none or
+/// sysfs does not tell. "usbfs" stands for a process that has claimed the interface.
+std::string kernel_driver_of(const usb_device& device, int interface_number, const host& machine);
+
+struct process_name {
+    pid_t pid;
+    std::string name;
+};
+
+/// Which processes hold a node open.
+struct node_holders {
+    std::vector<process_name> found;
+    bool is_complete; ///< false: some processes could not be looked into, for lack of rights
+};
+node_holders find_node_holders(const device_node& node, const host& machine);
+
+} // namespace tarvik::tvkctl

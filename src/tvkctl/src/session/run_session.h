@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "front_end/src/front_end.h"
+#include "tvkctl/src/session/run_report.h"
+#include "tvkctl/src/session/run_steps.h"
+
+namespace tarvik::tvkctl {
+
+struct session_plan {
+    std::string udi;
+    std::string program;                    ///< to start
+    std::optional<int> port = {};           ///< of a running one, instead of starting one
+    std::optional<std::uint32_t> chunk;     ///< the most that a request moves; nullopt: see kReceiveChunk
+    milliseconds timeout = kRequestTimeout; ///< of each request
+    std::vector<run_step> steps;            ///< with their files loaded
+};
+
+/// Unless told otherwise a receive asks for this much at a time, so that it shows progress and a failure
+/// late in it loses little. Sends go out whole.
+constexpr std::uint32_t kReceiveChunk = 65536;
+
+/// Runs one session from start to end. Throws command_error for whatever goes wrong, after the report was
+/// told; received bytes have then been handed on, and the message says where they are.
+void run_session(const session_plan& plan, run_report& report);
+
+} // namespace tarvik::tvkctl

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "front_end/src/bytes.h"
+
+namespace tarvik::tvkctl {
+
+// What `tvkctl run` can do in a session. One step is one text:
+//
+//     send ITEM...        HEX (01 02, 0102, 0x0102), "TEXT" with \n \r \t \0 \\ \" \xHH, or @FILE; joined
+//     recv SIZE           to be shown
+//     recv SIZE > FILE    to a new file, or over an old one; >> FILE adds to its end
+//     query NUMBER
+//     sleep TIME          2, 0.5, 3s or 250ms
+//
+// A file name with blanks stands in quotes, with the same escapes as text. '#' where a word could begin
+// starts a comment.
+
+/// A part of what is sent: bytes as they are, or those of a file.
+struct send_item {
+    std::string file; ///< empty: `literal` counts
+    bytes literal;
+};
+
+struct send_step {
+    std::vector<send_item> items;
+};
+
+struct recv_step {
+    std::uint64_t size;
+    std::string file; ///< empty: to be shown
+    bool is_appended;
+};
+
+struct query_step {
+    std::uint32_t selector;
+};
+
+struct sleep_step {
+    std::chrono::milliseconds time;
+};
+
+struct run_step {
+    std::string text; ///< as it was written
+    std::variant<send_step, recv_step, query_step, sleep_step> what;
+};
+
+/// A step that cannot be understood; what() says why, without saying which step it is.
+class step_error : public std::invalid_argument {
+public:
+    using invalid_argument::invalid_argument;
+};
+
+/// Reads one step. Throws step_error.
+run_step parse_step(const std::string& text);
+
+/// Reads the steps of a command line. Throws command_error (usage) that names the step.
+std::vector<run_step> parse_steps(const std::vector<std::string>& texts);
+
+/// Reads a script, one step a line, without empty lines and comments. Throws command_error (usage) with
+/// `name` and the line's number.
+std::vector<run_step> read_script(std::istream& script, const std::string& name);
+
+/// Reads the files that the steps send, so that a missing one shows before a session begins; afterwards each
+/// send has one item, its bytes. Throws command_error (input_file), also for a file without content.
+void load_files(std::vector<run_step>& steps);
+
+} // namespace tarvik::tvkctl

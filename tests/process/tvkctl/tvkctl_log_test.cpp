@@ -1,0 +1,403 @@
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "process/tvkctl/tvkctl_test.h"
+#include "support/files.h"
+#include "support/log_reader.h"
+#include "support/private_paths.h"
+#include "support/wait_until.h"
+
+namespace fs = std::filesystem;
+
+namespace process_test {
+
+namespace {
+
+using nlohmann::json;
+
+using support::kPatience;
+
+/// Local date in the form of strftime, some days from now.
+std::string date(const char* form, int days = 0)
+{
+    const std::time_t moment = std::time(nullptr) + days * 86'400;
+    std::tm local = {};
+    localtime_r(&moment, &local);
+    std::ostringstream text;
+    text << std::put_time(&local, form);
+    return text.str();
+}
+
+std::string line_of(const std::string& level, const std::string& message)
+{
+    return "[10:23:45.45000][1234](1236)[" + level + "]" + message + "\n";
+}
+
+class tvkctl_log_test : public tvkctl_test {
+protected:
+    static std::string file_of_day(int days = 0)
+    {
+        return support::log_directory + "/tvkintif_" + date("%Y%m%d", days) + ".log";
+    }
+    static void append(const std::string& text, int days = 0)
+    {
+        std::ofstream(file_of_day(days), std::ios::app) << text;
+    }
+
+    void start_following(const std::vector<std::string>& more = {})
+    {
+        // Through a file: what follow writes is to be seen while it runs.
+        std::string command = "exec \"$TVKCTL\" log follow";
+        for (const std::string& option : more)
+            command += " " + option;
+        m_follower = std::make_unique<tarvik::child_process>(
+            launch_of("/bin/bash", {"-c", command + " > followed.txt"}));
+    }
+    static bool has_followed(const std::string& text)
+    {
+        return support::wait_until(kPatience,
+                                   [&] { return support::read_file(scratch("followed.txt")) == text; });
+    }
+    void end_following()
+    {
+        m_follower->signal(SIGTERM);
+        EXPECT_EQ(m_follower->wait_for_exit(kPatience), tarvik::exit_status::killed_by(SIGTERM));
+    }
+
+    tvkctl_result run_as_nobody(const std::string& arguments)
+    {
+        const tvkctl_result result = run_in_shell("exec " + as_nobody("\"$TVKCTL\" " + arguments));
+        if (result.status == 127)
+            []() { GTEST_SKIP() << "needs root and setpriv to run as another user"; }();
+        return result;
+    }
+
+    std::unique_ptr<tarvik::child_process> m_follower;
+};
+
+TEST_F(tvkctl_log_test, off_is_told_with_its_reason_and_50)
+{
+    const tvkctl_result result = run({"log"});
+    EXPECT_EQ(result.status, 50);
+    EXPECT_EQ(result.out, "Logging is off: /tmp/velnor/tvkintif does not exist\n"
+                          "Turn it on with: tvkctl log on.\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(tvkctl_log_test, on_is_told_with_its_level_and_place)
+{
+    support::make_log_directory(2);
+    const tvkctl_result result = run({"log"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "Logging is on: WARNING and above\n"
+                          "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
+                          "  settings   /tmp/velnor/tvkintif/setting.ini\n"
+                          "  today      " +
+                              file_of_day() + " (nothing yet)\n");
+}
+
+TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_51)
+{
+    support::make_log_directory();
+    const tvkctl_result result = run_as_nobody("log");
+    if (IsSkipped())
+        return;
+    EXPECT_EQ(result.status, 51);
+    EXPECT_EQ(result.out.substr(0, result.out.find('\n')),
+              "Logging is on, but not for this user: /tmp/velnor/tvkintif is not writable for nobody");
+    EXPECT_NE(result.out.find("Have root hand it over with: sudo tvkctl log on --for nobody.\n"),
+              std::string::npos);
+}
+
+TEST_F(tvkctl_log_test, a_directory_of_another_user_is_warned_of)
+{
+    support::make_log_directory();
+    ASSERT_EQ(chown(support::log_directory.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(run({"log"}).err,
+              "tvkctl: warning: /tmp/velnor/tvkintif belongs to nobody, who could redirect what "
+              "this user's programs log\n");
+}
+
+TEST_F(tvkctl_log_test, json_tells_the_state)
+{
+    support::make_log_directory(1);
+    const json document = json::parse(run({"log", "--json"}).out);
+    EXPECT_EQ(document, json({{"on", true},
+                              {"written_for_this_user", true},
+                              {"why_not", nullptr},
+                              {"level", "INFO"},
+                              {"directory", "/tmp/velnor/tvkintif"},
+                              {"owner", "root"},
+                              {"mode", "0755"},
+                              {"settings", "/tmp/velnor/tvkintif/setting.ini"},
+                              {"file", file_of_day()},
+                              {"file_exists", false},
+                              {"done", json::array()}}));
+}
+
+TEST_F(tvkctl_log_test, what_on_turns_on_is_what_the_program_heeds)
+{
+    EXPECT_EQ(run({"log", "on"}).status, 0);
+    run({"run", "usb:1a2b:3c4d", "query 1"});
+    EXPECT_NE(support::raw_log().find("[INFO]open usb:1a2b:3c4d\n"), std::string::npos);
+}
+
+TEST_F(tvkctl_log_test, the_level_that_on_sets_is_what_the_program_heeds)
+{
+    EXPECT_EQ(run({"log", "on", "--level", "error"}).status, 0);
+    run({"run", "usb:1a2b:3c4d", "query 1"});
+    EXPECT_EQ(support::raw_log(), "");
+}
+
+TEST_F(tvkctl_log_test, what_off_turns_off_is_what_the_program_heeds)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "kept"));
+    EXPECT_EQ(run({"log", "off"}).status, 0);
+    run({"run", "usb:1a2b:3c4d", "query 1"});
+    EXPECT_EQ(support::raw_log(), line_of("INFO", "kept"));
+}
+
+TEST_F(tvkctl_log_test, off_tells_what_it_did)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "kept"));
+    EXPECT_EQ(run({"log", "off"}).out,
+              "set loglevel = 5 in /tmp/velnor/tvkintif/setting.ini; the logs stay\n"
+              "programs that run now keep logging until they end\n"
+              "Logging is off: /tmp/velnor/tvkintif/setting.ini names a loglevel above that of FATAL\n"
+              "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
+              "  settings   /tmp/velnor/tvkintif/setting.ini\n"
+              "  today      " +
+                  file_of_day() +
+                  "\n"
+                  "Turn it on with: tvkctl log on.\n");
+}
+
+TEST_F(tvkctl_log_test, purge_removes_the_logs)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "lost"));
+    EXPECT_EQ(run({"log", "off", "--purge"}).status, 0);
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+TEST_F(tvkctl_log_test, a_link_in_place_of_the_directory_is_refused_with_52)
+{
+    fs::create_directory_symlink(scratch("."), support::log_directory);
+    const tvkctl_result result = run({"log", "on"});
+    EXPECT_EQ(result.status, 52);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "tvkctl: /tmp/velnor/tvkintif is not a directory of its own but a file or a symbolic "
+              "link. Find out who put it there (ls -ld /tmp/velnor/tvkintif) and have it removed.\n");
+    fs::remove(support::log_directory);
+}
+
+TEST_F(tvkctl_log_test, on_for_a_user_lets_that_users_programs_log)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can hand the log over";
+    EXPECT_EQ(run({"log", "on", "--for", "nobody"}).status, 0);
+    const tvkctl_result seen_by_nobody = run_as_nobody("log");
+    if (IsSkipped())
+        return;
+    EXPECT_EQ(seen_by_nobody.status, 0);
+    EXPECT_NE(seen_by_nobody.out.find("owner nobody, mode 0755"), std::string::npos) << seen_by_nobody.out;
+}
+
+TEST_F(tvkctl_log_test, show_prints_todays_lines)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "old"), -1);
+    append(line_of("INFO", "one") + "and more\n" + line_of("ERROR", "two"));
+    const tvkctl_result result = run({"log", "show"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, line_of("INFO", "one") + "and more\n" + line_of("ERROR", "two"));
+}
+
+TEST_F(tvkctl_log_test, show_filters_by_level)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one") + "and more\n" + line_of("WARNING", "two") + line_of("ERROR", "three"));
+    EXPECT_EQ(run({"log", "show", "--level", "WARNING"}).out,
+              line_of("WARNING", "two") + line_of("ERROR", "three"));
+}
+
+TEST_F(tvkctl_log_test, show_prints_another_day)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "old"), -2);
+    EXPECT_EQ(run({"log", "show", "--date", date("%Y-%m-%d", -2)}).out, line_of("INFO", "old"));
+}
+
+TEST_F(tvkctl_log_test, show_lets_no_control_byte_through)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "open usb:\033[2J\a"));
+    EXPECT_EQ(run({"log", "show"}).out, line_of("INFO", "open usb:\\x1b[2J\\x07"));
+}
+
+TEST_F(tvkctl_log_test, show_tells_lines_as_json)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "main(93) one") + "and more\n");
+    const json document = json::parse(run({"log", "show", "--json"}).out);
+    EXPECT_EQ(document, json({{"date", date("%Y-%m-%d")},
+                              {"files",
+                               {{{"file", file_of_day()},
+                                 {"lines",
+                                  {{{"clock", "10:23:45.45000"},
+                                    {"process", 1234},
+                                    {"thread", 1236},
+                                    {"level", "INFO"},
+                                    {"source", "main(93)"},
+                                    {"message", "one"}},
+                                   {{"message", "and more"}}}}}}}}));
+}
+
+TEST_F(tvkctl_log_test, a_day_without_log_is_53_and_names_the_newest)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "old"), -2);
+    const tvkctl_result result = run({"log", "show"});
+    EXPECT_EQ(result.status, 53);
+    EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
+                              " in /tmp/velnor/tvkintif. The newest " + "is that of " + date("%Y-%m-%d", -2) +
+                              ": tvkctl log show --date " + date("%Y-%m-%d", -2) + ".\n");
+}
+
+TEST_F(tvkctl_log_test, no_log_at_all_is_53_and_tells_how_to_get_one)
+{
+    const tvkctl_result result = run({"log", "show"});
+    EXPECT_EQ(result.status, 53);
+    EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
+                              " in /tmp/velnor/tvkintif. Turn it on with: tvkctl log on.\n");
+}
+
+TEST_F(tvkctl_log_test, a_log_that_cannot_be_read_is_3)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "secret"));
+    ASSERT_EQ(chmod(file_of_day().c_str(), 0600), 0);
+    const tvkctl_result result = run_as_nobody("log show");
+    if (IsSkipped())
+        return;
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.err, "tvkctl: " + file_of_day() + " cannot be read by nobody. Try it with sudo.\n");
+}
+
+TEST_F(tvkctl_log_test, follow_begins_with_the_last_lines_and_goes_on)
+{
+    support::make_log_directory();
+    std::string expected;
+    for (int i = 1; i <= 12; ++i) {
+        const std::string line = line_of("INFO", "line " + std::to_string(i));
+        append(line);
+        expected += i > 2 ? line : "";
+    }
+    start_following();
+    EXPECT_TRUE(has_followed(expected));
+    append(line_of("INFO", "new"));
+    EXPECT_TRUE(has_followed(expected + line_of("INFO", "new")));
+    end_following();
+}
+
+TEST_F(tvkctl_log_test, follow_goes_on_after_midnight)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one"));
+    start_following();
+    EXPECT_TRUE(has_followed(line_of("INFO", "one")));
+    append(line_of("INFO", "two"), 1);
+    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
+    append(line_of("INFO", "three"), 1);
+    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two") + line_of("INFO", "three")));
+    end_following();
+}
+
+TEST_F(tvkctl_log_test, follow_filters_by_level)
+{
+    support::make_log_directory();
+    start_following({"--level", "ERROR"});
+    append(line_of("INFO", "one") + line_of("ERROR", "two"));
+    EXPECT_TRUE(has_followed(line_of("ERROR", "two")));
+    end_following();
+}
+
+TEST_F(tvkctl_log_test, follow_writes_json_line_by_line)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one"));
+    start_following({"--json"});
+    EXPECT_TRUE(
+        has_followed("{\"clock\":\"10:23:45.45000\",\"process\":1234,\"thread\":1236,\"level\":\"INFO\","
+                     "\"message\":\"one\"}\n"));
+    end_following();
+}
+
+TEST_F(tvkctl_log_test, follow_ends_with_the_directory)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one"));
+    start_following();
+    EXPECT_TRUE(has_followed(line_of("INFO", "one")));
+    append(line_of("INFO", "two"));
+    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
+    fs::remove_all(support::log_directory);
+    EXPECT_EQ(m_follower->wait_for_exit(kPatience), tarvik::exit_status::exited(50));
+    EXPECT_EQ(m_follower->standard_error(),
+              "tvkctl: /tmp/velnor/tvkintif is gone: logging was turned off. Turn it on with: tvkctl "
+              "log on.\n");
+}
+
+TEST_F(tvkctl_log_test, follow_ends_when_what_it_writes_to_is_full)
+{
+    support::make_log_directory();
+    append(line_of("INFO", "one"));
+    const tvkctl_result result = run_in_shell("exec \"$TVKCTL\" log follow >/dev/full");
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.err,
+              "tvkctl: standard output cannot be written. Look for a full disk or a closed reader.\n");
+}
+
+TEST_F(tvkctl_log_test, follow_without_directory_is_50)
+{
+    const tvkctl_result result = run({"log", "follow"});
+    EXPECT_EQ(result.status, 50);
+    EXPECT_EQ(result.out, "");
+}
+
+TEST_F(tvkctl_log_test, bad_options_are_usage_errors_on_one_line)
+{
+    const std::vector<std::vector<std::string>> all = {
+        {"log", "sideways"},
+        {"log", "on", "--level", "LOUD"},
+        {"log", "show", "--date", "yesterday"},
+        {"log", "on", "--for", "no such user"},
+        {"log", "off", "--level", "INFO"},
+        {"log", "on", "--purge"},
+        {"log", "--date", "2026-11-15"},
+        {"log", "show", "--for", "nobody"},
+    };
+    for (const auto& arguments : all) {
+        const tvkctl_result result = run(arguments);
+        EXPECT_EQ(result.status, 2) << arguments.back();
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+} // namespace
+
+} // namespace process_test

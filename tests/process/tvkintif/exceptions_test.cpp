@@ -1,0 +1,131 @@
+// Whatever reaches main as an exception ends the process with status 1, and the log says why.
+
+#include "process/tvkintif/program_test.h"
+
+namespace process_test {
+
+using exceptions = program_test;
+
+namespace {
+
+const lines memory_exhausted = {"ERROR std::bad_alloc", "INFO --- Leave int interface ---"};
+const lines only_left = {"INFO --- Leave int interface ---"};
+constexpr std::size_t kGibibyte = std::size_t{1} << 30U;
+
+} // namespace
+
+TEST_F(exceptions, dispatcher_that_cannot_be_made_is_told_as_port_minus_1)
+{
+    with_mishap("exhaust signal");
+    start_in_vain();
+    expect_end({1});
+    expect_log(memory_exhausted);
+}
+
+TEST_F(exceptions, settings_that_cannot_be_kept_are_told_as_port_minus_1)
+{
+    with_mishap("exhaust setlocale");
+    start_in_vain();
+    expect_end({1});
+}
+
+TEST_F(exceptions, port_that_cannot_be_told_is_told_as_minus_1_and_the_socket_closed)
+{
+    with_mishap("throw print no room for the port");
+    with_mishap("record sockets");
+    start_in_vain();
+    expect_end({1});
+    expect_log(lines{"ERROR no room for the port"} + only_left);
+    EXPECT_EQ(usb_lines_about("close").text(), lines({"close listening"}).text());
+}
+
+TEST_F(exceptions, exception_of_no_known_kind_at_the_start_leaves_no_error_line)
+{
+    with_mishap("throw_number print");
+    start_in_vain();
+    expect_end({1});
+    expect_log(only_left);
+}
+
+TEST_F(exceptions, exception_right_after_the_port_line_adds_the_line_with_minus_1)
+{
+    with_mishap("exhaust print");
+    start();
+    expect_end({1, std::to_string(port()) + "\n-1\n"});
+    expect_log(memory_exhausted);
+}
+
+TEST_F(exceptions, start_that_fails_without_logging_still_tells_minus_1)
+{
+    with_no_log_directory();
+    with_mishap("exhaust signal");
+    start_in_vain();
+    expect_end({1});
+}
+
+TEST_F(exceptions, recv_of_more_than_memory_holds_ends_the_process_without_a_reply)
+{
+    start_with_memory_for(kGibibyte);
+    open();
+    tell(recv_request(0xFFFFFFFF));
+    expect_end({1});
+    expect_log(announced + open_served() + request() + memory_exhausted);
+    expect_usb(usb_opened() + usb_closed());
+}
+
+TEST_F(exceptions, payload_of_more_than_memory_holds_ends_the_process_without_a_reply)
+{
+    start_with_memory_for(kGibibyte);
+    open();
+    tell(bare_header(1, 6, 0xFFFFFFFF));
+    expect_end({1});
+    expect_log(announced + open_served() + request() + memory_exhausted);
+    expect_usb(usb_opened() + usb_closed());
+}
+
+TEST_F(exceptions, wrong_id_does_not_keep_a_payload_from_being_read)
+{
+    start_with_memory_for(kGibibyte);
+    tell(bare_header(2, 6, 0xFFFFFFFF));
+    expect_end({1});
+    expect_log(announced + request() + memory_exhausted);
+}
+
+TEST_F(exceptions, exception_in_the_loop_is_logged_after_the_device_was_closed)
+{
+    with_bus("device scanner 1a2b:3c4d\nthrow release_interface 1 the bus is gone\n");
+    start_connected();
+    open();
+    close();
+    expect_end({1});
+    expect_log(announced + open_served() + request() +
+               lines{"INFO enter close", "ERROR the bus is gone", "INFO --- Leave int interface ---"});
+    expect_usb(usb_opened() +
+               lines{"plugin_good dtor", "plugin_good unloaded", "release_interface scanner 0 -> throws",
+                     "release_interface scanner 0 -> 0", "close scanner", "exit", "end of process"});
+}
+
+TEST_F(exceptions, exception_of_no_known_kind_in_the_loop_leaves_no_error_line)
+{
+    with_bus("device scanner 1a2b:3c4d\nthrow_number release_interface 1\n");
+    start_connected();
+    open();
+    close();
+    expect_end({1});
+    expect_log(announced + open_served() + request() + lines{"INFO enter close"} + only_left);
+}
+
+TEST_F(exceptions, plugin_sees_an_exception_in_a_transfer_as_a_transfer_of_nothing)
+{
+    with_bus("device scanner 1a2b:3c4d\nthrow bulk_transfer 1 out of memory\n");
+    start_connected();
+    open();
+    tell(recv_request(5));
+    expect_reply(ng_reply());
+    tell(recv_request(5));
+    expect_reply(ok_reply(device_bytes(5)));
+    close();
+    expect_end();
+}
+
+} // namespace process_test

@@ -1,0 +1,1081 @@
+#include "common/log/logger.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "support/clock_seam.h"
+#include "support/log_reader.h"
+#include "support/open_log.h"
+#include "support/private_paths.h"
+#include "support/wait_until.h"
+#include "unit/common/log_calls.h"
+#include "unit/tvkintif/allocation_seam.h"
+
+using vl::common::log::ESeveryLevel;
+using vl::common::log::init_log;
+using vl::common::log::log_mtx;
+using vl::common::log::logConfigure;
+using vl::common::log::Logger;
+
+namespace fs = std::filesystem;
+namespace log_calls = unit::log_calls;
+
+namespace {
+
+constexpr std::chrono::seconds kDeadline{10};
+constexpr auto kInfo = ESeveryLevel::info;
+
+static_assert(std::is_polymorphic_v<Logger> && std::has_virtual_destructor_v<Logger>);
+static_assert(!std::is_copy_constructible_v<Logger> && !std::is_copy_assignable_v<Logger>);
+
+std::time_t utc(int year, int month, int day, int hour, int minute, int second)
+{
+    std::tm date = {};
+    date.tm_year = year - 1900;
+    date.tm_mon = month - 1;
+    date.tm_mday = day;
+    date.tm_hour = hour;
+    date.tm_min = minute;
+    date.tm_sec = second;
+    return timegm(&date);
+}
+
+void set_time_zone(const char* zone)
+{
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+/// The header up to the level, as it must stand in the log at 10:23:45.
+std::string header(const std::string& level_name, const std::string& clock = "10:23:45.45000")
+{
+    return "[" + clock + "][" + std::to_string(getpid()) + "](" + std::to_string(syscall(SYS_gettid)) + ")[" +
+           level_name + "]";
+}
+
+std::string file_name(const std::string& date = "20261115")
+{
+    return support::log_directory + "/unit_logger_" + date + ".log";
+}
+
+std::string content(const fs::path& path)
+{
+    std::ostringstream all;
+    all << std::ifstream(path, std::ios::binary).rdbuf();
+    return all.str();
+}
+
+void read_settings_anew(const std::string& program_name = "tvkintif")
+{
+    logConfigure::instance_ = logConfigure();
+    init_log(nullptr, program_name, "setting.ini");
+}
+
+void open_log_with(const std::string& settings)
+{
+    support::make_log_directory();
+    std::ofstream(support::log_directory + "/setting.ini", std::ios::binary) << settings;
+    read_settings_anew();
+}
+
+/// What happens to the files of a directory, as "create", "open" and "close", while one lives.
+class directory_watch {
+public:
+    explicit directory_watch(const std::string& directory) : m_queue(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        constexpr std::uint32_t kEvents = IN_CREATE | IN_OPEN | IN_CLOSE | IN_ATTRIB | IN_DELETE;
+        if (m_queue < 0 || inotify_add_watch(m_queue, directory.c_str(), kEvents) < 0)
+            m_problem = std::strerror(errno);
+    }
+    directory_watch(const directory_watch&) = delete;
+    directory_watch& operator=(const directory_watch&) = delete;
+    ~directory_watch() { close(m_queue); }
+
+    /// Why nothing can be watched; empty when all is well.
+    const std::string& problem() const { return m_problem; }
+
+    std::vector<std::string> events()
+    {
+        std::vector<std::string> names;
+        alignas(inotify_event) std::array<char, 4096> buffer{};
+        for (ssize_t length; (length = read(m_queue, buffer.data(), buffer.size())) > 0;)
+            for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+                inotify_event event = {};
+                std::memcpy(&event, buffer.data() + at, sizeof event);
+                names.emplace_back(name_of(event.mask));
+                at += sizeof event + event.len;
+            }
+        return names;
+    }
+
+private:
+    static const char* name_of(std::uint32_t mask)
+    {
+        if ((mask & IN_CREATE) != 0)
+            return "create";
+        if ((mask & IN_OPEN) != 0)
+            return "open";
+        return (mask & IN_CLOSE) != 0 ? "close" : "other";
+    }
+
+    int m_queue;
+    std::string m_problem;
+};
+
+/// Descriptors of this process on `path`.
+std::vector<int> descriptors_on(const std::string& path)
+{
+    std::vector<int> found;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code vanished;
+        if (fs::read_symlink(entry.path(), vanished) == path)
+            found.push_back(std::stoi(entry.path().filename().string()));
+    }
+    return found;
+}
+
+/// A log file that can be held open as long as a test likes: a pipe that is full.
+class full_pipe {
+public:
+    explicit full_pipe(const std::string& path)
+    {
+        mkfifo(path.c_str(), 0600);
+        m_end = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        const std::array<char, 4096> filling{};
+        while (write(m_end, filling.data(), filling.size()) > 0) {
+        }
+    }
+    full_pipe(const full_pipe&) = delete;
+    full_pipe& operator=(const full_pipe&) = delete;
+    ~full_pipe() { close(m_end); }
+
+    int end() const { return m_end; }
+    void drain()
+    {
+        std::array<char, 4096> rest{};
+        while (read(m_end, rest.data(), rest.size()) > 0) {
+        }
+    }
+
+private:
+    int m_end;
+};
+
+/// What stands between the occurrences of `separator`, the first of which begins the text.
+std::multiset<std::string> pieces(const std::string& text, const std::string& separator)
+{
+    std::multiset<std::string> found;
+    for (std::size_t start = text.find(separator); start != std::string::npos;) {
+        const std::size_t next = text.find(separator, start + separator.size());
+        const std::size_t first = start + separator.size();
+        found.insert(text.substr(first, next == std::string::npos ? next : next - first));
+        start = next;
+    }
+    return found;
+}
+
+/// Whether another thread could take the lock now.
+bool is_log_unlocked()
+{
+    return std::async(std::launch::async,
+                      [] {
+                          const std::unique_lock<std::mutex> attempt(log_mtx, std::try_to_lock);
+                          return attempt.owns_lock();
+                      })
+        .get();
+}
+
+/// Calls the member that takes the arguments as a list.
+__attribute__((format(printf, 2, 3))) void put_list(Logger& record, const char* format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    record.put(format, arguments);
+    va_end(arguments);
+}
+
+/// Counts how often a stream is asked to show it.
+struct shown_value {
+    int* times_shown;
+};
+
+std::ostream& operator<<(std::ostream& stream, const shown_value& value)
+{
+    ++*value.times_shown;
+    return stream << "shown";
+}
+
+/// 10:23:45 on 15 November 2026, in a time zone without offset.
+class logger_test : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        SUPPORT_REQUIRE_PRIVATE_PATHS();
+        set_time_zone("UTC0");
+        support::set_time(utc(2026, 11, 15, 10, 23, 45));
+        support::open_log(1);
+        log_calls::reset();
+    }
+
+    void TearDown() override
+    {
+        log_calls::reset();
+        support::set_time(std::nullopt);
+        std::setlocale(LC_ALL, "C");
+        if (support::have_private_paths())
+            support::close_log();
+    }
+};
+
+} // namespace
+
+// The line
+
+TEST_F(logger_test, line_is_clock_process_thread_level_and_message)
+{
+    Logger("main", 93, kInfo)("End Run");
+    EXPECT_EQ(support::raw_log(), header("INFO") + "End Run\n");
+}
+
+TEST_F(logger_test, verbose_line_has_source_and_line_before_the_message)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    Logger("main", 93, kInfo)("End Run");
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(support::raw_log(), header("INFO") + "main(93) End Run\n");
+}
+
+TEST_F(logger_test, verbose_line_is_copied_to_standard_error_letter_for_letter)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    Logger("main", 93, kInfo)("End Run");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), header("INFO") + "main(93) End Run\n");
+}
+
+TEST_F(logger_test, line_that_is_not_verbose_is_not_copied_to_standard_error)
+{
+    testing::internal::CaptureStderr();
+    Logger("main", 93, kInfo)("End Run");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(logger_test, verbose_copy_shows_percent_signs_of_the_message_as_they_are)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    Logger("main", 1, kInfo)("%s", "100 %s %n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), header("INFO") + "main(1) 100 %s %n\n");
+}
+
+TEST_F(logger_test, thread_id_is_that_of_the_thread_that_logs)
+{
+    long thread_id = 0;
+    std::thread([&] {
+        thread_id = syscall(SYS_gettid);
+        Logger("main", 1, kInfo)("from a thread");
+    }).join();
+    EXPECT_EQ(support::log_lines().at(0).thread, std::to_string(thread_id));
+}
+
+TEST_F(logger_test, null_source_name_leaves_source_and_line_out)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    Logger(nullptr, 93, kInfo)("End Run");
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(support::raw_log(), header("INFO") + "End Run\n");
+}
+
+TEST_F(logger_test, source_name_is_not_shortened)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    Logger("src/some/main.cpp", -1, kInfo)("End Run");
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(support::raw_log(), header("INFO") + "src/some/main.cpp(-1) End Run\n");
+}
+
+struct clock_case {
+    int hour;
+    int minute;
+    int second;
+    const char* text;
+};
+
+class clock_field : public logger_test, public testing::WithParamInterface<clock_case> {};
+
+TEST_P(clock_field, shows_the_second_times_a_thousand_after_the_point)
+{
+    const clock_case& when = GetParam();
+    support::set_time(utc(2026, 11, 15, when.hour, when.minute, when.second));
+    Logger("main", 1, kInfo)("now");
+    EXPECT_EQ(support::raw_log(), header("INFO", when.text) + "now\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    logger_test, clock_field,
+    testing::Values(clock_case{8, 0, 0, "08:00:00.0000"}, clock_case{8, 0, 5, "08:00:05.5000"},
+                    clock_case{8, 0, 9, "08:00:09.9000"}, clock_case{8, 0, 10, "08:00:10.10000"},
+                    clock_case{10, 23, 45, "10:23:45.45000"}, clock_case{8, 0, 59, "08:00:59.59000"},
+                    clock_case{0, 0, 0, "00:00:00.0000"}, clock_case{23, 59, 59, "23:59:59.59000"}),
+    [](const auto& test) {
+        std::string name = test.param.text;
+        for (char& c : name)
+            c = c == ':' || c == '.' ? '_' : c;
+        return "at_" + name;
+    });
+
+TEST_F(logger_test, clock_is_local_time)
+{
+    set_time_zone("AHEAD-3");
+    Logger("main", 1, kInfo)("now");
+    EXPECT_EQ(support::raw_log(), header("INFO", "13:23:45.45000") + "now\n");
+}
+
+struct level_case {
+    int level;
+    const char* name;
+};
+
+class level_name : public logger_test, public testing::WithParamInterface<level_case> {};
+
+TEST_P(level_name, stands_in_brackets_before_the_message)
+{
+    open_log_with("loglevel=-5"); // everything, also what is below TRACE
+    testing::internal::CaptureStderr();
+    Logger(nullptr, 1, static_cast<ESeveryLevel>(GetParam().level))("text");
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(support::raw_log(), header(GetParam().name) + "text\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(logger_test, level_name,
+                         testing::Values(level_case{0, "TRACE"}, level_case{1, "INFO"},
+                                         level_case{2, "WARNING"}, level_case{3, "ERROR"},
+                                         level_case{4, "FATAL"}, level_case{5, ""}, level_case{7, ""},
+                                         level_case{-1, ""}),
+                         [](const auto& test) {
+                             const int level = test.param.level;
+                             return level < 0 ? "minus_" + std::to_string(-level) : std::to_string(level);
+                         });
+
+TEST_F(logger_test, header_is_that_of_the_construction_and_not_of_the_write)
+{
+    Logger record("main", 1, kInfo);
+    support::set_time(utc(2026, 11, 15, 10, 23, 46));
+    record("later");
+    EXPECT_EQ(support::raw_log(), header("INFO") + "later");
+}
+
+// The message
+
+TEST_F(logger_test, message_is_formatted_with_its_arguments)
+{
+    Logger("main", 1, kInfo)("transferred %zd bytes, %s, %c%%", static_cast<ssize_t>(-1), "text", 'x');
+    EXPECT_EQ(support::raw_log(), header("INFO") + "transferred -1 bytes, text, x%\n");
+}
+
+struct length_case {
+    std::size_t length;
+    std::size_t written;
+};
+
+class message_length : public logger_test, public testing::WithParamInterface<length_case> {};
+
+TEST_P(message_length, is_cut_after_1023_characters)
+{
+    const std::string message(GetParam().length, 'm');
+    Logger("main", 1, kInfo)("%s", message.c_str());
+    EXPECT_EQ(support::raw_log(), header("INFO") + std::string(GetParam().written, 'm') + "\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(logger_test, message_length,
+                         testing::Values(length_case{0, 0}, length_case{1022, 1022}, length_case{1023, 1023},
+                                         length_case{1024, 1023}, length_case{2000, 1023}),
+                         [](const auto& test) { return "of_" + std::to_string(test.param.length); });
+
+TEST_F(logger_test, message_given_as_a_list_is_formatted_and_cut_alike)
+{
+    {
+        Logger record("main", 1, kInfo);
+        put_list(record, "%s%d", std::string(1022, 'm').c_str(), 42);
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + std::string(1022, 'm') + "4\n");
+}
+
+TEST_F(logger_test, text_of_put_is_written_uncut_and_unformatted)
+{
+    const std::string text = std::string(2000, 'm') + "%d";
+    {
+        Logger record("main", 1, kInfo);
+        record.put(text.c_str());
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + text + "\n");
+}
+
+TEST_F(logger_test, message_that_cannot_be_formatted_is_never_written_half)
+{
+    // The numeric locale of this process has no such character, so the formatting fails in the middle.
+    Logger("main", 1, kInfo)("before %lc after", static_cast<std::wint_t>(0x20AC));
+    EXPECT_EQ(support::raw_log(), header("INFO") + "\n");
+}
+
+TEST_F(logger_test, null_text_writes_the_header_alone)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record.put(static_cast<const char*>(nullptr));
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "\n");
+}
+
+TEST_F(logger_test, null_text_copies_the_header_alone_to_standard_error)
+{
+    support::open_log(0);
+    testing::internal::CaptureStderr();
+    {
+        Logger record("main", 1, kInfo);
+        record.put(static_cast<const char*>(nullptr));
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), header("INFO") + "main(1) \n");
+}
+
+TEST_F(logger_test, streamed_text_is_the_message)
+{
+    Logger("main", 1, kInfo) << "text with 100 %d";
+    EXPECT_EQ(support::raw_log(), header("INFO") + "text with 100 %d\n");
+}
+
+TEST_F(logger_test, streamed_null_writes_an_empty_message)
+{
+    Logger("main", 1, kInfo) << static_cast<const char*>(nullptr);
+    EXPECT_EQ(support::raw_log(), header("INFO") + "\n");
+}
+
+TEST_F(logger_test, streaming_gives_the_record_back)
+{
+    Logger record("main", 1, kInfo);
+    EXPECT_EQ(&(record << "text"), &record);
+}
+
+TEST_F(logger_test, second_message_of_a_record_follows_on_the_same_line_without_a_header)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record("one, ");
+        record("two");
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "one, two\n");
+}
+
+TEST_F(logger_test, record_without_a_message_writes_nothing)
+{
+    {
+        const Logger record("main", 1, kInfo);
+    }
+    EXPECT_FALSE(fs::exists(file_name()));
+}
+
+TEST_F(logger_test, newline_is_written_by_the_end_of_the_record)
+{
+    Logger record("main", 1, kInfo);
+    record("text");
+    EXPECT_EQ(support::raw_log(), header("INFO") + "text");
+}
+
+TEST_F(logger_test, line_of_another_record_can_fall_between_a_message_and_its_newline)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record("one");
+        Logger("main", 1, kInfo)("two");
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "one" + header("INFO") + "two\n\n");
+}
+
+TEST_F(logger_test, another_header_ends_the_line_and_starts_the_next)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record("one");
+        record.add_header(false);
+        record("two");
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "one\n" + header("INFO") + "two\n");
+}
+
+TEST_F(logger_test, short_header_ends_after_the_thread_id)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record("one");
+        record.add_header(true);
+        record("two");
+    }
+    const std::string full = header("INFO");
+    const std::string cut = full.substr(0, full.size() - std::strlen("[INFO]"));
+    EXPECT_EQ(support::raw_log(), full + "one\n" + cut + "two\n");
+}
+
+TEST_F(logger_test, hex_dump_has_two_upper_case_digits_and_a_blank_for_each_byte)
+{
+    std::array<char, 2> data = {'\x01', '\xAB'};
+    Logger("main", 1, kInfo).Dumpbin(data.data(), data.size());
+    EXPECT_EQ(support::raw_log(), header("INFO") + "01 AB \n");
+}
+
+TEST_F(logger_test, hex_dump_is_one_line_however_long)
+{
+    std::vector<char> data(2000, '\xFF');
+    Logger("main", 1, kInfo).Dumpbin(data.data(), 2000);
+    std::string expected;
+    for (int i = 0; i < 2000; ++i)
+        expected += "FF ";
+    EXPECT_EQ(support::raw_log(), header("INFO") + expected + "\n");
+}
+
+TEST_F(logger_test, hex_dump_of_nothing_is_an_empty_message)
+{
+    Logger("main", 1, kInfo).Dumpbin(nullptr, 0);
+    EXPECT_EQ(support::raw_log(), header("INFO") + "\n");
+}
+
+TEST_F(logger_test, hex_dump_of_a_disabled_level_writes_nothing)
+{
+    std::array<char, 1> data = {'\x01'};
+    Logger("main", 1, ESeveryLevel::trace).Dumpbin(data.data(), data.size());
+    EXPECT_FALSE(fs::exists(file_name()));
+}
+
+// The file
+
+TEST_F(logger_test, file_is_opened_and_closed_once_for_the_message_and_once_for_the_newline)
+{
+    directory_watch watch(support::log_directory);
+    ASSERT_EQ(watch.problem(), "");
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(watch.events(), (std::vector<std::string>{"create", "open", "close", "open", "close"}));
+}
+
+TEST_F(logger_test, file_is_not_open_between_message_and_newline)
+{
+    Logger record("main", 1, kInfo);
+    record("text");
+    EXPECT_EQ(descriptors_on(file_name()), std::vector<int>());
+}
+
+TEST_F(logger_test, lines_are_appended_to_what_the_file_holds)
+{
+    std::ofstream(file_name()) << "earlier\n";
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(content(file_name()), "earlier\n" + header("INFO") + "text\n");
+}
+
+TEST_F(logger_test, file_is_close_on_exec)
+{
+    full_pipe pipe(file_name());
+    auto writing = std::async(std::launch::async, [] { Logger("main", 1, kInfo)("text"); });
+    std::optional<int> log_descriptor;
+    const bool is_open = support::wait_until(kDeadline, [&] {
+        for (const int descriptor : descriptors_on(file_name()))
+            if (descriptor != pipe.end())
+                log_descriptor = descriptor;
+        return log_descriptor.has_value();
+    });
+    const int flags = is_open ? fcntl(*log_descriptor, F_GETFD) : 0;
+    support::wait_until(kDeadline, [&] {
+        pipe.drain();
+        return writing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    ASSERT_TRUE(is_open) << "the log file was never seen open";
+    EXPECT_EQ(flags & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(logger_test, newline_goes_into_the_next_days_file_when_midnight_falls_between)
+{
+    support::set_time(utc(2026, 11, 15, 23, 59, 59));
+    {
+        Logger record("main", 1, kInfo);
+        record("late");
+        support::set_time(utc(2026, 11, 16, 0, 0, 0));
+    }
+    EXPECT_EQ(content(file_name("20261115")), header("INFO", "23:59:59.59000") + "late");
+    EXPECT_EQ(content(file_name("20261116")), "\n");
+}
+
+TEST_F(logger_test, date_in_the_file_name_is_local)
+{
+    set_time_zone("AHEAD-14");
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), file_name("20261116"));
+}
+
+TEST_F(logger_test, date_in_the_file_name_has_leading_zeros)
+{
+    support::set_time(utc(2027, 1, 2, 0, 0, 0));
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), file_name("20270102"));
+}
+
+TEST_F(logger_test, file_that_cannot_be_opened_drops_the_line_and_its_copy)
+{
+    support::open_log(0);
+    fs::remove_all(support::log_directory);
+    testing::internal::CaptureStderr();
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+TEST_F(logger_test, file_that_cannot_be_opened_leaves_the_header_pending)
+{
+    {
+        Logger record("main", 1, kInfo);
+        fs::remove_all(support::log_directory);
+        record("lost");
+        fs::create_directory(support::log_directory);
+        record("kept");
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "kept\n");
+}
+
+TEST_F(logger_test, file_that_cannot_be_opened_leaves_no_newline_due)
+{
+    {
+        Logger record("main", 1, kInfo);
+        fs::remove_all(support::log_directory);
+        record("lost");
+        fs::create_directory(support::log_directory);
+    }
+    EXPECT_FALSE(fs::exists(file_name()));
+}
+
+TEST_F(logger_test, line_that_the_disk_has_no_room_for_is_still_copied_to_standard_error)
+{
+    support::open_log(0);
+    fs::create_symlink("/dev/full", file_name());
+    testing::internal::CaptureStderr();
+    EXPECT_NO_THROW(Logger("main", 1, kInfo)("text"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), header("INFO") + "main(1) text\n");
+}
+
+// A disabled level
+
+TEST_F(logger_test, disabled_level_touches_no_file)
+{
+    directory_watch watch(support::log_directory);
+    ASSERT_EQ(watch.problem(), "");
+    Logger("main", 1, ESeveryLevel::trace)("text %d", 1);
+    Logger("main", 1, ESeveryLevel::trace) << "text";
+    EXPECT_EQ(watch.events(), std::vector<std::string>());
+}
+
+TEST_F(logger_test, disabled_level_ignores_a_text_that_is_put_directly)
+{
+    Logger record("main", 1, ESeveryLevel::trace);
+    record.put("text");
+    put_list(record, "%d", 1);
+    EXPECT_FALSE(fs::exists(file_name()));
+}
+
+TEST_F(logger_test, disabled_level_allocates_nothing)
+{
+    const std::size_t before = unit::allocation_count();
+    Logger("main", 1, ESeveryLevel::trace)("text %d, long enough for any small-string buffer", 1);
+    EXPECT_EQ(unit::allocation_count(), before);
+}
+
+TEST_F(logger_test, logging_without_settings_allocates_nothing)
+{
+    support::close_log();
+    const std::size_t before = unit::allocation_count();
+    Logger("main", 1, ESeveryLevel::fatal)("text %d, long enough for any small-string buffer", 1);
+    EXPECT_EQ(unit::allocation_count(), before);
+}
+
+TEST_F(logger_test, logging_with_settings_that_name_no_level_allocates_nothing)
+{
+    open_log_with("a_key_too_long_for_any_small_string_buffer=1\n");
+    const std::size_t before = unit::allocation_count();
+    Logger("main", 1, ESeveryLevel::fatal)("text %d, long enough for any small-string buffer", 1);
+    EXPECT_EQ(unit::allocation_count(), before);
+}
+
+TEST_F(logger_test, enabled_level_shows_in_the_counts_that_a_disabled_one_is_judged_by)
+{
+    const std::size_t before = unit::allocation_count();
+    Logger("main", 1, kInfo)("text %d", 1);
+    EXPECT_GT(unit::allocation_count(), before);
+    EXPECT_GT(log_calls::clock_count(), 0);
+    EXPECT_EQ(log_calls::format_count(), 1);
+}
+
+TEST_F(logger_test, disabled_level_does_not_look_at_the_clock)
+{
+    Logger("main", 1, ESeveryLevel::trace)("text %d", 1);
+    EXPECT_EQ(log_calls::clock_count(), 0);
+}
+
+TEST_F(logger_test, disabled_level_formats_nothing)
+{
+    Logger("main", 1, ESeveryLevel::trace)("text %d", 1);
+    EXPECT_EQ(log_calls::format_count(), 0);
+}
+
+TEST_F(logger_test, disabled_level_does_not_ask_a_streamed_value_for_its_text)
+{
+    int times_shown = 0;
+    Logger("main", 1, ESeveryLevel::trace) << shown_value{&times_shown};
+    EXPECT_EQ(times_shown, 0);
+}
+
+TEST_F(logger_test, disabled_level_does_not_take_the_lock)
+{
+    std::unique_lock<std::mutex> lock(log_mtx);
+    auto logging = std::async(std::launch::async, [] { Logger("main", 1, ESeveryLevel::trace)("text"); });
+    EXPECT_EQ(logging.wait_for(kDeadline), std::future_status::ready);
+    lock.unlock();
+}
+
+// Threads
+
+TEST_F(logger_test, header_is_built_without_the_lock_and_each_write_holds_it)
+{
+    std::vector<bool> unlocked;
+    log_calls::before_localtime([&] { unlocked.push_back(is_log_unlocked()); });
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(unlocked, (std::vector<bool>{true, false, false}));
+}
+
+TEST_F(logger_test, lock_is_free_again_after_a_write)
+{
+    Logger record("main", 1, kInfo);
+    record("text");
+    EXPECT_TRUE(is_log_unlocked());
+}
+
+TEST_F(logger_test, lock_is_free_again_after_a_file_that_could_not_be_opened)
+{
+    fs::remove_all(support::log_directory);
+    Logger record("main", 1, kInfo);
+    record("text");
+    EXPECT_TRUE(is_log_unlocked());
+}
+
+TEST_F(logger_test, settings_are_read_under_the_lock)
+{
+    std::vector<bool> unlocked;
+    log_calls::before_setlocale([&] { unlocked.push_back(is_log_unlocked()); });
+    read_settings_anew();
+    EXPECT_EQ(unlocked, (std::vector<bool>{false, false}));
+}
+
+TEST_F(logger_test, lines_of_two_threads_stay_whole)
+{
+    constexpr int kLines = 200;
+    const auto text = [](int i) { return "line " + std::to_string(i) + " of " + std::string(300, 'x'); };
+    std::multiset<std::string> lines_from_threads;
+    const auto write_lines = [&] {
+        for (int i = 0; i < kLines; ++i)
+            Logger("main", 1, kInfo)("%s", text(i).c_str());
+    };
+    long other_thread = 0;
+    std::thread other([&] {
+        other_thread = syscall(SYS_gettid);
+        write_lines();
+    });
+    write_lines();
+    other.join();
+    for (const long thread : {other_thread, syscall(SYS_gettid)})
+        for (int i = 0; i < kLines; ++i)
+            lines_from_threads.insert("[" + std::to_string(getpid()) + "](" + std::to_string(thread) +
+                                      ")[INFO]" + text(i));
+    const std::string log = support::raw_log();
+    std::string written = log;
+    written.erase(std::remove(written.begin(), written.end(), '\n'), written.end());
+    EXPECT_EQ(pieces(written, "[10:23:45.45000]"), lines_from_threads);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2 * kLines);
+}
+
+// The settings
+
+namespace {
+
+constexpr int kNothing = 1000; ///< lowest enabled level where none is
+
+/// The lowest of the levels from -2 to 6 that is enabled.
+int lowest_enabled_level()
+{
+    for (int level = -2; level <= 6; ++level)
+        if (logConfigure::instance_.is_enabled(static_cast<ESeveryLevel>(level)))
+            return level;
+    return kNothing;
+}
+
+struct settings_case {
+    const char* name;
+    std::string settings;
+    int lowest;
+};
+
+} // namespace
+
+class settings_file : public logger_test, public testing::WithParamInterface<settings_case> {};
+
+TEST_P(settings_file, fixes_the_lowest_level_that_is_written)
+{
+    open_log_with(GetParam().settings);
+    EXPECT_EQ(lowest_enabled_level(), GetParam().lowest);
+}
+
+TEST_P(settings_file, makes_lines_verbose_exactly_when_trace_is_written)
+{
+    open_log_with(GetParam().settings);
+    EXPECT_EQ(logConfigure::instance_.is_verbose(), GetParam().lowest <= 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    logger_test, settings_file,
+    testing::Values(
+        settings_case{"trace", "loglevel=0\n", 0}, settings_case{"info", "loglevel=1\n", 1},
+        settings_case{"warning", "loglevel=2\n", 2}, settings_case{"error", "loglevel=3\n", 3},
+        settings_case{"fatal", "loglevel=4\n", 4}, settings_case{"none_at_5", "loglevel=5\n", 5},
+        settings_case{"mixed_case_and_blanks", "  LogLevel \t=\t 0  \n", 0},
+        settings_case{"other_white_space", "\v\floglevel\r=\v2\f\n", 2},
+        settings_case{"first_of_two_lines_wins", "loglevel=3\nloglevel=0\n", 3},
+        settings_case{"first_wins_whatever_its_case", "LOGLEVEL=3\nloglevel=0\n", 3},
+        settings_case{"empty_value_alone", "loglevel=\n", kNothing},
+        settings_case{"blank_value_alone", "loglevel= \t \n", kNothing},
+        settings_case{"empty_value_is_skipped", "loglevel=\nloglevel=2\n", 2},
+        settings_case{"digits_then_letters", "loglevel=2abc\n", 2},
+        settings_case{"letters", "loglevel=abc\n", 0},
+        settings_case{"letters_then_digits", "loglevel=a2\n", 0},
+        settings_case{"plus_sign", "loglevel=+3\n", 3}, settings_case{"negative", "loglevel=-1\n", -1},
+        settings_case{"base_10_with_leading_zero", "loglevel=02\n", 2},
+        settings_case{"not_hexadecimal", "loglevel=0x3\n", 0},
+        settings_case{"later_equals_sign_is_value", "loglevel=2=0\n", 2},
+        settings_case{"value_beginning_with_equals", "loglevel==2\n", 0},
+        settings_case{"carriage_returns", "loglevel=2\r\n", 2},
+        settings_case{"carriage_return_is_no_line_end", "other=1\rloglevel=2\n", kNothing},
+        settings_case{"no_newline_at_the_end", "loglevel=2", 2}, settings_case{"empty_file", "", kNothing},
+        settings_case{"no_such_key", "level=0\nlog=0\n", kNothing},
+        settings_case{"key_with_a_blank_inside", "log level=0\n", kNothing},
+        settings_case{"key_without_equals_sign", "loglevel\n", kNothing},
+        settings_case{"key_without_equals_sign_is_skipped", "loglevel 0\nloglevel=2\n", 2},
+        settings_case{"empty_key", "=0\n", kNothing},
+        settings_case{"section_line_is_skipped", "[log]\nloglevel=2\n", 2},
+        settings_case{"hash_is_part_of_the_key", "#loglevel=0\n", kNothing},
+        settings_case{"semicolon_is_part_of_the_key", ";loglevel=0\nloglevel=2\n", 2},
+        settings_case{"other_keys_are_ignored", "verbose=1\nLOG=0\nloglevel=2\nlast=0\n", 2},
+        settings_case{"too_large_for_any_integer", "loglevel=99999999999999999999999\n", kNothing},
+        settings_case{"too_small_for_any_integer", "loglevel=-99999999999999999999999\n", -2}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(logger_test, directory_without_a_settings_file_means_info)
+{
+    support::open_log();
+    EXPECT_EQ(lowest_enabled_level(), 1);
+}
+
+TEST_F(logger_test, directory_without_a_settings_file_is_not_verbose)
+{
+    support::open_log();
+    EXPECT_FALSE(logConfigure::instance_.is_verbose());
+}
+
+TEST_F(logger_test, missing_directory_disables_every_level)
+{
+    support::close_log();
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_F(logger_test, missing_directory_is_silent_and_stays_missing)
+{
+    support::close_log();
+    testing::internal::CaptureStderr();
+    Logger("main", 1, ESeveryLevel::fatal)("text");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_FALSE(fs::exists(support::log_directory));
+}
+
+TEST_F(logger_test, file_in_place_of_the_directory_disables_every_level)
+{
+    support::close_log();
+    std::ofstream(support::log_directory) << "no directory\n";
+    read_settings_anew();
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+    fs::remove(support::log_directory);
+}
+
+TEST_F(logger_test, settings_path_without_a_slash_and_without_a_file_disables_every_level)
+{
+    logConfigure settings;
+    settings.set_config_file("no-such-file.ini");
+    EXPECT_FALSE(settings.is_enabled(ESeveryLevel::fatal));
+}
+
+TEST_F(logger_test, nothing_is_enabled_before_the_settings_are_read)
+{
+    logConfigure::instance_ = logConfigure();
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_F(logger_test, record_made_before_the_settings_are_read_is_dropped)
+{
+    logConfigure::instance_ = logConfigure();
+    Logger("main", 1, ESeveryLevel::fatal)("early");
+    init_log(nullptr, "tvkintif", "setting.ini");
+    EXPECT_EQ(support::raw_log(), "");
+}
+
+TEST_F(logger_test, absent_level_is_looked_up_again)
+{
+    logConfigure settings;
+    ASSERT_FALSE(settings.is_enabled(kInfo));
+    settings.set_config_file(support::log_directory + "/setting.ini");
+    EXPECT_TRUE(settings.is_enabled(kInfo));
+}
+
+TEST_F(logger_test, level_is_never_computed_again_once_known)
+{
+    logConfigure settings;
+    settings.set_config_file(support::log_directory + "/setting.ini"); // level INFO
+    std::ofstream(support::log_directory + "/other.ini") << "loglevel=0\n";
+    settings.set_config_file(support::log_directory + "/other.ini");
+    EXPECT_FALSE(settings.is_enabled(ESeveryLevel::trace));
+    EXPECT_FALSE(settings.is_verbose());
+}
+
+TEST_F(logger_test, level_survives_settings_that_have_none)
+{
+    logConfigure settings;
+    settings.set_config_file(support::log_directory + "/setting.ini");
+    settings.set_config_file("/nowhere/setting.ini");
+    EXPECT_TRUE(settings.is_enabled(kInfo));
+}
+
+TEST_F(logger_test, level_is_parsed_once)
+{
+    read_settings_anew();
+    lowest_enabled_level();
+    EXPECT_EQ(log_calls::locale_calls().size(), 2U);
+}
+
+TEST_F(logger_test, second_locale_call_is_given_what_the_first_one_returned)
+{
+    static std::array<char, 8> answer = {"anybody"};
+    log_calls::set_locale_answer(answer.data());
+    read_settings_anew();
+    const auto& calls = log_calls::locale_calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[0].category, LC_NUMERIC);
+    EXPECT_STREQ(calls[0].locale, "en-US");
+    EXPECT_EQ(calls[1].category, LC_NUMERIC);
+    EXPECT_EQ(calls[1].locale, answer.data());
+}
+
+TEST_F(logger_test, second_locale_call_is_given_null_when_the_first_one_failed)
+{
+    log_calls::set_locale_answer(nullptr);
+    read_settings_anew();
+    const auto& calls = log_calls::locale_calls();
+    ASSERT_EQ(calls.size(), 2U);
+    EXPECT_EQ(calls[1].locale, nullptr);
+}
+
+// The name of the file
+
+TEST_F(logger_test, file_is_named_after_the_program_file_and_the_date)
+{
+    const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
+    EXPECT_EQ(logConfigure::instance_.output_logfile(),
+              support::log_directory + "/" + program + "_20261115.log");
+}
+
+struct link_case {
+    const char* name;
+    std::optional<std::string> link;
+    std::string base_name;
+};
+
+class program_link : public logger_test, public testing::WithParamInterface<link_case> {};
+
+TEST_P(program_link, gives_the_stem_of_the_log_file)
+{
+    log_calls::set_link(GetParam().link);
+    read_settings_anew();
+    EXPECT_EQ(logConfigure::instance_.output_logfile(),
+              support::log_directory + "/" + GetParam().base_name + "_20261115.log");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    logger_test, program_link,
+    testing::Values(link_case{"plain", "/usr/bin/prog", "prog"},
+                    link_case{"cut_at_the_last_dot", "/usr/bin/prog.old.bin", "prog.old"},
+                    link_case{"dot_in_a_directory", "/usr/v1.2/prog", "prog"},
+                    link_case{"nothing_before_the_dot", "/usr/bin/.prog", ""},
+                    link_case{"no_slash", "prog", "prog"}, link_case{"empty", "", ""},
+                    link_case{"unreadable", std::nullopt, ""},
+                    link_case{"of_259_bytes", "/" + std::string(256, 'd') + "/p", "p"},
+                    link_case{"of_260_bytes", "/" + std::string(256, 'd') + "/pq", "p"},
+                    link_case{"of_1000_bytes", "/" + std::string(256, 'd') + "/p" + std::string(741, 'q'),
+                              "p"}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(logger_test, empty_program_name_puts_the_log_into_the_log_root_itself)
+{
+    read_settings_anew("");
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), support::log_root + "/unit_logger_20261115.log");
+}
+
+TEST_F(logger_test, empty_program_name_takes_the_settings_from_the_log_root_itself)
+{
+    std::ofstream(support::log_root + "/setting.ini") << "loglevel=3\n";
+    read_settings_anew("");
+    fs::remove(support::log_root + "/setting.ini");
+    EXPECT_EQ(lowest_enabled_level(), 3);
+}
+
+struct path_case {
+    std::size_t length; ///< of the whole path, uncut
+    std::size_t cut;    ///< bytes that are missing at its end
+};
+
+class log_path : public logger_test, public testing::WithParamInterface<path_case> {};
+
+TEST_P(log_path, is_cut_at_259_bytes)
+{
+    const std::string end = "/unit_logger_20261115.log";
+    const std::string name(GetParam().length - end.size() - std::strlen("/tmp/velnor/"), 'n');
+    const std::string whole = "/tmp/velnor/" + name + end;
+    read_settings_anew(name);
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), whole.substr(0, whole.size() - GetParam().cut));
+}
+
+INSTANTIATE_TEST_SUITE_P(logger_test, log_path,
+                         testing::Values(path_case{258, 0}, path_case{259, 0}, path_case{260, 1},
+                                         path_case{300, 41}),
+                         [](const auto& test) { return "of_" + std::to_string(test.param.length); });

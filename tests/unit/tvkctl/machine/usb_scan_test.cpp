@@ -1,0 +1,424 @@
+#include "tvkctl/src/machine/usb_scan.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "fake_usb/checked_bus.h"
+#include "support/private_paths.h"
+#include "tvkctl/src/diagnosis/listing.h"
+#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/udi.h"
+
+namespace fs = std::filesystem;
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+/// A machine whose device nodes, sysfs and processes are folders of the test, with the fake bus.
+class usb_scan_test : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        SUPPORT_REQUIRE_PRIVATE_PATHS();
+        fs::remove_all(root);
+        for (const std::string& folder : {machine.devices, machine.sysfs, machine.processes})
+            fs::create_directories(folder);
+    }
+
+    /// A device at bus 1, address 4, behind port 3 of the hub at port 2.
+    static fake_usb::device scanner()
+    {
+        fake_usb::device made = fake_usb::scanner_device();
+        made.address = 4;
+        made.ports = {2, 3};
+        return made;
+    }
+
+    usb_device only_device()
+    {
+        const std::vector<usb_device> found = scan_usb(machine);
+        EXPECT_EQ(found.size(), 1U);
+        return found.at(0);
+    }
+
+    std::string node() const { return machine.devices + "/bus/usb/001/004"; }
+
+    static void write_file(const fs::path& path, const std::string& content)
+    {
+        fs::create_directories(path.parent_path());
+        std::ofstream(path) << content;
+    }
+
+    void write_sysfs(const std::string& path, const std::string& content)
+    {
+        write_file(machine.sysfs + "/bus/usb/devices/" + path, content);
+    }
+
+    void bind_driver(const std::string& interface_name, const std::string& driver)
+    {
+        const fs::path folder = machine.sysfs + "/bus/usb/devices/" + interface_name;
+        fs::create_directories(folder);
+        fs::create_symlink("../../../../bus/usb/drivers/" + driver, folder / "driver");
+    }
+
+    /// A process that has `file` open.
+    void add_process(const std::string& pid, const std::string& name, const std::string& file)
+    {
+        const fs::path folder = machine.processes + "/" + pid;
+        fs::create_directories(folder / "fd");
+        write_file(folder / "comm", name + "\n");
+        fs::create_symlink(file, folder / "fd/3");
+    }
+
+    const std::string root = support::log_root + "/machine";
+    host machine{root + "/dev", root + "/sys", root + "/proc", ""};
+    fake_usb::checked_bus bus;
+};
+
+TEST_F(usb_scan_test, an_empty_bus_has_no_devices)
+{
+    EXPECT_TRUE(scan_usb(machine).empty());
+}
+
+TEST_F(usb_scan_test, a_failing_libusb_is_told_by_its_call_and_error)
+{
+    bus.fail("init", LIBUSB_ERROR_OTHER);
+    try {
+        scan_usb(machine);
+        FAIL() << "nothing was thrown";
+    } catch (const command_error& error) {
+        EXPECT_EQ(error.code(), exit_code::usb_unavailable);
+        EXPECT_EQ(std::string(error.what()),
+                  "the USB devices cannot be enumerated: libusb_init answers LIBUSB_ERROR_OTHER");
+    }
+}
+
+TEST_F(usb_scan_test, a_failing_search_gives_the_context_back)
+{
+    bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM);
+    EXPECT_THROW(scan_usb(machine), command_error);
+}
+
+TEST_F(usb_scan_test, a_device_without_a_descriptor_is_passed_by)
+{
+    bus.plug(scanner());
+    bus.fail("get_device_descriptor", LIBUSB_ERROR_IO);
+    EXPECT_TRUE(scan_usb(machine).empty());
+}
+
+TEST_F(usb_scan_test, a_device_tells_where_it_stands)
+{
+    bus.plug(scanner());
+    const usb_device device = only_device();
+    EXPECT_EQ(ids_of(device), "1a2b:3c4d");
+    EXPECT_EQ(device.bus, 1);
+    EXPECT_EQ(device.address, 4);
+    EXPECT_EQ(device.port_path, "1-2.3");
+    EXPECT_EQ(device.node.path, node());
+}
+
+TEST_F(usb_scan_test, a_root_hub_has_its_own_name_in_sysfs)
+{
+    fake_usb::device hub = scanner();
+    hub.ports = {};
+    bus.plug(hub);
+    EXPECT_EQ(only_device().port_path, "usb1");
+}
+
+TEST_F(usb_scan_test, texts_are_read_from_a_device_that_may_be_opened)
+{
+    fake_usb::device device = scanner();
+    device.serial = "SN0042";
+    device.manufacturer = "Tarvik";
+    device.product = "Model X";
+    bus.plug(device);
+    write_sysfs("1-2.3/serial", "another\n");
+    EXPECT_EQ(only_device().serial, "SN0042");
+    EXPECT_EQ(only_device().manufacturer, "Tarvik");
+    EXPECT_EQ(only_device().product, "Model X");
+}
+
+TEST_F(usb_scan_test, texts_come_from_sysfs_when_the_device_may_not_be_opened)
+{
+    fake_usb::device device = scanner();
+    device.serial = "SN0042";
+    device.open_error = LIBUSB_ERROR_ACCESS;
+    bus.plug(device);
+    write_sysfs("1-2.3/serial", "SN0042\n");
+    write_sysfs("1-2.3/product", "Model X\n");
+    EXPECT_EQ(only_device().serial, "SN0042");
+    EXPECT_EQ(only_device().product, "Model X");
+}
+
+TEST_F(usb_scan_test, texts_from_sysfs_read_as_the_program_reads_them)
+{
+    fake_usb::device device = scanner();
+    device.open_error = LIBUSB_ERROR_ACCESS;
+    bus.plug(device);
+    write_sysfs("1-2.3/serial", "Nr\u00e4\u20ac\U0001F600.\n");
+    EXPECT_EQ(only_device().serial, "Nr????.");
+}
+
+TEST_F(usb_scan_test, a_device_of_no_use_is_not_opened)
+{
+    fake_usb::device mouse = scanner();
+    mouse.configurations[0].interfaces[0][0].interface_class = 3;
+    bus.plug(mouse);
+    bus.before_call("open", 1, [] { ADD_FAILURE() << "it was opened"; });
+    only_device();
+}
+
+TEST_F(usb_scan_test, the_usable_interface_is_the_first_with_bulk_endpoints_both_ways)
+{
+    fake_usb::device device = scanner();
+    fake_usb::alt_setting one_way;
+    one_way.endpoints = {{0x81}};
+    fake_usb::alt_setting both_ways;
+    both_ways.interface_number = 1;
+    both_ways.endpoints = {{0x83}, {0x04}, {0x85}};
+    fake_usb::configuration only;
+    only.value = 2;
+    only.interfaces = {{one_way}, {fake_usb::alt_setting{1}, both_ways}};
+    device.configurations = {only};
+    bus.plug(device);
+    const auto found = usable_interface_of(only_device());
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->configuration, 2);
+    EXPECT_EQ(found->number, 1);
+    EXPECT_EQ(found->alternate, 1);
+    EXPECT_EQ(found->bulk_in, 0x85) << "the last of a direction counts";
+    EXPECT_EQ(found->bulk_out, 0x04);
+}
+
+TEST_F(usb_scan_test, an_interface_of_another_class_or_protocol_is_not_usable)
+{
+    for (const int changed : {0, 1}) {
+        fake_usb::device device = scanner();
+        fake_usb::alt_setting& setting = device.configurations[0].interfaces[0][0];
+        (changed == 0 ? setting.interface_class : setting.interface_protocol) = 0xFE;
+        bus.plug(device);
+    }
+    for (const usb_device& device : scan_usb(machine))
+        EXPECT_FALSE(usable_interface_of(device));
+}
+
+TEST_F(usb_scan_test, endpoints_that_are_not_bulk_do_not_count)
+{
+    fake_usb::device device = scanner();
+    device.configurations[0].interfaces[0][0].endpoints[0].attributes = LIBUSB_TRANSFER_TYPE_INTERRUPT;
+    bus.plug(device);
+    EXPECT_FALSE(usable_interface_of(only_device()));
+}
+
+TEST_F(usb_scan_test, endpoints_without_descriptors_do_not_count)
+{
+    fake_usb::device device = scanner();
+    device.configurations[0].interfaces[0][0].is_endpoint_array_null = true;
+    bus.plug(device);
+    EXPECT_FALSE(usable_interface_of(only_device()));
+}
+
+TEST_F(usb_scan_test, configurations_end_at_the_first_that_cannot_be_read)
+{
+    bus.plug(scanner());
+    bus.fail("get_config_descriptor", LIBUSB_ERROR_IO);
+    EXPECT_TRUE(only_device().configurations.empty());
+}
+
+TEST_F(usb_scan_test, the_active_configuration_comes_from_sysfs)
+{
+    bus.plug(scanner());
+    write_sysfs("1-2.3/bConfigurationValue", "1\n");
+    EXPECT_EQ(only_device().active_configuration, 1);
+}
+
+TEST_F(usb_scan_test, an_unconfigured_device_has_no_active_configuration)
+{
+    bus.plug(scanner());
+    write_sysfs("1-2.3/bConfigurationValue", "\n");
+    EXPECT_EQ(only_device().active_configuration, std::nullopt);
+}
+
+TEST_F(usb_scan_test, a_missing_node_is_told)
+{
+    bus.plug(scanner());
+    EXPECT_FALSE(only_device().node.exists);
+}
+
+TEST_F(usb_scan_test, a_node_tells_owner_mode_and_whether_it_may_be_opened)
+{
+    bus.plug(scanner());
+    write_file(node(), "");
+    ASSERT_EQ(chmod(node().c_str(), 0640), 0);
+    const device_node found = only_device().node;
+    EXPECT_TRUE(found.exists);
+    EXPECT_EQ(found.owner.id, geteuid());
+    EXPECT_EQ(found.mode_text(), "-rw-r-----");
+    EXPECT_TRUE(found.may_open);
+}
+
+TEST_F(usb_scan_test, a_bound_kernel_driver_is_named)
+{
+    bus.plug(scanner());
+    write_sysfs("1-2.3/bConfigurationValue", "1\n");
+    bind_driver("1-2.3:1.0", "usblp");
+    EXPECT_EQ(kernel_driver_of(only_device(), 0, machine), "usblp");
+}
+
+TEST_F(usb_scan_test, an_interface_without_a_driver_has_none)
+{
+    bus.plug(scanner());
+    write_sysfs("1-2.3/bConfigurationValue", "1\n");
+    EXPECT_EQ(kernel_driver_of(only_device(), 0, machine), "");
+}
+
+TEST_F(usb_scan_test, the_process_that_holds_a_node_is_found)
+{
+    bus.plug(scanner());
+    write_file(node(), "");
+    add_process("17", "other", machine.devices);
+    add_process("4711", "tvkintif", node());
+    const node_holders holders = find_node_holders(only_device().node, machine);
+    ASSERT_EQ(holders.found.size(), 1U);
+    EXPECT_EQ(holders.found[0].pid, 4711);
+    EXPECT_EQ(holders.found[0].name, "tvkintif");
+    EXPECT_TRUE(holders.is_complete);
+}
+
+TEST_F(usb_scan_test, a_device_is_told_from_another_by_its_numbers)
+{
+    device_node null;
+    null.path = "/dev/null";
+    add_process("17", "other", "/dev/zero");
+    add_process("4711", "holder", "/dev/null");
+    const node_holders holders = find_node_holders(null, machine);
+    ASSERT_EQ(holders.found.size(), 1U);
+    EXPECT_EQ(holders.found[0].name, "holder");
+}
+
+TEST_F(usb_scan_test, nobody_holds_a_node_that_is_not_there)
+{
+    bus.plug(scanner());
+    EXPECT_TRUE(find_node_holders(only_device().node, machine).found.empty());
+}
+
+TEST_F(usb_scan_test, the_address_has_the_serial_number)
+{
+    usb_device device;
+    device.vendor_id = 0x1a2b;
+    device.product_id = 0xa71;
+    device.serial = "SN 42";
+    EXPECT_EQ(udi_of(device), "usb:1a2b:0a71:SN 42");
+}
+
+TEST_F(usb_scan_test, a_serial_number_with_a_colon_stays_out_of_the_address)
+{
+    usb_device device;
+    device.vendor_id = 0x1a2b;
+    device.product_id = 0x3c4d;
+    device.serial = "A:B";
+    EXPECT_EQ(udi_of(device), "usb:1a2b:3c4d");
+}
+
+TEST_F(usb_scan_test, a_device_with_an_id_of_zero_has_no_address)
+{
+    usb_device device;
+    device.vendor_id = 0x1a2b;
+    EXPECT_EQ(udi_of(device), "");
+}
+
+TEST(udi, a_shell_word_is_quoted_only_where_it_must_be)
+{
+    EXPECT_EQ(shell_word("usb:1a2b:3c4d:SN_42"), "usb:1a2b:3c4d:SN_42");
+    EXPECT_EQ(shell_word("usb:1a2b:3c4d:it's $5"), "'usb:1a2b:3c4d:it'\\''s $5'");
+}
+
+class listing_test : public usb_scan_test {
+protected:
+    std::vector<std::string> warnings_of(std::size_t index)
+    {
+        return list_devices(false, machine).at(index).warnings;
+    }
+
+    static fake_usb::device with_serial(const std::optional<std::string>& serial)
+    {
+        fake_usb::device device = fake_usb::scanner_device();
+        device.serial = serial;
+        return device;
+    }
+};
+
+TEST_F(listing_test, different_serial_numbers_tell_devices_apart)
+{
+    bus.plug(with_serial("A"));
+    bus.plug(with_serial("B"));
+    EXPECT_TRUE(warnings_of(0).empty());
+    EXPECT_TRUE(warnings_of(1).empty());
+}
+
+TEST_F(listing_test, equal_serial_numbers_are_warned_of)
+{
+    bus.plug(with_serial("A"));
+    bus.plug(with_serial("A"));
+    const std::string nodes =
+        machine.devices + "/bus/usb/001/001 and " + machine.devices + "/bus/usb/001/002";
+    EXPECT_EQ(warnings_of(1),
+              std::vector<std::string>{"usb:1a2b:3c4d:A fits " + nodes +
+                                       ": which of them is opened depends on their order on the bus"});
+}
+
+TEST_F(listing_test, a_device_without_a_serial_number_is_hidden_by_one_with_the_same_ids)
+{
+    bus.plug(with_serial("A"));
+    bus.plug(with_serial({}));
+    EXPECT_TRUE(warnings_of(0).empty());
+    EXPECT_EQ(warnings_of(1).size(), 1U);
+}
+
+TEST_F(listing_test, a_serial_number_that_no_address_can_carry_is_warned_of)
+{
+    bus.plug(with_serial("A:B"));
+    EXPECT_EQ(warnings_of(0),
+              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has a serial number with a colon, "
+                                                         "which no address can carry"});
+}
+
+TEST_F(listing_test, a_device_without_an_address_is_warned_of)
+{
+    fake_usb::device device = with_serial("A");
+    device.product_id = 0;
+    bus.plug(device);
+    EXPECT_EQ(warnings_of(0),
+              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has no address: its vendor or "
+                                                         "product id is 0"});
+}
+
+TEST_F(listing_test, an_unusable_device_is_listed_only_on_request)
+{
+    fake_usb::device mouse = scanner();
+    mouse.configurations[0].interfaces[0][0].interface_class = 3;
+    bus.plug(mouse);
+    EXPECT_TRUE(list_devices(false, machine).empty());
+    EXPECT_EQ(list_devices(true, machine).size(), 1U);
+}
+
+TEST_F(listing_test, a_file_that_is_no_library_is_not_loadable)
+{
+    bus.plug(scanner());
+    const std::string path = support::plugin_directory + "/libryo-mora-hk-t210.so";
+    write_file(path, "no library");
+    const auto plugin = list_devices(false, machine).at(0).plugin;
+    fs::remove(path);
+    ASSERT_TRUE(plugin);
+    EXPECT_TRUE(plugin->is_installed);
+    EXPECT_FALSE(plugin->is_loadable);
+}
+
+} // namespace
+
+} // namespace tarvik::tvkctl

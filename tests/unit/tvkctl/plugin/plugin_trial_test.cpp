@@ -1,0 +1,357 @@
+#include "tvkctl/src/plugin/plugin_trial.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <system_error>
+
+#include "support/process_limits.h"
+#include "unit/tvkctl/plugin/checked_plugins.h"
+
+using check_plugin_test::checked_plugin;
+using tarvik::exit_status;
+using tarvik::tvkctl::transfer_script;
+using tarvik::tvkctl::trial_plan;
+using tarvik::tvkctl::trial_report;
+using tarvik::tvkctl::trial_step;
+using tarvik::tvkctl::try_plugin;
+using outcome = tarvik::tvkctl::trial_report::outcome;
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// Long enough for a busy machine where nothing hangs, short where something does.
+constexpr milliseconds kPlenty{60'000};
+constexpr milliseconds kShort{300};
+
+trial_report try_one(const std::string& plugin, transfer_script script = transfer_script::all,
+                     milliseconds timeout = kPlenty)
+{
+    trial_plan plan;
+    plan.path = checked_plugin(plugin);
+    plan.script = script;
+    plan.timeout = timeout;
+    return try_plugin(plan);
+}
+
+/// What a function returned; -1 when it was not called or did not return.
+int result_of(const trial_report& report, trial_step step)
+{
+    const auto found =
+        std::find_if(report.calls.begin(), report.calls.end(),
+                     [=](const tarvik::tvkctl::trial_call& call) { return call.step == step; });
+    return found == report.calls.end() ? -1 : found->result;
+}
+
+bool contains(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+void expect_crash(const std::string& plugin, trial_step step)
+{
+    const trial_report report = try_one(plugin);
+    EXPECT_EQ(report.end, outcome::died);
+    EXPECT_EQ(report.last, step) << tarvik::tvkctl::trial_step_name(report.last);
+    EXPECT_EQ(report.status, exit_status::killed_by(SIGSEGV));
+    EXPECT_TRUE(contains(report.place, plugin + ".so")) << report.place;
+}
+
+/// Why a trial cannot be made where nothing but its two pipes can be opened.
+std::string refusal_without_descriptors()
+{
+    try {
+        const support::few_descriptors_left here(4); // gone when the error is looked at
+        try_one("passing");
+    } catch (const std::system_error& error) {
+        return error.code().message();
+    }
+    return "none";
+}
+
+} // namespace
+
+TEST(plugin_trial, runs_a_whole_session)
+{
+    const trial_report report = try_one("passing");
+    EXPECT_EQ(report.end, outcome::completed);
+    EXPECT_EQ(report.last, trial_step::done);
+    EXPECT_EQ(report.status, exit_status::exited(0));
+    EXPECT_EQ(report.calls.size(), 6U) << "load, four functions, unload";
+}
+
+TEST(plugin_trial, sets_the_environment_that_a_plugin_finds_in_the_process)
+{
+    EXPECT_EQ(result_of(try_one("needing_environment"), trial_step::ctor), 1);
+}
+
+TEST(plugin_trial, counts_the_transfers)
+{
+    const trial_report report = try_one("passing");
+    EXPECT_EQ(report.reads, 1U);
+    EXPECT_EQ(report.writes, 1U);
+}
+
+TEST(plugin_trial, moves_half_of_each_transfer_when_told_to)
+{
+    const trial_report report = try_one("passing", transfer_script::half);
+    EXPECT_EQ(result_of(report, trial_step::reader), 1);
+    EXPECT_EQ(report.reads, 10U) << "512 bytes, by halves";
+}
+
+TEST(plugin_trial, moves_nothing_when_told_to)
+{
+    const trial_report report = try_one("passing", transfer_script::nothing);
+    EXPECT_EQ(result_of(report, trial_step::reader), 0);
+    EXPECT_EQ(result_of(report, trial_step::writer), 0);
+}
+
+TEST(plugin_trial, takes_a_bare_file_name_for_a_file_and_not_for_a_library_to_search)
+{
+    trial_plan plan;
+    plan.path = "libc.so.6";
+    EXPECT_TRUE(contains(try_plugin(plan).words, "cannot open shared object file"));
+}
+
+TEST(plugin_trial, unloads_a_plugin_that_refuses_to_start)
+{
+    const trial_report report = try_one("refusing");
+    EXPECT_EQ(report.end, outcome::refused);
+    EXPECT_EQ(result_of(report, trial_step::dtor), -1) << "interpreter_dtor must not be called";
+    EXPECT_EQ(result_of(report, trial_step::unload), 0);
+}
+
+TEST(plugin_trial, repeats_the_words_of_the_loader)
+{
+    const trial_report report = try_one("needing_absent_library");
+    EXPECT_EQ(report.end, outcome::not_loadable);
+    EXPECT_TRUE(contains(report.words, "other_library.so: cannot open")) << report.words;
+}
+
+TEST(plugin_trial, does_not_load_a_plugin_without_an_entry_point)
+{
+    const trial_report report = try_one("cpp_names");
+    EXPECT_EQ(report.end, outcome::not_loadable);
+    EXPECT_TRUE(contains(report.words, "undefined symbol: interpreter_ctor")) << report.words;
+}
+
+TEST(plugin_trial, tells_a_crash_while_loading)
+{
+    expect_crash("crashing_at_load", trial_step::load);
+}
+TEST(plugin_trial, tells_a_crash_in_ctor)
+{
+    expect_crash("crashing_in_ctor", trial_step::ctor);
+}
+TEST(plugin_trial, tells_a_crash_in_writer)
+{
+    expect_crash("crashing_in_writer", trial_step::writer);
+}
+TEST(plugin_trial, tells_a_crash_in_reader)
+{
+    expect_crash("crashing_in_reader", trial_step::reader);
+}
+TEST(plugin_trial, tells_a_crash_in_dtor)
+{
+    expect_crash("crashing_in_dtor", trial_step::dtor);
+}
+TEST(plugin_trial, tells_a_crash_while_unloading)
+{
+    expect_crash("crashing_at_unload", trial_step::unload);
+}
+
+TEST(plugin_trial, tells_a_crash_by_stack_overflow)
+{
+    const trial_report report = try_one("overflowing_stack");
+    EXPECT_EQ(report.end, outcome::died);
+    EXPECT_TRUE(contains(report.place, "overflowing_stack.so")) << report.place;
+}
+
+TEST(plugin_trial, tells_who_called_a_function_that_aborted)
+{
+    const trial_report report = try_one("aborting");
+    EXPECT_EQ(report.status, exit_status::killed_by(SIGABRT));
+    EXPECT_TRUE(contains(report.place, "libc.so.6") &&
+                contains(report.place, "called from interpreter_reader+"))
+        << report.place;
+}
+
+TEST(plugin_trial, tells_who_called_a_function_that_is_not_there)
+{
+    const trial_report report = try_one("jumping_nowhere");
+    EXPECT_TRUE(contains(report.place, "jumping_nowhere.so")) << report.place;
+    EXPECT_EQ(report.words, "through a null pointer");
+}
+
+TEST(plugin_trial, tells_a_plugin_that_writes_beyond_its_buffer)
+{
+    EXPECT_EQ(try_one("overrunning").words, "beyond the end of the buffer that it was lent");
+}
+
+TEST(plugin_trial, tells_a_plugin_that_writes_in_front_of_a_buffer_that_fills_its_pages)
+{
+    trial_plan plan;
+    plan.path = checked_plugin("underrunning");
+    plan.received = 64 * 1024; // where a page begins, whatever its size
+    EXPECT_EQ(try_plugin(plan).words, "before the beginning of the buffer that it was lent");
+}
+
+TEST(plugin_trial, tells_a_plugin_that_uses_a_buffer_after_the_call)
+{
+    EXPECT_EQ(try_one("keeping_buffer").words, "in the buffer of a call that has returned");
+}
+
+TEST(plugin_trial, tells_a_plugin_that_ends_the_process)
+{
+    const trial_report report = try_one("exiting");
+    EXPECT_EQ(report.end, outcome::died);
+    EXPECT_EQ(report.status, exit_status::exited(0));
+    EXPECT_EQ(report.last, trial_step::reader);
+}
+
+TEST(plugin_trial, tells_a_function_that_is_in_no_library)
+{
+    const trial_report report = try_one("missing_symbol");
+    EXPECT_EQ(report.end, outcome::died);
+    EXPECT_TRUE(contains(report.errors, "defined_nowhere")) << report.errors;
+}
+
+TEST(plugin_trial, tells_an_exception)
+{
+    const trial_report report = try_one("throwing");
+    EXPECT_EQ(report.end, outcome::threw);
+    EXPECT_EQ(report.last, trial_step::ctor);
+}
+
+TEST(plugin_trial, ends_a_plugin_that_hangs_and_tells_where)
+{
+    const trial_report report = try_one("hanging", transfer_script::all, kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_EQ(report.last, trial_step::ctor);
+    EXPECT_TRUE(contains(report.place, "hanging.so")) << report.place;
+}
+
+TEST(plugin_trial, ends_a_plugin_that_hangs_and_takes_no_signal)
+{
+    const trial_report report = try_one("hanging_deaf", transfer_script::all, kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_EQ(report.status, exit_status::killed_by(SIGKILL));
+    EXPECT_EQ(report.place, "");
+}
+
+TEST(plugin_trial, ends_a_plugin_that_tries_for_ever_when_nothing_moves)
+{
+    const trial_report report = try_one("insisting", transfer_script::nothing, kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_GT(report.reads, 1U);
+}
+
+TEST(plugin_trial, ends_a_plugin_that_prints_for_ever_and_keeps_only_the_beginning)
+{
+    const trial_report report = try_one("printing_without_end", transfer_script::all, kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_EQ(report.output.substr(0, 14), "one more line\n");
+    EXPECT_LE(report.output.size(), 4096U);
+    EXPECT_GT(report.output_size, report.output.size());
+}
+
+TEST(plugin_trial, takes_what_a_plugin_prints)
+{
+    const trial_report report = try_one("printing");
+    EXPECT_EQ(report.output, "hello");
+    EXPECT_EQ(report.errors, "oh");
+}
+
+TEST(plugin_trial, names_a_thread_that_outlives_the_session)
+{
+    const trial_report report = try_one("leaving_thread");
+    ASSERT_EQ(report.threads.size(), 1U);
+    EXPECT_TRUE(contains(report.threads.front(), "poller")) << report.threads.front();
+}
+
+TEST(plugin_trial, names_a_descriptor_that_outlives_the_session)
+{
+    const trial_report report = try_one("leaving_descriptor");
+    ASSERT_EQ(report.descriptors.size(), 1U);
+    EXPECT_TRUE(contains(report.descriptors.front(), "/dev/zero")) << report.descriptors.front();
+}
+
+TEST(plugin_trial, finds_nothing_left_behind_by_a_good_plugin)
+{
+    const trial_report report = try_one("passing");
+    EXPECT_TRUE(report.threads.empty() && report.descriptors.empty() && !report.has_left_processes);
+}
+
+TEST(plugin_trial, tells_that_a_process_outlives_the_session)
+{
+    EXPECT_TRUE(try_one("leaving_process").has_left_processes);
+}
+
+TEST(plugin_trial, leaves_no_process_behind_itself)
+{
+    try_one("leaving_process");
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(plugin_trial, says_that_this_machine_has_no_process_for_it)
+{
+    SUPPORT_REQUIRE_NO_PROCESSES_LEFT();
+    EXPECT_THROW(try_one("passing"), std::system_error);
+}
+
+TEST(plugin_trial, says_that_this_machine_has_no_descriptor_to_watch_it_with)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' run-time needs descriptors itself; run this in a build without them";
+#endif
+    EXPECT_EQ(refusal_without_descriptors(), std::generic_category().message(EMFILE));
+}
+
+TEST(plugin_trial, leaves_no_process_behind_that_it_could_not_watch)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' run-time needs descriptors itself; run this in a build without them";
+#endif
+    refusal_without_descriptors();
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(plugin_trial, counts_transfers_without_a_buffer)
+{
+    EXPECT_EQ(try_one("asking_for_nothing").bad_transfers, 1U);
+}
+
+TEST(plugin_trial, counts_transfers_after_the_session)
+{
+    EXPECT_EQ(try_one("asking_late").late_transfers, 1U);
+}
+
+TEST(plugin_trial, tells_success_that_left_the_buffer_as_it_was)
+{
+    EXPECT_TRUE(try_one("untouching").left_buffer_untouched);
+    EXPECT_FALSE(try_one("passing").left_buffer_untouched);
+}
+
+TEST(plugin_trial, gives_the_plugin_the_answers_of_the_plan)
+{
+    trial_plan plan;
+    plan.path = SAMPLE_PLUGIN_PATH;
+    // A scan of one pixel at 75 dpi, and the scanner's answers to what the plugin makes of it: the sheet has
+    // 620 by 876 pixels, and a line of it follows.
+    plan.sent = {'V', 'S', 'C', '1', 0, 1, 0, 0, 75, 0, 0, 0, 16, 0, 0, 0,
+                 0,   0,   0,   0,   0, 0, 0, 0, 1,  0, 0, 0, 1,  0, 0, 0};
+    plan.answers = {'V',  'S', 'A', '1', 7,   0,   0,   0,   0, 0, 0, 0, 8, 0, 0, 0, 0x6c, 2, 0, 0,
+                    0x6c, 3,   0,   0,   'V', 'S', 'A', '1', 8, 0, 0, 0, 0, 0, 0, 0, 0x6c, 2, 0, 0};
+    plan.received = 17;
+    const trial_report report = try_plugin(plan);
+    EXPECT_EQ(result_of(report, trial_step::writer), 1);
+    EXPECT_EQ(result_of(report, trial_step::reader), 1);
+}

@@ -1,0 +1,232 @@
+#include "tvkctl/src/session/run_steps.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "support/private_paths.h"
+#include "tvkctl/src/machine/command_error.h"
+
+namespace tarvik::tvkctl {
+
+namespace {
+
+bytes sent_by(const std::string& text)
+{
+    std::vector<run_step> steps = {parse_step(text)};
+    load_files(steps);
+    return std::get<send_step>(steps.front().what).items.front().literal;
+}
+
+recv_step received_by(const std::string& text)
+{
+    return std::get<recv_step>(parse_step(text).what);
+}
+
+/// The complaint about a step.
+std::string complaint_about(const std::string& text)
+{
+    try {
+        parse_step(text);
+    } catch (const step_error& reason) {
+        return reason.what();
+    }
+    return "none";
+}
+
+/// A file that is gone at the end of the test.
+class file_of_a_test {
+public:
+    explicit file_of_a_test(const std::string& content) { std::ofstream(path()) << content; }
+    ~file_of_a_test() { std::remove(path().c_str()); }
+    static std::string path() { return support::log_root + "/sent by a test.bin"; }
+};
+
+TEST(run_steps, send_takes_bytes_in_pairs_and_in_a_row)
+{
+    EXPECT_EQ(sent_by("send 1b 45 0A0b 0xFF00"), (bytes{0x1b, 0x45, 0x0a, 0x0b, 0xff, 0x00}));
+}
+
+TEST(run_steps, send_takes_text_with_its_escapes_replaced)
+{
+    EXPECT_EQ(sent_by(R"(send "a b\n\r\t\0\\\"\x7f")"),
+              (bytes{'a', ' ', 'b', '\n', '\r', '\t', 0, '\\', '"', 0x7f}));
+}
+
+TEST(run_steps, send_joins_what_it_is_given_in_order)
+{
+    EXPECT_EQ(sent_by("send 01\"A\"02"), (bytes{1, 'A', 2}));
+}
+
+TEST(run_steps, send_takes_the_content_of_a_file)
+{
+    SUPPORT_REQUIRE_PRIVATE_PATHS();
+    const file_of_a_test file("xyz");
+    EXPECT_EQ(sent_by("send 01 @\"" + file.path() + "\" 02"), (bytes{1, 'x', 'y', 'z', 2}));
+}
+
+TEST(run_steps, an_empty_text_sends_nothing_on_purpose)
+{
+    EXPECT_EQ(sent_by("send \"\""), bytes{});
+}
+
+TEST(run_steps, a_comment_ends_a_step)
+{
+    EXPECT_EQ(sent_by("send 01 # 02"), bytes{1});
+}
+
+TEST(run_steps, a_hash_inside_a_text_is_no_comment)
+{
+    EXPECT_EQ(sent_by("send \"#\""), bytes{'#'});
+}
+
+TEST(run_steps, recv_takes_a_size_with_a_unit)
+{
+    EXPECT_EQ(received_by("recv 2MiB").size, 2U * 1024 * 1024);
+}
+
+TEST(run_steps, recv_without_a_file_is_to_be_shown)
+{
+    EXPECT_EQ(received_by("recv 512").file, "");
+}
+
+TEST(run_steps, recv_takes_a_file_whether_or_not_blanks_surround_the_arrow)
+{
+    EXPECT_EQ(received_by("recv 0x10>scan.raw").file, "scan.raw");
+    EXPECT_EQ(received_by("recv 0x10 > scan.raw").file, "scan.raw");
+}
+
+TEST(run_steps, one_arrow_replaces_the_file)
+{
+    EXPECT_FALSE(received_by("recv 1 > a").is_appended);
+}
+
+TEST(run_steps, two_arrows_append_to_the_file)
+{
+    EXPECT_TRUE(received_by("recv 1 >> a").is_appended);
+}
+
+TEST(run_steps, a_file_name_in_quotes_keeps_its_blanks)
+{
+    EXPECT_EQ(received_by("recv 1 > \"my scan.raw\"").file, "my scan.raw");
+}
+
+TEST(run_steps, query_takes_a_selector)
+{
+    EXPECT_EQ(std::get<query_step>(parse_step("query 0x2").what).selector, 2U);
+}
+
+TEST(run_steps, sleep_takes_seconds_and_milliseconds)
+{
+    EXPECT_EQ(std::get<sleep_step>(parse_step("sleep 0.5").what).time.count(), 500);
+    EXPECT_EQ(std::get<sleep_step>(parse_step("sleep 20ms").what).time.count(), 20);
+}
+
+TEST(run_steps, a_step_keeps_its_text_as_written)
+{
+    EXPECT_EQ(parse_step("recv  512").text, "recv  512");
+}
+
+struct bad_step {
+    const char* name;
+    const char* text;
+    const char* complaint;
+};
+
+class bad_steps : public testing::TestWithParam<bad_step> {};
+
+TEST_P(bad_steps, get_a_complaint_that_says_what_is_wrong)
+{
+    EXPECT_EQ(complaint_about(GetParam().text), GetParam().complaint);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    run_steps, bad_steps,
+    testing::Values(
+        bad_step{"empty", "", "it begins with none of send, recv, query and sleep"},
+        bad_step{"only_a_comment", " # nothing", "it begins with none of send, recv, query and sleep"},
+        bad_step{"quoted_verb", "\"send\" 01", "it begins with none of send, recv, query and sleep"},
+        bad_step{"unknown_verb", "write 01", "\"write\" is none of send, recv, query and sleep"},
+        bad_step{"send_nothing", "send",
+                 "what to send is missing; put a whole step into quotes: 'send 01 02'"},
+        bad_step{"odd_digits", "send 123", "\"123\" has an odd number of hexadecimal digits; a byte has two"},
+        bad_step{"no_digits", "send xyz", "\"xyz\" is neither hexadecimal, nor \"TEXT\", nor @FILE"},
+        bad_step{"bare_prefix", "send 0x", "\"0x\" is neither hexadecimal, nor \"TEXT\", nor @FILE"},
+        bad_step{"open_quote", "send \"abc", "a \" without its counterpart"},
+        bad_step{"bad_escape", R"(send "\q")",
+                 R"(a \ in a text is followed by one of n, r, t, 0, \, " or xHH)"},
+        bad_step{"escape_at_the_end", R"(send "\)",
+                 R"(a \ in a text is followed by one of n, r, t, 0, \, " or xHH)"},
+        bad_step{"bad_hex_escape", R"(send "\x4")", R"(\x is followed by two hexadecimal digits)"},
+        bad_step{"file_without_name", "send @", "@ is followed by the name of a file"},
+        bad_step{"send_to_a_file", "send 01 > a", "send has no answer that could go to a file"},
+        bad_step{"recv_nothing", "recv",
+                 "it takes the number of bytes and nothing else; put a whole step into quotes"},
+        bad_step{"recv_zero", "recv 0", "\"0\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+        bad_step{"recv_negative", "recv -1",
+                 "\"-1\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+        bad_step{"recv_unknown_unit", "recv 1MB",
+                 "\"1MB\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+        bad_step{"recv_too_large", "recv 0x10000000000000000",
+                 "\"0x10000000000000000\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+        bad_step{"recv_two_sizes", "recv 1 2",
+                 "it takes the number of bytes and nothing else; put a whole step into quotes"},
+        bad_step{"arrow_without_name", "recv 1 >",
+                 "> is followed by the name of one file; a name with blanks stands in \"\""},
+        bad_step{"arrow_with_two_names", "recv 1 > my scan.raw",
+                 "> is followed by the name of one file; a name with blanks stands in \"\""},
+        bad_step{"query_nothing", "query",
+                 "it takes a selector and nothing else; put a whole step into quotes"},
+        bad_step{"query_too_large", "query 4294967296",
+                 "\"4294967296\" is no selector; write a number of 32 bits, as 1 or 0x1"},
+        bad_step{"sleep_backwards", "sleep -1",
+                 "\"-1\" is no time; write 2, 0.5, 3s or 250ms, at most a day"},
+        bad_step{"sleep_of_two_points", "sleep 1.2.3",
+                 "\"1.2.3\" is no time; write 2, 0.5, 3s or 250ms, at most a day"},
+        bad_step{"sleep_for_years", "sleep 86401",
+                 "\"86401\" is no time; write 2, 0.5, 3s or 250ms, at most a day"}),
+    [](const auto& which) { return which.param.name; });
+
+TEST(run_steps, a_script_has_one_step_a_line)
+{
+    std::istringstream script("# calibration\n\nsend 01\n  recv 2 # two\r\n");
+    const auto steps = read_script(script, "a");
+    ASSERT_EQ(steps.size(), 2U);
+    EXPECT_EQ(steps[1].text, "  recv 2 # two");
+}
+
+TEST(run_steps, a_bad_line_of_a_script_is_named)
+{
+    std::istringstream script("send 01\n\nrecv x\n");
+    try {
+        read_script(script, "a.steps");
+        FAIL() << "nothing was thrown";
+    } catch (const command_error& error) {
+        EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": \"x\" is no number of bytes; write 512, "
+                                             "0x200, 64KiB, 1MiB or 2GiB");
+    }
+}
+
+TEST(run_steps, a_missing_file_to_send_is_an_unreadable_input)
+{
+    std::vector<run_step> steps = {parse_step("send @/nonexistent")};
+    try {
+        load_files(steps);
+        FAIL() << "nothing was thrown";
+    } catch (const command_error& error) {
+        EXPECT_EQ(error.code(), exit_code::input_file);
+    }
+}
+
+TEST(run_steps, a_file_without_content_is_not_sent)
+{
+    SUPPORT_REQUIRE_PRIVATE_PATHS();
+    const file_of_a_test file("");
+    EXPECT_THROW(sent_by("send @\"" + file.path() + "\""), command_error);
+}
+
+} // namespace
+
+} // namespace tarvik::tvkctl

@@ -1,0 +1,283 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+
+#include "support/plugin_files.h"
+#include "tvkintif/src/interpreter.h"
+#include "tvkintif/src/scanner.h"
+#include "unit/tvkintif/watched_test.h"
+
+using support::built_plugin;
+
+namespace {
+
+static_assert(!std::is_copy_constructible_v<interpreter> && !std::is_copy_assignable_v<interpreter>);
+
+// The installed path.
+
+TEST(lib_path, joins_the_fixed_directory_libexec_and_the_name)
+{
+    const std::string fixed = "/usr/lib/arm-linux-gnueabihf/tarvik/";
+    if (support::plugin_root != fixed)
+        GTEST_SKIP() << "this build was configured for another plugin directory: " << support::plugin_root;
+
+    EXPECT_EQ("/usr/lib/arm-linux-gnueabihf/tarvik/libexec/libryo-mora-hk-t210.so",
+              lib_path("libryo-mora-hk-t210.so"));
+}
+
+TEST(lib_path, of_an_empty_name_is_the_directory)
+{
+    EXPECT_EQ(lib_path("x"), lib_path("") + "x");
+    EXPECT_EQ("/libexec/", lib_path("").substr(lib_path("").size() - 9));
+}
+
+class lib_path_with_a_directory_part : public testing::TestWithParam<const char*> {};
+
+TEST_P(lib_path_with_a_directory_part, is_empty)
+{
+    EXPECT_EQ("", lib_path(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(such_as, lib_path_with_a_directory_part,
+                         testing::Values("/libqvintZ4.so", "sub/libqvintZ4.so", "../libqvintZ4.so",
+                                         "libqvintZ4.so/", "/", "/usr/lib/libqvintZ4.so"));
+
+// Transfers that a test hands to a plugin.
+
+int read_7(void* buffer, int length)
+{
+    support::record("transfer in " + std::to_string(length));
+    *static_cast<char*>(buffer) = 'r';
+    return 7;
+}
+
+int write_9(void* buffer, int length)
+{
+    support::record(std::string("transfer out ") + *static_cast<char*>(buffer) + " " +
+                    std::to_string(length));
+    return 9;
+}
+
+class interpreter_test : public watched_test {
+protected:
+    void load(const std::string& plugin)
+    {
+        path = built_plugin(plugin);
+        loaded = std::make_unique<interpreter>(path);
+    }
+
+    std::string refusal_of(const std::string& file)
+    {
+        try {
+            interpreter refused(file);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "loaded";
+    }
+
+    static bool is_in_memory(const std::string& file)
+    {
+        void* const handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+        if (handle != nullptr)
+            dlclose(handle);
+        return handle != nullptr;
+    }
+
+    std::string path;
+    std::unique_ptr<interpreter> loaded;
+};
+
+TEST_F(interpreter_test, construction_loads_the_library_and_calls_nothing_in_it)
+{
+    load("plugin_good");
+
+    EXPECT_EQ(text({{"INFO interpreter load " + path, "plugin_good loaded"}}), happened());
+    EXPECT_TRUE(is_in_memory(path));
+}
+
+TEST_F(interpreter_test, destruction_unloads_the_library)
+{
+    load("plugin_good");
+    forget_what_happened();
+    loaded.reset();
+
+    EXPECT_EQ("plugin_good unloaded\n", happened());
+    EXPECT_FALSE(is_in_memory(path));
+}
+
+TEST_F(interpreter_test, destruction_does_not_stop_a_started_plugin)
+{
+    load("plugin_good");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    loaded.reset();
+
+    EXPECT_EQ("plugin_good unloaded\n", happened());
+}
+
+TEST_F(interpreter_test, symbols_of_a_plugin_stay_its_own)
+{
+    load("plugin_good");
+
+    EXPECT_EQ(nullptr, dlsym(RTLD_DEFAULT, "interpreter_ctor"));
+}
+
+TEST_F(interpreter_test, functions_that_a_plugin_calls_are_not_looked_up_before_it_does)
+{
+    load("plugin_calling_nobody");
+
+    EXPECT_EQ("plugin_calling_nobody loaded", support::take_dialogue().back());
+}
+
+TEST_F(interpreter_test, ctor_hands_over_the_reader_first_and_the_writer_second)
+{
+    load("plugin_good");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    char byte = 'x';
+    loaded->read(&byte, 1);
+    EXPECT_EQ(text({{"plugin_good reader 1", "transfer in 1"}}), happened());
+
+    loaded->write(&byte, 2);
+    EXPECT_EQ(text({{"plugin_good writer 2", "transfer out r 2"}}), happened());
+}
+
+TEST_F(interpreter_test, read_passes_buffer_length_and_result_on)
+{
+    load("plugin_good");
+    loaded->ctor(read_7, write_9);
+    char byte = 'x';
+
+    EXPECT_EQ(7, loaded->read(&byte, 1));
+    EXPECT_EQ('r', byte);
+}
+
+TEST_F(interpreter_test, write_passes_buffer_length_and_result_on)
+{
+    load("plugin_good");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    char byte = 'w';
+
+    EXPECT_EQ(9, loaded->write(&byte, 1));
+    EXPECT_EQ(text({{"plugin_good writer 1", "transfer out w 1"}}), happened());
+}
+
+TEST_F(interpreter_test, results_that_are_neither_0_nor_1_come_back_as_they_are)
+{
+    load("plugin_odd");
+    char byte = 'x';
+
+    EXPECT_EQ(-7, loaded->ctor(read_7, write_9));
+    EXPECT_EQ(42, loaded->read(&byte, 1));
+    EXPECT_EQ(-3, loaded->write(&byte, 1));
+}
+
+TEST_F(interpreter_test, results_that_are_0_come_back_without_a_word_in_the_log)
+{
+    load("plugin_failing");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    char byte = 'x';
+
+    EXPECT_EQ(0, loaded->read(&byte, 1));
+    EXPECT_EQ(0, loaded->write(&byte, 1));
+    EXPECT_EQ(text({{"plugin_failing reader 1", "plugin_failing writer 1"}}), happened());
+}
+
+TEST_F(interpreter_test, null_buffers_and_any_length_are_passed_on_unchecked)
+{
+    load("plugin_failing");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    loaded->read(nullptr, 0);
+    loaded->write(nullptr, -1);
+
+    EXPECT_EQ(text({{"plugin_failing reader 0", "plugin_failing writer -1"}}), happened());
+}
+
+TEST_F(interpreter_test, dtor_stops_the_plugin_and_keeps_it_loaded)
+{
+    load("plugin_good");
+    loaded->ctor(read_7, write_9);
+    forget_what_happened();
+    loaded->dtor();
+
+    EXPECT_EQ("plugin_good dtor\n", happened());
+    EXPECT_TRUE(is_in_memory(path));
+}
+
+TEST_F(interpreter_test, missing_file_is_refused_with_the_loader_s_message_in_the_log)
+{
+    const std::string missing = support::plugin_directory + "/libqvintZ4.so";
+
+    EXPECT_EQ("interpreter : load failed.", refusal_of(missing));
+    EXPECT_EQ(text({{"INFO interpreter load " + missing,
+                     "INFO interpreter load fails " + missing +
+                         ": cannot open shared object file: No such file or directory"}}),
+              happened());
+}
+
+TEST_F(interpreter_test, directory_is_refused_with_the_loader_s_message_in_the_log)
+{
+    const std::string directory = lib_path("");
+
+    EXPECT_EQ("interpreter : load failed.", refusal_of(directory));
+    EXPECT_EQ(text({{"INFO interpreter load " + directory, "INFO interpreter load fails " + directory +
+                                                               ": cannot read file data: Is a directory"}}),
+              happened());
+}
+
+TEST_F(interpreter_test, file_that_is_no_library_is_refused_with_the_loader_s_message_in_the_log)
+{
+    const std::string file = support::plugin_directory + "/libqvintZ4.so";
+    std::ofstream(file) << "This is not a library, and it is longer than the header of one would have to be.";
+
+    EXPECT_EQ("interpreter : load failed.", refusal_of(file));
+    EXPECT_EQ(text({{"INFO interpreter load " + file,
+                     "INFO interpreter load fails " + file + ": invalid ELF header"}}),
+              happened());
+    std::filesystem::remove(file);
+}
+
+class interpreter_test_without_a_symbol : public interpreter_test,
+                                          public testing::WithParamInterface<const char*> {};
+
+TEST_P(interpreter_test_without_a_symbol, library_is_unloaded_before_the_log_tells_and_refused)
+{
+    const std::string plugin = std::string("plugin_without_") + GetParam();
+    const std::string file = built_plugin(plugin);
+
+    EXPECT_EQ("interpreter : invalid symboles.", refusal_of(file));
+    EXPECT_EQ(text({{"INFO interpreter load " + file, plugin + " loaded", plugin + " unloaded",
+                     "INFO interpreter function load errors"}}),
+              happened());
+    EXPECT_FALSE(is_in_memory(file));
+}
+
+INSTANTIATE_TEST_SUITE_P(such_as, interpreter_test_without_a_symbol,
+                         testing::Values("ctor", "dtor", "reader", "writer"),
+                         [](const auto& chosen) { return std::string(chosen.param); });
+
+TEST_F(interpreter_test, every_line_is_logged_as_coming_from_interpreter)
+{
+    testing::internal::CaptureStderr(); // the verbose form is copied there
+    support::open_log(0);
+    refusal_of("/nowhere");
+    refusal_of(built_plugin("plugin_without_ctor"));
+    testing::internal::GetCapturedStderr();
+
+    const auto all = support::log_lines();
+    EXPECT_EQ(4U, all.size()) << log();
+    for (const support::log_line& line : all)
+        EXPECT_EQ("interpreter", support::source_of(line.message)) << line.message;
+}
+
+} // namespace

@@ -1,0 +1,937 @@
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "support/plugin_files.h"
+#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/usb.h"
+#include "unit/tvkintif/watched_test.h"
+
+using fake_usb::scanner_device;
+
+namespace {
+
+using transfer = int (*)(void* buffer, int length);
+
+/// The callbacks that the session handed to the plugin that it started last.
+transfer plugin_s_reader = nullptr;
+transfer plugin_s_writer = nullptr;
+
+} // namespace
+
+extern "C" void support_plugin_callbacks(transfer reader, transfer writer);
+extern "C" void support_plugin_callbacks(transfer reader, transfer writer)
+{
+    plugin_s_reader = reader;
+    plugin_s_writer = writer;
+}
+
+namespace {
+
+static_assert(!std::is_copy_constructible_v<scanner> && !std::is_copy_assignable_v<scanner>);
+
+const std::string udi = "usb:1a2b:3c4d"; // of a product that is in no table
+const std::string other_udi = "usb:1a2b:0a71";
+const std::string plugin_file = "libryo-mora-hk-t210.so";
+const std::string other_plugin_file = "libqvintZ4.so";
+
+const std::vector<const char*> firmware_variables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
+                                                     "MORA_FIRMWARE_DIR", "QUBAN_FW_DIR"};
+
+// What always happens, step by step.
+
+lines plugin_loaded(const std::string& plugin, const std::string& file = plugin_file)
+{
+    return {"INFO interpName " + file, "INFO interpreter load " + lib_path(file), plugin + " loaded"};
+}
+
+const lines connection_made = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
+
+const lines attempt_begins = {"INFO usb_transceiver open start", "INFO usb_transceiver open "};
+
+lines attempt_that_succeeds(const std::string& ids = "1a2b:3c4d")
+{
+    return {"INFO usb_transceiver open start",
+            "INFO usb_transceiver open ",
+            "open_device_with_vid_pid " + ids + " -> scanner",
+            "INFO usb_transceiver set_bulk_endpoints",
+            "get_device scanner -> scanner",
+            "get_device_descriptor scanner -> 0",
+            "get_configuration scanner -> 0 (1)",
+            "get_config_descriptor scanner 0 -> 0",
+            "kernel_driver_active scanner 0 -> 0",
+            "claim_interface scanner 0 -> 0",
+            "free_config_descriptor scanner 0",
+            "INFO connection open isSuccess = 1",
+            "INFO break"};
+}
+
+const lines attempt_without_a_device = {"INFO usb_transceiver open start",
+                                        "INFO usb_transceiver open ",
+                                        "open_device_with_vid_pid 1a2b:3c4d -> null",
+                                        "usleep 100",
+                                        "open_device_with_vid_pid 1a2b:3c4d -> null",
+                                        "usleep 100",
+                                        "open_device_with_vid_pid 1a2b:3c4d -> null",
+                                        "usleep 100",
+                                        "open_device_with_vid_pid 1a2b:3c4d -> null",
+                                        "usleep 100",
+                                        "open_device_with_vid_pid 1a2b:3c4d -> null",
+                                        "usleep 100",
+                                        "INFO usb_transceiver open fails",
+                                        "INFO connection open isSuccess = 0"};
+
+const lines pause = {"sleep 3"};
+
+const lines connection_closed = {"release_interface scanner 0 -> 0", "close scanner"};
+
+const lines connection_gone = {"release_interface scanner 0 -> 0", "close scanner", "exit"};
+
+/// The one session of the process, brought back to its start after each test.
+class scanner_test : public watched_test {
+protected:
+    void SetUp() override
+    {
+        watched_test::SetUp();
+        if (IsSkipped())
+            return;
+        for (const char* variable : firmware_variables)
+            unsetenv(variable);
+        plugin_s_reader = nullptr;
+        plugin_s_writer = nullptr;
+    }
+
+    void TearDown() override
+    {
+        session().close();
+        if (support::have_private_paths())
+            support::remove_plugins();
+        watched_test::TearDown();
+    }
+
+    static scanner& session() { return scanner::instance(); }
+
+    /// Installs a plugin for products that are in no table.
+    static void install(const std::string& plugin) { support::install_plugin(plugin, plugin_file); }
+
+    /// An open session with this plugin, its opening forgotten.
+    void open_session(const std::string& plugin)
+    {
+        install(plugin);
+        bus.plug(scanner_device());
+        ASSERT_TRUE(session().open(udi)) << log();
+        forget_what_happened();
+    }
+
+    static int send(std::vector<unsigned char> bytes)
+    {
+        return session().send(bytes.data(), static_cast<unsigned int>(bytes.size()), 0);
+    }
+};
+
+TEST_F(scanner_test, instance_is_always_the_same)
+{
+    EXPECT_EQ(&scanner::instance(), &scanner::instance());
+}
+
+// Opening.
+
+TEST_F(scanner_test, open_loads_the_plugin_then_connects_the_device_then_starts_the_plugin)
+{
+    install("plugin_good");
+    bus.plug(scanner_device());
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_good"),
+                    connection_made,
+                    attempt_that_succeeds(),
+                    {"plugin_good ctor"}}),
+              happened());
+    ASSERT_TRUE(session().usb_con());
+    EXPECT_TRUE(session().usb_con()->is_open());
+}
+
+TEST_F(scanner_test, any_result_but_0_of_the_plugin_s_start_opens_the_session)
+{
+    install("plugin_odd");
+    bus.plug(scanner_device());
+
+    EXPECT_TRUE(session().open(udi));
+}
+
+TEST_F(scanner_test, plugin_reaches_the_device_from_its_start_on)
+{
+    install("plugin_talking");
+    bus.plug(scanner_device());
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_talking"),
+                    connection_made,
+                    attempt_that_succeeds(),
+                    {"plugin_talking ctor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
+                     "plugin_talking sent 1"}}),
+              happened());
+}
+
+TEST_F(scanner_test, second_open_succeeds_at_once_whatever_the_address)
+{
+    open_session("plugin_good");
+
+    EXPECT_TRUE(session().open("no address at all"));
+    EXPECT_EQ("INFO open no address at all\n", happened());
+}
+
+TEST_F(scanner_test, second_open_leaves_the_environment_alone)
+{
+    open_session("plugin_good");
+    for (const char* variable : firmware_variables)
+        unsetenv(variable);
+    session().open(udi);
+
+    for (const char* variable : firmware_variables)
+        EXPECT_EQ(nullptr, std::getenv(variable)) << variable;
+}
+
+TEST_F(scanner_test, open_works_again_after_close)
+{
+    open_session("plugin_good");
+    session().close();
+    forget_what_happened();
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_good"),
+                    connection_made,
+                    attempt_that_succeeds(),
+                    {"plugin_good ctor"}}),
+              happened());
+}
+
+struct product {
+    const char* id;
+    const char* library;
+};
+
+class scanner_test_of_product : public scanner_test, public testing::WithParamInterface<product> {};
+
+TEST_P(scanner_test_of_product, is_served_by_its_plugin_library)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.product_id = static_cast<std::uint16_t>(std::strtoul(GetParam().id, nullptr, 16));
+    bus.plug(scanner);
+    support::install_plugin("plugin_good", GetParam().library);
+    const std::string address = std::string("usb:1a2b:") + GetParam().id;
+
+    EXPECT_TRUE(session().open(address));
+    EXPECT_EQ(text({{"INFO open " + address},
+                    plugin_loaded("plugin_good", GetParam().library),
+                    connection_made,
+                    attempt_that_succeeds(std::string("1a2b:") + GetParam().id),
+                    {"plugin_good ctor"}}),
+              happened());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    id, scanner_test_of_product,
+    testing::Values(product{"0a71", "libqvintZ4.so"}, product{"0a72", "libquban-plugin-stellan-x440.so"},
+                    product{"0a7e", "libmora-interpreter-stellan-x120.so"},
+                    product{"0a83", "libquban-plugin-stellan-x660.so"},
+                    product{"0a75", "libryo-mora-rt0915.so"}, product{"0a76", "libryo-mora-rt0915.so"},
+                    product{"0a70", "libryo-mora-hk-t210.so"}, product{"0a73", "libryo-mora-hk-t210.so"},
+                    product{"0a74", "libryo-mora-hk-t210.so"}, product{"0a77", "libryo-mora-hk-t210.so"},
+                    product{"0001", "libryo-mora-hk-t210.so"}, product{"ffff", "libryo-mora-hk-t210.so"}),
+    [](const auto& chosen) { return std::string(chosen.param.id); });
+
+// The firmware directories.
+
+void expect_firmware_directories()
+{
+    for (const char* variable : firmware_variables)
+        EXPECT_STREQ("/usr/share/tarvik/", std::getenv(variable)) << variable;
+}
+
+TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_loaded)
+{
+    install("plugin_telling_environment");
+    bus.plug(scanner_device());
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_telling_environment"),
+                    {"plugin_telling_environment finds GLIMMERON_FIRMWARE_DIR=/usr/share/tarvik/",
+                     "plugin_telling_environment finds QUBAN_FIRMWARE_DIR=/usr/share/tarvik/",
+                     "plugin_telling_environment finds MORA_FIRMWARE_DIR=/usr/share/tarvik/",
+                     "plugin_telling_environment finds QUBAN_FW_DIR=/usr/share/tarvik/"},
+                    connection_made,
+                    attempt_that_succeeds(),
+                    {"plugin_telling_environment ctor"}}),
+              happened());
+}
+
+TEST_F(scanner_test, firmware_directories_replace_what_was_set_and_stay_after_close)
+{
+    for (const char* variable : firmware_variables)
+        setenv(variable, "/elsewhere/", 1);
+    open_session("plugin_good");
+    session().close();
+
+    expect_firmware_directories();
+}
+
+TEST_F(scanner_test, firmware_directories_are_set_even_for_an_invalid_address)
+{
+    EXPECT_FALSE(session().open("usb:1a2b:0"));
+    expect_firmware_directories();
+}
+
+TEST_F(scanner_test, firmware_directories_are_set_even_when_the_plugin_is_missing)
+{
+    EXPECT_FALSE(session().open(udi));
+    expect_firmware_directories();
+}
+
+TEST_F(scanner_test, firmware_directories_are_set_even_when_there_is_no_device)
+{
+    install("plugin_good");
+
+    EXPECT_FALSE(session().open(udi));
+    expect_firmware_directories();
+}
+
+// Opening fails.
+
+TEST_F(scanner_test, open_of_an_invalid_address_fails_before_anything_is_loaded)
+{
+    install("plugin_good");
+    bus.plug(scanner_device());
+
+    EXPECT_FALSE(session().open("usb:1a2b:0"));
+    EXPECT_EQ(
+        text({{"INFO open usb:1a2b:0", "INFO machine: invalid UDI 'usb:1a2b:0'", "INFO get pid fails"}}),
+        happened());
+}
+
+TEST_F(scanner_test, address_never_chooses_a_format)
+{
+    EXPECT_FALSE(session().open("%n%s"));
+    EXPECT_EQ(text({{"INFO open %n%s", "INFO machine: invalid UDI '%n%s'", "INFO get pid fails"}}),
+              happened());
+}
+
+TEST_F(scanner_test, open_without_the_plugin_s_file_fails_before_usb_is_touched)
+{
+    bus.plug(scanner_device());
+    const std::string path = lib_path(plugin_file);
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi, "INFO interpName " + plugin_file, "INFO interpreter load " + path,
+                     "INFO interpreter load fails " + path +
+                         ": cannot open shared object file: No such file or directory",
+                     "INFO interpreter : load failed.", "INFO open fails"}}),
+              happened());
+}
+
+class scanner_test_without_a_symbol : public scanner_test, public testing::WithParamInterface<const char*> {};
+
+TEST_P(scanner_test_without_a_symbol, open_fails_before_usb_is_touched_and_unloads_the_plugin)
+{
+    bus.plug(scanner_device());
+    const std::string plugin = std::string("plugin_without_") + GetParam();
+    install(plugin);
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded(plugin),
+                    {plugin + " unloaded", "INFO interpreter function load errors",
+                     "INFO interpreter : invalid symboles.", "INFO open fails"}}),
+              happened());
+}
+
+INSTANTIATE_TEST_SUITE_P(such_as, scanner_test_without_a_symbol,
+                         testing::Values("ctor", "dtor", "reader", "writer"),
+                         [](const auto& chosen) { return std::string(chosen.param); });
+
+TEST_F(scanner_test, open_without_a_device_tries_5_times_with_4_pauses_and_never_starts_the_plugin)
+{
+    install("plugin_good");
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_good"),
+                    connection_made,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_without_a_device,
+                    {"INFO retry finish", "INFO usb connection failer.", "exit", "plugin_good unloaded",
+                     "INFO open fails"}}),
+              happened());
+    EXPECT_FALSE(session().usb_con());
+}
+
+TEST_F(scanner_test, open_connects_a_device_that_appears_before_the_third_attempt)
+{
+    install("plugin_good");
+    fake_usb::device late = scanner_device();
+    late.appears_at_search = 11; // an attempt searches 5 times
+    bus.plug(late);
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_good"),
+                    connection_made,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_without_a_device,
+                    pause,
+                    attempt_that_succeeds(),
+                    {"plugin_good ctor"}}),
+              happened());
+}
+
+TEST_F(scanner_test, open_connects_at_the_fifth_attempt)
+{
+    install("plugin_good");
+    fake_usb::device late = scanner_device();
+    late.appears_at_search = 25;
+    bus.plug(late);
+
+    EXPECT_TRUE(session().open(udi));
+}
+
+TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
+{
+    install("plugin_good");
+    bus.plug(scanner_device());
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
+
+    EXPECT_TRUE(session().open(udi));
+    EXPECT_EQ(
+        text({{"INFO open " + udi},
+              plugin_loaded("plugin_good"),
+              connection_made,
+              attempt_begins,
+              {"open_device_with_vid_pid 1a2b:3c4d -> scanner", "INFO usb_transceiver set_bulk_endpoints",
+               "get_device scanner -> scanner", "get_device_descriptor scanner -> 0",
+               "get_configuration scanner -> 0 (1)", "get_config_descriptor scanner 0 -> 0",
+               "kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+               "free_config_descriptor scanner 0", "close scanner",
+               "INFO usb_transceiver set_bulk_endpoints fails", "INFO connection open isSuccess = 0"},
+              pause,
+              attempt_that_succeeds(),
+              {"plugin_good ctor"}}),
+        happened());
+}
+
+TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log_tells_and_never_stops_it)
+{
+    install("plugin_refusing");
+    bus.plug(scanner_device());
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_refusing"),
+                    connection_made,
+                    attempt_that_succeeds(),
+                    {"plugin_refusing ctor"},
+                    connection_gone,
+                    {"INFO usb ctor failer.", "plugin_refusing unloaded"}}),
+              happened());
+    EXPECT_FALSE(session().usb_con());
+}
+
+TEST_F(scanner_test, refusing_plugin_reaches_the_device_before_it_refuses)
+{
+    install("plugin_refusing_after_talk");
+    bus.plug(scanner_device());
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(std::vector<unsigned char>{1}, bus.written("scanner", 0x02));
+}
+
+TEST_F(scanner_test, open_after_a_refusal_tries_anew)
+{
+    install("plugin_refusing");
+    bus.plug(scanner_device());
+    EXPECT_FALSE(session().open(udi));
+    install("plugin_good");
+
+    EXPECT_TRUE(session().open(udi));
+}
+
+TEST_F(scanner_test, open_fails_when_libusb_cannot_be_initialised_and_unloads_the_plugin)
+{
+    install("plugin_good");
+    bus.plug(scanner_device());
+    bus.fail("init", LIBUSB_ERROR_OTHER);
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(text({{"INFO open " + udi},
+                    plugin_loaded("plugin_good"),
+                    {"INFO usb_transceiver start", "init -> LIBUSB_ERROR_OTHER",
+                     "INFO libusb error = LIBUSB_ERROR_OTHER", "plugin_good unloaded",
+                     "INFO libusb_init: LIBUSB_ERROR_OTHER", "INFO open fails"}}),
+              happened());
+}
+
+/// Something is thrown in the middle of an open.
+class scanner_test_of_exceptions : public scanner_test {
+protected:
+    /// What is logged when `action`, run while the device is searched, throws.
+    std::string end_of_open(const std::function<void()>& action)
+    {
+        install("plugin_good");
+        bus.before_call("open_device_with_vid_pid", 1, action);
+        EXPECT_FALSE(session().open(udi));
+        EXPECT_FALSE(session().usb_con());
+        const lines all = support::take_dialogue();
+        return support::text(lines(all.end() - 4, all.end()));
+    }
+
+    static std::string with_last_words(const std::string& words)
+    {
+        return text({{"exit", "plugin_good unloaded", "INFO " + words, "INFO open fails"}});
+    }
+};
+
+TEST_F(scanner_test_of_exceptions, invalid_argument_is_logged_with_its_text)
+{
+    EXPECT_EQ(with_last_words("no such thing"),
+              end_of_open([] { throw std::invalid_argument("no such thing"); }));
+}
+
+TEST_F(scanner_test_of_exceptions, runtime_error_is_logged_with_its_text)
+{
+    EXPECT_EQ(with_last_words("out of luck"), end_of_open([] { throw std::runtime_error("out of luck"); }));
+}
+
+TEST_F(scanner_test_of_exceptions, text_of_an_invalid_argument_never_chooses_a_format)
+{
+    EXPECT_EQ(with_last_words("100%n%s"), end_of_open([] { throw std::invalid_argument("100%n%s"); }));
+}
+
+TEST_F(scanner_test_of_exceptions, text_of_a_runtime_error_never_chooses_a_format)
+{
+    EXPECT_EQ(with_last_words("100%n%s"), end_of_open([] { throw std::runtime_error("100%n%s"); }));
+}
+
+TEST_F(scanner_test_of_exceptions, other_exception_is_logged_as_unknown)
+{
+    EXPECT_EQ(with_last_words("unknown exception"), end_of_open([] { throw std::bad_alloc(); }));
+}
+
+TEST_F(scanner_test_of_exceptions, thrown_number_is_logged_as_unknown)
+{
+    EXPECT_EQ(with_last_words("unknown exception"), end_of_open([] { throw 1; }));
+}
+
+// Sending and receiving.
+
+TEST_F(scanner_test, send_and_recv_before_any_open_tell_that_no_plugin_runs)
+{
+    unsigned char byte = 0;
+
+    EXPECT_EQ(1, session().send(&byte, 1, 0));
+    EXPECT_EQ(1, session().send(nullptr, 0, 0));
+    EXPECT_EQ(1, session().recv(&byte, 1));
+    EXPECT_EQ(1, session().recv(nullptr, 0));
+}
+
+TEST_F(scanner_test, send_and_recv_after_a_failed_open_tell_that_no_plugin_runs)
+{
+    install("plugin_refusing");
+    bus.plug(scanner_device());
+    session().open(udi);
+    unsigned char byte = 0;
+
+    EXPECT_EQ(1, session().send(&byte, 1, 0));
+    EXPECT_EQ(1, session().recv(&byte, 1));
+}
+
+TEST_F(scanner_test, send_hands_all_bytes_to_the_plugin_without_a_word_in_the_log)
+{
+    open_session("plugin_good");
+
+    EXPECT_EQ(0, send({1, 0, 255}));
+    EXPECT_EQ(text({{"plugin_good writer 3", "bulk_transfer scanner 0x02 3 60000 -> 0 (3)"}}), happened());
+    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), bus.written("scanner", 0x02));
+}
+
+TEST_F(scanner_test, send_does_not_use_its_value)
+{
+    open_session("plugin_good");
+    unsigned char byte = 7;
+
+    EXPECT_EQ(0, session().send(&byte, 1, 0xFFFFFFFF));
+    EXPECT_EQ(text({{"plugin_good writer 1", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)"}}), happened());
+}
+
+TEST_F(scanner_test, recv_has_the_plugin_fill_the_buffer)
+{
+    open_session("plugin_good");
+    bus.script("scanner", 0x81, fake_usb::brings({1, 0, 255}));
+    std::vector<unsigned char> buffer(3);
+
+    EXPECT_EQ(0, session().recv(buffer.data(), 3));
+    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), buffer);
+    EXPECT_EQ(text({{"plugin_good reader 3", "bulk_transfer scanner 0x81 3 60000 -> 0 (3)"}}), happened());
+}
+
+TEST_F(scanner_test, send_of_nothing_fails_without_asking_the_plugin)
+{
+    open_session("plugin_good");
+    unsigned char byte = 0;
+
+    EXPECT_EQ(200, session().send(&byte, 0, 0));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, send_without_a_buffer_fails_without_asking_the_plugin)
+{
+    open_session("plugin_good");
+
+    EXPECT_EQ(200, session().send(nullptr, 1, 0));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, recv_of_nothing_fails_without_asking_the_plugin)
+{
+    open_session("plugin_good");
+    unsigned char byte = 0;
+
+    EXPECT_EQ(201, session().recv(&byte, 0));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, recv_without_a_buffer_fails_without_asking_the_plugin)
+{
+    open_session("plugin_good");
+
+    EXPECT_EQ(201, session().recv(nullptr, 1));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, send_fails_when_the_plugin_s_writer_returns_0)
+{
+    open_session("plugin_failing");
+
+    EXPECT_EQ(200, send({1}));
+    EXPECT_EQ("plugin_failing writer 1\n", happened());
+}
+
+TEST_F(scanner_test, recv_fails_when_the_plugin_s_reader_returns_0)
+{
+    open_session("plugin_failing");
+    unsigned char byte = 0;
+
+    EXPECT_EQ(201, session().recv(&byte, 1));
+    EXPECT_EQ("plugin_failing reader 1\n", happened());
+}
+
+TEST_F(scanner_test, any_result_of_the_plugin_but_0_is_success)
+{
+    open_session("plugin_odd");
+    unsigned char byte = 0;
+
+    EXPECT_EQ(0, session().send(&byte, 1, 0));
+    EXPECT_EQ(0, session().recv(&byte, 1));
+}
+
+// What the plugin was given.
+
+TEST_F(scanner_test, callbacks_return_the_bytes_moved_unchanged)
+{
+    open_session("plugin_good");
+    bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
+    bus.script("scanner", 0x02, fake_usb::ends_with(LIBUSB_SUCCESS, 3));
+    std::vector<unsigned char> buffer(5);
+
+    EXPECT_EQ(2, plugin_s_reader(buffer.data(), 5));
+    EXPECT_EQ(3, plugin_s_writer(buffer.data(), 5));
+}
+
+TEST_F(scanner_test, callbacks_return_0_while_there_is_no_connection)
+{
+    open_session("plugin_good");
+    session().close();
+    forget_what_happened();
+    unsigned char byte = 0;
+
+    EXPECT_EQ(0, plugin_s_reader(&byte, 1));
+    EXPECT_EQ(0, plugin_s_writer(&byte, 1));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, callback_keeps_the_connection_object_alive_until_its_transfer_returns)
+{
+    open_session("plugin_good");
+    const std::weak_ptr<usb_transceiver> connection = session().usb_con();
+    bool was_alive = false;
+    bus.before_call("bulk_transfer", 1, [&] {
+        session().close();
+        was_alive = !connection.expired();
+    });
+    unsigned char byte = 0;
+    plugin_s_reader(&byte, 1);
+
+    EXPECT_TRUE(was_alive);
+    EXPECT_TRUE(connection.expired());
+    EXPECT_EQ(lines{"bulk_transfer scanner 0x81 1 60000: the handle is not open"}, bus.take_misuses());
+}
+
+TEST_F(scanner_test, no_exception_passes_through_a_callback)
+{
+    open_session("plugin_good");
+    bus.before_call("bulk_transfer", 1, [] { throw std::bad_alloc(); });
+
+    EXPECT_EQ(200, send({1}));
+}
+
+// Closing.
+
+TEST_F(scanner_test, close_stops_and_unloads_the_plugin_before_it_closes_the_device)
+{
+    open_session("plugin_good");
+    session().close();
+
+    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}), happened());
+    EXPECT_FALSE(session().usb_con());
+}
+
+TEST_F(scanner_test, plugin_reaches_the_device_while_it_is_stopped)
+{
+    open_session("plugin_talking");
+    session().close();
+
+    EXPECT_EQ(text({{"plugin_talking dtor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
+                     "plugin_talking sent 1", "plugin_talking unloaded"},
+                    connection_gone}),
+              happened());
+}
+
+TEST_F(scanner_test, close_leaves_the_connection_object_to_whoever_shares_it)
+{
+    open_session("plugin_good");
+    std::shared_ptr<usb_transceiver> shared = session().usb_con();
+    session().close();
+    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_closed}), happened());
+
+    EXPECT_FALSE(shared->is_open());
+    shared.reset();
+    EXPECT_EQ("exit\n", happened());
+}
+
+TEST_F(scanner_test, second_close_does_nothing)
+{
+    open_session("plugin_good");
+    session().close();
+    forget_what_happened();
+    session().close();
+
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, close_without_any_open_does_nothing)
+{
+    session().close();
+
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(scanner_test, send_and_recv_after_close_tell_that_no_plugin_runs)
+{
+    open_session("plugin_good");
+    session().close();
+    unsigned char byte = 0;
+
+    EXPECT_EQ(1, session().send(&byte, 1, 0));
+    EXPECT_EQ(1, session().recv(&byte, 1));
+}
+
+TEST_F(scanner_test, destruction_closes)
+{
+    install("plugin_good");
+    bus.plug(scanner_device());
+    {
+        scanner own;
+        ASSERT_TRUE(own.open(udi));
+        forget_what_happened();
+    }
+
+    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}), happened());
+}
+
+TEST_F(scanner_test, end_of_the_process_closes_the_session)
+{
+    open_session("plugin_good");
+    const auto end_process = [] {
+        support::set_dialogue_sink([](const std::string& line) { std::cerr << line << "\n"; });
+        std::exit(0);
+    };
+
+    EXPECT_EXIT(
+        end_process(), testing::ExitedWithCode(0),
+        "^plugin_good dtor\nplugin_good unloaded\nrelease_interface scanner 0 -> 0\nclose scanner\nexit\n$");
+}
+
+// The device was lost and is opened again.
+
+/// A session whose connection has given up its handle, on a bus where `other_udi` names the scanner too.
+class scanner_test_of_reopening : public scanner_test {
+protected:
+    void lose_device(const std::string& plugin)
+    {
+        open_session(plugin);
+        session().usb_con()->close();
+        bus.unplug("scanner");
+        forget_what_happened();
+    }
+
+    void plug_in_other()
+    {
+        fake_usb::device other = scanner_device();
+        other.name = "other";
+        other.product_id = 0x0a71;
+        bus.plug(other);
+    }
+
+    const lines other_attempt = {"INFO usb_transceiver open start",
+                                 "INFO usb_transceiver open ",
+                                 "open_device_with_vid_pid 1a2b:0a71 -> other",
+                                 "INFO usb_transceiver set_bulk_endpoints",
+                                 "get_device other -> other",
+                                 "get_device_descriptor other -> 0",
+                                 "get_configuration other -> 0 (1)",
+                                 "get_config_descriptor other 0 -> 0",
+                                 "kernel_driver_active other 0 -> 0",
+                                 "claim_interface other 0 -> 0",
+                                 "free_config_descriptor other 0",
+                                 "INFO connection open isSuccess = 1",
+                                 "INFO break"};
+};
+
+TEST_F(scanner_test_of_reopening, replaces_connection_and_plugin_and_does_not_stop_the_old_plugin)
+{
+    lose_device("plugin_good");
+    plug_in_other();
+    support::install_plugin("plugin_odd", other_plugin_file);
+
+    EXPECT_TRUE(session().open(other_udi));
+    EXPECT_EQ(text({{"INFO open " + other_udi},
+                    plugin_loaded("plugin_odd", other_plugin_file),
+                    {"INFO usb_transceiver start"}, // the context is still there
+                    other_attempt,
+                    {"plugin_odd ctor", "plugin_good unloaded"}}),
+              happened());
+}
+
+TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_device_cannot_be_connected)
+{
+    lose_device("plugin_good");
+    const std::shared_ptr<usb_transceiver> before = session().usb_con();
+
+    EXPECT_FALSE(session().open(udi));
+    EXPECT_EQ(before, session().usb_con());
+    forget_what_happened();
+    session().close();
+    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}}), happened());
+}
+
+TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_new_plugin_is_missing)
+{
+    lose_device("plugin_good");
+    plug_in_other();
+    const std::shared_ptr<usb_transceiver> before = session().usb_con();
+
+    EXPECT_FALSE(session().open(other_udi));
+    EXPECT_EQ(before, session().usb_con());
+}
+
+TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_address_is_invalid)
+{
+    lose_device("plugin_good");
+    const std::shared_ptr<usb_transceiver> before = session().usb_con();
+
+    EXPECT_FALSE(session().open("usb:"));
+    EXPECT_EQ(before, session().usb_con());
+}
+
+TEST_F(scanner_test_of_reopening, drops_the_old_connection_and_keeps_the_old_plugin_when_the_new_one_refuses)
+{
+    lose_device("plugin_good");
+    plug_in_other();
+    support::install_plugin("plugin_refusing", other_plugin_file);
+
+    EXPECT_FALSE(session().open(other_udi));
+    EXPECT_EQ(text({{"INFO open " + other_udi},
+                    plugin_loaded("plugin_refusing", other_plugin_file),
+                    {"INFO usb_transceiver start"},
+                    other_attempt,
+                    {"plugin_refusing ctor", "release_interface other 0 -> 0", "close other", "exit",
+                     "INFO usb ctor failer.", "plugin_refusing unloaded"}}),
+              happened());
+    EXPECT_FALSE(session().usb_con());
+}
+
+TEST_F(scanner_test_of_reopening, old_plugin_left_without_a_connection_moves_nothing_until_close_stops_it)
+{
+    lose_device("plugin_good");
+    plug_in_other();
+    support::install_plugin("plugin_refusing", other_plugin_file);
+    session().open(other_udi);
+    forget_what_happened();
+
+    EXPECT_EQ(200, send({1}));
+    EXPECT_EQ("plugin_good writer 1\n", happened());
+    session().close();
+    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}}), happened());
+    EXPECT_EQ(1, send({1}));
+}
+
+// The log.
+
+TEST_F(scanner_test, its_lines_are_logged_as_coming_from_scanner)
+{
+    testing::internal::CaptureStderr(); // the verbose form is copied there
+    support::open_log(0);
+    session().open("usb:");
+    session().open(udi);
+    install("plugin_good");
+    session().open(udi);
+    install("plugin_refusing");
+    bus.plug(scanner_device());
+    session().open(udi);
+    testing::internal::GetCapturedStderr();
+
+    const std::string own =
+        "|open usb:|get pid fails|open usb:1a2b:3c4d|interpName libryo-mora-hk-t210.so|"
+        "interpreter : load failed.|open fails|connection open isSuccess = 0|retry finish|"
+        "usb connection failer.|connection open isSuccess = 1|break|usb ctor failer.|";
+    int count = 0;
+    for (const support::log_line& line : support::log_lines()) {
+        const std::string message = support::without_source(line.message);
+        const bool is_own = own.find("|" + message + "|") != std::string::npos;
+        EXPECT_EQ(is_own, support::source_of(line.message) == "scanner") << line.message;
+        count += is_own ? 1 : 0;
+    }
+    EXPECT_EQ(21, count) << log();
+}
+
+} // namespace

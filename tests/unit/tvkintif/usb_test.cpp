@@ -1,0 +1,1359 @@
+#include <gtest/gtest.h>
+#include <libusb.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "tvkintif/src/usb.h"
+#include "unit/tvkintif/watched_test.h"
+
+using fake_usb::alt_setting;
+using fake_usb::configuration;
+using fake_usb::endpoint;
+using fake_usb::ends_with;
+using fake_usb::scanner_device;
+using namespace std::string_literals;
+
+namespace {
+
+const std::string by_ids = "usb:1a2b:3c4d";
+const std::string by_serial = "usb:1a2b:3c4d:SN0042";
+
+// What always happens, step by step.
+
+const lines construction = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
+
+const lines ids_search = {"INFO usb_transceiver open start", "INFO usb_transceiver open ",
+                          "open_device_with_vid_pid 1a2b:3c4d -> scanner"};
+
+const lines first_questions = {"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                               "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (1)"};
+
+const lines first_configuration = {"get_config_descriptor scanner 0 -> 0"};
+
+const lines interface_0_chosen = {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                  "free_config_descriptor scanner 0"};
+
+const lines no_interface_chosen = {"close scanner", "INFO usb_transceiver set_bulk_endpoints fails"};
+
+const lines interface_0_released = {"release_interface scanner 0 -> 0", "close scanner"};
+
+/// Shows what the class keeps to itself.
+class open_book : public usb_transceiver {
+public:
+    using usb_transceiver::m_handle;
+    using usb_transceiver::m_isKernelDriverDetached;
+    using usb_transceiver::m_nBulkIn;
+    using usb_transceiver::m_nBulkOut;
+    using usb_transceiver::m_nConfiguration;
+    using usb_transceiver::m_nInterface;
+    using usb_transceiver::m_nProductId;
+    using usb_transceiver::m_nVendorId;
+    using usb_transceiver::sm_ctx;
+    using usb_transceiver::sm_isInitialized;
+    using usb_transceiver::sm_nConnectionCount;
+    using usb_transceiver::sm_nDefaultTimeout;
+};
+
+static_assert(std::has_virtual_destructor_v<usb_transceiver>);
+static_assert(!std::is_copy_constructible_v<usb_transceiver> && !std::is_copy_assignable_v<usb_transceiver>);
+
+/// One connection, on a bus that the test fills.
+class usb_test : public watched_test {
+protected:
+    void TearDown() override
+    {
+        usb.reset();
+        watched_test::TearDown();
+    }
+
+    void connect() { usb = std::make_unique<open_book>(); }
+
+    /// A connection on a bus with this device, its construction forgotten.
+    void connect_to(const fake_usb::device& device)
+    {
+        bus.plug(device);
+        connect();
+        forget_what_happened();
+    }
+
+    std::unique_ptr<open_book> usb;
+};
+
+// The shared context.
+
+TEST_F(usb_test, construction_initialises_libusb_and_sets_its_message_level)
+{
+    connect();
+
+    EXPECT_EQ(text({construction}), happened());
+    EXPECT_NE(nullptr, open_book::sm_ctx);
+    EXPECT_TRUE(open_book::sm_isInitialized);
+    EXPECT_EQ(1, open_book::sm_nConnectionCount);
+}
+
+TEST_F(usb_test, destruction_of_the_only_object_gives_the_context_back)
+{
+    connect();
+    forget_what_happened();
+    usb.reset();
+
+    EXPECT_EQ("exit\n", happened());
+    EXPECT_EQ(nullptr, open_book::sm_ctx);
+    EXPECT_FALSE(open_book::sm_isInitialized);
+    EXPECT_EQ(0, open_book::sm_nConnectionCount);
+}
+
+TEST_F(usb_test, two_objects_share_one_context_until_the_second_is_destroyed)
+{
+    connect();
+    auto second = std::make_unique<usb_transceiver>();
+    EXPECT_EQ(text({construction, {"INFO usb_transceiver start"}}), happened());
+    EXPECT_EQ(2, open_book::sm_nConnectionCount);
+
+    usb.reset();
+    EXPECT_EQ("", happened());
+    EXPECT_NE(nullptr, open_book::sm_ctx);
+
+    second.reset();
+    EXPECT_EQ("exit\n", happened());
+}
+
+TEST_F(usb_test, an_object_after_all_others_are_gone_initialises_a_fresh_context)
+{
+    connect();
+    usb.reset();
+    forget_what_happened();
+    connect();
+
+    EXPECT_EQ(text({construction}), happened());
+}
+
+TEST_F(usb_test, construction_leaves_the_object_closed_and_its_members_at_their_initial_values)
+{
+    connect();
+
+    EXPECT_FALSE(usb->is_open());
+    EXPECT_EQ(nullptr, usb->m_handle);
+    EXPECT_EQ(0, usb->m_nVendorId);
+    EXPECT_EQ(0, usb->m_nProductId);
+    EXPECT_EQ(-1, usb->m_nConfiguration);
+    EXPECT_EQ(-1, usb->m_nInterface);
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+    EXPECT_EQ(-1, usb->m_nBulkIn);
+    EXPECT_EQ(-1, usb->m_nBulkOut);
+    EXPECT_EQ(60000, open_book::sm_nDefaultTimeout);
+}
+
+TEST_F(usb_test, construction_throws_the_name_of_the_error_when_libusb_cannot_be_initialised)
+{
+    bus.fail("init", LIBUSB_ERROR_OTHER);
+
+    try {
+        connect();
+        FAIL() << "constructed";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ("libusb_init: LIBUSB_ERROR_OTHER", error.what());
+    }
+}
+
+TEST_F(usb_test, failed_initialisation_is_logged_and_leaves_nothing_behind)
+{
+    bus.fail("init", LIBUSB_ERROR_NO_MEM);
+
+    EXPECT_THROW(connect(), std::runtime_error);
+    EXPECT_EQ(text({{"INFO usb_transceiver start", "init -> LIBUSB_ERROR_NO_MEM",
+                     "INFO libusb error = LIBUSB_ERROR_NO_MEM"}}),
+              happened());
+    EXPECT_EQ(nullptr, open_book::sm_ctx);
+    EXPECT_FALSE(open_book::sm_isInitialized);
+    EXPECT_EQ(0, open_book::sm_nConnectionCount);
+}
+
+TEST_F(usb_test, construction_tries_again_after_a_failed_initialisation)
+{
+    bus.fail("init", LIBUSB_ERROR_OTHER).times(1);
+    EXPECT_THROW(connect(), std::runtime_error);
+    forget_what_happened();
+    connect();
+
+    EXPECT_EQ(text({construction}), happened());
+    EXPECT_EQ(1, open_book::sm_nConnectionCount);
+}
+
+// Addresses.
+
+TEST_F(usb_test, getpid_yields_the_product_id_without_libusb_or_log)
+{
+    EXPECT_EQ(0x0A71, usb_transceiver::getpid("usb:1a2b:0a71"));
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(usb_test, getpid_yields_the_greatest_product_id_as_a_positive_number)
+{
+    EXPECT_EQ(0xFFFF, usb_transceiver::getpid("usb:1a2b:ffff"));
+}
+
+class usb_test_with_invalid_udi : public usb_test, public testing::WithParamInterface<std::string> {};
+
+TEST_P(usb_test_with_invalid_udi, getpid_yields_minus_1_and_logs_the_udi)
+{
+    EXPECT_EQ(-1, usb_transceiver::getpid(GetParam()));
+    EXPECT_EQ("INFO machine: invalid UDI '" + GetParam() + "'\n", happened());
+}
+
+TEST_P(usb_test_with_invalid_udi, open_fails_and_touches_nothing)
+{
+    connect_to(scanner_device());
+
+    EXPECT_FALSE(usb->open(GetParam()));
+    EXPECT_EQ("INFO machine: invalid UDI '" + GetParam() + "'\n", happened());
+    EXPECT_FALSE(usb->is_open());
+}
+
+INSTANTIATE_TEST_SUITE_P(such_as, usb_test_with_invalid_udi,
+                         testing::Values("usb:1a2b:0", "usb:0:3c4d", "usb:1a2b", "USB:1a2b:3c4d",
+                                         "net:1a2b:3c4d:SN0042", "", "%s%n"));
+
+// The search for the device.
+
+TEST_F(usb_test, open_without_a_serial_opens_the_first_device_with_the_ids)
+{
+    connect_to(scanner_device());
+
+    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_TRUE(usb->is_open());
+    EXPECT_EQ(text({ids_search, first_questions, first_configuration, interface_0_chosen}), happened());
+}
+
+TEST_F(usb_test, open_without_a_serial_tries_5_times_with_pauses_and_fails_when_there_is_no_device)
+{
+    connect();
+    forget_what_happened();
+
+    EXPECT_FALSE(usb->open(by_ids));
+    EXPECT_FALSE(usb->is_open());
+    const lines failed_try = {"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"};
+    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
+                    failed_try,
+                    failed_try,
+                    failed_try,
+                    failed_try,
+                    failed_try,
+                    {"INFO usb_transceiver open fails"}}),
+              happened());
+}
+
+TEST_F(usb_test, open_without_a_serial_finds_a_device_that_appears_at_the_third_try)
+{
+    fake_usb::device late = scanner_device();
+    late.appears_at_search = 3;
+    connect_to(late);
+
+    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open ",
+                     "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                     "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                     "open_device_with_vid_pid 1a2b:3c4d -> scanner"},
+                    first_questions,
+                    first_configuration,
+                    interface_0_chosen}),
+              happened());
+}
+
+/// Two scanners of one model, told apart by their serial.
+class usb_test_with_twins : public usb_test {
+protected:
+    static fake_usb::device twin(const std::string& name, const std::string& serial)
+    {
+        fake_usb::device scanner = scanner_device();
+        scanner.name = name;
+        scanner.serial = serial;
+        return scanner;
+    }
+
+    static lines examined(const std::string& name)
+    {
+        return {"get_device_descriptor " + name + " -> 0", "open " + name + " -> 0",
+                "get_string_descriptor_ascii " + name + " 3 -> 6", "close " + name};
+    }
+
+    static lines chosen(const std::string& name)
+    {
+        return {"INFO usb_transceiver set_bulk_endpoints",   "get_device " + name + " -> " + name,
+                "get_device_descriptor " + name + " -> 0",   "get_configuration " + name + " -> 0 (1)",
+                "get_config_descriptor " + name + " 0 -> 0", "kernel_driver_active " + name + " 0 -> 0",
+                "claim_interface " + name + " 0 -> 0",       "free_config_descriptor " + name + " 0"};
+    }
+
+    const lines serial_search = {"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
+                                 "get_device_list -> 2"};
+    const lines list_freed = {"free_device_list unref"};
+};
+
+TEST_F(usb_test_with_twins, open_by_serial_opens_the_first_in_the_list_and_looks_no_further)
+{
+    bus.plug(twin("left", "SN0042"));
+    bus.plug(twin("right", "SN0043"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    examined("left"),
+                    {"INFO found device", "open left -> 0"},
+                    list_freed,
+                    chosen("left")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_opens_the_second_in_the_list)
+{
+    bus.plug(twin("left", "SN0041"));
+    bus.plug(twin("right", "SN0042"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    examined("left"),
+                    examined("right"),
+                    {"INFO found device", "open right -> 0"},
+                    list_freed,
+                    chosen("right")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_passes_over_devices_with_other_ids_without_opening_them)
+{
+    fake_usb::device stranger = twin("left", "SN0042");
+    stranger.product_id = 0x3c4e;
+    bus.plug(stranger);
+    bus.plug(twin("right", "SN0042"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    {"get_device_descriptor left -> 0"},
+                    examined("right"),
+                    {"INFO found device", "open right -> 0"},
+                    list_freed,
+                    chosen("right")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_no_device_has_the_serial)
+{
+    bus.plug(twin("left", "SN0041"));
+    bus.plug(twin("right", "SN0043"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    examined("left"),
+                    examined("right"),
+                    list_freed,
+                    {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
+                    chosen("left")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_goes_on_with_the_next_device_when_the_found_one_cannot_be_opened)
+{
+    fake_usb::device locked = twin("left", "SN0041"); // cannot be asked for its serial, so it counts as found
+    locked.open_error = LIBUSB_ERROR_ACCESS;
+    bus.plug(locked);
+    bus.plug(twin("right", "SN0042"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_ACCESS",
+                     "INFO found device", "open left -> LIBUSB_ERROR_ACCESS"},
+                    examined("right"),
+                    {"INFO found device", "open right -> 0"},
+                    list_freed,
+                    chosen("right")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_takes_a_device_that_only_opens_the_second_time)
+{
+    bus.plug(twin("left", "SN0041"));
+    bus.plug(twin("right", "SN0042"));
+    bus.fail("open", LIBUSB_ERROR_BUSY).of("left").times(1);
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_BUSY", "INFO found device",
+                     "open left -> 0"},
+                    list_freed,
+                    chosen("left")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_goes_on_when_an_open_succeeds_without_a_handle)
+{
+    bus.plug(twin("left", "SN0042"));
+    bus.plug(twin("right", "SN0042"));
+    bus.fail("open", LIBUSB_SUCCESS).of("left").from_call(2);
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({serial_search,
+                    examined("left"),
+                    {"INFO found device", "open left -> 0"},
+                    examined("right"),
+                    {"INFO found device", "open right -> 0"},
+                    list_freed,
+                    chosen("right")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_the_devices_cannot_be_listed)
+{
+    bus.plug(twin("left", "SN0042"));
+    bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM);
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial));
+    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
+                     "get_device_list -> LIBUSB_ERROR_NO_MEM", "INFO not found retry",
+                     "open_device_with_vid_pid 1a2b:3c4d -> left"},
+                    chosen("left")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_fails_on_an_empty_bus_with_its_empty_list_freed)
+{
+    connect();
+    forget_what_happened();
+
+    EXPECT_FALSE(usb->open(by_serial));
+    const lines failed_try = {"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"};
+    EXPECT_EQ(
+        text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042", "get_device_list -> 0"},
+              list_freed,
+              {"INFO not found retry"},
+              failed_try,
+              failed_try,
+              failed_try,
+              failed_try,
+              failed_try,
+              {"INFO usb_transceiver open fails"}}),
+        happened());
+}
+
+TEST_F(usb_test_with_twins, open_by_serial_accepts_a_serial_with_its_terminator)
+{
+    bus.plug(twin("left", "SN0041"));
+    bus.plug(twin("right", "SN0042"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_serial + "\0"s));
+    EXPECT_EQ(text({serial_search,
+                    examined("left"),
+                    examined("right"),
+                    {"INFO found device", "open right -> 0"},
+                    list_freed,
+                    chosen("right")}),
+              happened());
+}
+
+TEST_F(usb_test_with_twins, open_with_bus_and_device_number_takes_the_bus_number_for_a_serial)
+{
+    bus.plug(twin("left", "SN0041"));
+    connect();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open("usb:1a2b:3c4d:002:005"));
+    EXPECT_EQ(
+        text({{"INFO usb_transceiver open start", "INFO usb_transceiver open 002", "get_device_list -> 1"},
+              examined("left"),
+              list_freed,
+              {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
+              chosen("left")}),
+        happened());
+}
+
+// The choice of the interface.
+
+alt_setting setting(std::uint8_t number, std::vector<endpoint> endpoints)
+{
+    alt_setting result;
+    result.interface_number = number;
+    result.endpoints = std::move(endpoints);
+    return result;
+}
+
+const endpoint bulk_in = {0x81};
+const endpoint bulk_out = {0x02};
+
+/// Has the right endpoints and the wrong class.
+alt_setting printer()
+{
+    alt_setting result = setting(0, {bulk_in, bulk_out});
+    result.interface_class = LIBUSB_CLASS_PRINTER;
+    return result;
+}
+
+/// A device with these interfaces in its only configuration.
+fake_usb::device with_interfaces(std::vector<fake_usb::usb_interface> interfaces)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations[0].interfaces = std::move(interfaces);
+    return scanner;
+}
+
+/// Opens by ids and expects what comes after the device was found.
+class usb_test_of_choice : public usb_test {
+protected:
+    bool open(const fake_usb::device& device)
+    {
+        connect_to(device);
+        return usb->open(by_ids);
+    }
+
+    std::string expected(lines questions, std::initializer_list<lines> then)
+    {
+        return text({ids_search, questions}) + text(then);
+    }
+};
+
+TEST_F(usb_test_of_choice, open_keeps_what_it_chose)
+{
+    fake_usb::device scanner = with_interfaces({{setting(4, {{0x83}, {0x05}})}});
+    scanner.configurations[0].value = 1;
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_EQ(1, usb->m_nConfiguration);
+    EXPECT_EQ(4, usb->m_nInterface);
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+    EXPECT_EQ(0x83, usb->m_nBulkIn);
+    EXPECT_EQ(0x05, usb->m_nBulkOut);
+}
+
+TEST_F(usb_test_of_choice, interface_is_claimed_by_its_number_not_by_its_position)
+{
+    EXPECT_TRUE(open(with_interfaces({{setting(4, {bulk_in, bulk_out})}})));
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 4 -> 0", "claim_interface scanner 4 -> 0",
+                                    "free_config_descriptor scanner 0"}}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_when_the_handle_has_no_device)
+{
+    bus.fail("get_device", 0);
+
+    EXPECT_FALSE(open(scanner_device()));
+    EXPECT_FALSE(usb->is_open());
+    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> null"},
+                       {no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_when_the_device_descriptor_cannot_be_read)
+{
+    bus.fail("get_device_descriptor", LIBUSB_ERROR_IO);
+
+    EXPECT_FALSE(open(scanner_device()));
+    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                        "get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
+                       {no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_when_the_active_configuration_cannot_be_read)
+{
+    bus.fail("get_configuration", LIBUSB_ERROR_NO_DEVICE);
+
+    EXPECT_FALSE(open(scanner_device()));
+    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                        "get_device_descriptor scanner -> 0",
+                        "get_configuration scanner -> LIBUSB_ERROR_NO_DEVICE"},
+                       {no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_when_the_configuration_descriptor_cannot_be_read)
+{
+    bus.fail("get_config_descriptor", LIBUSB_ERROR_NOT_FOUND);
+
+    EXPECT_FALSE(open(scanner_device()));
+    EXPECT_EQ(expected(first_questions,
+                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_NOT_FOUND"}, no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_looks_at_no_further_configuration_after_an_unreadable_one)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations.push_back({2, scanner.configurations[0].interfaces});
+    bus.fail("get_config_descriptor", LIBUSB_ERROR_IO).times(1);
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(expected(first_questions,
+                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"}, no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_on_a_device_without_configurations)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations.clear();
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(expected(first_questions, {no_interface_chosen}), happened());
+}
+
+TEST_F(usb_test_of_choice, configuration_1_is_set_when_another_is_active_whatever_the_first_one_s_value)
+{
+    fake_usb::device scanner = scanner_device();
+    const auto interfaces = scanner.configurations[0].interfaces;
+    scanner.configurations = {{2, interfaces}, {1, interfaces}, {3, interfaces}};
+    scanner.active_configuration = 3;
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_EQ(2, usb->m_nConfiguration);
+    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                        "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (3)"},
+                       {first_configuration, {"set_configuration scanner 1 -> 0"}, interface_0_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, active_configuration_is_compared_as_first_read_for_all_configurations)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations = {{1, {{printer()}}}, {4, {}}, {2, scanner.configurations[0].interfaces}};
+    scanner.active_configuration = 2;
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                        "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
+                       {{"get_config_descriptor scanner 0 -> 0", "set_configuration scanner 1 -> 0",
+                         "free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
+                         "set_configuration scanner 1 -> 0", "free_config_descriptor scanner 1",
+                         "get_config_descriptor scanner 2 -> 0", "kernel_driver_active scanner 0 -> 0",
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 2"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_when_configuration_1_cannot_be_set_and_looks_no_further)
+{
+    fake_usb::device scanner = scanner_device();
+    const auto interfaces = scanner.configurations[0].interfaces;
+    scanner.configurations = {{1, interfaces}, {2, interfaces}};
+    scanner.active_configuration = 2;
+    bus.fail("set_configuration", LIBUSB_ERROR_BUSY);
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(
+        expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+                  "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
+                 {first_configuration,
+                  {"set_configuration scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
+                  no_interface_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, second_configuration_is_searched_when_the_first_has_no_fitting_interface)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.configurations = {{1, {{printer()}}}, {2, scanner.configurations[0].interfaces}};
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_EQ(2, usb->m_nConfiguration);
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration,
+                        {"free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
+                         "set_configuration scanner 1 -> 0", "kernel_driver_active scanner 0 -> 0",
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 1"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, interface_of_another_class_is_never_considered)
+{
+    EXPECT_FALSE(open(with_interfaces({{printer()}})));
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, vendor_specific_interface_with_another_protocol_is_never_considered)
+{
+    alt_setting other = setting(0, {bulk_in, bulk_out});
+    other.interface_protocol = 0;
+
+    EXPECT_FALSE(open(with_interfaces({{other}})));
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, subclass_of_the_interface_does_not_matter)
+{
+    alt_setting odd = setting(0, {bulk_in, bulk_out});
+    odd.interface_subclass = 0x5A;
+
+    EXPECT_TRUE(open(with_interfaces({{odd}})));
+}
+
+TEST_F(usb_test_of_choice, second_interface_is_taken_when_the_first_is_not_vendor_specific)
+{
+    EXPECT_TRUE(open(with_interfaces({{printer()}, {setting(1, {bulk_in, bulk_out})}})));
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> 0",
+                                    "free_config_descriptor scanner 0"}}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, first_fitting_interface_is_taken_and_no_further_one_touched)
+{
+    EXPECT_TRUE(
+        open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
+    EXPECT_EQ(expected(first_questions, {first_configuration, interface_0_chosen}), happened());
+}
+
+TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_is_released_and_open_fails)
+{
+    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}})));
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                   no_interface_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, bulk_out_without_bulk_in_is_released_and_open_fails)
+{
+    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_out})}})));
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                   no_interface_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_gets_its_kernel_driver_back)
+{
+    fake_usb::device scanner = with_interfaces({{setting(0, {bulk_in})}});
+    scanner.kernel_drivers = {0};
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration,
+                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                         "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
+                         "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                        no_interface_chosen}),
+              happened());
+    EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
+}
+
+TEST_F(usb_test_of_choice, endpoints_of_two_interfaces_are_not_put_together)
+{
+    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_out})}})));
+    EXPECT_FALSE(usb->is_open());
+}
+
+TEST_F(usb_test_of_choice, endpoints_of_two_settings_are_not_put_together)
+{
+    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_out}), setting(0, {bulk_in})}})));
+}
+
+TEST_F(usb_test_of_choice, second_setting_of_an_interface_is_taken_when_the_first_lacks_an_endpoint)
+{
+    EXPECT_TRUE(open(with_interfaces({{setting(0, {bulk_in}), setting(0, {{0x84}, {0x05}})}})));
+    EXPECT_EQ(0x84, usb->m_nBulkIn);
+    EXPECT_EQ(0x05, usb->m_nBulkOut);
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                    "release_interface scanner 0 -> 0"},
+                                   interface_0_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, kernel_driver_goes_and_comes_back_between_two_settings_of_an_interface)
+{
+    fake_usb::device scanner = with_interfaces({{setting(0, {}), setting(0, {bulk_in, bulk_out})}});
+    scanner.kernel_drivers = {0};
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_TRUE(usb->m_isKernelDriverDetached);
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration,
+                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                         "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
+                         "attach_kernel_driver scanner 0 -> 0", "kernel_driver_active scanner 0 -> 1",
+                         "detach_kernel_driver scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                         "free_config_descriptor scanner 0"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, kernel_driver_of_a_refused_interface_is_not_remembered_for_the_chosen_one)
+{
+    fake_usb::device scanner = with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_in, bulk_out})}});
+    scanner.kernel_drivers = {0};
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+}
+
+TEST_F(usb_test_of_choice, later_bulk_endpoint_of_the_same_direction_wins)
+{
+    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81}, {0x02}, {0x83}, {0x04}})}})));
+    EXPECT_EQ(0x83, usb->m_nBulkIn);
+    EXPECT_EQ(0x04, usb->m_nBulkOut);
+}
+
+TEST_F(usb_test_of_choice, endpoints_of_other_transfer_types_do_not_count)
+{
+    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81},
+                                                   {0x02},
+                                                   {0x83, LIBUSB_TRANSFER_TYPE_INTERRUPT},
+                                                   {0x84, LIBUSB_TRANSFER_TYPE_ISOCHRONOUS},
+                                                   {0x05, LIBUSB_TRANSFER_TYPE_CONTROL}})}})));
+    EXPECT_EQ(0x81, usb->m_nBulkIn);
+    EXPECT_EQ(0x02, usb->m_nBulkOut);
+}
+
+TEST_F(usb_test_of_choice, transfer_type_is_only_the_low_two_bits_of_the_attributes)
+{
+    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81, 0xFE}, {0x02, 0x06}, {0x83, 0x07}})}})));
+    EXPECT_EQ(0x81, usb->m_nBulkIn);
+    EXPECT_EQ(0x02, usb->m_nBulkOut);
+}
+
+TEST_F(usb_test_of_choice, setting_whose_endpoint_array_is_null_has_none)
+{
+    alt_setting broken = setting(0, {bulk_in, bulk_out});
+    broken.is_endpoint_array_null = true;
+
+    EXPECT_FALSE(open(with_interfaces({{broken}})));
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                   no_interface_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, kernel_driver_is_detached_for_the_session_and_attached_again_by_close)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+
+    EXPECT_TRUE(open(scanner));
+    EXPECT_TRUE(usb->m_isKernelDriverDetached);
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration,
+                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}),
+              happened());
+
+    usb->close();
+    EXPECT_EQ(
+        text({{"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0", "close scanner"}}),
+        happened());
+    EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
+}
+
+TEST_F(usb_test_of_choice, failed_question_for_the_kernel_driver_counts_as_no_driver)
+{
+    bus.fail("kernel_driver_active", LIBUSB_ERROR_NOT_SUPPORTED);
+
+    EXPECT_TRUE(open(scanner_device()));
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+    EXPECT_EQ(
+        expected(first_questions, {first_configuration,
+                                   {"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED",
+                                    "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, answer_other_than_1_to_the_question_for_the_kernel_driver_counts_as_no_driver)
+{
+    bus.fail("kernel_driver_active", 2);
+
+    EXPECT_TRUE(open(scanner_device()));
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+}
+
+TEST_F(usb_test_of_choice, open_fails_at_once_when_the_kernel_driver_cannot_be_detached)
+{
+    fake_usb::device scanner =
+        with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}});
+    scanner.kernel_drivers = {0};
+    bus.fail("detach_kernel_driver", LIBUSB_ERROR_ACCESS);
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(expected(first_questions, {first_configuration,
+                                         {"kernel_driver_active scanner 0 -> 1",
+                                          "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS",
+                                          "free_config_descriptor scanner 0"},
+                                         no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, open_fails_at_once_when_the_interface_cannot_be_claimed)
+{
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
+
+    EXPECT_FALSE(
+        open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
+    EXPECT_EQ(expected(first_questions, {first_configuration,
+                                         {"kernel_driver_active scanner 0 -> 0",
+                                          "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+                                          "free_config_descriptor scanner 0"},
+                                         no_interface_chosen}),
+              happened());
+}
+
+TEST_F(usb_test_of_choice, failed_claim_after_a_refused_interface_leaves_the_object_closed)
+{
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY).from_call(2);
+
+    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_in, bulk_out})}})));
+    EXPECT_EQ(
+        expected(first_questions,
+                 {first_configuration,
+                  {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                   "release_interface scanner 0 -> 0", "kernel_driver_active scanner 1 -> 0",
+                   "claim_interface scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
+                  no_interface_chosen}),
+        happened());
+}
+
+TEST_F(usb_test_of_choice, failed_claim_gives_the_kernel_driver_back)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY);
+
+    EXPECT_FALSE(open(scanner));
+    EXPECT_EQ(expected(first_questions,
+                       {first_configuration,
+                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                         "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+                         "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                        no_interface_chosen}),
+              happened());
+    EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
+}
+
+TEST_F(usb_test_of_choice, object_can_be_opened_after_a_failed_open)
+{
+    bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
+
+    EXPECT_FALSE(open(scanner_device()));
+    EXPECT_TRUE(usb->open(by_ids));
+}
+
+// Transfers.
+
+class usb_test_of_transfers : public usb_test {
+protected:
+    void SetUp() override
+    {
+        usb_test::SetUp();
+        if (IsSkipped())
+            return;
+        connect_to(scanner_device());
+        ASSERT_TRUE(usb->open(by_ids));
+        forget_what_happened();
+    }
+
+    int read(int size)
+    {
+        buffer.assign(static_cast<std::size_t>(size), 0xEE);
+        return usb->read(buffer.data(), size);
+    }
+    int write(std::vector<unsigned char> bytes)
+    {
+        return usb->write(bytes.data(), static_cast<int>(bytes.size()));
+    }
+
+    std::vector<unsigned char> buffer;
+};
+
+TEST_F(usb_test_of_transfers, write_is_one_bulk_transfer_of_all_bytes)
+{
+    EXPECT_EQ(3, write({1, 0, 255}));
+    EXPECT_EQ("bulk_transfer scanner 0x02 3 60000 -> 0 (3)\n", happened());
+    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), bus.written("scanner", 0x02));
+}
+
+TEST_F(usb_test_of_transfers, read_is_one_bulk_transfer_into_the_caller_s_buffer)
+{
+    bus.script("scanner", 0x81, fake_usb::brings({1, 0, 255}));
+
+    EXPECT_EQ(3, read(3));
+    EXPECT_EQ("bulk_transfer scanner 0x81 3 60000 -> 0 (3)\n", happened());
+    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), buffer);
+}
+
+TEST_F(usb_test_of_transfers, a_mebibyte_is_read_in_one_piece)
+{
+    constexpr int kMebibyte = 1024 * 1024;
+
+    EXPECT_EQ(kMebibyte, read(kMebibyte));
+    EXPECT_EQ("bulk_transfer scanner 0x81 1048576 60000 -> 0 (1048576)\n", happened());
+    for (std::size_t i = 0; i < buffer.size(); ++i)
+        ASSERT_EQ(fake_usb::pattern_byte(i), buffer[i]) << "at " << i;
+}
+
+TEST_F(usb_test_of_transfers, transfers_of_nothing_are_still_transfers)
+{
+    EXPECT_EQ(0, read(0));
+    EXPECT_EQ(0, write({}));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 0 60000 -> 0 (0)",
+                     "bulk_transfer scanner 0x02 0 60000 -> 0 (0)"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, short_read_is_logged_and_its_count_returned)
+{
+    bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
+
+    EXPECT_EQ(2, read(5));
+    EXPECT_EQ(
+        text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (2)", "INFO usb read : transferred 2 of 5 bytes"}}),
+        happened());
+    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0xEE, 0xEE, 0xEE}), buffer);
+}
+
+TEST_F(usb_test_of_transfers, empty_packet_is_read_as_0_bytes)
+{
+    bus.script("scanner", 0x81, fake_usb::brings({}));
+
+    EXPECT_EQ(0, read(5));
+    EXPECT_EQ(
+        text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (0)", "INFO usb read : transferred 0 of 5 bytes"}}),
+        happened());
+}
+
+TEST_F(usb_test_of_transfers, short_write_is_logged_and_its_count_returned)
+{
+    bus.script("scanner", 0x02, ends_with(LIBUSB_SUCCESS, 2));
+
+    EXPECT_EQ(2, write({1, 2, 3}));
+    EXPECT_EQ(
+        text({{"bulk_transfer scanner 0x02 3 60000 -> 0 (2)", "INFO usb write : transferred 2 of 3 bytes"}}),
+        happened());
+}
+
+TEST_F(usb_test_of_transfers, write_that_stalls_before_any_byte_logs_three_lines_and_clears_the_halt)
+{
+    bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
+
+    EXPECT_EQ(0, write({1, 2, 3}));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
+                     "INFO usb write : transferred 0 of 3 bytes", "clear_halt scanner 0x02 -> 0",
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, read_that_stalls_midway_clears_the_halt_and_returns_what_came)
+{
+    bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 2));
+
+    EXPECT_EQ(2, read(5));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_PIPE (2)",
+                     "INFO usb read : transferred 2 of 5 bytes", "clear_halt scanner 0x81 -> 0",
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb read : LIBUSB_ERROR_PIPE"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, next_read_works_after_a_stall)
+{
+    bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 0));
+    read(5);
+
+    EXPECT_EQ(5, read(5));
+}
+
+TEST_F(usb_test_of_transfers, next_write_works_after_a_stall)
+{
+    bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
+    write({1});
+
+    EXPECT_EQ(1, write({1}));
+}
+
+TEST_F(usb_test_of_transfers, failed_clearing_of_a_halt_changes_nothing_in_log_and_result)
+{
+    bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
+    bus.fail("clear_halt", LIBUSB_ERROR_NO_DEVICE);
+
+    EXPECT_EQ(0, write({1, 2, 3}));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
+                     "INFO usb write : transferred 0 of 3 bytes",
+                     "clear_halt scanner 0x02 -> LIBUSB_ERROR_NO_DEVICE",
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, read_that_times_out_is_logged_and_returns_what_came_before)
+{
+    bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_TIMEOUT, 4));
+
+    EXPECT_EQ(4, read(5));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_TIMEOUT (4)",
+                     "INFO usb read : transferred 4 of 5 bytes", "INFO usb read : LIBUSB_ERROR_TIMEOUT"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, write_that_times_out_is_logged_and_returns_what_went_before)
+{
+    bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_TIMEOUT, 1));
+
+    EXPECT_EQ(1, write({1, 2}));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 2 60000 -> LIBUSB_ERROR_TIMEOUT (1)",
+                     "INFO usb write : transferred 1 of 2 bytes", "INFO usb write : LIBUSB_ERROR_TIMEOUT"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, error_after_all_bytes_is_logged_by_name_alone)
+{
+    bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_OVERFLOW, 5));
+
+    EXPECT_EQ(5, read(5));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_OVERFLOW (5)",
+                     "INFO usb read : LIBUSB_ERROR_OVERFLOW"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, read_that_libusb_does_not_even_submit_returns_0)
+{
+    bus.script("scanner", 0x81, fake_usb::refused_with(LIBUSB_ERROR_NO_MEM));
+
+    EXPECT_EQ(0, read(5));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_MEM (-)",
+                     "INFO usb read : transferred 0 of 5 bytes", "INFO usb read : LIBUSB_ERROR_NO_MEM"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, write_that_libusb_does_not_even_submit_returns_0)
+{
+    bus.script("scanner", 0x02, fake_usb::refused_with(LIBUSB_ERROR_IO));
+
+    EXPECT_EQ(0, write({1}));
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 1 60000 -> LIBUSB_ERROR_IO (-)",
+                     "INFO usb write : transferred 0 of 1 bytes", "INFO usb write : LIBUSB_ERROR_IO"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, unplugged_device_ends_a_read_and_is_closed_in_order)
+{
+    bus.unplug("scanner");
+
+    EXPECT_EQ(0, read(5));
+    EXPECT_TRUE(usb->is_open());
+    usb->close();
+    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_DEVICE (-)",
+                     "INFO usb read : transferred 0 of 5 bytes", "INFO usb read : LIBUSB_ERROR_NO_DEVICE",
+                     "release_interface scanner 0 -> LIBUSB_ERROR_NO_DEVICE", "close scanner"}}),
+              happened());
+}
+
+TEST_F(usb_test_of_transfers, transfers_use_the_endpoints_of_the_chosen_setting)
+{
+    usb->close();
+    bus.unplug("scanner");
+    fake_usb::device other = with_interfaces({{setting(0, {{0x86}, {0x07}})}});
+    other.name = "other";
+    bus.plug(other);
+    ASSERT_TRUE(usb->open(by_ids));
+    forget_what_happened();
+
+    read(1);
+    write({1});
+    EXPECT_EQ(
+        text({{"bulk_transfer other 0x86 1 60000 -> 0 (1)", "bulk_transfer other 0x07 1 60000 -> 0 (1)"}}),
+        happened());
+}
+
+// Closing.
+
+TEST_F(usb_test_of_transfers, close_releases_the_interface_and_closes_the_handle)
+{
+    usb->close();
+
+    EXPECT_EQ(text({interface_0_released}), happened());
+    EXPECT_FALSE(usb->is_open());
+    EXPECT_EQ(-1, usb->m_nConfiguration);
+    EXPECT_EQ(-1, usb->m_nInterface);
+    EXPECT_EQ(-1, usb->m_nBulkIn);
+    EXPECT_EQ(-1, usb->m_nBulkOut);
+}
+
+TEST_F(usb_test_of_choice, close_keeps_the_flag_of_the_kernel_driver_and_the_next_open_rewrites_it)
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+    EXPECT_TRUE(open(scanner));
+    usb->close();
+    EXPECT_TRUE(usb->m_isKernelDriverDetached);
+
+    bus.unplug("scanner");
+    fake_usb::device other = with_interfaces({{printer()}});
+    other.name = "other";
+    bus.plug(other);
+    EXPECT_FALSE(usb->open(by_ids));
+    EXPECT_FALSE(usb->m_isKernelDriverDetached);
+}
+
+TEST_F(usb_test_of_transfers, second_close_does_nothing)
+{
+    usb->close();
+    forget_what_happened();
+    usb->close();
+
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(usb_test, close_of_an_object_never_opened_does_nothing)
+{
+    connect();
+    forget_what_happened();
+    usb->close();
+
+    EXPECT_EQ("", happened());
+}
+
+TEST_F(usb_test_of_transfers, destruction_closes_before_it_gives_the_context_back)
+{
+    usb.reset();
+
+    EXPECT_EQ(text({interface_0_released, {"exit"}}), happened());
+}
+
+TEST_F(usb_test_of_transfers, destruction_beside_another_object_closes_and_keeps_the_context)
+{
+    const usb_transceiver other;
+    forget_what_happened();
+    usb.reset();
+
+    EXPECT_EQ(text({interface_0_released}), happened());
+}
+
+TEST_F(usb_test_of_transfers, closed_object_can_be_opened_again)
+{
+    usb->close();
+    forget_what_happened();
+
+    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_EQ(text({ids_search, first_questions, first_configuration, interface_0_chosen}), happened());
+}
+
+TEST_F(usb_test_of_transfers, open_does_not_fill_in_the_ids_so_that_close_resets_no_device)
+{
+    EXPECT_EQ(0, usb->m_nVendorId);
+    EXPECT_EQ(0, usb->m_nProductId);
+}
+
+struct model {
+    std::uint16_t product_id;
+    bool is_reset;
+};
+
+class usb_test_of_reset : public usb_test_of_transfers, public testing::WithParamInterface<model> {};
+
+TEST_P(usb_test_of_reset, close_resets_the_device_of_some_models_before_all_else)
+{
+    usb->m_nProductId = GetParam().product_id;
+    usb->close();
+
+    const lines reset = {"INFO libusb reset device", "reset_device scanner -> 0"};
+    EXPECT_EQ(text({GetParam().is_reset ? reset : lines{}, interface_0_released}), happened());
+    usb->m_nProductId = 0;
+}
+
+INSTANTIATE_TEST_SUITE_P(model, usb_test_of_reset,
+                         testing::Values(model{0x0A70, false}, model{0x0A71, true}, model{0x0A72, true},
+                                         model{0x0A73, true}, model{0x0A74, true}, model{0x0A75, true},
+                                         model{0x0A76, true}, model{0x0A77, false}, model{0x0A8B, false},
+                                         model{0x0A8C, true}, model{0x0A8D, false}),
+                         [](const auto& chosen) {
+                             constexpr const char* kDigits = "0123456789ABCDEF";
+                             const unsigned int id = chosen.param.product_id;
+                             return std::string("x0A") + kDigits[id >> 4 & 0xFU] + kDigits[id & 0xFU];
+                         });
+
+TEST_F(usb_test_of_transfers, failed_reset_does_not_keep_close_from_closing)
+{
+    bus.fail("reset_device", LIBUSB_ERROR_NOT_FOUND);
+    usb->m_nProductId = 0x0A71;
+    usb->close();
+
+    EXPECT_EQ(text({{"INFO libusb reset device", "reset_device scanner -> LIBUSB_ERROR_NOT_FOUND"},
+                    interface_0_released}),
+              happened());
+    usb->m_nProductId = 0;
+}
+
+TEST_F(usb_test, close_resets_such_a_model_without_asking_whether_it_is_open)
+{
+    connect();
+    forget_what_happened();
+    usb->m_nProductId = 0x0A8C;
+    usb->close();
+
+    EXPECT_EQ(lines{"reset_device null: the handle is null"}, bus.take_misuses());
+    EXPECT_EQ(text({{"INFO libusb reset device", "MISUSE: reset_device null: the handle is null",
+                     "reset_device null -> LIBUSB_ERROR_NO_DEVICE"}}),
+              happened());
+    usb->m_nProductId = 0;
+}
+
+// The log.
+
+TEST_F(usb_test, every_line_is_logged_as_coming_from_usb)
+{
+    testing::internal::CaptureStderr(); // the verbose form is copied there
+    support::open_log(0);
+    bus.plug(scanner_device());
+    bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 0));
+    connect();
+    usb->open(by_serial);
+    unsigned char byte = 0;
+    usb->read(&byte, 1);
+    usb_transceiver::getpid("");
+    usb.reset();
+    testing::internal::GetCapturedStderr();
+
+    lines messages;
+    for (const support::log_line& line : support::log_lines()) {
+        EXPECT_EQ("usb", support::source_of(line.message)) << line.message;
+        messages.push_back(line.level + " " + support::without_source(line.message));
+    }
+    EXPECT_EQ(text({{"INFO usb_transceiver start", "INFO usb_transceiver open start",
+                     "INFO usb_transceiver open SN0042", "INFO not found retry",
+                     "INFO usb_transceiver set_bulk_endpoints", "INFO usb read : transferred 0 of 1 bytes",
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb read : LIBUSB_ERROR_PIPE",
+                     "INFO machine: invalid UDI ''"}}),
+              text({messages}));
+}
+
+} // namespace
