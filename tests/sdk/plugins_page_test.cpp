@@ -6,7 +6,7 @@
 #include <string>
 
 #include "support/files.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace {
 

@@ -1,15 +1,13 @@
 #include "tvkintif/src/scanner.h"
 
-#include <stdlib.h>
-#include <tarvik/interpreter.h>
 #include <unistd.h>
 
-#include <array>
 #include <stdexcept>
 #include <utility>
 
 #include "common/log/logger.h"
 #include "tvkintif/src/interpreter.h"
+#include "tvkintif/src/models.h"
 #include "tvkintif/src/udi.h"
 #include "tvkintif/src/usb.h"
 
@@ -19,24 +17,6 @@ using vl::common::log::Logger;
 namespace {
 
 constexpr const char* kUnit = "scanner";
-constexpr const char* kDefaultPlugin = "libryo-mora-hk-t210.so";
-constexpr std::array<const char*, 4> kFirmwareVariables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
-                                                           "MORA_FIRMWARE_DIR", "QUBAN_FW_DIR"};
-constexpr int kConnectionAttempts = 5;
-constexpr unsigned int kPauseSeconds = 3;
-
-struct plugin_of_model {
-    int product_id;
-    const char* library;
-};
-constexpr std::array<plugin_of_model, 6> kPlugins = {{
-    {0x0A71, "libqvintZ4.so"},
-    {0x0A72, "libquban-plugin-stellan-x440.so"},
-    {0x0A7E, "libmora-interpreter-stellan-x120.so"},
-    {0x0A83, "libquban-plugin-stellan-x660.so"},
-    {0x0A75, "libryo-mora-rt0915.so"},
-    {0x0A76, "libryo-mora-rt0915.so"},
-}};
 
 /// File name of the plugin for the model that `address` names; null when that is not valid.
 const char* choose_plugin(const udi& address)
@@ -54,7 +34,7 @@ const char* choose_plugin(const udi& address)
 /// A scanner that was just switched on takes its time to appear on the bus.
 bool connect_with_retries(usb_transceiver& usb, const udi& address)
 {
-    for (int attempts = kConnectionAttempts;;) {
+    for (int attempts = scanner::kConnectionAttempts;;) {
         const bool ok = usb.open(address);
         Logger(kUnit, __LINE__, ESeveryLevel::info)("connection open isSuccess = %d", ok ? 1 : 0);
         if (ok) {
@@ -65,7 +45,7 @@ bool connect_with_retries(usb_transceiver& usb, const udi& address)
             Logger(kUnit, __LINE__, ESeveryLevel::info)("retry finish");
             return false;
         }
-        sleep(kPauseSeconds);
+        sleep(scanner::kPauseSeconds);
     }
 }
 
@@ -96,30 +76,6 @@ static int usb_writer(void* buffer, int length)
 }
 
 } // namespace
-
-const char* plugin_name(int product_id)
-{
-    for (const plugin_of_model& entry : kPlugins)
-        if (entry.product_id == product_id)
-            return entry.library;
-    return kDefaultPlugin;
-}
-
-void set_firmware_directories()
-{
-    for (const char* variable : kFirmwareVariables)
-        setenv(variable, TARVIK_FIRMWARE_DIR, 1);
-}
-
-std::string lib_path(std::string name)
-{
-    if (name.find('/') != std::string::npos)
-        return {};
-    std::string path = TVKINTIF_PLUGIN_DIR;
-    if (!path.empty() && path.back() != '/')
-        path += '/';
-    return path + "libexec/" + name;
-}
 
 scanner& scanner::instance()
 {

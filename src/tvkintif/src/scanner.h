@@ -6,17 +6,6 @@
 class interpreter;
 class usb_transceiver;
 
-/// File name of the plugin that serves the model with this USB product id; models without one of their own
-/// share a default.
-const char* plugin_name(int product_id);
-
-/// Tells plugins, through this process's environment, where their firmware files are.
-void set_firmware_directories();
-
-/// Installed path of the plugin library with the bare file name `name`; empty when the name has a
-/// directory part, which is refused on purpose. Nobody looks whether the file exists.
-std::string lib_path(std::string name);
-
 /// The one scanner session of the process: at most one device is open and at most one plugin runs.
 ///
 /// Owns the running plugin. Shares the USB connection with the two callbacks that the plugin was given,
@@ -32,6 +21,10 @@ public:
     static constexpr int kSendFailed = 200;
     static constexpr int kRecvFailed = 201;
 
+    /// How often open() looks for its device, and how long it waits between two attempts.
+    static constexpr int kConnectionAttempts = 5;
+    static constexpr unsigned int kPauseSeconds = 3;
+
     /// The session, created on first use and destroyed at process exit.
     static scanner& instance();
 
@@ -42,7 +35,7 @@ public:
 
     /// Connects the device whose address (udi.h) `text` is and starts the plugin of its model. True when a
     /// device is connected and a plugin runs afterwards; at once so when one was connected before, whatever
-    /// `text` says. Takes about 12 seconds to fail when there is no such device.
+    /// `text` says. For want of a device it fails after all its attempts.
     bool open(const std::string& text);
 
     /// Stops and unloads the plugin, then closes the device. Harmless when nothing is open.

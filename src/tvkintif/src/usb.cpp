@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "common/log/logger.h"
+#include "tvkintif/src/models.h"
 
 #ifdef NDEBUG
 #error "The assertions here guard libusb against programming errors and belong into shipped builds too."
@@ -20,8 +21,6 @@ using vl::common::log::Logger;
 namespace {
 
 constexpr const char* kUnit = "usb";
-constexpr int kOpenTries = 5;
-constexpr useconds_t kOpenPauseMicroseconds = 100;
 constexpr int kLibusbMessages = 3; ///< errors, warnings and information
 constexpr std::uint8_t kVendorSpecific = 0xFF;
 constexpr int kConfiguration = 1;
@@ -36,12 +35,6 @@ struct config_descriptor_deleter {
     void operator()(libusb_config_descriptor* descriptor) const { libusb_free_config_descriptor(descriptor); }
 };
 using config_descriptor = std::unique_ptr<libusb_config_descriptor, config_descriptor_deleter>;
-
-/// Models whose device wants a reset before its handle is closed.
-bool is_reset_on_close(std::uint16_t product_id)
-{
-    return (product_id >= 0x0A71 && product_id <= 0x0A76) || product_id == 0x0A8C;
-}
 
 bool is_vendor_specific(const libusb_interface_descriptor& setting)
 {

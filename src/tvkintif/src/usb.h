@@ -23,6 +23,10 @@ libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_
 /// Threads: all objects on one thread.
 class usb_transceiver {
 public:
+    /// How often open() looks for a device by its ids, and how long it waits after each try in vain.
+    static constexpr int kOpenTries = 5;
+    static constexpr useconds_t kOpenPauseMicroseconds = 100;
+
     /// Throws std::runtime_error when libusb cannot be initialised.
     usb_transceiver();
     usb_transceiver(const usb_transceiver&) = delete;

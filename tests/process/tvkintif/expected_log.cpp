@@ -1,7 +1,5 @@
 #include "process/tvkintif/expected_log.h"
 
-#include "support/private_paths.h"
-
 namespace process_test {
 
 namespace {
@@ -56,15 +54,9 @@ lines reply(int payload)
     return payload == 0 ? put(20) : put(20) + put(payload);
 }
 
-std::string plugin_path(const std::string& file_name)
-{
-    const bool has_slash = !support::plugin_root.empty() && support::plugin_root.back() == '/';
-    return support::plugin_root + (has_slash ? "" : "/") + "libexec/" + file_name;
-}
-
 lines plugin_loaded(const std::string& udi, const std::string& plugin)
 {
-    return {"INFO open " + udi, "INFO interpName " + plugin, "INFO interpreter load " + plugin_path(plugin)};
+    return {"INFO open " + udi, "INFO interpName " + plugin, "INFO interpreter load " + lib_path(plugin)};
 }
 
 lines opened_by_ids()

@@ -3,15 +3,10 @@
 #include <string>
 
 #include "process/lines.h"
+#include "tvkintif/src/models.h"
 
 /// The pieces that the program's log is made of, each as "LEVEL message" lines.
 namespace process_test {
-
-/// Path under which the program looks for a plugin file.
-std::string plugin_path(const std::string& file_name);
-
-/// Plugin file for products that have none of their own.
-inline const std::string default_plugin = "libryo-mora-hk-t210.so";
 
 /// The port has been announced.
 extern const lines announced;
@@ -35,12 +30,12 @@ lines request(int payload = 0);
 lines reply(int payload = 0);
 
 /// What the session says before it looks for the device: address, plugin file.
-lines plugin_loaded(const std::string& udi, const std::string& plugin = default_plugin);
+lines plugin_loaded(const std::string& udi, const std::string& plugin = kDefaultPlugin);
 /// One attempt to open the device by its ids.
 lines opened_by_ids();
 lines not_opened();
 /// A complete open by ids, from the request to the reply.
-lines open_served(const std::string& udi = "usb:1a2b:3c4d", const std::string& plugin = default_plugin);
+lines open_served(const std::string& udi = "usb:1a2b:3c4d", const std::string& plugin = kDefaultPlugin);
 /// A failed open, from the request to the reply and the end, with what the session says of it.
 lines open_refused(const std::string& udi, const lines& reason);
 

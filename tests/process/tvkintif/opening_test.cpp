@@ -3,6 +3,9 @@
 #include <csignal>
 
 #include "process/tvkintif/program_test.h"
+#include "tvkintif/src/models.h"
+#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/usb.h"
 
 namespace process_test {
 
@@ -68,14 +71,21 @@ lines closed(const std::string& name)
 
 const std::string two_alike = "device left 1a2b:3c4d serial SN1\ndevice right 1a2b:3c4d serial SN2\n";
 
-/// A search that comes to nothing: five tries, 100 microseconds after each.
-lines five_tries_in_vain()
+/// `one` for each attempt of an open, with `between` between two of them.
+lines all_attempts(const lines& one, const lines& between = {})
 {
-    lines all;
-    for (int i = 0; i < 5; ++i)
-        all += {"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"};
-    return all;
+    return lines(support::repeated(scanner::kConnectionAttempts, one.all(), between.all()));
 }
+
+/// The search of one attempt, when it comes to nothing.
+lines tries_in_vain()
+{
+    const std::string pause = "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds);
+    return lines(support::repeated(usb_transceiver::kOpenTries,
+                                   {"open_device_with_vid_pid 1a2b:3c4d -> null", pause}));
+}
+
+const lines pause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
 
 } // namespace
 
@@ -178,48 +188,21 @@ TEST_F(opening, address_of_percent_signs_is_logged_as_it_is)
 
 // Plugins.
 
-struct model {
-    const char* product_id;
-    const char* plugin;
-};
-
-void PrintTo(const model& m, std::ostream* out)
+TEST_F(opening, product_with_a_plugin_of_its_own_is_served_by_that)
 {
-    *out << m.product_id;
-}
-
-class model_table : public program_test, public testing::WithParamInterface<model> {};
-
-TEST_P(model_table, product_is_served_by_its_own_plugin_file)
-{
-    const std::string ids = std::string("1a2b:") + GetParam().product_id;
     with_no_plugin(); // so that no other can be loaded
-    with_plugin("plugin_good", GetParam().plugin);
-    with_bus("device scanner " + ids + "\n");
-    start_connected();
-    open("usb:" + ids);
-    close();
-    expect_end();
-    expect_log(announced + open_served("usb:" + ids, GetParam().plugin) + told_to_close);
+    with_plugin("plugin_good", plugin_name(0x0A71));
+    with_bus("device scanner 1a2b:0a71\n");
+    expect_served("usb:1a2b:0a71");
+    expect_log(announced + open_served("usb:1a2b:0a71", plugin_name(0x0A71)) + told_to_close);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    , model_table,
-    testing::Values(model{"0a70", "libryo-mora-hk-t210.so"}, model{"0a71", "libqvintZ4.so"},
-                    model{"0a72", "libquban-plugin-stellan-x440.so"}, model{"0a73", "libryo-mora-hk-t210.so"},
-                    model{"0a74", "libryo-mora-hk-t210.so"}, model{"0a75", "libryo-mora-rt0915.so"},
-                    model{"0a76", "libryo-mora-rt0915.so"}, model{"0a77", "libryo-mora-hk-t210.so"},
-                    model{"0a7e", "libmora-interpreter-stellan-x120.so"},
-                    model{"0a83", "libquban-plugin-stellan-x660.so"},
-                    model{"ffff", "libryo-mora-hk-t210.so"}),
-    [](const auto& test) { return std::string("of_") + test.param.product_id; });
 
 TEST_F(opening, plugin_that_is_missing_refuses_the_open_before_usb_is_touched)
 {
     with_no_plugin();
     expect_refused("usb:1a2b:3c4d",
                    plugin_loaded("usb:1a2b:3c4d") +
-                       lines{"INFO interpreter load fails " + plugin_path(default_plugin) +
+                       lines{"INFO interpreter load fails " + lib_path(kDefaultPlugin) +
                                  ": cannot open shared object file: No such file or directory",
                              "INFO interpreter : load failed.", "INFO open fails"},
                    {});
@@ -306,28 +289,25 @@ TEST_F(opening, plugin_finds_its_firmware_directories_in_the_environment)
 
 // Devices.
 
-TEST_F(opening, device_that_is_missing_is_looked_for_five_times_three_seconds_apart)
+TEST_F(opening, device_that_is_missing_is_looked_for_in_all_attempts_with_pauses_between)
 {
     with_bus("clock recorded\n");
-    const lines attempt = not_opened();
-    const lines pause = {"sleep 3"};
     expect_refused(
         "usb:1a2b:3c4d",
-        plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + attempt + attempt + attempt +
-            attempt + attempt + lines{"INFO retry finish", "INFO usb connection failer.", "INFO open fails"},
-        lines{"plugin_good loaded", "init -> 0", "set_debug 3"} + five_tries_in_vain() + pause +
-            five_tries_in_vain() + pause + five_tries_in_vain() + pause + five_tries_in_vain() + pause +
-            five_tries_in_vain() + lines{"exit", "plugin_good unloaded", "end of process"});
+        plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + all_attempts(not_opened()) +
+            lines{"INFO retry finish", "INFO usb connection failer.", "INFO open fails"},
+        lines{"plugin_good loaded", "init -> 0", "set_debug 3"} + all_attempts(tries_in_vain(), pause) +
+            lines{"exit", "plugin_good unloaded", "end of process"});
 }
 
 TEST_F(opening, device_that_appears_before_the_third_attempt_is_opened)
 {
-    with_bus("clock recorded\ndevice scanner 1a2b:3c4d\nappears_at_search 11\n");
+    with_bus("clock recorded\ndevice scanner 1a2b:3c4d\n" + appears_at_attempt(3));
     expect_served("usb:1a2b:3c4d");
     expect_log(announced + request(13) + lines{"INFO open usb:1a2b:3c4d"} + plugin_loaded("usb:1a2b:3c4d") +
                lines{"INFO usb_transceiver start"} + not_opened() + not_opened() + opened_by_ids() +
                lines{"INFO send ok"} + reply() + told_to_close);
-    EXPECT_EQ(usb_lines_about("sleep").text(), lines({"sleep 3", "sleep 3"}).text());
+    EXPECT_EQ(usb_lines_about("sleep").text(), (pause + pause).text());
 }
 
 TEST_F(opening, device_without_a_usable_interface_is_closed_again_after_each_attempt)
@@ -345,14 +325,12 @@ TEST_F(opening, device_without_a_usable_interface_is_closed_again_after_each_att
                                "get_config_descriptor scanner 0 -> 0",
                                "free_config_descriptor scanner 0",
                                "close scanner"};
-    const lines pause = {"sleep 3"};
-    expect_refused("usb:1a2b:3c4d",
-                   plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + attempt + attempt +
-                       attempt + attempt + attempt +
-                       lines{"INFO retry finish", "INFO usb connection failer.", "INFO open fails"},
-                   lines{"plugin_good loaded", "init -> 0", "set_debug 3"} + usb_attempt + pause +
-                       usb_attempt + pause + usb_attempt + pause + usb_attempt + pause + usb_attempt +
-                       lines{"exit", "plugin_good unloaded", "end of process"});
+    expect_refused(
+        "usb:1a2b:3c4d",
+        plugin_loaded("usb:1a2b:3c4d") + lines{"INFO usb_transceiver start"} + all_attempts(attempt) +
+            lines{"INFO retry finish", "INFO usb connection failer.", "INFO open fails"},
+        lines{"plugin_good loaded", "init -> 0", "set_debug 3"} + all_attempts(usb_attempt, pause) +
+            lines{"exit", "plugin_good unloaded", "end of process"});
 }
 
 TEST_F(opening, kernel_driver_is_detached_for_the_session_and_given_back)

@@ -16,6 +16,7 @@
 #include "support/plugin_files.h"
 #include "support/proc_files.h"
 #include "support/wait_until.h"
+#include "tvkintif/src/usb.h"
 
 namespace fs = std::filesystem;
 
@@ -106,6 +107,11 @@ void program_test::TearDown()
         std::cerr << "standard error of the program:\n"
                   << m_program->standard_error() << "its log:\n"
                   << support::raw_log();
+}
+
+std::string program_test::appears_at_attempt(int number)
+{
+    return "appears_at_search " + std::to_string((number - 1) * usb_transceiver::kOpenTries + 1) + "\n";
 }
 
 void program_test::with_plugin(const std::string& target, const std::string& file_name)

@@ -16,6 +16,7 @@
 #include "process/wire.h"
 #include "support/private_paths.h"
 #include "support/wait_until.h"
+#include "tvkintif/src/models.h"
 
 namespace process_test {
 
@@ -54,7 +55,9 @@ protected:
 
     // The machine. The bus in the language of fake_usb/script.h, mishaps in that of mishaps.cpp.
     void with_bus(const std::string& script) { m_bus = script; }
-    void with_plugin(const std::string& target, const std::string& file_name = default_plugin);
+    /// For the script: the device comes in time for this attempt of an open.
+    static std::string appears_at_attempt(int number);
+    void with_plugin(const std::string& target, const std::string& file_name = kDefaultPlugin);
     void with_no_plugin();
     void with_no_log_directory();
     void with_log_level(int level);

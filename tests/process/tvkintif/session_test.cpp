@@ -4,6 +4,7 @@
 
 #include "front_end/src/port_line.h"
 #include "process/tvkintif/program_test.h"
+#include "tvkintif/src/models.h"
 
 namespace process_test {
 
@@ -29,8 +30,8 @@ TEST_F(session, one_session_leaves_exactly_these_lines_in_the_log)
                 "INFO ipc connection read get bail rv = 13", "INFO transferred 13 bytes, total 13/13",
                 "INFO open usb:1a2b:3c4d", "INFO open usb:1a2b:3c4d",
                 "INFO interpName libryo-mora-hk-t210.so",
-                "INFO interpreter load " + plugin_path("libryo-mora-hk-t210.so"),
-                "INFO usb_transceiver start", "INFO usb_transceiver open start", "INFO usb_transceiver open ",
+                "INFO interpreter load " + lib_path("libryo-mora-hk-t210.so"), "INFO usb_transceiver start",
+                "INFO usb_transceiver open start", "INFO usb_transceiver open ",
                 "INFO usb_transceiver set_bulk_endpoints", "INFO connection open isSuccess = 1", "INFO break",
                 "INFO send ok", "INFO ipc connection wrute get called = 20",
                 "INFO ipc connection wrte  bail rv = 20", "INFO transferred 20 bytes, total 20/20",

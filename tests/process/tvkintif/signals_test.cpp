@@ -112,7 +112,7 @@ protected:
     void expect_pause_cut_short(int number)
     {
         // A pause that is not cut outlasts the test.
-        with_bus("clock slow\ndevice scanner 1a2b:3c4d\nappears_at_search 6\n");
+        with_bus("clock slow\ndevice scanner 1a2b:3c4d\n" + appears_at_attempt(2));
         start_connected();
         tell(open_request());
         wait_for_log_end(not_opened());

@@ -10,7 +10,7 @@
 
 #include "support/plugin_files.h"
 #include "tvkintif/src/interpreter.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 #include "unit/tvkintif/watched_test.h"
 
 using support::built_plugin;
@@ -18,35 +18,6 @@ using support::built_plugin;
 namespace {
 
 static_assert(!std::is_copy_constructible_v<interpreter> && !std::is_copy_assignable_v<interpreter>);
-
-// The installed path.
-
-TEST(lib_path, joins_the_fixed_directory_libexec_and_the_name)
-{
-    const std::string fixed = "/usr/lib/arm-linux-gnueabihf/tarvik/";
-    if (support::plugin_root != fixed)
-        GTEST_SKIP() << "this build was configured for another plugin directory: " << support::plugin_root;
-
-    EXPECT_EQ("/usr/lib/arm-linux-gnueabihf/tarvik/libexec/libryo-mora-hk-t210.so",
-              lib_path("libryo-mora-hk-t210.so"));
-}
-
-TEST(lib_path, of_an_empty_name_is_the_directory)
-{
-    EXPECT_EQ(lib_path("x"), lib_path("") + "x");
-    EXPECT_EQ("/libexec/", lib_path("").substr(lib_path("").size() - 9));
-}
-
-class lib_path_with_a_directory_part : public testing::TestWithParam<const char*> {};
-
-TEST_P(lib_path_with_a_directory_part, is_empty)
-{
-    EXPECT_EQ("", lib_path(GetParam()));
-}
-
-INSTANTIATE_TEST_SUITE_P(such_as, lib_path_with_a_directory_part,
-                         testing::Values("/libqvintZ4.so", "sub/libqvintZ4.so", "../libqvintZ4.so",
-                                         "libqvintZ4.so/", "/", "/usr/lib/libqvintZ4.so"));
 
 // Transfers that a test hands to a plugin.
 

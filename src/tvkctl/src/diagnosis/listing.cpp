@@ -4,7 +4,7 @@
 
 #include "tvkctl/src/machine/udi.h"
 #include "tvkctl/src/plugin/plugin_check.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
 

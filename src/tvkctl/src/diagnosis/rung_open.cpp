@@ -9,7 +9,7 @@
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/log/log_switch.h"
 #include "tvkctl/src/machine/udi.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
 

@@ -10,7 +10,7 @@
 #include "tvkctl/src/plugin/elf_file.h"
 #include "tvkctl/src/plugin/loader_probe.h"
 #include "tvkctl/src/plugin/plugin_check.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
 

@@ -20,7 +20,7 @@
 
 #include "common/process/line_counts.h"
 #include "tvkctl/src/plugin/crash_place.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
 

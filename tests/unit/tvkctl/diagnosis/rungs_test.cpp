@@ -8,7 +8,7 @@
 #include "support/private_paths.h"
 #include "support/temporary_folder.h"
 #include "tvkctl/src/machine/accounts.h"
-#include "tvkintif/src/scanner.h"
+#include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
 
