@@ -26,20 +26,24 @@ foreach(config RELEASE RELWITHDEBINFO MINSIZEREL)
   endforeach()
 endforeach()
 
-# The tests' own code is watched for what it does to memory alone, and its lines do not count.
-set(is_test_code "$<PATH:IS_PREFIX,${PROJECT_SOURCE_DIR}/tests,$<TARGET_PROPERTY:SOURCE_DIR>>")
-
+# The tests' own code is watched for what it does to memory alone.
 if(TVKINTIF_SANITIZE)
   target_compile_options(tvkintif_hardening INTERFACE
     -fsanitize=${TVKINTIF_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
-    $<${is_test_code}:-fno-sanitize=undefined>)
+    "$<$<PATH:IS_PREFIX,${PROJECT_SOURCE_DIR}/tests,$<TARGET_PROPERTY:SOURCE_DIR>>:-fno-sanitize=undefined>")
   target_link_options(tvkintif_hardening INTERFACE -fsanitize=${TVKINTIF_SANITIZE})
 endif()
 
+# How processes count together: tests/coverage/counters.c.
 if(TVKINTIF_COVERAGE)
-  # Atomic counters: a child that forks while another counts must not corrupt the figures.
+  set(counting_options --coverage -fprofile-update=atomic -fprofile-info-section=profiles -fdata-sections)
   target_compile_options(tvkintif_hardening INTERFACE
-    "$<$<NOT:${is_test_code}>:--coverage;-fprofile-update=atomic>")
-  target_compile_definitions(tvkintif_hardening INTERFACE "$<$<NOT:${is_test_code}>:TVKINTIF_COVERAGE>")
-  target_link_options(tvkintif_hardening INTERFACE --coverage)
+    "$<$<PATH:IS_PREFIX,${PROJECT_SOURCE_DIR}/src,$<TARGET_PROPERTY:SOURCE_DIR>>:${counting_options}>")
+  target_link_options(tvkintif_hardening INTERFACE
+    "$<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:--coverage;-T${PROJECT_SOURCE_DIR}/tests/coverage/counters.ld>")
+  add_library(tvkintif_counters STATIC tests/coverage/counters.c)
+  target_compile_definitions(tvkintif_counters PRIVATE "COUNTERS_FOLDER=\"${PROJECT_BINARY_DIR}/counters\"")
+  target_link_libraries(tvkintif_counters PRIVATE tvkintif_warnings)
+  target_link_libraries(tvkintif_hardening INTERFACE tvkintif_counters)
+  file(MAKE_DIRECTORY "${PROJECT_BINARY_DIR}/counters")
 endif()
