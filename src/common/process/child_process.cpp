@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "common/process/front_end_error.h"
-#include "common/process/line_counts.h"
 #include "common/process/output_collector.h"
 #include "common/process/process_handle.h"
 
@@ -58,7 +57,6 @@ public:
             give_up(start_stage::redirection);
         if (!m_directory.empty() && chdir(m_directory.c_str()) != 0)
             give_up(start_stage::working_directory);
-        save_line_counts();
         execve(m_path.c_str(), m_argument_pointers.data(), m_environment_pointers.data());
         give_up(start_stage::execution);
     }
@@ -113,7 +111,6 @@ private:
     [[noreturn]] void give_up(start_stage stage)
     {
         const start_report report = {stage, errno};
-        save_line_counts();
         const ssize_t count = ::write(m_report.writing.get(), &report, sizeof report);
         _exit(count == sizeof report ? 127 : 126);
     }

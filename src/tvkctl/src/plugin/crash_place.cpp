@@ -13,8 +13,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/process/line_counts.h"
-
 namespace tarvik::tvkctl {
 
 const int kWhereAreYou = SIGALRM;
@@ -239,7 +237,6 @@ void on_crash(int signal_number, siginfo_t* about, void* context)
 {
     write_down(g_notes->words, explanation(signal_number, about->si_addr));
     write_place(instruction_of(*static_cast<const ucontext_t*>(context)));
-    save_line_counts();
     signal(signal_number, SIG_DFL);
     raise(signal_number); // strikes when this returns, so that the status tells what happened
 }

@@ -12,7 +12,6 @@
 #include <system_error>
 #include <utility>
 
-#include "common/process/line_counts.h"
 #include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
 
@@ -135,7 +134,6 @@ load_attempt try_to_load(const std::string& path, const std::vector<std::string>
     setpgid(pid, 0); // on both sides, so that it is done whoever comes first
     if (pid == 0) {
         load_here(path, functions, report.writing.get());
-        save_line_counts();
         _exit(0);
     }
     child loader(pid);

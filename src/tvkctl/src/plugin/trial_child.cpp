@@ -18,7 +18,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/process/line_counts.h"
 #include "tvkctl/src/plugin/crash_place.h"
 #include "tvkintif/src/models.h"
 
@@ -362,7 +361,6 @@ void run_trial_here(const trial_plan& plan, trial_notes& notes)
         notes.has_thrown = true;
     }
     std::fflush(nullptr);
-    save_line_counts();
     _exit(EXIT_SUCCESS);
 }
 
