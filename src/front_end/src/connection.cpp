@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "common/process/front_end_error.h"
+#include "common/text/text.h"
 
 namespace tarvik {
 
@@ -25,28 +26,23 @@ std::string system_text(int cause)
     return std::generic_category().message(cause);
 }
 
-std::string count_of(std::size_t number)
-{
-    return std::to_string(number) + (number == 1 ? " byte" : " bytes");
-}
-
 [[noreturn]] void throw_time_up(const transfer& what)
 {
     throw front_end_error(failure::timed_out, what.step, what.expected,
-                          count_of(what.moved) + " and then nothing until the " +
+                          count_of(what.moved, "byte") + " and then nothing until the " +
                               std::to_string(what.until.timeout().count()) + " ms were up");
 }
 
 [[noreturn]] void throw_lost(const transfer& what, int cause)
 {
     throw front_end_error(failure::connection_lost, what.step, what.expected,
-                          system_text(cause) + " after " + count_of(what.moved));
+                          system_text(cause) + " after " + count_of(what.moved, "byte"));
 }
 
 [[noreturn]] void throw_end_of_stream(const transfer& what)
 {
     throw front_end_error(failure::end_of_stream, what.step, what.expected,
-                          "the end of the stream after " + count_of(what.moved));
+                          "the end of the stream after " + count_of(what.moved, "byte"));
 }
 
 bool is_worth_waiting(int cause)
@@ -139,13 +135,13 @@ connection::connection(int port, milliseconds timeout) : m_socket(new_socket())
 
 void connection::write(byte_view data, milliseconds timeout)
 {
-    transfer what = {"write", "to write " + count_of(data.size), deadline(timeout)};
+    transfer what = {"write", "to write " + count_of(data.size, "byte"), deadline(timeout)};
     write_both(data, {}, what);
 }
 
 bytes connection::read(std::size_t size, milliseconds timeout)
 {
-    transfer what = {"read", count_of(size), deadline(timeout)};
+    transfer what = {"read", count_of(size, "byte"), deadline(timeout)};
     bytes data(size);
     fill(data.data(), size, what);
     return data;

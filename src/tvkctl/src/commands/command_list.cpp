@@ -1,12 +1,11 @@
 #include "tvkctl/src/commands/command_list.h"
 
 #include <CLI/CLI.hpp>
-#include <array>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "common/text/text.h"
 #include "tvkctl/src/diagnosis/listing.h"
 #include "tvkctl/src/machine/udi.h"
 #include "tvkctl/src/terminal/text_table.h"
@@ -26,13 +25,6 @@ constexpr const char* kListExamples = R"(  tvkctl list
 struct list_options {
     bool is_all = false;
 };
-
-std::string hexadecimal(unsigned int number, int digits)
-{
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%0*x", digits, number);
-    return text.data();
-}
 
 json or_null(const std::string& text)
 {

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "common/text/text.h"
 #include "tvkctl/src/log/log_files.h"
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/log/log_switch.h"
@@ -195,23 +196,6 @@ exit_code turn_off(const log_options& options, const log_place& place, cli& shar
     return exit_code::ok;
 }
 
-/// Messages quote foreign bytes, and a terminal obeys some of those.
-std::string printable(const std::string& text)
-{
-    std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if ((byte >= 0x20 && byte != 0x7f) || c == '\t') {
-            result += c;
-        } else {
-            std::array<char, 8> escaped{};
-            std::snprintf(escaped.data(), escaped.size(), "\\x%02x", static_cast<unsigned int>(byte));
-            result += escaped.data();
-        }
-    }
-    return result;
-}
-
 json to_json(const std::string& text)
 {
     const auto line = parse_log_line(text);
@@ -238,7 +222,7 @@ style style_of(const std::string& text)
 
 void print_line(const std::string& text, console& io)
 {
-    io.out() << io.styled(style_of(text), printable(text)) << '\n';
+    io.out() << io.styled(style_of(text), harmless(text, keep::all_but_control)) << '\n';
 }
 
 std::vector<std::string> files_of(const log_day& day, const log_place& place)

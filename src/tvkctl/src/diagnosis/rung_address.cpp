@@ -1,8 +1,6 @@
 #include <algorithm>
-#include <array>
-#include <cstdio>
-#include <sstream>
 
+#include "common/text/text.h"
 #include "front_end/src/bytes.h"
 #include "tvkctl/src/diagnosis/rungs.h"
 #include "tvkctl/src/machine/udi.h"
@@ -14,16 +12,6 @@ namespace {
 
 constexpr std::size_t kSerialField = 3;
 constexpr std::size_t kDeviceField = 4;
-
-/// The fields as the program counts them: an empty one at the very end is none.
-std::vector<std::string> fields_of(const std::string& udi)
-{
-    std::vector<std::string> fields;
-    std::istringstream input(udi);
-    for (std::string field; std::getline(input, field, ':');)
-        fields.push_back(field);
-    return fields;
-}
 
 /// What is wrong with an id; empty when the program could read it as `value`.
 std::string flaw_of_id(const char* name, const std::vector<std::string>& fields, std::size_t index,
@@ -58,20 +46,10 @@ rung_result bad_address(const std::vector<std::string>& flaws)
              "tvkctl list   # shows the addresses of the devices that are there"}};
 }
 
-std::string hexadecimal(unsigned int number)
-{
-    std::ostringstream text;
-    text << std::hex << number;
-    return text.str();
-}
-
 std::string summary_of(const std::string& udi)
 {
-    std::array<char, 32> ids{};
-    std::snprintf(ids.data(), ids.size(), "%04x, product %04x", static_cast<unsigned int>(get_vid(udi)),
-                  static_cast<unsigned int>(get_pid(udi)));
     const std::string serial = get_device_serial(udi);
-    return std::string("vendor ") + ids.data() +
+    return "vendor " + hexadecimal(get_vid(udi), 4) + ", product " + hexadecimal(get_pid(udi), 4) +
            (serial.empty() ? ", any serial number" : ", serial number " + in_quotes(serial));
 }
 
@@ -79,7 +57,7 @@ std::string summary_of(const std::string& udi)
 
 rung_result look_at_address(situation& where)
 {
-    const std::vector<std::string> fields = fields_of(where.udi);
+    const std::vector<std::string> fields = split(where.udi, ':'); // as the program does
     if (const auto flaws = flaws_of(where.udi, fields); !flaws.empty())
         return bad_address(flaws);
     rung_result result{verdict::good, "", summary_of(where.udi)};

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "common/text/text.h"
 #include "front_end/src/bytes.h"
 #include "tvkctl/src/diagnosis/rungs.h"
 #include "tvkctl/src/machine/udi.h"
@@ -56,8 +57,7 @@ rung_result absent(const situation& where)
 {
     const std::size_t count = where.devices.size();
     rung_result result{verdict::bad, "absent",
-                       "none of " + std::to_string(count) + (count == 1 ? " USB device" : " USB devices") +
-                           " is " + ids_in(where.udi)};
+                       "none of " + count_of(count, "USB device") + " is " + ids_in(where.udi)};
     result.evidence = near_misses(where);
     result.next = {"switch the scanner on and check its cable", "tvkctl list --all"};
     return result;

@@ -1,6 +1,4 @@
-#include <array>
-#include <cstdio>
-
+#include "common/text/text.h"
 #include "tvkctl/src/diagnosis/rungs.h"
 
 namespace tarvik::tvkctl {
@@ -9,18 +7,11 @@ namespace {
 
 constexpr int kConfigurationInUse = 1; // whichever the interface stands in, the program activates this one
 
-std::string hexadecimal(int number)
-{
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%02x", static_cast<unsigned int>(number));
-    return text.data();
-}
-
 std::string flaw_of(const usb_setting& setting)
 {
     if (!setting.is_vendor_specific())
-        return "class " + hexadecimal(setting.interface_class) + " and protocol " +
-               hexadecimal(setting.interface_protocol) + " where ff and ff are needed";
+        return "class " + hexadecimal(setting.interface_class, 2) + " and protocol " +
+               hexadecimal(setting.interface_protocol, 2) + " where ff and ff are needed";
     if (!setting.bulk_in() && !setting.bulk_out())
         return "no bulk endpoint";
     return setting.bulk_in() ? "no bulk endpoint to the device" : "no bulk endpoint from the device";
@@ -63,7 +54,8 @@ rung_result look_at_interface(situation& where)
     const usable_interface& found = *where.interface;
     rung_result result{verdict::good, "",
                        "interface " + std::to_string(found.number) + " with bulk endpoints " +
-                           hexadecimal(found.bulk_in) + " in and " + hexadecimal(found.bulk_out) + " out"};
+                           hexadecimal(found.bulk_in, 2) + " in and " + hexadecimal(found.bulk_out, 2) +
+                           " out"};
     if (found.configuration != kConfigurationInUse) {
         result.came_out = verdict::warning;
         result.cause = "other_configuration";

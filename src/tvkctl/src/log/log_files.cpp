@@ -15,6 +15,8 @@
 #include <system_error>
 #include <utility>
 
+#include "common/text/text.h"
+
 namespace fs = std::filesystem;
 
 namespace tarvik::tvkctl {
@@ -35,11 +37,6 @@ bool is_calendar_day(const log_day& day)
     std::tm normalised = fields;
     timegm(&normalised); // makes 1 March of 29 February in most years
     return normalised.tm_mday == fields.tm_mday && normalised.tm_mon == fields.tm_mon;
-}
-
-bool is_digits(const std::string& text)
-{
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 unique_fd open_log_file(const std::string& path)
@@ -103,7 +100,7 @@ std::optional<log_day> day_named(const std::string& text)
     log_day day = text;
     if (text.size() == kDayLength + 2 && text[4] == '-' && text[7] == '-')
         day.erase(std::remove(day.begin(), day.end(), '-'), day.end());
-    const bool is_day = day.size() == kDayLength && is_digits(day) && is_calendar_day(day);
+    const bool is_day = day.size() == kDayLength && is_number(day) && is_calendar_day(day);
     return is_day ? std::optional(day) : std::nullopt;
 }
 
@@ -114,7 +111,7 @@ std::optional<log_day> day_of_file(const std::string& name)
         name[name.size() - tail - 1] != '_')
         return std::nullopt;
     const log_day day = name.substr(name.size() - tail, kDayLength);
-    return is_digits(day) ? std::optional(day) : std::nullopt;
+    return is_number(day) ? std::optional(day) : std::nullopt;
 }
 
 std::vector<std::string> log_file_names(const std::string& directory)

@@ -11,6 +11,7 @@
 #include <climits>
 #include <system_error>
 
+#include "common/text/text.h"
 #include "tvkctl/src/machine/command_error.h"
 
 namespace tarvik::tvkctl {
@@ -173,14 +174,9 @@ bool names_level(const std::string& line)
 std::string with_level(const std::string& settings, int level)
 {
     std::string text = kLevelKey + (" = " + std::to_string(level)) + "\n";
-    std::size_t begin = 0;
-    while (begin < settings.size()) {
-        const std::size_t end = std::min(settings.find('\n', begin), settings.size());
-        const std::string line = settings.substr(begin, end - begin);
+    for (const std::string& line : split(settings, '\n'))
         if (!names_level(line))
             text += line + "\n";
-        begin = end + 1;
-    }
     return text;
 }
 
@@ -295,8 +291,7 @@ log_change purge(const directory_handle& root, const directory_handle& directory
     for (const std::string& name : logs)
         remove(directory, name);
     remove(directory, kSettingsName);
-    log_change done = {"removed " + std::to_string(logs.size()) + " log file" +
-                       (logs.size() == 1 ? "" : "s")};
+    log_change done = {"removed " + count_of(logs.size(), "log file")};
     if (remove_directory(root, place)) {
         done.push_back("removed " + place.directory());
         return done;

@@ -4,8 +4,9 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <system_error>
+
+#include "common/text/text.h"
 
 namespace tarvik::tvkctl {
 
@@ -30,8 +31,7 @@ std::string program_beside_this_one()
 std::string program_in_path()
 {
     const char* path = std::getenv("PATH");
-    std::istringstream folders(path != nullptr ? path : "");
-    for (std::string folder; std::getline(folders, folder, ':');)
+    for (const std::string& folder : split(path != nullptr ? path : "", ':'))
         if (const auto candidate = std::filesystem::path(folder) / kProgramName; is_executable(candidate))
             return candidate.string();
     return "";

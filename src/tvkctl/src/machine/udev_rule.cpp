@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
+
+#include "common/text/text.h"
 
 namespace tarvik::tvkctl {
 
@@ -26,20 +27,13 @@ account choose_group(const identity& user,
     return user.groups.front();
 }
 
-std::string hexadecimal(std::uint16_t id)
-{
-    std::array<char, 8> text{};
-    std::snprintf(text.data(), text.size(), "%04x", static_cast<unsigned int>(id));
-    return text.data();
-}
-
 } // namespace
 
 udev_rule rule_for(const usb_device& device, const identity& user,
                    const std::function<std::optional<account>(const std::string&)>& group_named)
 {
-    const std::string vendor = hexadecimal(device.vendor_id);
-    const std::string product = hexadecimal(device.product_id);
+    const std::string vendor = hexadecimal(device.vendor_id, 4);
+    const std::string product = hexadecimal(device.product_id, 4);
     udev_rule rule;
     rule.group = choose_group(user, group_named);
     rule.is_member = is_member(user, rule.group);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <system_error>
 
+#include "common/text/text.h"
 #include "tvkctl/src/machine/command_error.h"
 
 namespace fs = std::filesystem;
@@ -171,9 +172,7 @@ void read_texts(usb_device& device, libusb_device* source, const libusb_device_d
 std::optional<int> read_active_configuration(const std::string& port_path, const host& machine)
 {
     const std::string text = first_line(sysfs_folder(port_path, machine) / "bConfigurationValue");
-    const bool is_number =
-        !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-    return is_number ? std::optional<int>(std::atoi(text.c_str())) : std::nullopt;
+    return is_number(text) ? std::optional<int>(std::atoi(text.c_str())) : std::nullopt;
 }
 
 std::string node_path(int bus, int address, const host& machine)
@@ -239,12 +238,6 @@ look look_into_process(const fs::path& process, const struct stat& wanted)
     return is_refused ? look::not_permitted : look::does_not; // a process that is gone holds nothing
 }
 
-bool is_process(const fs::path& folder)
-{
-    const std::string name = folder.filename();
-    return std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 } // namespace
 
 bool usb_endpoint::is_in() const
@@ -302,9 +295,7 @@ std::vector<usb_device> scan_usb(const host& machine)
 
 std::string ids_of(const usb_device& device)
 {
-    std::array<char, 10> text{};
-    std::snprintf(text.data(), text.size(), "%04x:%04x", device.vendor_id, device.product_id);
-    return text.data();
+    return hexadecimal(device.vendor_id, 4) + ":" + hexadecimal(device.product_id, 4);
 }
 
 std::optional<usable_interface> usable_interface_of(const usb_device& device)
@@ -339,7 +330,7 @@ node_holders find_node_holders(const device_node& node, const host& machine)
     std::error_code error;
     for (fs::directory_iterator entry(machine.processes, error), end; !error && entry != end;
          entry.increment(error)) {
-        if (!is_process(entry->path()))
+        if (!is_number(entry->path().filename().string()))
             continue;
         const look result = look_into_process(entry->path(), wanted);
         if (result == look::holds)

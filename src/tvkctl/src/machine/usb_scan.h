@@ -30,9 +30,9 @@ struct usb_setting {
 
     int interface_number;
     int alternate;
-    int interface_class;
-    int interface_subclass;
-    int interface_protocol;
+    std::uint8_t interface_class;
+    std::uint8_t interface_subclass;
+    std::uint8_t interface_protocol;
     std::vector<usb_endpoint> endpoints;
 };
 

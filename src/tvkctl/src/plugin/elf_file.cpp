@@ -9,10 +9,10 @@
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <sstream>
 #include <utility>
 
 #include "common/process/unique_fd.h"
+#include "common/text/text.h"
 
 namespace tarvik::tvkctl {
 
@@ -30,15 +30,6 @@ float_abi float_abi_of(const GElf_Ehdr& header)
     if ((header.e_flags & EF_ARM_ABI_FLOAT_HARD) != 0)
         return float_abi::hard;
     return (header.e_flags & EF_ARM_ABI_FLOAT_SOFT) != 0 ? float_abi::soft : float_abi::unmarked;
-}
-
-std::vector<std::string> split_path(const std::string& path)
-{
-    std::vector<std::string> folders;
-    std::istringstream all(path);
-    for (std::string folder; std::getline(all, folder, ':');)
-        folders.push_back(folder);
-    return folders;
 }
 
 /// One reading of one file: each step takes its part into the result.
@@ -227,7 +218,7 @@ void elf_reader::take_dynamic_entry(const GElf_Dyn& entry, std::size_t strings)
         break;
     case DT_RPATH:
     case DT_RUNPATH:
-        m_result.search_path = split_path(string_at(strings, static_cast<std::size_t>(entry.d_un.d_val)));
+        m_result.search_path = split(string_at(strings, static_cast<std::size_t>(entry.d_un.d_val)), ':');
         break;
     case DT_TEXTREL:
         m_result.has_text_relocations = true;

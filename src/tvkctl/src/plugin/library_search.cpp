@@ -10,6 +10,8 @@
 #include <sstream>
 #include <utility>
 
+#include "common/text/text.h"
+
 namespace tarvik::tvkctl {
 
 namespace {
@@ -32,16 +34,6 @@ const char* triplet_of(const elf_identity& loader)
     default:
         return nullptr;
     }
-}
-
-std::vector<std::string> split(const std::string& text, char separator)
-{
-    std::vector<std::string> parts;
-    std::istringstream all(text);
-    for (std::string part; std::getline(all, part, separator);)
-        if (!part.empty())
-            parts.push_back(part);
-    return parts;
 }
 
 std::vector<std::string> files_matching(const std::string& pattern)
@@ -110,6 +102,7 @@ library_search::library_search(elf_identity loader, std::string root)
     const char* path = std::getenv("LD_LIBRARY_PATH");
     if (m_root.empty() && path != nullptr)
         m_folders = split(path, ':');
+    m_folders.erase(std::remove(m_folders.begin(), m_folders.end(), ""), m_folders.end());
     add_configured_folders(m_root, m_root + "/etc/ld.so.conf", m_folders);
     for (const std::string& folder : standard_folders(m_loader))
         m_folders.push_back(m_root + folder);

@@ -8,12 +8,12 @@
 
 #include <array>
 #include <cerrno>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
 #include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
+#include "common/text/text.h"
 
 namespace tarvik::tvkctl {
 
@@ -105,8 +105,7 @@ load_attempt read_report(const std::string& report, load_attempt::outcome withou
 {
     load_attempt attempt;
     attempt.end = without_end;
-    std::istringstream lines(report);
-    for (std::string line; std::getline(lines, line);) {
+    for (std::string& line : split(report, '\n')) {
         if (takes_word(line, kRefused)) {
             attempt.end = load_attempt::outcome::refused;
             attempt.words = line;

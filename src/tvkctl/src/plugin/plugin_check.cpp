@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 #include <utility>
 
+#include "common/text/text.h"
 #include "tvkctl/src/plugin/library_search.h"
 
 namespace tarvik::tvkctl {
@@ -59,8 +59,7 @@ std::string build_advice(const plugin_target& target)
 std::vector<unsigned long> version_numbers(const std::string& version)
 {
     std::vector<unsigned long> numbers;
-    std::istringstream all(version);
-    for (std::string part; std::getline(all, part, '.');)
+    for (const std::string& part : split(version, '.'))
         numbers.push_back(std::strtoul(part.c_str(), nullptr, 10));
     return numbers;
 }

@@ -12,18 +12,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
 #include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
+#include "common/text/text.h"
 #include "tvkctl/src/plugin/crash_place.h"
 #include "tvkctl/src/plugin/trial_child.h"
 #include "tvkctl/src/plugin/trial_notes.h"
@@ -241,15 +240,6 @@ std::string text_of(const trial_notes::text& text)
     return {text.data(), strnlen(text.data(), text.size())};
 }
 
-std::vector<std::string> lines_of(const trial_notes::text& text)
-{
-    std::vector<std::string> lines;
-    std::istringstream all(text_of(text));
-    for (std::string line; std::getline(all, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 trial_step step_of(const trial_notes& notes)
 {
     return static_cast<trial_step>(std::clamp(notes.step.load(), 0, static_cast<int>(trial_step::done)));
@@ -290,8 +280,8 @@ void take_notes(trial_report& report, const trial_notes& notes)
     report.bad_transfers = notes.bad_transfers;
     report.late_transfers = notes.late_transfers;
     report.left_buffer_untouched = notes.left_buffer_untouched;
-    report.threads = lines_of(notes.threads);
-    report.descriptors = lines_of(notes.descriptors);
+    report.threads = split(text_of(notes.threads), '\n');
+    report.descriptors = split(text_of(notes.descriptors), '\n');
 }
 
 void take_output(trial_report& report, const trial_process& process)

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "common/text/text.h"
 #include "tvkctl/src/terminal/numbers.h"
 
 namespace tarvik::tvkctl {
@@ -180,11 +181,11 @@ void judgement::add_output()
 {
     if (m_report.output_size > 0)
         add("output", verdict::warning,
-            byte_count(m_report.output_size) + " on standard output: " + in_quotes(m_report.output),
+            count_of(m_report.output_size, "byte") + " on standard output: " + in_quotes(m_report.output),
             "Print nothing there: nobody empties that pipe, and a full one stops the plugin.");
     if (m_report.errors_size > 0)
         add("errors", verdict::good,
-            byte_count(m_report.errors_size) + " on standard error: " + in_quotes(m_report.errors));
+            count_of(m_report.errors_size, "byte") + " on standard error: " + in_quotes(m_report.errors));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "common/text/text.h"
 #include "tvkctl/src/terminal/hex_dump.h"
 #include "tvkctl/src/terminal/numbers.h"
 #include "tvkctl/src/terminal/progress_line.h"
@@ -46,7 +47,7 @@ public:
         m_progress.reset();
         m_dump.finish();
         if (m_order && !m_order->file.empty())
-            m_io.out() << byte_count(result.moved) << " in " << m_order->file << '\n';
+            m_io.out() << count_of(result.moved, "byte") << " in " << m_order->file << '\n';
         m_io.out().flush();
         if (m_is_verbose)
             m_io.note(m_step + ": " + (result.answer.empty() ? "" : result.answer + ", ") + time_of(result));
@@ -80,11 +81,8 @@ private:
 
 void append_hex(std::string& text, byte_view data)
 {
-    constexpr const char* digits = "0123456789abcdef";
-    for (const unsigned char byte : data) {
-        text += digits[byte >> 4U];
-        text += digits[byte & 15U];
-    }
+    for (const unsigned char byte : data)
+        text += hexadecimal(byte, 2);
 }
 
 class json_run_report final : public run_report {

@@ -7,10 +7,10 @@
 #include <variant>
 
 #include "common/process/interrupts.h"
+#include "common/text/text.h"
 #include "tvkctl/src/machine/command_error.h"
 #include "tvkctl/src/machine/udi.h"
 #include "tvkctl/src/session/receive_file.h"
-#include "tvkctl/src/terminal/numbers.h"
 
 namespace tarvik::tvkctl {
 
@@ -168,8 +168,8 @@ private:
     std::string what_is_left() const
     {
         if (m_kept_in.empty())
-            return m_moved == 0 ? "" : " after " + byte_count(m_moved);
-        return "; " + m_kept_in + " keeps the " + byte_count(m_moved) + " that came";
+            return m_moved == 0 ? "" : " after " + count_of(m_moved, "byte");
+        return "; " + m_kept_in + " keeps the " + count_of(m_moved, "byte") + " that came";
     }
 
     const session_plan& m_plan;

@@ -2,10 +2,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
+
+#include "common/text/text.h"
 
 namespace tarvik::tvkctl {
 
@@ -49,9 +50,7 @@ std::string on_one_line(std::string text)
 {
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-    return text;
+    return harmless(text, keep::all_but_control, " ");
 }
 
 } // namespace

@@ -1,34 +1,11 @@
 #include "tvkctl/src/terminal/hex_dump.h"
 
-#include <cstdio>
 #include <ostream>
 #include <string>
 
+#include "common/text/text.h"
+
 namespace tarvik::tvkctl {
-
-namespace {
-
-std::string offset_text(std::uint64_t offset)
-{
-    std::array<char, 24> text{};
-    std::snprintf(text.data(), text.size(), "%08llx", static_cast<unsigned long long>(offset));
-    return text.data();
-}
-
-void append_hex(std::string& line, unsigned char byte)
-{
-    constexpr const char* digits = "0123456789abcdef";
-    line += ' ';
-    line += digits[byte >> 4U];
-    line += digits[byte & 15U];
-}
-
-char as_text(unsigned char byte)
-{
-    return byte >= 0x20 && byte < 0x7f ? static_cast<char>(byte) : '.';
-}
-
-} // namespace
 
 void hex_dump::add(byte_view piece)
 {
@@ -48,14 +25,12 @@ void hex_dump::finish()
 
 void hex_dump::write_line()
 {
-    std::string line = offset_text(m_offset) + " ";
-    std::string text;
-    for (std::size_t i = 0; i < m_filled; ++i) {
-        append_hex(line, m_line.at(i));
-        text += as_text(m_line.at(i));
-    }
-    line.append(3 * (kBytesPerLine - m_filled), ' ');
-    m_to << line << "  |" << text << "|\n";
+    const std::string text(m_line.begin(), m_line.begin() + m_filled);
+    m_to << hexadecimal(m_offset, 8) << ' ';
+    for (std::size_t i = 0; i < m_filled; ++i)
+        m_to << ' ' << hexadecimal(m_line.at(i), 2);
+    m_to << std::string(3 * (kBytesPerLine - m_filled), ' ') << "  |" << harmless(text, keep::ascii, ".")
+         << "|\n";
     m_offset += m_filled;
     m_filled = 0;
 }

@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "common/text/text.h"
+
 namespace tarvik::tvkctl {
 
 namespace {
@@ -96,12 +98,7 @@ std::string size_text(std::uint64_t size)
         if (size >= candidate->factor)
             return decimal(static_cast<double>(size) / static_cast<double>(candidate->factor), 1) + " " +
                    std::string(candidate->name);
-    return byte_count(size);
-}
-
-std::string byte_count(std::uint64_t size)
-{
-    return std::to_string(size) + (size == 1 ? " byte" : " bytes");
+    return count_of(size, "byte");
 }
 
 std::string seconds_text(std::chrono::nanoseconds time)

@@ -22,8 +22,6 @@ std::optional<std::chrono::milliseconds> parse_duration(const std::string& text)
 
 /// "1 byte", "512 bytes", "1.5 MiB": for a person, to two digits or so.
 std::string size_text(std::uint64_t size);
-/// "1 byte", "65537 bytes": exact.
-std::string byte_count(std::uint64_t size);
 /// "0.004 s"
 std::string seconds_text(std::chrono::nanoseconds time);
 

@@ -2,18 +2,13 @@
 
 #include <algorithm>
 
+#include "common/text/text.h"
+
 namespace tarvik::tvkctl {
 
 namespace {
 
 constexpr std::size_t kGap = 2;
-
-std::string printable(std::string text)
-{
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c >= 0x7f; }, '?');
-    return text;
-}
 
 } // namespace
 
@@ -29,7 +24,7 @@ text_table::text_table(std::vector<std::string> titles)
 void text_table::add(std::vector<cell> row)
 {
     for (cell& c : row)
-        c.text = printable(std::move(c.text));
+        c.text = harmless(c.text, keep::ascii, "?");
     m_rows.push_back(std::move(row));
 }
 
