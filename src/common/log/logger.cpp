@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,8 +15,10 @@
 #include <cctype>
 #include <climits>
 #include <cstdint>
-#include <fstream>
+#include <sstream>
 #include <string_view>
+
+#include "common/log/trusted_file.h"
 
 namespace vl::common::log {
 
@@ -24,13 +28,9 @@ logConfigure logConfigure::instance_;
 namespace {
 
 constexpr std::string_view kLogRoot = "/tmp/velnor";
-constexpr std::size_t kPathBufferSize = 260;
+constexpr std::size_t kPathBufferSize = 260; ///< of the program's own path
 constexpr std::size_t kMessageBufferSize = 1024;
-
-struct file_closer {
-    void operator()(std::FILE* stream) const { std::fclose(stream); }
-};
-using file_ptr = std::unique_ptr<std::FILE, file_closer>;
+constexpr std::size_t kMostSettings = 64 * 1024; ///< bytes of the settings file that are read
 
 bool is_space(char c)
 {
@@ -50,6 +50,8 @@ std::string lower_case(std::string text)
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
+
+using clock_text = std::array<char, 48>;
 
 bool is_directory(const std::string& path)
 {
@@ -77,10 +79,36 @@ std::string base_name(const std::string& path)
     return name.substr(0, name.rfind('.'));
 }
 
-std::tm* local_now()
+/// As localtime() shows the time, but with a result of its own for each thread.
+std::tm local_now()
 {
     const std::time_t now = std::time(nullptr);
-    return std::localtime(&now);
+    std::tm local = {};
+    tzset();
+    localtime_r(&now, &local);
+    return local;
+}
+
+/// The beginning of a file, as far as it counts.
+std::string read_beginning(int descriptor)
+{
+    std::string text(kMostSettings, '\0');
+    std::size_t size = 0;
+    for (ssize_t count = 1; count > 0 && size < text.size(); size += static_cast<std::size_t>(count))
+        count = std::max<ssize_t>(0, read(descriptor, text.data() + size, text.size() - size));
+    text.resize(size);
+    return text;
+}
+
+/// One system call, so that nothing comes between the parts. What a full disk has no room for is lost.
+void write_line(int descriptor, std::string_view header, std::string_view text)
+{
+    std::array<iovec, 2> parts = {{
+        {const_cast<char*>(header.data()), header.size()}, // writev() only reads
+        {const_cast<char*>(text.data()), text.size()},     // through these
+    }};
+    if (writev(descriptor, parts.data(), static_cast<int>(parts.size())) < 0)
+        return;
 }
 
 const char* level_name(ESeveryLevel level)
@@ -102,14 +130,19 @@ const char* level_name(ESeveryLevel level)
 
 /// "hh:mm:ss.f". The last field is the second times a thousand, so 0000 or five digits from second 10 on,
 /// and no finer clock: kept so on purpose, whoever reads these logs by program knows the field like this.
-std::string clock_text()
+clock_text clock_now()
 {
-    const std::tm now = *local_now();
+    const std::tm now = local_now();
     const auto fraction = static_cast<std::uint16_t>(now.tm_sec * 1000);
-    std::array<char, 48> text{};
+    clock_text text{};
     std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%04u", now.tm_hour, now.tm_min, now.tm_sec,
                   static_cast<unsigned int>(fraction));
-    return text.data();
+    return text;
+}
+
+bool may_hold_log(const std::string& directory)
+{
+    return judge_directory(directory) == distrust::none;
 }
 
 } // namespace
@@ -117,19 +150,20 @@ std::string clock_text()
 void init_log(void*, const std::string& name, const std::string& config_file)
 {
     const std::lock_guard<std::mutex> lock(log_mtx);
-    std::string directory(kLogRoot);
-    if (!name.empty())
-        directory += "/" + name;
-    logConfigure::instance_.set_config_file(directory + "/" + config_file);
+    const std::string root(kLogRoot);
+    const std::string directory = name.empty() ? root : root + "/" + name;
+    const bool is_trusted = may_hold_log(root) && may_hold_log(directory);
+    logConfigure::instance_.set_config_file(is_trusted ? directory + "/" + config_file : std::string());
     logConfigure::instance_.m_stem = directory + "/" + base_name(program_path());
 }
 
 void logConfigure::set_config_file(const std::string& path)
 {
     settings.clear();
-    std::ifstream file(path);
+    const trusted_file file(path.c_str(), O_RDONLY);
     if (file) {
-        for (std::string text; std::getline(file, text);) {
+        std::istringstream lines(read_beginning(file.descriptor()));
+        for (std::string text; std::getline(lines, text);) {
             const std::size_t equals = text.find('=');
             const std::string key = TrimSpace(text.substr(0, equals));
             const std::string value =
@@ -137,7 +171,7 @@ void logConfigure::set_config_file(const std::string& path)
             if (!key.empty() && !value.empty())
                 settings.emplace(lower_case(key), value);
         }
-    } else if (const std::string directory = directory_part(path); is_directory(directory)) {
+    } else if (file.reason() == distrust::absent && is_directory(directory_part(path))) {
         settings["loglevel"] = "1";
     }
     verbose = is_enabled(ESeveryLevel::trace);
@@ -160,24 +194,39 @@ bool logConfigure::read_level(ESeveryLevel wanted)
 
 std::string logConfigure::output_logfile() const
 {
-    const std::tm* today = local_now();
-    std::array<char, kPathBufferSize> path{};
-    std::snprintf(path.data(), path.size(), "%s_%04d%02d%02d.log", m_stem.c_str(), today->tm_year + 1900,
-                  today->tm_mon + 1, today->tm_mday);
+    path_buffer path{};
+    format_logfile(path);
     return path.data();
+}
+
+void logConfigure::format_logfile(path_buffer& path) const
+{
+    if (m_stem.empty())
+        return;
+    const std::tm today = local_now();
+    std::snprintf(path.data(), path.size(), "%s_%04d%02d%02d.log", m_stem.c_str(), today.tm_year + 1900,
+                  today.tm_mon + 1, today.tm_mday);
 }
 
 void Logger::append_header(bool is_short)
 {
-    m_pending += "[" + clock_text() + "][" + std::to_string(getpid()) + "](" +
-                 std::to_string(syscall(SYS_gettid)) + ")";
+    append("[%s][%d](%ld)", clock_now().data(), static_cast<int>(getpid()), syscall(SYS_gettid));
     if (is_short)
         return;
-    m_pending += "[";
-    m_pending += level_name(level);
-    m_pending += "]";
+    append("[%s]", level_name(level));
     if (logConfigure::instance_.is_verbose() && file != nullptr)
-        m_pending += file + ("(" + std::to_string(line) + ") ");
+        append("%s(%d) ", file, line);
+}
+
+void Logger::append(const char* format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int length =
+        std::vsnprintf(m_header.data() + m_headerSize, m_header.size() - m_headerSize, format, arguments);
+    va_end(arguments);
+    m_headerSize =
+        std::min(m_headerSize + static_cast<std::size_t>(std::max(length, 0)), m_header.size() - 1);
 }
 
 void Logger::operator()(const char* format, ...)
@@ -204,16 +253,17 @@ void Logger::put(const char* text)
     if (!is_enabled())
         return;
     const std::lock_guard<std::mutex> lock(log_mtx);
-    const std::string path = logConfigure::instance_.output_logfile();
-    // 'e': a plugin may start helpers at any moment, and none of them is to inherit the log file.
-    const file_ptr file_stream(std::fopen(path.c_str(), "ae"));
-    if (!file_stream)
+    logConfigure::path_buffer path{};
+    logConfigure::instance_.format_logfile(path);
+    const trusted_file log(path.data(), O_WRONLY | O_APPEND | O_CREAT);
+    if (!log)
         return;
-    m_pending += text == nullptr ? "" : text;
-    std::fputs(m_pending.c_str(), file_stream.get());
+    const std::string_view header(m_header.data(), m_headerSize);
+    const std::string_view message = text == nullptr ? "" : text;
+    write_line(log.descriptor(), header, message);
     if (logConfigure::instance_.is_verbose())
-        std::fprintf(stderr, "%s", m_pending.c_str());
-    m_pending.clear();
+        write_line(STDERR_FILENO, header, message);
+    m_headerSize = 0;
     written = true;
 }
 
@@ -227,15 +277,19 @@ void Logger::Dumpbin(char* data, unsigned int length)
 {
     if (!is_enabled())
         return;
-    std::string text;
-    text.reserve(std::size_t{3} * length);
-    for (unsigned int i = 0; i < length; ++i) {
-        std::array<char, 4> pair{};
-        std::snprintf(pair.data(), pair.size(), "%02X ",
-                      static_cast<unsigned int>(static_cast<unsigned char>(data[i])));
-        text += pair.data();
+    try {
+        std::string text;
+        text.reserve(std::size_t{3} * length);
+        for (unsigned int i = 0; i < length; ++i) {
+            std::array<char, 4> pair{};
+            std::snprintf(pair.data(), pair.size(), "%02X ",
+                          static_cast<unsigned int>(static_cast<unsigned char>(data[i])));
+            text += pair.data();
+        }
+        put(text.c_str());
+    } catch (const std::bad_alloc&) {
+        // Dropped.
     }
-    put(text.c_str());
 }
 
 } // namespace vl::common::log

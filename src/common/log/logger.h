@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdarg>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <sstream>
 #include <string>
 
@@ -18,8 +21,8 @@ extern std::mutex log_mtx;
 
 /// Finds the log directory ("/tmp/velnor", then "/" and `name` unless it is empty), reads `config_file`
 /// from it and fixes the stem of the daily log file. Logging stays off, silently, when the directory does
-/// not exist: creating it is the switch. Call once, before any record is to be written. The first
-/// argument is not used.
+/// not exist, or belongs to neither root nor the own user: creating it is the switch, and not a stranger's.
+/// Call once, before any record is to be written. The first argument is not used.
 void init_log(void*, const std::string& name, const std::string& config_file);
 
 /// The process's log settings: which levels are written, whether lines take the verbose form, and where
@@ -41,7 +44,8 @@ public:
     ~logConfigure() = default;
 
     /// Replaces the settings by those of the file at `path`; a missing file in an existing directory means
-    /// level INFO. Does not reset a level that was already cached.
+    /// level INFO, one that cannot be trusted (see trusted_file.h) turns logging off. Does not reset a level
+    /// that was already cached.
     void set_config_file(const std::string& path);
 
     /// Whether records of `level` are written: "loglevel" names the lowest severity that is.
@@ -57,10 +61,15 @@ public:
     bool is_verbose() const { return verbose; }
 
     /// Today's log file: the stem, an underscore, the local date as YYYYMMDD, ".log"; at most 259 bytes.
+    /// Empty before init_log() has found the stem.
     std::string output_logfile() const;
 
 private:
     friend void init_log(void*, const std::string&, const std::string&);
+    friend class Logger;
+
+    using path_buffer = std::array<char, 260>;
+    void format_logfile(path_buffer& path) const; // where memory must not be asked for
 
     bool read_level(ESeveryLevel level);
 
@@ -75,8 +84,8 @@ private:
 ///     Logger("usb", __LINE__, ESeveryLevel::info)("usb write : %s", name);
 ///
 /// The constructor prepares the line's header, one formatting call appends header and message to today's
-/// file, the destructor ends the line. A record whose level is disabled does nothing at all. Problems with
-/// the file are never reported: a line that cannot be written is dropped.
+/// file, the destructor ends the line. A record whose level is disabled does nothing at all. Problems are
+/// never reported: a line that cannot be written, or for which there is no memory, is dropped.
 ///
 /// Threads: any; each write holds log_mtx, so another thread's line can fall between a message and its
 /// newline but not into either.
@@ -111,6 +120,11 @@ public:
     /// Writes the value as an output stream shows it; a null string writes an empty message.
     template <typename T>
     Logger& operator<<(const T& value);
+    Logger& operator<<(const char* text)
+    {
+        put(text);
+        return *this;
+    }
 
     /// As operator(), for a caller that holds the arguments already.
     __attribute__((format(printf, 2, 0))) void put(const char* format, std::va_list arguments);
@@ -124,22 +138,30 @@ public:
 private:
     bool is_enabled() const { return logConfigure::instance_.is_enabled(level); }
     void append_header(bool is_short);
+    /// Adds to the header, as far as there is room.
+    __attribute__((format(printf, 2, 3))) void append(const char* format, ...);
     void end_line();
 
     const char* file;
     int line;
     ESeveryLevel level;
-    std::string m_pending; ///< the header, until the first write
-    bool written = false;  ///< the line has begun and needs its newline
+    std::array<char, 256> m_header; ///< until the first write; not on the heap, which may have no room
+    std::size_t m_headerSize = 0;
+    bool written = false; ///< the line has begun and needs its newline
 };
 
 template <typename T>
 Logger& Logger::operator<<(const T& value)
 {
-    if (is_enabled()) {
+    if (!is_enabled())
+        return *this;
+    try {
         std::ostringstream text;
+        text.exceptions(std::ios::badbit); // or a value that memory is too short for would be written in part
         text << value;
         put(text.str().c_str());
+    } catch (const std::bad_alloc&) {
+        // Dropped.
     }
     return *this;
 }

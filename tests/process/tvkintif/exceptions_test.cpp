@@ -47,14 +47,6 @@ TEST_F(exceptions, exception_of_no_known_kind_at_the_start_leaves_no_error_line)
     expect_log(only_left);
 }
 
-TEST_F(exceptions, exception_right_after_the_port_line_adds_the_line_with_minus_1)
-{
-    with_mishap("exhaust print");
-    start();
-    expect_end({1, std::to_string(port()) + "\n-1\n"});
-    expect_log(memory_exhausted);
-}
-
 TEST_F(exceptions, start_that_fails_without_logging_still_tells_minus_1)
 {
     with_no_log_directory();

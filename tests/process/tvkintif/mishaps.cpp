@@ -20,6 +20,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -283,11 +284,9 @@ MISHAPS_EXPORT int close(int descriptor)
     return the_real(close, "close")(descriptor);
 }
 
-MISHAPS_EXPORT FILE* fopen(const char* path, const char* mode)
+MISHAPS_EXPORT ssize_t writev(int descriptor, const iovec* parts, int count)
 {
-    if (befalls("fopen"))
-        return nullptr;
-    return the_real(fopen, "fopen")(path, mode);
+    return befalls("writev") ? -1 : the_real(writev, "writev")(descriptor, parts, count);
 }
 
 MISHAPS_EXPORT char* setlocale(int category, const char* locale) noexcept

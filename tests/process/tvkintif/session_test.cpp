@@ -109,7 +109,7 @@ TEST_F(session, arguments_are_ignored)
 
 TEST_F(session, the_announced_port_takes_a_connection_before_the_program_asks_for_one)
 {
-    with_mishap("raise fopen " + std::to_string(SIGSTOP)); // at the first log line, right after the port's
+    with_mishap("raise writev " + std::to_string(SIGSTOP)); // at the first log line, right after the port's
     start();
     wait_until_stopped();
     connect();

@@ -1,6 +1,7 @@
 #include "unit/common/log_calls.h"
 
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,6 +23,7 @@ std::atomic<int> format_calls = 0;
 struct state {
     std::function<void()> before_localtime;
     std::function<void()> before_setlocale;
+    std::function<void(int)> before_writev;
     bool is_link_scripted = false;
     std::optional<std::string> link;
     std::optional<char*> locale_answer;
@@ -58,6 +60,11 @@ void before_localtime(std::function<void()> action)
     current().before_localtime = std::move(action);
 }
 
+void before_writev(std::function<void(int)> action)
+{
+    current().before_writev = std::move(action);
+}
+
 void before_setlocale(std::function<void()> action)
 {
     current().before_setlocale = std::move(action);
@@ -89,7 +96,8 @@ using unit::log_calls::format_calls;
 extern "C" {
 
 std::time_t __real_time(std::time_t* result);
-std::tm* __real_localtime(const std::time_t* when);
+std::tm* __real_localtime_r(const std::time_t* when, std::tm* result);
+ssize_t __real_writev(int descriptor, const iovec* parts, int count);
 ssize_t __real_readlink(const char* path, char* buffer, std::size_t size);
 char* __real_setlocale(int category, const char* locale);
 int __real_vsnprintf(char* buffer, std::size_t size, const char* format, std::va_list arguments);
@@ -102,12 +110,19 @@ std::time_t __wrap_time(std::time_t* result)
     return __real_time(result);
 }
 
-std::tm* __wrap_localtime(const std::time_t* when)
+std::tm* __wrap_localtime_r(const std::time_t* when, std::tm* result)
 {
     ++clock_calls;
     if (current().before_localtime)
         current().before_localtime();
-    return __real_localtime(when);
+    return __real_localtime_r(when, result);
+}
+
+ssize_t __wrap_writev(int descriptor, const iovec* parts, int count)
+{
+    if (current().before_writev)
+        current().before_writev(descriptor);
+    return __real_writev(descriptor, parts, count);
 }
 
 ssize_t __wrap_readlink(const char* path, char* buffer, std::size_t size)

@@ -23,6 +23,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -102,6 +103,17 @@ void open_log_with(const std::string& settings)
     read_settings_anew();
 }
 
+constexpr int kNothing = 1000; ///< lowest enabled level where none is
+
+/// The lowest of the levels from -2 to 6 that is enabled.
+int lowest_enabled_level()
+{
+    for (int level = -2; level <= 6; ++level)
+        if (logConfigure::instance_.is_enabled(static_cast<ESeveryLevel>(level)))
+            return level;
+    return kNothing;
+}
+
 /// What happens to the files of a directory, as "create", "open" and "close", while one lives.
 class directory_watch {
 public:
@@ -157,33 +169,6 @@ std::vector<int> descriptors_on(const std::string& path)
     }
     return found;
 }
-
-/// A log file that can be held open as long as a test likes: a pipe that is full.
-class full_pipe {
-public:
-    explicit full_pipe(const std::string& path)
-    {
-        mkfifo(path.c_str(), 0600);
-        m_end = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        const std::array<char, 4096> filling{};
-        while (write(m_end, filling.data(), filling.size()) > 0) {
-        }
-    }
-    full_pipe(const full_pipe&) = delete;
-    full_pipe& operator=(const full_pipe&) = delete;
-    ~full_pipe() { close(m_end); }
-
-    int end() const { return m_end; }
-    void drain()
-    {
-        std::array<char, 4096> rest{};
-        while (read(m_end, rest.data(), rest.size()) > 0) {
-        }
-    }
-
-private:
-    int m_end;
-};
 
 /// What stands between the occurrences of `separator`, the first of which begins the text.
 std::multiset<std::string> pieces(const std::string& text, const std::string& separator)
@@ -598,22 +583,10 @@ TEST_F(logger_test, lines_are_appended_to_what_the_file_holds)
 
 TEST_F(logger_test, file_is_close_on_exec)
 {
-    full_pipe pipe(file_name());
-    auto writing = std::async(std::launch::async, [] { Logger("main", 1, kInfo)("text"); });
-    std::optional<int> log_descriptor;
-    const bool is_open = support::wait_until(kDeadline, [&] {
-        for (const int descriptor : descriptors_on(file_name()))
-            if (descriptor != pipe.end())
-                log_descriptor = descriptor;
-        return log_descriptor.has_value();
-    });
-    const int flags = is_open ? fcntl(*log_descriptor, F_GETFD) : 0;
-    support::wait_until(kDeadline, [&] {
-        pipe.drain();
-        return writing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    });
-    ASSERT_TRUE(is_open) << "the log file was never seen open";
-    EXPECT_EQ(flags & FD_CLOEXEC, FD_CLOEXEC);
+    std::vector<int> flags;
+    log_calls::before_writev([&](int descriptor) { flags.push_back(fcntl(descriptor, F_GETFD)); });
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(flags, (std::vector<int>{FD_CLOEXEC, FD_CLOEXEC}));
 }
 
 TEST_F(logger_test, newline_goes_into_the_next_days_file_when_midnight_falls_between)
@@ -682,6 +655,133 @@ TEST_F(logger_test, line_that_the_disk_has_no_room_for_is_still_copied_to_standa
     EXPECT_EQ(testing::internal::GetCapturedStderr(), header("INFO") + "main(1) text\n");
 }
 
+// What others have put in the place of the log
+
+TEST_F(logger_test, fifo_in_place_of_the_file_drops_the_line_at_once)
+{
+    ASSERT_EQ(mkfifo(file_name().c_str(), 0600), 0);
+    const int reader = open(file_name().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    Logger("main", 1, kInfo)("text");
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, sizeof byte), 0);
+    close(reader);
+}
+
+TEST_F(logger_test, file_with_another_name_where_others_may_write_drops_the_line)
+{
+    const std::string other = support::log_directory + "/key";
+    std::ofstream(other) << "key\n";
+    fs::create_hard_link(other, file_name());
+    fs::permissions(support::log_directory, fs::perms::all);
+    Logger("main", 1, kInfo)("text");
+    EXPECT_EQ(content(other), "key\n");
+}
+
+TEST_F(logger_test, fifo_in_place_of_the_settings_turns_the_log_off_at_once)
+{
+    support::make_log_directory();
+    ASSERT_EQ(mkfifo((support::log_directory + "/setting.ini").c_str(), 0600), 0);
+    read_settings_anew();
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_F(logger_test, only_the_first_64_kibibytes_of_the_settings_count)
+{
+    const std::string line = "loglevel=0\n";
+    open_log_with(std::string(64 * 1024 - line.size(), '\n') + line);
+    EXPECT_EQ(lowest_enabled_level(), 0);
+    open_log_with(std::string(64 * 1024 - line.size(), '\n') + "loglevel=3" + line);
+    EXPECT_EQ(lowest_enabled_level(), 3);
+    open_log_with(std::string(64 * 1024, '\n') + line);
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_F(logger_test, settings_without_end_turn_the_log_off)
+{
+    support::make_log_directory();
+    fs::create_symlink("/dev/zero", support::log_directory + "/setting.ini");
+    read_settings_anew();
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_F(logger_test, line_is_dropped_before_the_log_has_a_path)
+{
+    logConfigure::instance_ = logConfigure();
+    logConfigure::instance_.set_config_file(support::log_directory + "/setting.ini");
+    const fs::path before = fs::current_path();
+    fs::current_path(support::log_directory);
+    Logger("main", 1, kInfo)("text");
+    fs::current_path(before);
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), "");
+    EXPECT_EQ(support::raw_log(), "");
+}
+
+/// Both levels of the log's directory.
+class log_folder : public logger_test, public testing::WithParamInterface<std::string> {
+protected:
+    void SetUp() override
+    {
+        logger_test::SetUp();
+        if (!IsSkipped() && geteuid() != 0)
+            GTEST_SKIP() << "only root can make folders that belong to somebody else";
+    }
+    static void give(const std::string& path, uid_t user) { ASSERT_EQ(lchown(path.c_str(), user, user), 0); }
+};
+
+TEST_P(log_folder, of_a_stranger_counts_as_not_there)
+{
+    give(GetParam(), 12345);
+    read_settings_anew();
+    give(GetParam(), 0);
+    EXPECT_EQ(lowest_enabled_level(), kNothing);
+}
+
+TEST_P(log_folder, of_root_serves_another_user_when_everybody_may_write_there)
+{
+    fs::permissions(GetParam(), fs::perms::all);
+    fs::permissions(support::log_directory, fs::perms::all);
+    ASSERT_EQ(seteuid(12345), 0);
+    read_settings_anew();
+    Logger("main", 1, kInfo)("text");
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(support::raw_log(), header("INFO") + "text\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(logger_test, log_folder, testing::Values(support::log_root, support::log_directory),
+                         [](const auto& test) {
+                             return test.param == support::log_root ? "root" : "of_the_program";
+                         });
+
+// No memory
+
+TEST_F(logger_test, line_needs_no_memory)
+{
+    {
+        const unit::allocation_limit none(0);
+        Logger("main", 1, kInfo)("text %s", "long enough for any small-string buffer");
+    }
+    EXPECT_EQ(support::raw_log(), header("INFO") + "text long enough for any small-string buffer\n");
+}
+
+TEST_F(logger_test, streamed_value_that_there_is_no_memory_for_is_dropped)
+{
+    {
+        const unit::allocation_limit none(0);
+        Logger("main", 1, kInfo) << std::string_view("text that is long enough for any small-string buffer");
+    }
+    EXPECT_EQ(support::raw_log(), "");
+}
+
+TEST_F(logger_test, hex_dump_that_there_is_no_memory_for_is_dropped)
+{
+    std::vector<char> data(2000, '\xFF');
+    {
+        const unit::allocation_limit none(0);
+        Logger("main", 1, kInfo).Dumpbin(data.data(), 2000);
+    }
+    EXPECT_EQ(support::raw_log(), "");
+}
+
 // A disabled level
 
 TEST_F(logger_test, disabled_level_touches_no_file)
@@ -724,13 +824,18 @@ TEST_F(logger_test, logging_with_settings_that_name_no_level_allocates_nothing)
     EXPECT_EQ(unit::allocation_count(), before);
 }
 
-TEST_F(logger_test, enabled_level_shows_in_the_counts_that_a_disabled_one_is_judged_by)
+TEST_F(logger_test, enabled_level_allocates_nothing)
 {
     const std::size_t before = unit::allocation_count();
+    Logger("main", 1, kInfo)("text %d, long enough for any small-string buffer", 1);
+    EXPECT_EQ(unit::allocation_count(), before);
+}
+
+TEST_F(logger_test, enabled_level_looks_at_the_clock_and_formats)
+{
     Logger("main", 1, kInfo)("text %d", 1);
-    EXPECT_GT(unit::allocation_count(), before);
     EXPECT_GT(log_calls::clock_count(), 0);
-    EXPECT_EQ(log_calls::format_count(), 1);
+    EXPECT_GT(log_calls::format_count(), 0);
 }
 
 TEST_F(logger_test, disabled_level_does_not_look_at_the_clock)
@@ -823,17 +928,6 @@ TEST_F(logger_test, lines_of_two_threads_stay_whole)
 // The settings
 
 namespace {
-
-constexpr int kNothing = 1000; ///< lowest enabled level where none is
-
-/// The lowest of the levels from -2 to 6 that is enabled.
-int lowest_enabled_level()
-{
-    for (int level = -2; level <= 6; ++level)
-        if (logConfigure::instance_.is_enabled(static_cast<ESeveryLevel>(level)))
-            return level;
-    return kNothing;
-}
 
 struct settings_case {
     const char* name;

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+
+namespace vl::common::log {
+
+/// Why something in the place of the log is not used. The log lies below /tmp, where anybody may have put
+/// what stands there.
+enum class distrust {
+    none,
+    absent,        ///< it is not there or cannot be opened: `errno` says why
+    foreign_owner, ///< it belongs neither to root nor to the own (effective) user
+    foreign_link,  ///< a link that leads to it belongs to neither of them
+    wrong_kind,    ///< neither a regular file nor a device, or no directory
+    several_names, ///< hard links to a file that is not the own user's, or that others can make
+};
+
+/// A file of the log, opened if it can be trusted: it is a regular file or a device, it belongs to root or
+/// the own user, and so does each link that leads to it; one with several names is the own user's and stands
+/// where nobody else may write. Opening never blocks.
+///
+/// Owns the descriptor, which is closed by exec. Throws nothing and allocates nothing.
+class trusted_file {
+public:
+    /// `flags` as for open(); a file that O_CREAT makes gets mode 0666 less the umask.
+    trusted_file(const char* path, int flags) { open_at(path, flags, 0); }
+    trusted_file(const trusted_file&) = delete;
+    trusted_file& operator=(const trusted_file&) = delete;
+    ~trusted_file();
+
+    explicit operator bool() const { return m_descriptor >= 0; }
+    int descriptor() const { return m_descriptor; } ///< -1: not opened
+    distrust reason() const { return m_reason; }    ///< why it was not opened
+
+private:
+    void open_at(const char* path, int flags, int links);
+
+    int m_descriptor = -1;
+    distrust m_reason = distrust::none;
+};
+
+/// Whether the log may be in this directory: it and a link that leads to it belong to root or the own user.
+distrust judge_directory(const std::string& path);
+
+} // namespace vl::common::log
