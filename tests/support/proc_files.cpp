@@ -6,8 +6,10 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace support {
 
@@ -32,6 +34,7 @@ struct socket_line {
     std::string address; ///< hexadecimal, as the kernel prints it
     int port;
     std::string state;
+    std::string inode;
 };
 
 std::vector<socket_line> socket_lines(const std::string& path)
@@ -46,7 +49,13 @@ std::vector<socket_line> socket_lines(const std::string& path)
         std::string local;
         std::string remote;
         socket_line next;
-        fields >> slot >> local >> remote >> next.state;
+        std::string queues;
+        std::string timer;
+        std::string retransmits;
+        std::string user;
+        std::string timeout;
+        fields >> slot >> local >> remote >> next.state >> queues >> timer >> retransmits >> user >>
+            timeout >> next.inode;
         next.address = local.substr(0, local.find(':'));
         next.port = std::stoi(local.substr(local.find(':') + 1), nullptr, 16);
         result.push_back(next);
@@ -107,6 +116,20 @@ bool is_waiting_in(pid_t process, long system_call)
     std::ifstream file = proc_file(process, "syscall"); // begins with the number, or with "running"
     long current = -1;
     return file >> current && current == system_call;
+}
+
+int listening_port(pid_t process)
+{
+    std::set<std::string> owned;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/fd")) {
+        std::error_code vanished;
+        owned.insert(std::filesystem::read_symlink(entry.path(), vanished).string());
+    }
+    for (const socket_line& line : socket_lines("/proc/net/tcp"))
+        if (state_name(line.state) == "LISTEN" && owned.count("socket:[" + line.inode + "]") != 0)
+            return line.port;
+    return -1;
 }
 
 std::vector<std::string> sockets_on(int port)

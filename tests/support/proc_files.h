@@ -26,6 +26,9 @@ bool is_stopped(pid_t process);
 /// Whether the process sleeps in this system call (SYS_read, ...).
 bool is_waiting_in(pid_t process, long system_call);
 
+/// The port on which the process listens; -1 when there is none.
+int listening_port(pid_t process);
+
 /// An IPv4 socket with this local port, as "ADDRESS STATE" ("127.0.0.1 LISTEN").
 std::vector<std::string> sockets_on(int port);
 /// Whether an IPv6 socket has this local port.

@@ -1,5 +1,7 @@
-#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -23,6 +25,15 @@ static void request_cleanup(int)
 {
     do_cleanup = 1;
 }
+}
+
+/// Opens whatever of the standard streams the parent has closed. A socket would get its number: descriptor 0
+/// counts as none, and on 1 or 2 everything that libusb or a plugin prints would go to the front-end.
+void open_standard_streams()
+{
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
+        if (fcntl(descriptor, F_GETFD) == -1)
+            open("/dev/null", O_RDWR); // takes the lowest free number, which is this one
 }
 
 /// Installs a handler, but leaves a signal ignored that the parent wanted ignored.
@@ -85,6 +96,7 @@ bool serve(std::optional<dispatch>& dispatcher)
 
 int main()
 {
+    open_standard_streams();
     std::optional<dispatch> dispatcher;
     const bool is_served = start(dispatcher) && serve(dispatcher);
     Logger(kUnit, __LINE__, ESeveryLevel::info)("--- Leave int interface ---");

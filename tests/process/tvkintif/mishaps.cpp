@@ -9,6 +9,7 @@
 //     fail FUNCTION ERRNO TIMES   the first TIMES calls fail with this number in errno
 //     raise FUNCTION SIGNAL       the first call is preceded by this signal to the process itself
 //     exhaust FUNCTION            the first call is followed by one allocation that finds no memory
+//     close stream NUMBER         this standard stream is closed before main
 //     limit allocation BYTES      no allocation of more than this many bytes finds memory
 //     throw print TEXT            the first number printed throws std::runtime_error(TEXT) instead
 //     throw_number print          the first number printed throws an int instead
@@ -64,9 +65,9 @@ std::size_t allocation_limit = SIZE_MAX;
 
 mishap parse(const std::string& statement)
 {
-    static const std::set<std::string> with_number = {"fail", "limit", "raise"};
-    static const std::set<std::string> verbs = {"record", "fail",  "raise",       "exhaust",
-                                                "limit",  "throw", "throw_number"};
+    static const std::set<std::string> with_number = {"close", "fail", "limit", "raise"};
+    static const std::set<std::string> verbs = {"close",   "record", "fail",  "raise",
+                                                "exhaust", "limit",  "throw", "throw_number"};
     std::istringstream input(statement);
     mishap result;
     input >> result.verb >> result.function;
@@ -102,6 +103,8 @@ __attribute__((constructor)) void prepare()
     for (const mishap& candidate : all())
         if (candidate.verb == "limit")
             allocation_limit = static_cast<std::size_t>(candidate.number);
+        else if (candidate.verb == "close")
+            close(candidate.number);
 }
 
 /// Counts one use of a mishap; null when there is none left.

@@ -166,6 +166,13 @@ void program_test::start()
     m_port = tarvik::read_port_line(*m_program, kPatience);
 }
 
+void program_test::start_without_port_line()
+{
+    launch();
+    ASSERT_TRUE(support::wait_until(kPatience, [&] { return (m_port = support::listening_port(pid())) > 0; }))
+        << "the program listens nowhere";
+}
+
 void program_test::start_in_vain()
 {
     launch();

@@ -69,6 +69,8 @@ protected:
 
     // The program.
     void start();
+    /// A start without a standard output to read the port from; the kernel tells it.
+    void start_without_port_line();
     /// A start that is to fail: no port is awaited.
     void start_in_vain();
     /// A start, and a connection, with no single piece of memory to be had that is larger than about this.
