@@ -163,7 +163,7 @@ TEST_F(troubleshooting_page_test, every_command_prints_what_the_page_shows)
     }
 }
 
-TEST_F(troubleshooting_page_test, the_exit_status_of_each_rung_is_on_the_page)
+TEST_F(troubleshooting_page_test, the_exit_status_of_each_check_is_on_the_page)
 {
     const std::string help = run({"--help"}).out;
     const std::regex row("\n +(2[0-9])  explain: ([^\n]*)");

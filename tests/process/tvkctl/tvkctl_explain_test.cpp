@@ -10,11 +10,11 @@
 
 #include "process/tvkctl/explain_test.h"
 #include "process/tvkctl/usb_paths.h"
+#include "support/explained_refusal.h"
 #include "support/files.h"
 #include "support/log_reader.h"
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
-#include "support/refusal_story.h"
 
 namespace fs = std::filesystem;
 
@@ -26,14 +26,14 @@ using nlohmann::json;
 
 using tvkctl_explain_test = explain_test;
 
-/// The report as lines that begin with a verdict: "FAIL  plugin     ...".
-std::string verdicts(const tvkctl_result& result)
+/// The outcome and the name of each check, a line for each: "failed       plugin".
+std::string outcomes(const tvkctl_result& result)
 {
     std::string text;
     std::istringstream lines(result.out);
     for (std::string line; std::getline(lines, line);)
         if (!line.empty() && line.front() != ' ')
-            text += line.substr(0, line.find(' ', 6)) + "\n";
+            text += line.substr(0, line.find(' ', 13)) + "\n";
     return text;
 }
 
@@ -44,16 +44,16 @@ bool has_line(const tvkctl_result& result, const std::string& line)
 
 #define EXPECT_LINE(result, line) EXPECT_TRUE(has_line(result, line)) << (result).out
 
-const std::string all_good_up_to_plugin =
-    "ok    address\nok    bus\nok    rights\nok    interface\nok    driver\nok    plugin\n";
+const std::string all_good_up_to_plugin = "ok           address\nok           bus\nok           rights\nok   "
+                                          "        interface\nok           driver\nok           plugin\n";
 
-TEST_F(tvkctl_explain_test, a_whole_ladder_ends_in_a_real_open_and_close)
+TEST_F(tvkctl_explain_test, when_all_is_well_the_scanner_is_really_opened_and_closed)
 {
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
-    EXPECT_EQ(verdicts(result), all_good_up_to_plugin + "ok    program\nok    open\n");
-    EXPECT_LINE(result, "ok    open       the scanner was opened and closed again");
+    EXPECT_EQ(outcomes(result), all_good_up_to_plugin + "ok           program\nok           open\n");
+    EXPECT_LINE(result, "ok           open       the scanner was opened and closed again");
     // Twice loaded: by a child of tvkctl, which only looks, and by the program.
     EXPECT_EQ(usb_lines_about("plugin").text(),
               lines({"plugin_good loaded", "plugin_good unloaded", "plugin_good loaded", "plugin_good ctor",
@@ -65,14 +65,14 @@ TEST_F(tvkctl_explain_test, an_address_that_is_none_is_20)
 {
     const tvkctl_result result = explain("usb:1a2b");
     EXPECT_EQ(result.status, 20);
-    EXPECT_LINE(result, "FAIL  address    field 2, the product id, is missing");
+    EXPECT_LINE(result, "failed       address    field 2, the product id, is missing");
 }
 
 TEST_F(tvkctl_explain_test, a_device_that_is_not_there_is_21)
 {
     const tvkctl_result result = explain("usb:1a2b:9999");
     EXPECT_EQ(result.status, 21);
-    EXPECT_LINE(result, "FAIL  bus        none of 1 USB device is 1a2b:9999");
+    EXPECT_LINE(result, "failed       bus        no USB device is 1a2b:9999 (devices on the bus: 1)");
     EXPECT_LINE(result, "        - same vendor: 1a2b:3c4d at bus 1 device 1, no serial number");
 }
 
@@ -81,7 +81,7 @@ TEST_F(tvkctl_explain_test, a_bus_that_cannot_be_looked_at_is_21)
     with_bus("fail init LIBUSB_ERROR_OTHER\n");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 21);
-    EXPECT_LINE(result, "FAIL  bus        the USB devices cannot be enumerated: libusb_init answers "
+    EXPECT_LINE(result, "failed       bus        the USB devices cannot be enumerated: libusb_init answers "
                         "LIBUSB_ERROR_OTHER");
 }
 
@@ -89,8 +89,8 @@ TEST_F(tvkctl_explain_test, a_serial_number_that_no_device_has_is_a_warning)
 {
     const tvkctl_result result = explain("usb:1a2b:3c4d:SN42");
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out.find("warn  bus        no device has serial number \"SN42\""),
-              result.out.find("warn  bus"));
+    EXPECT_EQ(result.out.find("warning      bus        no device has serial number \"SN42\""),
+              result.out.find("warning      bus"));
 }
 
 TEST_F(tvkctl_explain_test, a_missing_node_is_22)
@@ -98,7 +98,7 @@ TEST_F(tvkctl_explain_test, a_missing_node_is_22)
     fs::remove(node());
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 22);
-    EXPECT_LINE(result, "FAIL  rights     /dev/bus/usb/001/001 does not exist");
+    EXPECT_LINE(result, "failed       rights     /dev/bus/usb/001/001 does not exist");
 }
 
 TEST_F(tvkctl_explain_test, a_node_that_this_user_may_not_open_is_22)
@@ -109,7 +109,7 @@ TEST_F(tvkctl_explain_test, a_node_that_this_user_may_not_open_is_22)
         return;
     EXPECT_EQ(result.status, 22);
     EXPECT_LINE(result,
-                "FAIL  rights     /dev/bus/usb/001/001 is -rw------- root:root, and this user may not "
+                "failed       rights     /dev/bus/usb/001/001 is -rw------- root:root, and this user may not "
                 "open it for reading and writing");
     EXPECT_NE(result.out.find("' | sudo tee /etc/udev/rules.d/70-tvkintif-1a2b-3c4d.rules\n"),
               std::string::npos)
@@ -132,7 +132,7 @@ TEST_F(tvkctl_explain_test, an_interface_that_another_process_has_claimed_is_24)
     const tvkctl_result result = explain();
     close(held);
     EXPECT_EQ(result.status, 24);
-    EXPECT_LINE(result, "FAIL  driver     another process has claimed interface 0");
+    EXPECT_LINE(result, "failed       driver     another process has claimed interface 0");
     EXPECT_LINE(result,
                 "        - tvkctl_tests (process " + std::to_string(getpid()) + ") has the device open");
 }
@@ -142,23 +142,23 @@ TEST_F(tvkctl_explain_test, a_kernel_driver_is_a_warning)
     bind_driver("1-1:1.0", "usblp");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 0);
-    EXPECT_LINE(result, "warn  driver     kernel driver usblp is bound to interface 0");
+    EXPECT_LINE(result, "warning      driver     kernel driver usblp is bound to interface 0");
 }
 
-TEST_F(tvkctl_explain_test, a_driver_that_cannot_be_told_does_not_end_the_climb)
+TEST_F(tvkctl_explain_test, a_driver_that_cannot_be_told_does_not_end_the_diagnosis)
 {
     with_bus("device scanner 1a2b:3c4d\n  place 1 1 2\n"); // of which sysfs knows nothing
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 0);
-    EXPECT_LINE(result, "?     driver     /sys does not tell which driver is bound to the interface");
+    EXPECT_LINE(result, "not checked  driver     /sys does not tell which driver is bound to the interface");
 }
 
-TEST_F(tvkctl_explain_test, json_has_a_word_for_each_verdict)
+TEST_F(tvkctl_explain_test, json_has_a_word_for_each_outcome)
 {
     bind_driver("1-1:1.0", "usblp");
-    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["rungs"][4]["verdict"], "warning");
+    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["checks"][4]["outcome"], "warning");
     with_bus("device scanner 1a2b:3c4d\n  place 1 1 2\n");
-    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["rungs"][4]["verdict"], "not_checked");
+    EXPECT_EQ(json::parse(explain(kUdi, {"--json"}).out)["checks"][4]["outcome"], "not checked");
 }
 
 TEST_F(tvkctl_explain_test, a_plugin_with_a_flaw_is_a_warning)
@@ -166,7 +166,8 @@ TEST_F(tvkctl_explain_test, a_plugin_with_a_flaw_is_a_warning)
     with_plugin_file(support::read_file(PLUGIN_WITH_FLAW));
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 0);
-    EXPECT_LINE(result, "warn  plugin     " + plugin_file() + " can be loaded and has the four entry points");
+    EXPECT_LINE(result,
+                "warning      plugin     " + plugin_file() + " can be loaded and has the four entry points");
     EXPECT_LINE(result, "        - stack: asks for an executable stack, for the whole process");
     EXPECT_LINE(result, "        tvkctl check-plugin " + plugin_file());
 }
@@ -176,7 +177,7 @@ TEST_F(tvkctl_explain_test, a_plugin_that_is_missing_is_25)
     support::remove_plugins();
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 25);
-    EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " is not there");
+    EXPECT_LINE(result, "failed       plugin     " + plugin_file() + " is not there");
 }
 
 TEST_F(tvkctl_explain_test, the_plugin_is_that_of_the_product)
@@ -192,8 +193,9 @@ TEST_F(tvkctl_explain_test, a_plugin_that_is_no_library_is_25)
     with_plugin_file("no library at all\n");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 25);
-    EXPECT_EQ(verdicts(result), "ok    address\nok    bus\nok    rights\nok    interface\nok    driver\n"
-                                "FAIL  plugin\n");
+    EXPECT_EQ(outcomes(result), "ok           address\nok           bus\nok           rights\nok           "
+                                "interface\nok           driver\n"
+                                "failed       plugin\n");
 }
 
 TEST_F(tvkctl_explain_test, a_plugin_that_this_user_may_not_read_is_25)
@@ -203,7 +205,7 @@ TEST_F(tvkctl_explain_test, a_plugin_that_this_user_may_not_read_is_25)
     if (IsSkipped())
         return;
     EXPECT_EQ(result.status, 25);
-    EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " is closed to nobody");
+    EXPECT_LINE(result, "failed       plugin     " + plugin_file() + " is closed to nobody");
     EXPECT_LINE(result, "        sudo chmod o+r " + plugin_file());
 }
 
@@ -218,7 +220,7 @@ TEST_F(tvkctl_explain_test, a_plugin_for_another_machine_is_25)
     with_plugin_file(content);
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 25);
-    EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " cannot be loaded");
+    EXPECT_LINE(result, "failed       plugin     " + plugin_file() + " cannot be loaded");
     EXPECT_NE(result.out.find("        - machine: "), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("        install the plugin that is built for "), std::string::npos)
         << result.out;
@@ -239,7 +241,7 @@ TEST_F(tvkctl_explain_test, a_plugin_without_an_entry_point_is_25)
     with_plugin("plugin_without_reader");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 25);
-    EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " lacks interpreter_reader");
+    EXPECT_LINE(result, "failed       plugin     " + plugin_file() + " lacks interpreter_reader");
 }
 
 TEST_F(tvkctl_explain_test, a_plugin_that_crashes_when_it_is_loaded_is_25)
@@ -247,14 +249,14 @@ TEST_F(tvkctl_explain_test, a_plugin_that_crashes_when_it_is_loaded_is_25)
     with_plugin("plugin_crashing_when_loaded");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 25);
-    EXPECT_LINE(result, "FAIL  plugin     " + plugin_file() + " ends the process when it is loaded");
+    EXPECT_LINE(result, "failed       plugin     " + plugin_file() + " ends the process when it is loaded");
 }
 
 TEST_F(tvkctl_explain_test, a_program_that_is_not_there_is_26)
 {
     const tvkctl_result result = explain(kUdi, {"--program", scratch("none")});
     EXPECT_EQ(result.status, 26);
-    EXPECT_EQ(verdicts(result), all_good_up_to_plugin + "FAIL  program\n");
+    EXPECT_EQ(outcomes(result), all_good_up_to_plugin + "failed       program\n");
 }
 
 TEST_F(tvkctl_explain_test, a_program_that_is_nowhere_is_26)
@@ -262,7 +264,7 @@ TEST_F(tvkctl_explain_test, a_program_that_is_nowhere_is_26)
     with_environment("PATH", "/nonexistent");
     const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"explain", kUdi}));
     EXPECT_EQ(result.status, 26);
-    EXPECT_LINE(result, "FAIL  program    there is no tvkintif beside tvkctl or in PATH");
+    EXPECT_LINE(result, "failed       program    there is no tvkintif beside tvkctl or in PATH");
     EXPECT_LINE(result, "        install it, or say where it is with --program FILE");
 }
 
@@ -271,14 +273,14 @@ TEST_F(tvkctl_explain_test, the_program_is_found_in_path)
     with_environment("PATH", "/nonexistent:" + fs::path(tvkintif_path).parent_path().string());
     const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"explain", kUdi}));
     EXPECT_EQ(result.status, 0);
-    EXPECT_LINE(result, "ok    program    " + tvkintif_path + " starts, prints a port and accepts");
+    EXPECT_LINE(result, "ok           program    " + tvkintif_path + " starts, prints a port and accepts");
 }
 
 TEST_F(tvkctl_explain_test, a_program_that_prints_no_number_is_26)
 {
     const tvkctl_result result = explain(kUdi, {"--program", program_that("echo hello"), "--json"});
     EXPECT_EQ(result.status, 26);
-    EXPECT_EQ(json::parse(result.out)["rungs"].back()["cause"], "bad_port_line");
+    EXPECT_EQ(json::parse(result.out)["checks"].back()["cause"], "bad_port_line");
 }
 
 TEST_F(tvkctl_explain_test, a_program_that_gives_no_port_is_26)
@@ -308,7 +310,7 @@ TEST_F(tvkctl_explain_test, an_open_that_is_refused_without_log_tells_how_to_get
     with_plugin("plugin_refusing");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 27);
-    EXPECT_LINE(result, "FAIL  open       the open is answered with ng");
+    EXPECT_LINE(result, "failed       open       the open is answered with ng");
     EXPECT_LINE(result, "        - the log would tell the reason, but /tmp/velnor/tvkintif does not exist");
     EXPECT_LINE(result, "        tvkctl log on");
 }
@@ -320,8 +322,8 @@ TEST_F(tvkctl_explain_test, an_open_that_is_refused_tells_the_log_of_that_open_a
     explain();
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 27);
-    const std::string story = result.out.substr(result.out.find("        - the log tells:\n"));
-    EXPECT_EQ(story, support::refusal_story(plugin_file()));
+    const std::string told = result.out.substr(result.out.find("        - the log tells:\n"));
+    EXPECT_EQ(told, support::explained_refusal(plugin_file()));
 }
 
 TEST_F(tvkctl_explain_test, a_log_that_takes_only_errors_is_told)
@@ -352,8 +354,9 @@ TEST_F(tvkctl_explain_test, a_claim_that_fails_is_27)
         "device scanner 1a2b:3c4d\n  place 1 1 1\nfail claim_interface LIBUSB_ERROR_BUSY\nclock recorded\n");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 27);
-    EXPECT_LINE(result,
-                "        the device was opened, but its interface was not to be had: end what else uses it");
+    EXPECT_LINE(
+        result,
+        "        the device was opened, but its interface could not be claimed: end what else uses it");
 }
 
 TEST_F(tvkctl_explain_test, a_plugin_that_crashes_at_its_start_is_27)
@@ -370,12 +373,13 @@ TEST_F(tvkctl_explain_test, a_plugin_that_crashes_at_its_end_is_27)
     with_plugin("plugin_crashing_in_dtor");
     const tvkctl_result result = explain();
     EXPECT_EQ(result.status, 27);
-    EXPECT_LINE(result,
-                "FAIL  open       the scanner was opened, but when it was closed the program ended with "
-                "signal 6 (Aborted)");
+    EXPECT_LINE(
+        result,
+        "failed       open       the scanner was opened, but when it was closed the program ended with "
+        "signal 6 (Aborted)");
 }
 
-TEST_F(tvkctl_explain_test, json_tells_each_rung)
+TEST_F(tvkctl_explain_test, json_tells_each_check)
 {
     with_plugin("plugin_without_reader");
     const tvkctl_result result = explain(kUdi, {"--json"});
@@ -384,22 +388,22 @@ TEST_F(tvkctl_explain_test, json_tells_each_rung)
     EXPECT_EQ(document["udi"], kUdi);
     EXPECT_EQ(document["opens"], false);
     EXPECT_EQ(document["exit_status"], 25);
-    ASSERT_EQ(document["rungs"].size(), 6U);
-    EXPECT_EQ(document["rungs"][0], json::parse(R"({"rung": "address", "verdict": "good", "cause": null,
+    ASSERT_EQ(document["checks"].size(), 6U);
+    EXPECT_EQ(document["checks"][0], json::parse(R"({"check": "address", "outcome": "ok", "cause": null,
         "summary": "vendor 1a2b, product 3c4d, any serial number", "evidence": [], "next": []})"));
-    const json& broken = document["rungs"][5];
-    EXPECT_EQ(broken["rung"], "plugin");
-    EXPECT_EQ(broken["verdict"], "bad");
-    EXPECT_EQ(broken["cause"], "missing_entry_point");
-    EXPECT_EQ(broken["next"].back(), "tvkctl check-plugin " + plugin_file());
+    const json& failed = document["checks"][5];
+    EXPECT_EQ(failed["check"], "plugin");
+    EXPECT_EQ(failed["outcome"], "failed");
+    EXPECT_EQ(failed["cause"], "missing_entry_point");
+    EXPECT_EQ(failed["next"].back(), "tvkctl check-plugin " + plugin_file());
 }
 
-TEST_F(tvkctl_explain_test, json_tells_a_whole_ladder)
+TEST_F(tvkctl_explain_test, json_tells_that_all_is_well)
 {
     const json document = json::parse(explain(kUdi, {"--json"}).out);
     EXPECT_EQ(document["opens"], true);
     EXPECT_EQ(document["exit_status"], 0);
-    EXPECT_EQ(document["rungs"].size(), 8U);
+    EXPECT_EQ(document["checks"].size(), 8U);
 }
 
 TEST_F(tvkctl_explain_test, a_missing_address_is_a_usage_error)

@@ -17,12 +17,12 @@
 
 #include "common/process/child_process.h"
 #include "front_end/src/front_end.h"
+#include "support/explained_refusal.h"
 #include "support/files.h"
 #include "support/log_reader.h"
 #include "support/page_examples.h"
 #include "support/private_paths.h"
 #include "support/proc_files.h"
-#include "support/refusal_story.h"
 #include "support/wait_until.h"
 #include "target/scanner/command_set.h"
 #include "target/scenarios/expected_log.h"
@@ -59,7 +59,7 @@ std::string settled(std::string text)
     const std::pair<const char*, const char*> variables[] = {
         {"/dev/bus/usb/[0-9]{3}/[0-9]{3}", "/dev/bus/usb/BUS/DEV"},
         {"at bus [0-9]+ device [0-9]+", "at bus BUS device DEV"},
-        {"none of [0-9]+ USB devices", "none of COUNT USB devices"},
+        {"devices on the bus: [0-9]+", "devices on the bus: COUNT"},
         {"less than 0\\.001 s|[0-9]+\\.[0-9]{3} s", "TIME"},
         {"_[0-9]{8}\\.log", "_DATE.log"},
         {"[0-9]+ for reading, [0-9]+ for writing", "TRANSFERS"},
@@ -119,10 +119,10 @@ protected:
         target::wait_for_node_rights();
     }
 
-    /// What explain says of the rungs up to this one when all is well.
+    /// What explain says of the checks up to this one when all is well.
     static std::string well_up_to(const std::string& last)
     {
-        const std::pair<std::string, std::string> rungs[] = {
+        const std::pair<std::string, std::string> checks[] = {
             {"address", "vendor 1a2b, product 3c4d, any serial number"},
             {"bus",
              "1a2b:3c4d at bus BUS device DEV, \"Tarvik\", \"Virtual scanner\", serial number \"SN0042\""},
@@ -134,19 +134,19 @@ protected:
             {"open", "the scanner was opened and closed again"},
         };
         std::string text;
-        for (const auto& [name, summary] : rungs) {
-            text += rung("ok", name, summary);
+        for (const auto& [name, summary] : checks) {
+            text += line_of("ok", name, summary);
             if (name == last)
                 break;
         }
         return text;
     }
 
-    static std::string rung(std::string mark, std::string name, const std::string& summary)
+    static std::string line_of(std::string outcome, std::string name, const std::string& summary)
     {
-        mark.resize(6, ' ');
+        outcome.resize(13, ' ');
         name.resize(11, ' ');
-        return mark + name + summary + "\n";
+        return outcome + name + summary + "\n";
     }
 
     static void expect(const result& came, int status, const std::string& out, const std::string& err = "")
@@ -255,21 +255,21 @@ TEST_F(tools, explain_opens_and_closes_when_all_is_well)
 TEST_F(tools, explain_refuses_an_address_without_a_product_id)
 {
     expect(explain("usb:1a2b"), 20,
-           "FAIL  address    field 2, the product id, is missing\n"
+           "failed       address    field 2, the product id, is missing\n"
            "      Next:\n"
            "        write it in one of these shapes, ids and numbers in hexadecimal:\n"
            "            usb:VENDOR:PRODUCT\n"
            "            usb:VENDOR:PRODUCT:SERIAL\n"
            "            usb:VENDOR:PRODUCT:BUS:DEVICE\n"
-           "        tvkctl list   # shows the addresses of the devices that are there\n");
+           "        tvkctl list   # shows the addresses of the devices on the bus\n");
 }
 
 TEST_F(tools, explain_shows_what_is_on_the_bus_instead)
 {
     plug_in("plain");
     expect(explain("usb:1a2b:9999"), 21,
-           "ok    address    vendor 1a2b, product 9999, any serial number\n"
-           "FAIL  bus        none of COUNT USB devices is 1a2b:9999\n"
+           "ok           address    vendor 1a2b, product 9999, any serial number\n"
+           "failed       bus        no USB device is 1a2b:9999 (devices on the bus: COUNT)\n"
            "        - same vendor: 1a2b:3c4d at bus BUS device DEV, \"Tarvik\", \"Virtual scanner\", serial "
            "number \"SN0042\"\n"
            "      Next:\n"
@@ -282,8 +282,9 @@ TEST_F(tools, explain_warns_that_a_missing_serial_number_opens_another_scanner)
     plug_in("plain");
     const result came = explain("usb:1a2b:3c4d:SN0043");
     EXPECT_EQ(came.status, 0);
-    expect_part(came.out, "warn  bus        no device has serial number \"SN0043\": the program opens the "
-                          "first with these ids, 1a2b:3c4d at bus BUS device DEV");
+    expect_part(came.out,
+                "warning      bus        no device has serial number \"SN0043\": the program opens the "
+                "first with these ids, 1a2b:3c4d at bus BUS device DEV");
 }
 
 TEST_F(tools, explain_gives_a_user_without_rights_the_udev_rule)
@@ -292,7 +293,8 @@ TEST_F(tools, explain_gives_a_user_without_rights_the_udev_rule)
     const guest acting;
     expect(explain(), 22,
            well_up_to("bus") +
-               "FAIL  rights     /dev/bus/usb/BUS/DEV is crw-rw-r-- root:root, and this user may not open it "
+               "failed       rights     /dev/bus/usb/BUS/DEV is crw-rw-r-- root:root, and this user may not "
+               "open it "
                "for reading and writing\n"
                "        - this user is guest (1000), in group guest scanner\n"
                "      Next:\n"
@@ -309,7 +311,7 @@ TEST_F(tools, explain_tells_what_each_interface_lacks)
     const result came = explain();
     EXPECT_EQ(came.status, 23);
     expect_part(came.out,
-                "FAIL  interface  no interface is vendor specific and has bulk endpoints both ways\n"
+                "failed       interface  no interface is vendor specific and has bulk endpoints both ways\n"
                 "        - configuration 1, interface 0, setting 0: class 07 and protocol ff where ff "
                 "and ff are needed\n"
                 "        - configuration 1, interface 1, setting 0: class ff and protocol 01 where ff "
@@ -322,7 +324,8 @@ TEST_F(tools, explain_warns_of_a_kernel_driver_and_opens)
     plug_in("serial_port");
     const result came = explain("usb:1a2b:5e1a");
     EXPECT_EQ(came.status, 0);
-    expect_part(came.out, "warn  driver     kernel driver usbserial_generic is bound to interface 0\n");
+    expect_part(came.out,
+                "warning      driver     kernel driver usbserial_generic is bound to interface 0\n");
 }
 
 TEST_F(tools, explain_names_the_process_that_has_the_device)
@@ -334,7 +337,7 @@ TEST_F(tools, explain_names_the_process_that_has_the_device)
     const std::string pid = std::to_string(holder.process().pid());
     expect(explain(), 24,
            well_up_to("interface") +
-               "FAIL  driver     another process has claimed interface 0\n"
+               "failed       driver     another process has claimed interface 0\n"
                "        - tvkintif (process " +
                pid +
                ") has the device open\n"
@@ -348,7 +351,7 @@ TEST_F(tools, explain_misses_the_plugin)
     plug_in("plain");
     const plugin_folder plugins(kShippedPlugin, "another.so");
     expect(explain(), 25,
-           well_up_to("driver") + "FAIL  plugin     " + kShippedPlugin +
+           well_up_to("driver") + "failed       plugin     " + kShippedPlugin +
                " is not there\n"
                "        - product 3c4d is served by libryo-mora-hk-t210.so\n"
                "        - in its folder there is another.so\n"
@@ -363,7 +366,7 @@ TEST_F(tools, explain_tells_that_the_plugin_is_of_another_machine)
     plug_in("plain");
     const plugin_folder plugins(plugin_of_another_machine(), kDefaultPlugin);
     expect(explain(), 25,
-           well_up_to("driver") + "FAIL  plugin     " + kShippedPlugin +
+           well_up_to("driver") + "failed       plugin     " + kShippedPlugin +
                " cannot be loaded\n"
                "        - the loader says: " +
                kShippedPlugin +
@@ -381,19 +384,20 @@ TEST_F(tools, explain_names_the_entry_point_that_the_plugin_lacks)
     const plugin_folder plugins(test_plugin("plugin_without_writer"), kDefaultPlugin);
     const result came = explain();
     EXPECT_EQ(came.status, 25);
-    expect_part(came.out, "FAIL  plugin     " + kShippedPlugin + " lacks interpreter_writer\n");
+    expect_part(came.out, "failed       plugin     " + kShippedPlugin + " lacks interpreter_writer\n");
 }
 
 TEST_F(tools, explain_tells_that_the_program_cannot_be_started)
 {
     plug_in("plain");
-    expect(explain(kByIds, {"--program", "/opt/tvkintif"}), 26,
-           well_up_to("plugin") +
-               "FAIL  program    start /opt/tvkintif: expected a program to execute, got No such file or "
-               "directory\n"
-               "      Next:\n"
-               "        Check that the file is there, may be executed, and is built for this machine.\n"
-               "        ldd /opt/tvkintif\n");
+    expect(
+        explain(kByIds, {"--program", "/opt/tvkintif"}), 26,
+        well_up_to("plugin") +
+            "failed       program    start /opt/tvkintif: expected a program to execute, got No such file or "
+            "directory\n"
+            "      Next:\n"
+            "        Check that the file is there, may be executed, and is built for this machine.\n"
+            "        ldd /opt/tvkintif\n");
 }
 
 TEST_F(tools, explain_shows_the_log_of_an_open_that_the_plugin_refuses)
@@ -401,8 +405,8 @@ TEST_F(tools, explain_shows_the_log_of_an_open_that_the_plugin_refuses)
     plug_in("plain");
     const plugin_folder plugins(test_plugin("plugin_refusing"), kDefaultPlugin);
     expect(explain(), 27,
-           well_up_to("program") + "FAIL  open       the open is answered with ng\n" +
-               support::refusal_story(kShippedPlugin));
+           well_up_to("program") + "failed       open       the open is answered with ng\n" +
+               support::explained_refusal(kShippedPlugin));
 }
 
 TEST_F(tools, explain_says_how_to_have_the_reason_logged)
@@ -412,7 +416,7 @@ TEST_F(tools, explain_says_how_to_have_the_reason_logged)
     const plugin_folder plugins(test_plugin("plugin_refusing"), kDefaultPlugin);
     expect(explain(), 27,
            well_up_to("program") +
-               "FAIL  open       the open is answered with ng\n"
+               "failed       open       the open is answered with ng\n"
                "        - the log would tell the reason, but /tmp/velnor/tvkintif does not exist\n"
                "      Next:\n"
                "        tvkctl log on\n"
@@ -426,20 +430,20 @@ std::string good_file(const std::string& path, const std::string& judged_for)
 {
     return path + ", judged for " + judged_for +
            " (32-bit ARM, hard float)\n"
-           "  good         kind                shared library\n"
-           "  good         class               32-bit, little-endian\n"
-           "  good         machine             ARM\n"
-           "  good         float ABI           hard float\n"
-           "  good         libraries           libc.so.6, ld-linux-armhf.so.3\n"
-           "  good         glibc               2.4 or newer; there is 2.36\n"
-           "  good         versions            every library has the versions that are needed\n"
-           "  good         interpreter_ctor    function, exported\n"
-           "  good         interpreter_dtor    function, exported\n"
-           "  good         interpreter_reader  function, exported\n"
-           "  good         interpreter_writer  function, exported\n"
-           "  good         symbols             all that it uses are in libraries that it names\n"
-           "  good         stack               not executable\n"
-           "  good         relocations         none in the code\n";
+           "ok           kind                shared library\n"
+           "ok           class               32-bit, little-endian\n"
+           "ok           machine             ARM\n"
+           "ok           float ABI           hard float\n"
+           "ok           libraries           libc.so.6, ld-linux-armhf.so.3\n"
+           "ok           glibc               2.4 or newer; there is 2.36\n"
+           "ok           versions            every library has the versions that are needed\n"
+           "ok           interpreter_ctor    function, exported\n"
+           "ok           interpreter_dtor    function, exported\n"
+           "ok           interpreter_reader  function, exported\n"
+           "ok           interpreter_writer  function, exported\n"
+           "ok           symbols             all that it uses are in libraries that it names\n"
+           "ok           stack               not executable\n"
+           "ok           relocations         none in the code\n";
 }
 
 } // namespace
@@ -451,36 +455,35 @@ TEST_F(tools, check_plugin_finds_the_shipped_plugin_good)
 
 TEST_F(tools, check_plugin_takes_the_shipped_plugin_through_three_sessions)
 {
-    expect(
-        run({"check-plugin", kShippedPlugin, "--run"}), 0,
-        good_file(kShippedPlugin, "native") +
-            "\n"
-            "run with a device that moves all bytes\n"
-            "  good         load                returned after TIME\n"
-            "  good         interpreter_ctor    returned 1 after TIME\n"
-            "  good         interpreter_writer  returned 1 after TIME\n"
-            "  good         interpreter_reader  returned 1 after TIME\n"
-            "  good         interpreter_dtor    returned after TIME\n"
-            "  good         unload              returned after TIME\n"
-            "  good         transfers           TRANSFERS\n"
-            "\n"
-            "run with a device that moves half of the bytes\n"
-            "  good         load                returned after TIME\n"
-            "  good         interpreter_ctor    returned 1 after TIME\n"
-            "  good         interpreter_writer  returned 1 after TIME\n"
-            "  good         interpreter_reader  returned 1 after TIME\n"
-            "  good         interpreter_dtor    returned after TIME\n"
-            "  good         unload              returned after TIME\n"
-            "  good         transfers           TRANSFERS\n"
-            "\n"
-            "run with a device that moves nothing\n"
-            "  good         load                returned after TIME\n"
-            "  good         interpreter_ctor    returned 1 after TIME\n"
-            "  good         interpreter_writer  returned 0 after TIME: failed, as it may without a device\n"
-            "  good         interpreter_reader  returned 0 after TIME: failed, as it may without a device\n"
-            "  good         interpreter_dtor    returned after TIME\n"
-            "  good         unload              returned after TIME\n"
-            "  good         transfers           TRANSFERS\n");
+    expect(run({"check-plugin", kShippedPlugin, "--run"}), 0,
+           good_file(kShippedPlugin, "native") +
+               "\n"
+               "run with a device that moves all bytes\n"
+               "ok           load                returned after TIME\n"
+               "ok           interpreter_ctor    returned 1 after TIME\n"
+               "ok           interpreter_writer  returned 1 after TIME\n"
+               "ok           interpreter_reader  returned 1 after TIME\n"
+               "ok           interpreter_dtor    returned after TIME\n"
+               "ok           unload              returned after TIME\n"
+               "ok           transfers           TRANSFERS\n"
+               "\n"
+               "run with a device that moves half of the bytes\n"
+               "ok           load                returned after TIME\n"
+               "ok           interpreter_ctor    returned 1 after TIME\n"
+               "ok           interpreter_writer  returned 1 after TIME\n"
+               "ok           interpreter_reader  returned 1 after TIME\n"
+               "ok           interpreter_dtor    returned after TIME\n"
+               "ok           unload              returned after TIME\n"
+               "ok           transfers           TRANSFERS\n"
+               "\n"
+               "run with a device that moves nothing\n"
+               "ok           load                returned after TIME\n"
+               "ok           interpreter_ctor    returned 1 after TIME\n"
+               "ok           interpreter_writer  returned 0 after TIME: failed, as it may without a device\n"
+               "ok           interpreter_reader  returned 0 after TIME: failed, as it may without a device\n"
+               "ok           interpreter_dtor    returned after TIME\n"
+               "ok           unload              returned after TIME\n"
+               "ok           transfers           TRANSFERS\n");
 }
 
 TEST_F(tools, check_plugin_tells_where_a_plugin_crashed)
@@ -506,7 +509,7 @@ TEST_F(tools, check_plugin_refuses_a_plugin_of_another_machine)
                   ": machine: x86; a process there runs on ARM. Build it with this machine's compiler, or "
                   "judge it with --for armhf.\n");
     expect_part(came.out,
-                "  bad          run                 32-bit x86; tvkctl itself is 32-bit ARM, hard float\n");
+                "failed       run                 32-bit x86; tvkctl itself is 32-bit ARM, hard float\n");
 }
 
 TEST_F(tools, check_plugin_names_the_entry_point_that_is_missing)

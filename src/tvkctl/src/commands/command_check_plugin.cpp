@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -12,8 +13,10 @@
 #include <variant>
 #include <vector>
 
-#include "tvkctl/src/machine/finding.h"
+#include "tvkctl/src/commands/advice_text.h"
+#include "tvkctl/src/commands/check_report.h"
 #include "tvkctl/src/plugin/elf_file.h"
+#include "tvkctl/src/plugin/plugin_cause.h"
 #include "tvkctl/src/plugin/plugin_check.h"
 #include "tvkctl/src/plugin/plugin_trial.h"
 #include "tvkctl/src/plugin/trial_verdict.h"
@@ -71,7 +74,7 @@ struct check_plugin_options {
 struct section {
     std::string name;
     std::string title;
-    std::vector<finding> findings;
+    std::vector<check_result> results;
 };
 
 plugin_target target_of(const check_plugin_options& options)
@@ -85,10 +88,26 @@ plugin_target target_of(const check_plugin_options& options)
     return is_native ? native_target() : armhf_target(options.sysroot, options.glibc);
 }
 
-exit_code code_of(elf_error::reason why)
+exit_code code_of(cause why)
 {
-    return why == elf_error::reason::unreadable ? exit_code::plugin_unreadable
-                                                : exit_code::plugin_not_a_library;
+    static const std::map<std::string_view, exit_code> codes = {
+        {plugin_cause::kUnreadable.word, exit_code::plugin_unreadable},
+        {plugin_cause::kNotALibrary.word, exit_code::plugin_not_a_library},
+        {plugin_cause::kWrongMachine.word, exit_code::plugin_wrong_machine},
+        {plugin_cause::kIncomplete.word, exit_code::plugin_incomplete},
+        {plugin_cause::kNeedsMissing.word, exit_code::plugin_needs_missing},
+        {plugin_cause::kNotLoadable.word, exit_code::plugin_not_loadable},
+        {plugin_cause::kCrashed.word, exit_code::plugin_crashed},
+        {plugin_cause::kHung.word, exit_code::plugin_hung},
+        {plugin_cause::kUnclean.word, exit_code::plugin_unclean},
+        {plugin_cause::kNotRunnableHere.word, exit_code::plugin_not_runnable_here},
+    };
+    return codes.at(why.word);
+}
+
+cause cause_of(elf_error::reason why)
+{
+    return why == elf_error::reason::unreadable ? plugin_cause::kUnreadable : plugin_cause::kNotALibrary;
 }
 
 std::string advice_for(elf_error::reason why)
@@ -109,7 +128,7 @@ elf_file read_plugin(const std::string& path)
     try {
         return read_elf_file(path);
     } catch (const elf_error& error) {
-        throw command_error(code_of(error.why()), error.what(), advice_for(error.why()));
+        throw command_error(code_of(cause_of(error.why())), error.what(), advice_for(error.why()));
     }
 }
 
@@ -158,17 +177,26 @@ trial_plan plan_of(const check_plugin_options& options)
 }
 
 /// What keeps a plugin from being run at all; empty when nothing does.
-std::vector<finding> obstacles(const elf_file& file, const std::vector<finding>& findings)
+std::vector<check_result> obstacles(const elf_file& file, const std::vector<check_result>& results)
 {
     const elf_identity here = own_identity();
     if (!here.accepts(file.identity))
-        return {{"run", verdict::bad, file.identity.text() + "; tvkctl itself is " + here.text(),
-                 "Run it on its own machine.", exit_code::plugin_not_runnable_here}};
-    const auto is_fatal = [](const finding& line) {
-        return line.code == exit_code::plugin_incomplete || line.code == exit_code::plugin_not_a_library;
+        return {{outcome::failed,
+                 plugin_cause::kNotRunnableHere,
+                 file.identity.text() + "; tvkctl itself is " + here.text(),
+                 {},
+                 {"Run it on its own machine."},
+                 "run"}};
+    const auto is_fatal = [](const check_result& result) {
+        return result.why == plugin_cause::kIncomplete || result.why == plugin_cause::kNotALibrary;
     };
-    if (std::any_of(findings.begin(), findings.end(), is_fatal))
-        return {{"run", verdict::not_checked, "such a file cannot be started", "Mend what is told above."}};
+    if (std::any_of(results.begin(), results.end(), is_fatal))
+        return {{outcome::not_checked,
+                 cause{"not_runnable"},
+                 "such a file cannot be started",
+                 {},
+                 {"Correct what failed above."},
+                 "run"}};
     return {};
 }
 
@@ -180,7 +208,7 @@ std::vector<section> examine(const check_plugin_options& options, const plugin_t
     std::vector<section> sections = {{"file", "", check_plugin(file, target)}};
     if (!options.is_run)
         return sections;
-    if (auto found = obstacles(file, sections.front().findings); !found.empty()) {
+    if (auto found = obstacles(file, sections.front().results); !found.empty()) {
         sections.push_back({"run", "run", std::move(found)});
         return sections;
     }
@@ -191,63 +219,29 @@ std::vector<section> examine(const check_plugin_options& options, const plugin_t
     return sections;
 }
 
-const char* text_of(verdict came_out)
-{
-    return came_out == verdict::not_checked ? "not checked" : name_of(came_out);
-}
-
-style style_of(verdict came_out)
-{
-    switch (came_out) {
-    case verdict::good:
-        return style::good;
-    case verdict::warning:
-        return style::warning;
-    case verdict::bad:
-        return style::bad;
-    case verdict::not_checked:
-        break;
-    }
-    return style::dim;
-}
-
-std::string padded(std::string text, std::size_t width)
-{
-    text.resize(std::max(text.size() + 1, width), ' ');
-    return text;
-}
-
 void show(const section& shown, console& io)
 {
-    constexpr std::size_t verdict_width = 13;
-    constexpr std::size_t check_width = 20;
+    constexpr std::size_t check_width = 20; // two blanks behind the longest name, "interpreter_reader"
     if (!shown.title.empty())
         io.out() << '\n' << io.styled(style::bold, shown.title) << '\n';
-    for (const finding& line : shown.findings) {
-        io.out() << "  " << io.styled(style_of(line.came_out), padded(text_of(line.came_out), verdict_width))
-                 << padded(line.check, check_width) << line.evidence << '\n';
-        if (!line.advice.empty())
-            io.out() << std::string(2 + verdict_width + check_width, ' ') << line.advice << '\n';
-    }
+    for (const check_result& result : shown.results)
+        print(result, check_width, io);
 }
 
 json as_json(const section& shown)
 {
     json checks = json::array();
-    for (const finding& line : shown.findings)
-        checks.push_back({{"check", line.check},
-                          {"verdict", name_of(line.came_out)},
-                          {"evidence", line.evidence},
-                          {"advice", line.advice}});
+    for (const check_result& result : shown.results)
+        checks.push_back(to_json(result));
     return {{"name", shown.name}, {"checks", std::move(checks)}};
 }
 
-const finding* first_bad(const std::vector<section>& sections)
+const check_result* first_failed(const std::vector<section>& sections)
 {
     for (const section& part : sections)
-        for (const finding& line : part.findings)
-            if (line.came_out == verdict::bad)
-                return &line;
+        for (const check_result& result : part.results)
+            if (result.came_out == outcome::failed)
+                return &result;
     return nullptr;
 }
 
@@ -263,19 +257,19 @@ void show_all(const std::vector<section>& sections, const std::string& file, con
 void write_json(const std::vector<section>& sections, const std::string& file, const plugin_target& target,
                 console& io)
 {
-    const finding* worst = first_bad(sections);
+    const check_result* failed = first_failed(sections);
     json parts = json::array();
     for (const section& part : sections)
         parts.push_back(as_json(part));
     io.write({{"file", file},
               {"for", target.name},
               {"machine", target.loader.text()},
-              {"good", worst == nullptr},
-              {"exit_status", static_cast<int>(worst == nullptr ? exit_code::ok : worst->code)},
+              {"ok", failed == nullptr},
+              {"exit_status", static_cast<int>(failed == nullptr ? exit_code::ok : code_of(failed->why))},
               {"sections", std::move(parts)}});
 }
 
-exit_code check(const check_plugin_options& options, cli& shared)
+exit_code check_file(const check_plugin_options& options, cli& shared)
 {
     const plugin_target target = target_of(options);
     const auto sections = examine(options, target, plan_of(options));
@@ -283,9 +277,10 @@ exit_code check(const check_plugin_options& options, cli& shared)
         write_json(sections, options.file, target, shared.io);
     else
         show_all(sections, options.file, target, shared.io);
-    if (const finding* worst = first_bad(sections))
-        throw command_error(worst->code, options.file + ": " + worst->check + ": " + worst->evidence,
-                            worst->advice);
+    if (const check_result* failed = first_failed(sections))
+        throw command_error(code_of(failed->why),
+                            options.file + ": " + failed->check + ": " + failed->summary,
+                            text_of(failed->next.front()));
     return exit_code::ok;
 }
 
@@ -295,7 +290,7 @@ void add_check_plugin_command(CLI::App& app, cli& shared)
 {
     auto options = std::make_shared<check_plugin_options>();
     CLI::App& command = add_command(app, shared, {"check-plugin", kCheckPluginSummary, kCheckPluginExamples},
-                                    [options, &shared] { return check(*options, shared); });
+                                    [options, &shared] { return check_file(*options, shared); });
     command.add_option("FILE", options->file, "The plugin, a shared library")->required();
     command
         .add_option("--for", options->machine,

@@ -1,76 +1,48 @@
 #include "tvkctl/src/commands/command_explain.h"
 
 #include <CLI/CLI.hpp>
+#include <iomanip>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
-#include "tvkctl/src/diagnosis/ladder.h"
+#include "tvkctl/src/commands/check_report.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 
 namespace tarvik::tvkctl {
 
 namespace {
+
+constexpr int kFirstCode = 20; // of the 20 that are kept for explain
 
 struct explain_options {
     std::string udi = {};
     std::string program = {};
 };
 
-json to_json(const rung& which, const rung_result& result)
+exit_code code_of(const check& failed)
 {
-    return {{"rung", which.name},
-            {"verdict", name_of(result.came_out)},
-            {"cause", result.cause.empty() ? json() : json(result.cause)},
-            {"summary", result.summary},
-            {"evidence", result.evidence},
-            {"next", result.next}};
-}
-
-std::string mark_of(verdict came_out, const console& io)
-{
-    switch (came_out) {
-    case verdict::good:
-        return io.styled(style::good, "ok  ");
-    case verdict::warning:
-        return io.styled(style::warning, "warn");
-    case verdict::bad:
-        return io.styled(style::bad, "FAIL");
-    case verdict::not_checked:
-        break;
-    }
-    return io.styled(style::dim, "?   ");
-}
-
-void print(const rung& which, const rung_result& result, console& io)
-{
-    constexpr std::size_t column = 11; // one blank behind the longest name, "interface"
-    std::string name = which.name;
-    name.resize(column, ' ');
-    io.out() << mark_of(result.came_out, io) << "  " << name << result.summary << '\n';
-    for (const std::string& line : result.evidence)
-        io.out() << "        - " << line << '\n';
-    if (!result.next.empty())
-        io.out() << "      Next:\n";
-    for (const std::string& line : result.next)
-        io.out() << "        " << line << '\n';
-    io.out().flush(); // the next rung may take a while
+    return static_cast<exit_code>(kFirstCode + failed.number);
 }
 
 exit_code explain(const explain_options& options, cli& shared)
 {
-    situation where{options.udi, shared.machine};
+    constexpr std::size_t name_width = 11; // two blanks behind the longest name, "interface"
+    check_context context{options.udi, shared.machine};
     if (!options.program.empty())
-        where.machine.program = options.program;
-    json rungs = json::array();
-    const exit_code code = climb(ladder(), where, [&](const rung& which, const rung_result& result) {
+        context.machine.program = options.program;
+    json checks = json::array();
+    const check* failed = diagnose(kChecks.begin(), kChecks.end(), context, [&](const check_result& result) {
         if (shared.is_json)
-            rungs.push_back(to_json(which, result));
+            checks.push_back(to_json(result));
         else
-            print(which, result, shared.io);
+            print(result, name_width, shared.io);
     });
+    const exit_code code = failed == nullptr ? exit_code::ok : code_of(*failed);
     if (shared.is_json)
         shared.io.write({{"udi", options.udi},
-                         {"opens", code == exit_code::ok},
-                         {"rungs", rungs},
+                         {"opens", failed == nullptr},
+                         {"checks", checks},
                          {"exit_status", static_cast<int>(code)}});
     return code;
 }
@@ -78,23 +50,35 @@ exit_code explain(const explain_options& options, cli& shared)
 constexpr const char* kExplainSummary = "Find out why a scanner cannot be opened";
 constexpr const char* kExplainExamples =
     R"(  tvkctl explain usb:1a2b:3c4d
-      looks at all that an open needs, from the address to the open itself, and
-      stops at the first thing that is broken
-  tvkctl explain usb:1a2b:3c4d:SN0042 --json | jq -r '.rungs[-1].next[]'
+      checks all that an open needs, from the address to the open itself, and
+      stops at the first check that fails
+  tvkctl explain usb:1a2b:3c4d:SN0042 --json | jq -r '.checks[-1].next[]'
       only what to try next
   sudo -u scanner tvkctl explain usb:1a2b:3c4d
       as another user, with that user's rights
 
-When all is well the scanner was really opened and closed again. Each kind of
-broken rung has its own exit status: 20 address, 21 bus, 22 rights,
-23 interface, 24 driver, 25 plugin, 26 program, 27 open.)";
+When all is well the scanner was really opened and closed again.
+
+Checks, in this order, with the exit status when one fails:
+)";
+
+std::string examples_and_checks()
+{
+    std::ostringstream text;
+    text << kExplainExamples;
+    for (const check& one : kChecks)
+        text << std::setw(4) << static_cast<int>(code_of(one)) << "  " << std::left << std::setw(11)
+             << one.name << std::right << one.failure << '\n';
+    return text.str();
+}
 
 } // namespace
 
 void add_explain_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<explain_options>();
-    CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, kExplainExamples},
+    const std::string examples = examples_and_checks();
+    CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, examples.c_str()},
                                     [=, &shared] { return explain(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
     command.add_option("--program", options->program, "Start this tvkintif")->type_name("FILE");

@@ -22,9 +22,9 @@ plugin_state look_at_plugin(const std::string& path)
     if (access(path.c_str(), F_OK) != 0)
         return {path, false, false, "not installed"};
     try {
-        for (const finding& result : check_plugin(read_elf_file(path), native_target()))
-            if (result.came_out == verdict::bad)
-                return {path, true, false, result.check + ": " + result.evidence};
+        for (const check_result& result : check_plugin(read_elf_file(path), native_target()))
+            if (result.came_out == outcome::failed)
+                return {path, true, false, result.check + ": " + result.summary};
     } catch (const elf_error& error) {
         return {path, true, false, without_path(error.what(), path)};
     }

@@ -25,7 +25,7 @@ enum class exit_code : int {
     bad_reply = 16,
     program_failed = 17,
 
-    // 20 to 39: explain, one for each rung
+    // 20 to 39: explain, one for each check
     bad_address = 20,
     device_absent = 21,
     no_rights = 22,

@@ -8,6 +8,7 @@
 
 #include "common/text/text.h"
 #include "tvkctl/src/plugin/library_search.h"
+#include "tvkctl/src/plugin/plugin_cause.h"
 
 namespace tarvik::tvkctl {
 
@@ -18,24 +19,25 @@ constexpr std::size_t kNamesShown = 5;
 /// Libraries that tvkintif loads itself. A plugin that uses one without saying so is served by accident.
 constexpr std::array<const char*, 2> kProgramLibraries = {"libusb-1.0.so.0", "libstdc++.so.6"};
 
-finding good(std::string check, std::string evidence)
+check_result good(std::string check, std::string summary)
 {
-    return {std::move(check), verdict::good, std::move(evidence), "", exit_code::ok};
+    return {outcome::ok, {}, std::move(summary), {}, {}, std::move(check)};
 }
 
-finding bad(std::string check, std::string evidence, std::string advice, exit_code code)
+check_result bad(std::string check, cause why, std::string summary, std::string next)
 {
-    return {std::move(check), verdict::bad, std::move(evidence), std::move(advice), code};
+    return {outcome::failed, why, std::move(summary), {}, {std::move(next)}, std::move(check)};
 }
 
-finding warning(std::string check, std::string evidence, std::string advice)
+check_result warning(std::string check, cause why, std::string summary, std::string next)
 {
-    return {std::move(check), verdict::warning, std::move(evidence), std::move(advice), exit_code::ok};
+    return {outcome::warning, why, std::move(summary), {}, {std::move(next)}, std::move(check)};
 }
 
-finding not_checked(std::string check, std::string evidence, std::string advice)
+check_result not_checked(std::string check, std::string summary, std::vector<advice> next)
 {
-    return {std::move(check), verdict::not_checked, std::move(evidence), std::move(advice), exit_code::ok};
+    return {outcome::not_checked, cause{"no_libraries"}, std::move(summary), {},
+            std::move(next),      std::move(check)};
 }
 
 /// "a, b and 3 more".
@@ -74,24 +76,24 @@ class examination {
 public:
     examination(const elf_file& file, const plugin_target& target);
 
-    std::vector<finding> all() const;
+    std::vector<check_result> all() const;
 
 private:
-    finding kind() const;
-    finding elf_class() const;
-    finding machine() const;
-    finding floats() const;
-    finding libraries() const;
-    finding c_library() const;
-    finding versions() const;
-    finding entry_point(const std::string& name) const;
-    finding undefined_symbols() const;
-    finding stack() const;
-    finding relocations() const;
+    check_result kind() const;
+    check_result elf_class() const;
+    check_result machine() const;
+    check_result floats() const;
+    check_result libraries() const;
+    check_result c_library() const;
+    check_result versions() const;
+    check_result entry_point(const std::string& name) const;
+    check_result undefined_symbols() const;
+    check_result stack() const;
+    check_result relocations() const;
 
-    finding without_libraries(const char* check) const;
+    check_result without_libraries(const char* check) const;
     /// What is needed and cannot be looked for without the libraries.
-    finding not_looked_for(const char* check, const std::vector<std::string>& needed) const;
+    check_result not_looked_for(const char* check, const std::vector<std::string>& needed) const;
     std::vector<std::string> missing_versions() const;
     /// Undefined symbols that none of these libraries has.
     std::vector<std::string> unresolved(const std::vector<const library_closure*>& providers) const;
@@ -112,39 +114,39 @@ examination::examination(const elf_file& file, const plugin_target& target)
         m_closure = follow_needs(file, m_search);
 }
 
-std::vector<finding> examination::all() const
+std::vector<check_result> examination::all() const
 {
-    std::vector<finding> findings = {kind(), elf_class(), machine()};
+    std::vector<check_result> results = {kind(), elf_class(), machine()};
     if (m_file.identity.machine == m_target.loader.machine &&
         m_target.loader.floats != float_abi::not_applicable)
-        findings.push_back(floats());
-    findings.push_back(libraries());
-    findings.push_back(c_library());
-    findings.push_back(versions());
+        results.push_back(floats());
+    results.push_back(libraries());
+    results.push_back(c_library());
+    results.push_back(versions());
     for (const char* name : kEntryPoints)
-        findings.push_back(entry_point(name));
-    findings.push_back(undefined_symbols());
-    findings.push_back(stack());
-    findings.push_back(relocations());
-    return findings;
+        results.push_back(entry_point(name));
+    results.push_back(undefined_symbols());
+    results.push_back(stack());
+    results.push_back(relocations());
+    return results;
 }
 
-finding examination::kind() const
+check_result examination::kind() const
 {
     switch (m_file.type) {
     case elf_file::kind::shared_library:
         return good("kind", "shared library");
     case elf_file::kind::program:
-        return bad("kind", "a program, which cannot be loaded as a library",
-                   "Link with -shared -fPIC and without -pie.", exit_code::plugin_not_a_library);
+        return bad("kind", plugin_cause::kNotALibrary, "a program, which cannot be loaded as a library",
+                   "Link with -shared -fPIC and without -pie.");
     case elf_file::kind::other:
         break;
     }
-    return bad("kind", "an object file or a core, which cannot be loaded", "Link it with -shared.",
-               exit_code::plugin_not_a_library);
+    return bad("kind", plugin_cause::kNotALibrary, "an object file or a core, which cannot be loaded",
+               "Link it with -shared.");
 }
 
-finding examination::elf_class() const
+check_result examination::elf_class() const
 {
     const auto text = [](const elf_identity& identity) {
         return std::to_string(identity.bits) + "-bit, " + (identity.is_big_endian ? "big" : "little") +
@@ -153,52 +155,52 @@ finding examination::elf_class() const
     const std::string has = text(m_file.identity);
     const std::string needs = text(m_target.loader);
     return has == needs ? good("class", has)
-                        : bad("class", has + "; a process there is " + needs, build_advice(m_target),
-                              exit_code::plugin_wrong_machine);
+                        : bad("class", plugin_cause::kWrongMachine, has + "; a process there is " + needs,
+                              build_advice(m_target));
 }
 
-finding examination::machine() const
+check_result examination::machine() const
 {
     const std::string has = machine_name(m_file.identity.machine);
     if (m_file.identity.machine == m_target.loader.machine)
         return good("machine", has);
-    return bad("machine", has + "; a process there runs on " + machine_name(m_target.loader.machine),
-               build_advice(m_target), exit_code::plugin_wrong_machine);
+    return bad("machine", plugin_cause::kWrongMachine,
+               has + "; a process there runs on " + machine_name(m_target.loader.machine),
+               build_advice(m_target));
 }
 
-finding examination::floats() const
+check_result examination::floats() const
 {
     const float_abi has = m_file.identity.floats;
     const std::string evidence = float_abi_name(has);
     if (has == m_target.loader.floats)
         return good("float ABI", evidence);
     if (has == float_abi::unmarked)
-        return warning("float ABI", evidence,
+        return warning("float ABI", cause{"unmarked_float_abi"}, evidence,
                        "Look for Tag_ABI_VFP_args: VFP registers in the output of readelf -A.");
-    return bad("float ABI",
+    return bad("float ABI", plugin_cause::kWrongMachine,
                evidence + "; a process there passes numbers by " + float_abi_name(m_target.loader.floats),
-               "Build with -mfloat-abi=hard (arm-linux-gnueabihf-gcc does).",
-               exit_code::plugin_wrong_machine);
+               "Build with -mfloat-abi=hard (arm-linux-gnueabihf-gcc does).");
 }
 
-finding examination::without_libraries(const char* check) const
+check_result examination::without_libraries(const char* check) const
 {
     if (m_target.has_libraries)
-        return not_checked(check, "a file of another kind gets no libraries there", "");
+        return not_checked(check, "a file of another kind gets no libraries there", {});
     return not_checked(check, "the libraries of the other machine are not here",
-                       "Name a folder with them: --sysroot DIR.");
+                       {"Name a folder with them: --sysroot DIR."});
 }
 
-finding examination::not_looked_for(const char* check, const std::vector<std::string>& needed) const
+check_result examination::not_looked_for(const char* check, const std::vector<std::string>& needed) const
 {
     if (needed.empty())
         return good(check, "none needed");
-    finding open_question = without_libraries(check);
-    open_question.evidence = "needs " + enumeration(needed) + "; " + open_question.evidence;
+    check_result open_question = without_libraries(check);
+    open_question.summary = "needs " + enumeration(needed) + "; " + open_question.summary;
     return open_question;
 }
 
-finding examination::libraries() const
+check_result examination::libraries() const
 {
     if (!m_hasClosure)
         return not_looked_for("libraries", m_file.needed);
@@ -207,11 +209,11 @@ finding examination::libraries() const
     std::vector<std::string> absent;
     for (const library_closure::absence& library : m_closure.absent)
         absent.push_back(library.name + " (needed by " + library.needed_by + ")");
-    return bad("libraries", "not found: " + enumeration(absent),
-               "Install them, or link the plugin without them.", exit_code::plugin_needs_missing);
+    return bad("libraries", plugin_cause::kNeedsMissing, "not found: " + enumeration(absent),
+               "Install them, or link the plugin without them.");
 }
 
-finding examination::c_library() const
+check_result examination::c_library() const
 {
     const std::string prefix = "GLIBC_";
     std::string newest;
@@ -220,7 +222,8 @@ finding examination::c_library() const
             continue;
         const std::string number = need.version.substr(prefix.size());
         if (number == "PRIVATE")
-            return warning("glibc", "uses insides of glibc that change with each version (GLIBC_PRIVATE)",
+            return warning("glibc", cause{"private_symbols"},
+                           "uses insides of glibc that change with each version (GLIBC_PRIVATE)",
                            "Leave them alone, or build for one version of the system only.");
         if (newest.empty() || is_older(newest, number))
             newest = number;
@@ -229,9 +232,8 @@ finding examination::c_library() const
         return good("glibc", "any version");
     if (!is_older(m_target.glibc, newest))
         return good("glibc", newest + " or newer; there is " + m_target.glibc);
-    return bad("glibc", newest + " or newer; there is only " + m_target.glibc,
-               "Build on a system with glibc " + m_target.glibc + " or older.",
-               exit_code::plugin_needs_missing);
+    return bad("glibc", plugin_cause::kNeedsMissing, newest + " or newer; there is only " + m_target.glibc,
+               "Build on a system with glibc " + m_target.glibc + " or older.");
 }
 
 std::vector<std::string> examination::missing_versions() const
@@ -248,21 +250,21 @@ std::vector<std::string> examination::missing_versions() const
     return missing;
 }
 
-finding examination::versions() const
+check_result examination::versions() const
 {
     if (!m_hasClosure)
         return without_libraries("versions");
     const auto missing = missing_versions();
     if (missing.empty())
         return good("versions", "every library has the versions that are needed");
-    return bad("versions", "not there: " + enumeration(missing),
-               "Build against the libraries of the machine.", exit_code::plugin_needs_missing);
+    return bad("versions", plugin_cause::kNeedsMissing, "not there: " + enumeration(missing),
+               "Build against the libraries of the machine.");
 }
 
-finding examination::entry_point(const std::string& name) const
+check_result examination::entry_point(const std::string& name) const
 {
     const auto incomplete = [&](const std::string& evidence, const std::string& advice) {
-        return bad(name, evidence, advice, exit_code::plugin_incomplete);
+        return bad(name, plugin_cause::kIncomplete, evidence, advice);
     };
     const elf_symbol* symbol = m_file.find_symbol(name);
     const std::string mangled = "_Z" + std::to_string(name.size()) + name;
@@ -305,40 +307,41 @@ std::vector<std::string> examination::unresolved(const std::vector<const library
     return names;
 }
 
-finding examination::undefined_symbols() const
+check_result examination::undefined_symbols() const
 {
     if (!m_hasClosure)
         return not_looked_for("symbols", unresolved({}));
     if (!m_closure.absent.empty())
-        return not_checked("symbols", "libraries that may have them are missing", "See the libraries above.");
+        return not_checked("symbols", "libraries that may have them are missing",
+                           {"See the libraries above."});
     const auto open = unresolved({&m_closure});
     if (open.empty())
         return good("symbols", "all that it uses are in libraries that it names");
     const library_closure lent = program_libraries();
     const auto nowhere = unresolved({&m_closure, &lent});
     if (nowhere.empty())
-        return warning("symbols",
+        return warning("symbols", cause{"borrowed_symbols"},
                        enumeration(open) + ": only there because tvkintif loads the library itself",
                        "Name the library when linking; -Wl,-z,defs finds all such cases.");
     return bad(
-        "symbols", "in no library that it names: " + enumeration(nowhere),
-        "Name the library when linking; a function that is missing ends the process when it is called.",
-        exit_code::plugin_needs_missing);
+        "symbols", plugin_cause::kNeedsMissing, "in no library that it names: " + enumeration(nowhere),
+        "Name the library when linking; a function that is missing ends the process when it is called.");
 }
 
-finding examination::stack() const
+check_result examination::stack() const
 {
     if (!m_file.wants_executable_stack)
         return good("stack", "not executable");
-    return warning("stack", "asks for an executable stack, for the whole process",
+    return warning("stack", cause{"executable_stack"}, "asks for an executable stack, for the whole process",
                    "Find the assembler file without .note.GNU-stack, or link with -Wl,-z,noexecstack.");
 }
 
-finding examination::relocations() const
+check_result examination::relocations() const
 {
     if (!m_file.has_text_relocations)
         return good("relocations", "none in the code");
-    return warning("relocations", "code is rewritten when it is loaded, which hardened systems refuse",
+    return warning("relocations", cause{"text_relocations"},
+                   "code is rewritten when it is loaded, which hardened systems refuse",
                    "Compile every file with -fPIC.");
 }
 
@@ -355,7 +358,7 @@ plugin_target native_target()
     return {"native", own_identity(), gnu_get_libc_version(), "", true};
 }
 
-std::vector<finding> check_plugin(const elf_file& file, const plugin_target& target)
+std::vector<check_result> check_plugin(const elf_file& file, const plugin_target& target)
 {
     return examination(file, target).all();
 }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "tvkctl/src/machine/finding.h"
+#include "tvkctl/src/machine/check_result.h"
 #include "tvkctl/src/plugin/elf_file.h"
 
 namespace tarvik::tvkctl {
@@ -29,6 +29,6 @@ plugin_target armhf_target(const std::string& root, const std::string& glibc);
 plugin_target native_target();
 
 /// Judges what a file says about itself, line by line, in the order in which the loader would fail.
-std::vector<finding> check_plugin(const elf_file& file, const plugin_target& target);
+std::vector<check_result> check_plugin(const elf_file& file, const plugin_target& target);
 
 } // namespace tarvik::tvkctl

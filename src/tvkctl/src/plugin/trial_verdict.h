@@ -2,13 +2,13 @@
 
 #include <vector>
 
-#include "tvkctl/src/machine/finding.h"
+#include "tvkctl/src/machine/check_result.h"
 #include "tvkctl/src/plugin/plugin_trial.h"
 
 namespace tarvik::tvkctl {
 
 /// Judges what came of a trial, in the order in which it happened. What a plugin may do when it does not get
 /// its own device's answers is no fault.
-std::vector<finding> judge_trial(const trial_plan& plan, const trial_report& report);
+std::vector<check_result> judge_trial(const trial_plan& plan, const trial_report& report);
 
 } // namespace tarvik::tvkctl

@@ -224,7 +224,7 @@ TEST_F(check_plugin_command, writes_all_of_it_as_json)
     const exit_code code = check({checked_plugin("crashing_in_ctor"), "--run", "--json"});
     const auto document = nlohmann::json::parse(out());
     EXPECT_EQ(document.at("for"), "native");
-    EXPECT_EQ(document.at("good"), false);
+    EXPECT_EQ(document.at("ok"), false);
     EXPECT_EQ(document.at("exit_status"), static_cast<int>(code));
     EXPECT_EQ(document.at("sections").size(), 4U) << "the file and three runs";
 }

@@ -1,8 +1,8 @@
-#include "support/refusal_story.h"
+#include "support/explained_refusal.h"
 
 namespace support {
 
-std::string refusal_story(const std::string& plugin_path)
+std::string explained_refusal(const std::string& plugin_path)
 {
     return "        - the log tells:\n"
            "        -     port = 0\n"

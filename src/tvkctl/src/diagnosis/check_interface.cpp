@@ -1,5 +1,5 @@
 #include "common/text/text.h"
-#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 
 namespace tarvik::tvkctl {
 
@@ -28,16 +28,16 @@ std::vector<std::string> flaws_of(const usb_device& device)
     return all;
 }
 
-rung_result unusable(const usb_device& device)
+check_result unusable(const usb_device& device)
 {
     if (device.configurations.empty())
-        return {verdict::bad,
-                "no_descriptors",
+        return {outcome::failed,
+                cause{"no_descriptors"},
                 "the device's descriptors cannot be read",
                 {},
                 {"switch the scanner off and on again", "lsusb -v -d " + ids_of(device)}};
-    return {verdict::bad,
-            "no_interface",
+    return {outcome::failed,
+            cause{"no_interface"},
             "no interface is vendor specific and has bulk endpoints both ways",
             flaws_of(device),
             {"check that these are the ids of the scanner, and not of another part of it",
@@ -46,30 +46,31 @@ rung_result unusable(const usb_device& device)
 
 } // namespace
 
-rung_result look_at_interface(situation& where)
+check_result check_interface(check_context& context)
 {
-    where.interface = usable_interface_of(*where.device);
-    if (!where.interface)
-        return unusable(*where.device);
-    const usable_interface& found = *where.interface;
-    rung_result result{verdict::good, "",
-                       "interface " + std::to_string(found.number) + " with bulk endpoints " +
-                           hexadecimal(found.bulk_in, 2) + " in and " + hexadecimal(found.bulk_out, 2) +
-                           " out"};
+    context.interface = usable_interface_of(*context.device);
+    if (!context.interface)
+        return unusable(*context.device);
+    const usable_interface& found = *context.interface;
+    check_result result{outcome::ok,
+                        {},
+                        "interface " + std::to_string(found.number) + " with bulk endpoints " +
+                            hexadecimal(found.bulk_in, 2) + " in and " + hexadecimal(found.bulk_out, 2) +
+                            " out"};
     if (found.configuration != kConfigurationInUse) {
-        result.came_out = verdict::warning;
-        result.cause = "other_configuration";
+        result.came_out = outcome::warning;
+        result.why = cause{"other_configuration"};
         result.evidence = {"it stands in configuration " + std::to_string(found.configuration) +
                            ", but the program activates configuration 1 before it claims it"};
         result.next = {"go on only if configuration 1 has the same interface",
-                       "lsusb -v -d " + ids_of(*where.device)};
+                       "lsusb -v -d " + ids_of(*context.device)};
     } else if (found.alternate != 0) {
-        result.came_out = verdict::warning;
-        result.cause = "alternate_setting";
+        result.came_out = outcome::warning;
+        result.why = cause{"alternate_setting"};
         result.evidence = {"its endpoints are those of alternate setting " + std::to_string(found.alternate) +
                            ", which the program does not select"};
         result.next = {"see whether setting 0 has the same endpoints",
-                       "lsusb -v -d " + ids_of(*where.device)};
+                       "lsusb -v -d " + ids_of(*context.device)};
     }
     return result;
 }

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "tvkctl/src/diagnosis/rungs.h"
-#include "tvkctl/src/machine/udi.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 
 namespace tarvik::tvkctl {
 
@@ -12,10 +11,10 @@ namespace {
 constexpr const char* kClaimedByProcess = "usbfs"; // the kernel's name for it
 
 /// The interfaces that the program claims on its way to the one that it uses, which is the last.
-std::vector<int> interfaces_claimed(const situation& where)
+std::vector<int> interfaces_claimed(const check_context& context)
 {
     std::vector<int> numbers;
-    for (const usb_configuration& configuration : where.device->configurations)
+    for (const usb_configuration& configuration : context.device->configurations)
         for (const usb_setting& setting : configuration.settings) {
             if (!setting.is_vendor_specific())
                 continue;
@@ -44,28 +43,28 @@ std::vector<std::string> text_of(const node_holders& holders)
     return all;
 }
 
-std::vector<std::string> cure_of_holders(const node_holders& holders, const situation& where)
+std::vector<advice> advice_on_holders(const node_holders& holders, const check_context& context)
 {
-    std::vector<std::string> steps;
+    std::vector<advice> steps;
     for (const process_name& process : holders.found)
         if (process.pid != getpid())
-            steps.push_back("kill " + std::to_string(process.pid) + "   # ends " + process.name);
+            steps.emplace_back("kill " + std::to_string(process.pid) + "   # ends " + process.name);
     if (steps.empty())
-        steps.push_back("sudo tvkctl explain " + shell_word(where.udi) +
-                        "   # sees the processes of all users");
+        steps.emplace_back(tool_step::explain_as_root, context.udi, "sees the processes of all users");
     return steps;
 }
 
-rung_result claimed(int number, const node_holders& holders, const situation& where)
+check_result claimed(int number, const node_holders& holders, const check_context& context)
 {
-    return {verdict::bad, "claimed", "another process has claimed interface " + std::to_string(number),
-            text_of(holders), cure_of_holders(holders, where)};
+    return {outcome::failed, cause{"claimed"},
+            "another process has claimed interface " + std::to_string(number), text_of(holders),
+            advice_on_holders(holders, context)};
 }
 
-rung_result driver_bound(int number, const std::string& driver, const node_holders& holders)
+check_result driver_bound(int number, const std::string& driver, const node_holders& holders)
 {
-    rung_result result{verdict::warning, "kernel_driver",
-                       "kernel driver " + driver + " is bound to interface " + std::to_string(number)};
+    check_result result{outcome::warning, cause{"kernel_driver"},
+                        "kernel driver " + driver + " is bound to interface " + std::to_string(number)};
     result.evidence = {"it is detached while the scanner is open, and attached again after it"};
     const auto others = text_of(holders);
     result.evidence.insert(result.evidence.end(), others.begin(), others.end());
@@ -73,13 +72,13 @@ rung_result driver_bound(int number, const std::string& driver, const node_holde
     return result;
 }
 
-rung_result held(const node_holders& holders)
+check_result held(const node_holders& holders)
 {
-    return {verdict::warning,
-            "held",
+    return {outcome::warning,
+            cause{"held"},
             "another process has the device open, though not claimed",
             text_of(holders),
-            {"go on, and think of it when transfers fail"}};
+            {"keep it in mind when transfers fail"}};
 }
 
 bool is_anybody_else(const node_holders& holders)
@@ -90,23 +89,23 @@ bool is_anybody_else(const node_holders& holders)
 
 } // namespace
 
-rung_result look_at_driver(situation& where)
+check_result check_driver(check_context& context)
 {
-    const node_holders holders = find_node_holders(where.device->node, where.machine);
-    const std::vector<int> numbers = interfaces_claimed(where);
+    const node_holders holders = find_node_holders(context.device->node, context.machine);
+    const std::vector<int> numbers = interfaces_claimed(context);
     for (const int number : numbers)
-        if (kernel_driver_of(*where.device, number, where.machine) == kClaimedByProcess)
-            return claimed(number, holders, where);
+        if (kernel_driver_of(*context.device, number, context.machine) == kClaimedByProcess)
+            return claimed(number, holders, context);
     for (const int number : numbers)
-        if (const std::string driver = kernel_driver_of(*where.device, number, where.machine);
+        if (const std::string driver = kernel_driver_of(*context.device, number, context.machine);
             !driver.empty())
             return driver_bound(number, driver, holders);
     if (is_anybody_else(holders))
         return held(holders);
-    if (!where.device->active_configuration)
-        return {verdict::not_checked, "no_sysfs",
-                where.machine.sysfs + " does not tell which driver is bound to the interface"};
-    return {verdict::good, "", "interface " + std::to_string(where.interface->number) + " is free"};
+    if (!context.device->active_configuration)
+        return {outcome::not_checked, cause{"no_sysfs"},
+                context.machine.sysfs + " does not tell which driver is bound to the interface"};
+    return {outcome::ok, {}, "interface " + std::to_string(context.interface->number) + " is free"};
 }
 
 } // namespace tarvik::tvkctl

@@ -1,4 +1,4 @@
-#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 #include "tvkctl/src/machine/accounts.h"
 #include "tvkctl/src/machine/udev_rule.h"
 
@@ -19,25 +19,25 @@ std::string text_of(const device_node& node)
     return node.path + " is " + node.mode_text() + " " + node.owner.name + ":" + node.group.name;
 }
 
-std::vector<std::string> cure_of(const usb_device& device, const identity& user)
+std::vector<advice> advice_on(const usb_device& device, const identity& user)
 {
     const udev_rule rule = rule_for(device, user, find_group);
-    std::vector<std::string> steps = {
+    std::vector<advice> steps = {
         "echo '" + rule.line + "' | sudo tee " + rule.file,
         "sudo udevadm control --reload",
         "plug the scanner in again",
     };
     if (!rule.is_member) {
-        steps.push_back("sudo usermod -aG " + rule.group.name + " " + user.user.name);
-        steps.push_back("log in again");
+        steps.emplace_back("sudo usermod -aG " + rule.group.name + " " + user.user.name);
+        steps.emplace_back("log in again");
     }
     return steps;
 }
 
-rung_result no_node(const device_node& node)
+check_result no_node(const device_node& node)
 {
-    return {verdict::bad,
-            "no_node",
+    return {outcome::failed,
+            cause{"no_node"},
             node.path + " does not exist",
             {"the kernel knows the device, but there is no file through which to open it"},
             {"ls -l " + node.path.substr(0, node.path.rfind('/')),
@@ -46,19 +46,19 @@ rung_result no_node(const device_node& node)
 
 } // namespace
 
-rung_result look_at_rights(situation& where)
+check_result check_rights(check_context& context)
 {
-    const device_node& node = where.device->node;
+    const device_node& node = context.device->node;
     if (!node.exists)
         return no_node(node);
     if (node.may_open)
-        return {verdict::good, "", text_of(node) + ", open to this user"};
+        return {outcome::ok, {}, text_of(node) + ", open to this user"};
     const identity user = current_identity();
-    return {verdict::bad,
-            "no_rights",
+    return {outcome::failed,
+            cause{"no_rights"},
             text_of(node) + ", and this user may not open it for reading and writing",
             {text_of(user)},
-            cure_of(*where.device, user)};
+            advice_on(*context.device, user)};
 }
 
 } // namespace tarvik::tvkctl

@@ -4,11 +4,12 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 #include "tvkctl/src/machine/accounts.h"
 #include "tvkctl/src/machine/udi.h"
 #include "tvkctl/src/plugin/elf_file.h"
 #include "tvkctl/src/plugin/loader_probe.h"
+#include "tvkctl/src/plugin/plugin_cause.h"
 #include "tvkctl/src/plugin/plugin_check.h"
 #include "tvkintif/src/models.h"
 
@@ -44,9 +45,9 @@ std::vector<std::string> names_in(const std::string& directory)
     return names;
 }
 
-rung_result missing(const std::string& path, const usb_device& device)
+check_result missing(const std::string& path, const usb_device& device)
 {
-    rung_result result{verdict::bad, "missing_file", path + " is not there"};
+    check_result result{outcome::failed, cause{"missing_file"}, path + " is not there"};
     const std::string name = path.substr(path.rfind('/') + 1);
     result.evidence.push_back("product " + ids_of(device).substr(5) + " is served by " + name);
     const auto others = names_in(directory_of(path));
@@ -59,16 +60,16 @@ rung_result missing(const std::string& path, const usb_device& device)
     return result;
 }
 
-rung_result unreadable(const std::string& what, const std::string& cure)
+check_result unreadable(const std::string& what, const std::string& mode)
 {
-    return {verdict::bad,
-            "no_permission",
+    return {outcome::failed,
+            cause{"no_permission"},
             what + " is closed to " + user_of(geteuid()).name,
             {},
-            {"sudo chmod " + cure + " " + what}};
+            {"sudo chmod " + mode + " " + what}};
 }
 
-std::optional<rung_result> look_at_file(const std::string& path, const usb_device& device)
+std::optional<check_result> look_at_file(const std::string& path, const usb_device& device)
 {
     if (const std::string folder = closed_folder(path); !folder.empty())
         return unreadable(folder, "o+x");
@@ -80,18 +81,18 @@ std::optional<rung_result> look_at_file(const std::string& path, const usb_devic
 }
 
 /// What a look into the file shows; only that of weight, which is all that a person wants to read here.
-std::vector<finding> flaws_of(const std::string& path)
+std::vector<check_result> flaws_of(const std::string& path)
 {
-    std::vector<finding> flaws;
-    for (const finding& one : check_plugin(read_elf_file(path), native_target()))
-        if (one.came_out == verdict::bad || one.came_out == verdict::warning)
+    std::vector<check_result> flaws;
+    for (const check_result& one : check_plugin(read_elf_file(path), native_target()))
+        if (one.came_out == outcome::failed || one.came_out == outcome::warning)
             flaws.push_back(one);
     return flaws;
 }
 
-std::string text_of(const finding& flaw)
+std::string text_of(const check_result& flaw)
 {
-    return flaw.check + ": " + flaw.evidence;
+    return flaw.check + ": " + flaw.summary;
 }
 
 std::string name_list(const std::vector<std::string>& names)
@@ -103,81 +104,89 @@ std::string name_list(const std::vector<std::string>& names)
 }
 
 /// How loading failed, in a word and a sentence; nullopt when it did not.
-std::optional<rung_result> judge(const load_attempt& attempt, const std::string& path, milliseconds timeout)
+std::optional<check_result> judge(const load_attempt& attempt, const std::string& path, milliseconds timeout)
 {
     const std::string moment = attempt.was_loaded ? "unloaded" : "loaded";
     switch (attempt.end) {
     case load_attempt::outcome::refused:
-        return rung_result{
-            verdict::bad, "not_loadable", path + " cannot be loaded", {"the loader says: " + attempt.words}};
+        return check_result{outcome::failed,
+                            plugin_cause::kNotLoadable,
+                            path + " cannot be loaded",
+                            {"the loader says: " + attempt.words}};
     case load_attempt::outcome::died:
-        return rung_result{verdict::bad,
-                           "crash",
-                           path + " ends the process when it is " + moment,
-                           {"that process ended with " + attempt.status.text()}};
+        return check_result{outcome::failed,
+                            plugin_cause::kCrashed,
+                            path + " ends the process when it is " + moment,
+                            {"that process ended with " + attempt.status.text()}};
     case load_attempt::outcome::hung:
-        return rung_result{verdict::bad,
-                           "hang",
-                           path + " does not come to an end when it is " + moment,
-                           {"given up after " + std::to_string(timeout.count() / 1000) + " s"}};
+        return check_result{outcome::failed,
+                            plugin_cause::kHung,
+                            path + " does not come to an end when it is " + moment,
+                            {"given up after " + std::to_string(timeout.count() / 1000) + " s"}};
     case load_attempt::outcome::loaded:
         break;
     }
     if (attempt.missing.empty())
         return std::nullopt;
-    return rung_result{verdict::bad, "missing_entry_point", path + " lacks " + name_list(attempt.missing)};
+    return check_result{outcome::failed, plugin_cause::kIncomplete,
+                        path + " lacks " + name_list(attempt.missing)};
 }
 
-/// check-plugin advises the plugin's author; who only wants to scan can take another file.
-std::string advice_for(const finding& flaw)
+/// The check of a file advises the plugin's author; who only wants to scan can take another file.
+std::vector<advice> advice_on(const check_result& flaw)
 {
-    return flaw.code == exit_code::plugin_wrong_machine
-               ? "install the plugin that is built for " + own_identity().text()
-               : flaw.advice;
+    if (flaw.why == plugin_cause::kWrongMachine)
+        return {"install the plugin that is built for " + own_identity().text()};
+    return flaw.next;
 }
 
-void add_flaws(rung_result& result, const std::vector<finding>& flaws)
+void add_flaws(check_result& result, const std::vector<check_result>& flaws)
 {
-    for (const finding& flaw : flaws) {
+    for (const check_result& flaw : flaws) {
         result.evidence.push_back(text_of(flaw));
-        const std::string advice = flaw.came_out == verdict::bad ? advice_for(flaw) : "";
-        if (!advice.empty() && (result.next.empty() || result.next.back() != advice))
-            result.next.push_back(advice);
+        if (flaw.came_out != outcome::failed)
+            continue;
+        for (const advice& one : advice_on(flaw))
+            if (result.next.empty() || result.next.back().text != one.text)
+                result.next.push_back(one);
     }
 }
 
-rung_result look_into_file(const std::string& path, milliseconds timeout)
+check_result look_into_file(const std::string& path, milliseconds timeout)
 {
-    const std::vector<finding> flaws = flaws_of(path);
+    const std::vector<check_result> flaws = flaws_of(path);
     const std::vector<std::string> functions(kEntryPoints.begin(), kEntryPoints.end());
     if (auto broken = judge(try_to_load(path, functions, timeout), path, timeout)) {
         add_flaws(*broken, flaws);
-        broken->next.push_back("tvkctl check-plugin " + path);
+        broken->next.emplace_back(tool_step::check_plugin, path);
         return *broken;
     }
-    rung_result result{verdict::good, "", path + " can be loaded and has the four entry points"};
+    check_result result{outcome::ok, {}, path + " can be loaded and has the four entry points"};
     if (!flaws.empty()) {
-        result.came_out = verdict::warning;
-        result.cause = "flaws";
-        for (const finding& flaw : flaws)
+        result.came_out = outcome::warning;
+        result.why = cause{"flaws"};
+        for (const check_result& flaw : flaws)
             result.evidence.push_back(text_of(flaw));
-        result.next = {"tvkctl check-plugin " + path};
+        result.next = {{tool_step::check_plugin, path}};
     }
     return result;
 }
 
 } // namespace
 
-rung_result look_at_plugin(situation& where)
+check_result check_installed_plugin(check_context& context)
 {
-    const std::string path = lib_path(plugin_name(where.device->product_id));
-    if (auto broken = look_at_file(path, *where.device))
+    const std::string path = lib_path(plugin_name(context.device->product_id));
+    if (auto broken = look_at_file(path, *context.device))
         return *broken;
     try {
-        return look_into_file(path, where.load_timeout);
+        return look_into_file(path, context.load_timeout);
     } catch (const elf_error& error) {
-        return {
-            verdict::bad, "no_library", error.what(), {}, {"install it anew", "tvkctl check-plugin " + path}};
+        return {outcome::failed,
+                plugin_cause::kNotALibrary,
+                error.what(),
+                {},
+                {"install it anew", {tool_step::check_plugin, path}}};
     }
 }
 

@@ -2,7 +2,7 @@
 
 #include "common/text/text.h"
 #include "front_end/src/bytes.h"
-#include "tvkctl/src/diagnosis/rungs.h"
+#include "tvkctl/src/diagnosis/diagnosis.h"
 #include "tvkctl/src/machine/udi.h"
 #include "tvkintif/src/udi.h"
 
@@ -35,15 +35,14 @@ std::vector<std::string> flaws_of(const std::string& udi, const std::vector<std:
     return flaws;
 }
 
-rung_result bad_address(const std::vector<std::string>& flaws)
+check_result bad_address(const std::vector<std::string>& flaws)
 {
-    return {verdict::bad,
-            "malformed",
+    return {outcome::failed,
+            cause{"malformed"},
             flaws.front(),
             {flaws.begin() + 1, flaws.end()},
             {"write it in one of these shapes, ids and numbers in hexadecimal:", "    usb:VENDOR:PRODUCT",
-             "    usb:VENDOR:PRODUCT:SERIAL", "    usb:VENDOR:PRODUCT:BUS:DEVICE",
-             "tvkctl list   # shows the addresses of the devices that are there"}};
+             "    usb:VENDOR:PRODUCT:SERIAL", "    usb:VENDOR:PRODUCT:BUS:DEVICE", tool_step::list_devices}};
 }
 
 std::string summary_of(const std::string& udi)
@@ -55,22 +54,22 @@ std::string summary_of(const std::string& udi)
 
 } // namespace
 
-rung_result look_at_address(situation& where)
+check_result check_address(check_context& context)
 {
-    const std::vector<std::string> fields = split(where.udi, ':'); // as the program does
-    if (const auto flaws = flaws_of(where.udi, fields); !flaws.empty())
+    const std::vector<std::string> fields = split(context.udi, ':'); // as the program does
+    if (const auto flaws = flaws_of(context.udi, fields); !flaws.empty())
         return bad_address(flaws);
-    rung_result result{verdict::good, "", summary_of(where.udi)};
+    check_result result{outcome::ok, {}, summary_of(context.udi)};
     if (fields.size() <= kDeviceField)
         return result;
-    result.came_out = verdict::warning;
-    result.cause = "location_ignored";
-    result.evidence = {"bus " + hexadecimal(get_bus_number(where.udi)) + " and device " +
-                           hexadecimal(get_device_number(where.udi)) + " are read, but choose no device",
+    result.came_out = outcome::warning;
+    result.why = cause{"location_ignored"};
+    result.evidence = {"bus " + hexadecimal(get_bus_number(context.udi)) + " and device " +
+                           hexadecimal(get_device_number(context.udi)) + " are read, but choose no device",
                        "field 3 is looked for as a serial number; when no device has it, the ids decide"};
     if (fields.size() > kDeviceField + 1)
         result.evidence.push_back("what follows field 4 is ignored");
-    result.next = {"name the device by its serial number (tvkctl list)"};
+    result.next = {"name the device by its serial number", tool_step::list_devices};
     return result;
 }
 

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+#include "tvkctl/src/machine/advice.h"
+
+namespace tarvik::tvkctl {
+
+/// An advice as one line: in words, or as a shell takes it, with what it is good for behind it.
+std::string text_of(const advice& what);
+
+} // namespace tarvik::tvkctl
