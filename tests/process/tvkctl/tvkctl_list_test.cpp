@@ -116,7 +116,7 @@ TEST_F(tvkctl_list_test, a_bus_without_scanners_is_no_error)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err,
-              "tvkctl: there is no device that tvkintif could drive; tvkctl list --all shows the others\n");
+              "tvkctl: no device found that tvkintif could drive; tvkctl list --all shows the others\n");
 }
 
 TEST_F(tvkctl_list_test, a_bus_without_scanners_is_an_empty_list_in_json)

@@ -113,7 +113,7 @@ TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_51)
         return;
     EXPECT_EQ(result.status, 51);
     EXPECT_EQ(result.out.substr(0, result.out.find('\n')),
-              "Logging is on, but not for this user: /tmp/velnor/tvkintif is not writable for nobody");
+              "Logging is on, but not for this user: /tmp/velnor/tvkintif is not writable by nobody");
     EXPECT_NE(result.out.find("Have root hand it over with: sudo tvkctl log on --for nobody.\n"),
               std::string::npos);
 }
@@ -174,7 +174,7 @@ TEST_F(tvkctl_log_test, off_tells_what_it_did)
     EXPECT_EQ(run({"log", "off"}).out,
               "set loglevel = 5 in /tmp/velnor/tvkintif/setting.ini; the logs stay\n"
               "programs that run now keep logging until they end\n"
-              "Logging is off: /tmp/velnor/tvkintif/setting.ini names a loglevel above that of FATAL\n"
+              "Logging is off: /tmp/velnor/tvkintif/setting.ini sets a loglevel above that of FATAL\n"
               "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
               "  settings   /tmp/velnor/tvkintif/setting.ini\n"
               "  today      " +
@@ -198,7 +198,7 @@ TEST_F(tvkctl_log_test, a_link_in_place_of_the_directory_is_refused_with_52)
     EXPECT_EQ(result.status, 52);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err,
-              "tvkctl: /tmp/velnor/tvkintif is not a directory of its own but a file or a symbolic "
+              "tvkctl: /tmp/velnor/tvkintif is not a directory but a file or a symbolic "
               "link. Find out who put it there (ls -ld /tmp/velnor/tvkintif) and have it removed.\n");
     fs::remove(support::log_directory);
 }

@@ -315,8 +315,8 @@ TEST_F(tvkctl_run_test, a_missing_file_to_send_is_told_before_the_scanner_is_ope
 {
     const tvkctl_result result = run_steps({"send @none.bin"});
     EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.err, "tvkctl: none.bin cannot be read: No such file or directory. Check the name that "
-                          "stands after the @.\n");
+    EXPECT_EQ(result.err, "tvkctl: none.bin cannot be read: No such file or directory. Check the name "
+                          "after the @.\n");
     EXPECT_EQ(result.out, "");
 }
 
@@ -333,7 +333,7 @@ TEST_F(tvkctl_run_test, a_program_that_is_nowhere_is_told)
     const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"run", kUdi, "send 01"}));
     EXPECT_EQ(result.status, 10);
     EXPECT_EQ(result.err,
-              "tvkctl: there is no tvkintif beside tvkctl or in PATH. Say where it is with --program.\n");
+              "tvkctl: no tvkintif is beside tvkctl or in PATH. Say where it is with --program.\n");
 }
 
 TEST_F(tvkctl_run_test, a_program_that_prints_no_port_is_not_taken_for_the_right_one)
@@ -398,43 +398,47 @@ INSTANTIATE_TEST_SUITE_P(
     tvkctl, bad_command_lines,
     testing::Values(
         bad_command_line{"no_command", {}, "A subcommand is required. See tvkctl --help."},
-        bad_command_line{"unknown_command", {"scan"}, "\"scan\" is no command. See tvkctl --help."},
+        bad_command_line{"unknown_command", {"scan"}, "unknown command \"scan\". See tvkctl --help."},
         bad_command_line{"unknown_option",
                          {"list", "--every"},
                          "The following argument was not expected: --every. See tvkctl list --help."},
         bad_command_line{"no_address", {"run"}, "UDI is required. See tvkctl run --help."},
         bad_command_line{"bad_address",
                          {"run", "1a2b:3c4d", "send 01"},
-                         "\"1a2b:3c4d\" is no address of a scanner. An address is usb:VENDOR:PRODUCT or "
+                         "invalid scanner address \"1a2b:3c4d\". An address is usb:VENDOR:PRODUCT or "
                          "usb:VENDOR:PRODUCT:SERIAL, with hexadecimal ids; tvkctl list shows them."},
         bad_command_line{"no_steps",
                          {"run", kUdi},
-                         "there are no steps. Name some, as 'recv 512', or a file with --script."},
-        bad_command_line{
-            "unquoted_step",
-            {"run", kUdi, "send", "01"},
-            "step 1, \"send\": what to send is missing; put a whole step into quotes: 'send 01 02'. A "
-            "step is one of: send HEX|\"TEXT\"|@FILE, recv SIZE [> FILE], query NUMBER, sleep SECONDS."},
+                         "no steps are given. Give some, such as 'recv 512', or a file with --script."},
         bad_command_line{"steps_twice",
                          {"run", kUdi, "send 01", "--script", "a"},
                          "steps are given twice, by --script and as arguments. Leave one of them out."},
-        bad_command_line{
-            "bad_chunk",
-            {"run", kUdi, "--chunk", "0", "recv 1"},
-            "--chunk: \"0\" is no size of a request. Write 512, 0x200, 64KiB, 1MiB or 2GiB, less than "
-            "4GiB."},
-        bad_command_line{
-            "bad_port",
-            {"run", kUdi, "--connect", "65536", "recv 1"},
-            "--connect: \"65536\" is no port. Write the number that the program printed when it was "
-            "started."},
+        bad_command_line{"bad_chunk",
+                         {"run", kUdi, "--chunk", "0", "recv 1"},
+                         "invalid size \"0\" for --chunk. Write 512, 0x200, 64KiB, 1MiB or 2GiB, less than "
+                         "4GiB."},
+        bad_command_line{"bad_port",
+                         {"run", kUdi, "--connect", "65536", "recv 1"},
+                         "invalid port \"65536\" for --connect. Give the number that the program printed "
+                         "when it started."},
         bad_command_line{"bad_timeout",
                          {"run", kUdi, "--timeout", "0", "recv 1"},
-                         "--timeout: \"0\" is no time. Write 2, 0.5, 3s or 250ms."},
+                         "invalid time \"0\" for --timeout. Write 2, 0.5, 3s or 250ms."},
         bad_command_line{"program_and_port",
                          {"run", kUdi, "--program", "a", "--connect", "1", "recv 1"},
                          "--connect excludes --program. See tvkctl run --help."}),
     [](const auto& which) { return which.param.name; });
+
+TEST_F(tvkctl_run_test, a_step_without_quotes_is_told_with_the_forms_of_all_steps)
+{
+    const tvkctl_result result = run_steps({"send", "01"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(
+        std::regex_match(result.err, std::regex("tvkctl: step 1, \"send\": there is nothing to send; "
+                                                "put the whole step in quotes: 'send 01 02'\\. A step "
+                                                "is one of: send [^\n]*, recv [^\n]*\\.\n")))
+        << result.err;
+}
 
 TEST_F(tvkctl_run_test, a_missing_script_is_an_unreadable_input)
 {

@@ -18,7 +18,7 @@ namespace tarvik::tvkctl {
 namespace {
 
 constexpr const char* kDescription =
-    "Looks at scanners, and drives and examines tvkintif, the process that serves them.";
+    "Lists scanners, and drives and examines tvkintif, the program that serves them.";
 
 /// Does the work and turns whatever it throws into one line and a status.
 exit_code do_work(cli& shared)
@@ -46,7 +46,7 @@ exit_code tell(const CLI::ParseError& problem, const CLI::App& app, console& io)
     }
     const std::vector<CLI::App*> named = app.get_subcommands();
     const bool is_unknown = named.empty() && !app.remaining().empty();
-    io.error(is_unknown ? in_quotes(app.remaining().front()) + " is no command" : problem.what(),
+    io.error(is_unknown ? "unknown command " + in_quotes(app.remaining().front()) : problem.what(),
              "See tvkctl " + (named.empty() ? "" : named.front()->get_name() + " ") + "--help.");
     return exit_code::usage;
 }
@@ -65,7 +65,7 @@ exit_code after_flushing(console& io, exit_code code)
 CLI::App& add_command(CLI::App& app, cli& shared, const command_text& text, std::function<exit_code()> work)
 {
     CLI::App* command = app.add_subcommand(text.name, text.summary);
-    command->footer(std::string("Examples:\n") + text.examples);
+    command->footer("Examples:\n" + text.examples);
     command->add_flag("--json", shared.is_json, "Write the result as JSON");
     command->callback([&shared, work = std::move(work)] { shared.chosen = work; });
     return *command;

@@ -25,9 +25,9 @@ struct cli {
 
 /// What a command says of itself.
 struct command_text {
-    const char* name;
-    const char* summary;  ///< one line, in the list of commands
-    const char* examples; ///< whole lines, shown below the options
+    std::string name;
+    std::string summary;  ///< one line, in the list of commands
+    std::string examples; ///< whole lines, shown below the options
 };
 
 /// Adds a command with the options that all have (--json). Commands add their own options to what is

@@ -163,8 +163,8 @@ void write_text(const std::vector<listed_device>& devices, const list_options& o
 {
     if (devices.empty()) {
         io.note(options.is_all
-                    ? "there is no USB device"
-                    : "there is no device that tvkintif could drive; tvkctl list --all shows the others");
+                    ? "no USB device found"
+                    : "no device found that tvkintif could drive; tvkctl list --all shows the others");
         return;
     }
     write_table(devices, io);

@@ -40,8 +40,7 @@ std::optional<log_level> wanted_level(const log_options& options)
         return std::nullopt;
     const auto level = level_named(options.level);
     if (!level)
-        throw usage_error("--level " + options.level + " is no level",
-                          "Name one of TRACE, INFO, WARNING, ERROR, FATAL, or 0 to 4.");
+        throw usage_error("unknown level " + in_quotes(options.level), "Give " + level_choice() + ".");
     return level;
 }
 
@@ -51,7 +50,7 @@ std::optional<account> wanted_owner(const log_options& options)
         return std::nullopt;
     auto owner = find_user(options.owner);
     if (!owner)
-        throw usage_error("--for " + options.owner + ": there is no such user", "See getent passwd.");
+        throw usage_error("unknown user " + in_quotes(options.owner), "getent passwd lists them.");
     return owner;
 }
 
@@ -61,7 +60,7 @@ log_day wanted_day(const log_options& options)
         return day_of(std::time(nullptr));
     const auto day = day_named(options.date);
     if (!day)
-        throw usage_error("--date " + options.date + " is no day", "Write it as 2026-11-15.");
+        throw usage_error("invalid date " + in_quotes(options.date), "Write it as 2026-11-15.");
     return *day;
 }
 
@@ -314,7 +313,7 @@ directory_watch watch(const log_place& place)
     try {
         return directory_watch(place.directory());
     } catch (const std::system_error& error) {
-        throw command_error(exit_code::log_is_off, std::string("nothing to follow: ") + error.what(),
+        throw command_error(exit_code::log_is_off, std::string("there is nothing to follow: ") + error.what(),
                             cure_of(look_at_log(place, std::time(nullptr))));
     }
 }
@@ -365,9 +364,8 @@ constexpr const char* kLogExamples =
     "  tvkctl log off                    log nothing more; the logs stay\n"
     "  tvkctl log off --purge            and remove them\n"
     "\n"
-    "A program takes its level when it starts: what runs already goes on as it began.\n"
-    "tvkctl log alone ends with 0 when this user's programs log, 50 when logging is off, 51 when the\n"
-    "directory belongs to another user.\n";
+    "A program reads its level when it starts: one that is running goes on as before.\n"
+    "The exit status of tvkctl log alone tells whether this user's programs log.\n";
 
 } // namespace
 
@@ -377,13 +375,12 @@ void add_log_command(CLI::App& app, cli& shared)
     CLI::App& command =
         add_command(app, shared, {"log", "Turn logging on or off, show or follow the log", kLogExamples},
                     [options, &shared] { return log(*options, shared); });
-    command.add_option("action", options->action, "on, off, show or follow; without one, tell the state")
+    command.add_option("action", options->action, "Without one, tell the state")
         ->check(CLI::IsMember({"on", "off", "show", "follow"}));
-    command.add_option("--level", options->level,
-                       "Lowest level: TRACE, INFO, WARNING, ERROR or FATAL (on, show, follow)");
+    command.add_option("--level", options->level, "Lowest level: " + level_choice() + " (on, show, follow)");
     command.add_option("--date", options->date, "Day to show instead of today, as 2026-11-15 (show)");
-    command.add_option("--for", options->owner, "User whose programs shall log; for root (on)");
-    command.add_flag("--purge", options->is_purging, "Remove logs, settings and directory (off)");
+    command.add_option("--for", options->owner, "User whose programs are to log; for root (on)");
+    command.add_flag("--purge", options->is_purging, "Remove the logs, settings and directory (off)");
 }
 
 } // namespace tarvik::tvkctl

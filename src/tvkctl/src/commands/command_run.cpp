@@ -18,7 +18,7 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-constexpr const char* kRunSummary = "Open a scanner, pass bytes to it and take bytes from it";
+constexpr const char* kRunSummary = "Open a scanner, send bytes to it and receive bytes from it";
 constexpr const char* kRunExamples =
     R"(  tvkctl run usb:1a2b:3c4d 'send 1b 45' 'recv 64'
       sends two bytes and shows the 64 that come
@@ -27,16 +27,12 @@ constexpr const char* kRunExamples =
   tvkctl run usb:1a2b:3c4d --script calibrate.steps -v
       takes the steps from a file, one a line, and tells how long each takes
   tvkctl run usb:1a2b:3c4d --connect 40001 'query 1'
-      drives a tvkintif that already runs
+      uses a tvkintif that is already running
 
 Steps, each in quotes of its own so that the shell leaves it alone:
-  send ITEM...       ITEM is hexadecimal (1b 45, 1b45, 0x1b45), "TEXT" with
-                     \n \r \t \0 \\ \" \xHH, or @FILE
-  recv SIZE          SIZE is 512, 0x200, 64KiB, 1MiB or 2GiB
-  recv SIZE > FILE   writes the file anew; >> FILE adds to its end
-  query NUMBER       selector 1 or 2
-  sleep TIME         2, 0.5, 3s or 250ms
-A file name with blanks stands in "". # begins a comment. The first step that
+)";
+constexpr const char* kStepRules =
+    R"(A file name with blanks stands in "". # begins a comment. The first step that
 fails ends the session; what was received until then is kept.)";
 
 struct run_options {
@@ -56,7 +52,7 @@ std::optional<std::uint32_t> parse_chunk(const std::string& text)
         return std::nullopt;
     const auto size = parse_size(text);
     if (!size || *size == 0 || *size > std::numeric_limits<std::uint32_t>::max())
-        throw usage_error("--chunk: " + in_quotes(text) + " is no size of a request",
+        throw usage_error("invalid size " + in_quotes(text) + " for --chunk",
                           std::string("Write ") + kSizeForms + ", less than 4GiB.");
     return static_cast<std::uint32_t>(*size);
 }
@@ -67,7 +63,8 @@ milliseconds parse_timeout(const std::string& text)
         return kRequestTimeout;
     const auto time = parse_duration(text);
     if (!time || time->count() == 0)
-        throw usage_error("--timeout: " + in_quotes(text) + " is no time", "Write 2, 0.5, 3s or 250ms.");
+        throw usage_error("invalid time " + in_quotes(text) + " for --timeout",
+                          std::string("Write ") + kTimeForms + ".");
     return *time;
 }
 
@@ -78,8 +75,8 @@ std::optional<int> parse_port(const std::string& text)
         return std::nullopt;
     const auto port = parse_number(text, largest);
     if (!port || *port == 0)
-        throw usage_error("--connect: " + in_quotes(text) + " is no port",
-                          "Write the number that the program printed when it was started.");
+        throw usage_error("invalid port " + in_quotes(text) + " for --connect",
+                          "Give the number that the program printed when it started.");
     return static_cast<int>(*port);
 }
 
@@ -102,7 +99,7 @@ std::vector<run_step> steps_of(const run_options& options)
     std::vector<run_step> steps =
         options.script.empty() ? parse_steps(options.steps) : read_script_file(options.script);
     if (steps.empty())
-        throw usage_error("there are no steps", "Name some, as 'recv 512', or a file with --script.");
+        throw usage_error("no steps are given", "Give some, such as 'recv 512', or a file with --script.");
     load_files(steps);
     return steps;
 }
@@ -111,7 +108,7 @@ std::string program_of(const run_options& options, const host& machine)
 {
     std::string program = options.program.empty() ? machine.program : options.program;
     if (program.empty() && options.port.empty())
-        throw command_error(exit_code::start_failed, "there is no tvkintif beside tvkctl or in PATH",
+        throw command_error(exit_code::start_failed, "no tvkintif is beside tvkctl or in PATH",
                             "Say where it is with --program.");
     return program;
 }
@@ -119,7 +116,7 @@ std::string program_of(const run_options& options, const host& machine)
 session_plan plan_of(const run_options& options, const host& machine)
 {
     if (!is_udi(options.udi))
-        throw usage_error(in_quotes(options.udi) + " is no address of a scanner", kUdiForms);
+        throw usage_error("invalid scanner address " + in_quotes(options.udi), kUdiForms);
     session_plan plan;
     plan.udi = options.udi;
     plan.port = parse_port(options.port);
@@ -144,28 +141,32 @@ exit_code run(const run_options& options, cli& shared)
 void add_run_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<run_options>();
-    CLI::App& command = add_command(app, shared, {"run", kRunSummary, kRunExamples},
+    const std::string examples = kRunExamples + step_help() + kStepRules;
+    CLI::App& command = add_command(app, shared, {"run", kRunSummary, examples},
                                     [=, &shared] { return run(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
     command.add_option("STEP", options->steps, "What to do, in this order (see below)");
     command
         .add_option("--script", options->script,
-                    "Take the steps from this file, one a line; - is standard input")
+                    "Take the steps from this file, one per line; - is standard input")
         ->type_name("FILE");
     command
-        .add_option(
-            "--chunk", options->chunk,
-            "Most bytes of one request; without it a receive asks for 64KiB at a time and a send goes "
-            "out whole")
+        .add_option("--chunk", options->chunk,
+                    "Most bytes of one request; without it a receive asks for " +
+                        std::to_string(kReceiveChunk / 1024) + "KiB" + " at a time and a send goes out whole")
         ->type_name("SIZE");
-    command.add_option("--timeout", options->timeout, "Longest wait for each answer; 180 s without it")
+    command
+        .add_option("--timeout", options->timeout,
+                    "Longest wait for each answer, " + std::to_string(kRequestTimeout.count() / 1000) + " s" +
+                        " without it")
         ->type_name("TIME");
-    auto* port = command.add_option("--connect", options->port, "Drive the program that waits on this port")
-                     ->type_name("PORT");
+    auto* port =
+        command.add_option("--connect", options->port, "Use the program that is waiting on this port")
+            ->type_name("PORT");
     command.add_option("--program", options->program, "Start this tvkintif")
         ->type_name("FILE")
         ->excludes(port);
-    command.add_flag("-v,--verbose", options->is_verbose, "Tell how long each step takes");
+    command.add_flag("-v,--verbose", options->is_verbose, "Show how long each step takes");
 }
 
 } // namespace tarvik::tvkctl

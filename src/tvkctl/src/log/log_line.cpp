@@ -75,6 +75,15 @@ const char* name_of(log_level level)
     return "FATAL";
 }
 
+std::string level_choice()
+{
+    std::string names;
+    for (const log_level level : kLogLevels)
+        names += (names.empty() ? "" : ", ") + std::string(name_of(level));
+    const auto number = [](log_level level) { return std::to_string(static_cast<int>(level)); };
+    return names + ", or a number from " + number(kLogLevels.front()) + " to " + number(kLogLevels.back());
+}
+
 std::optional<log_level> level_named(const std::string& text)
 {
     for (const log_level level : kLogLevels)

@@ -16,6 +16,8 @@ inline constexpr std::array<log_level, 5> kLogLevels = {log_level::trace, log_le
 
 /// "TRACE", "INFO", "WARNING", "ERROR", "FATAL": as lines carry it and as people ask for it.
 const char* name_of(log_level level);
+/// "TRACE, INFO, WARNING, ERROR, FATAL, or a number from 0 to 4": what level_named() takes, for help.
+std::string level_choice();
 /// The level with this name, in any case, or with this number from 0 to 4; nullopt for anything else.
 std::optional<log_level> level_named(const std::string& text);
 

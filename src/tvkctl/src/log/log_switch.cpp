@@ -67,7 +67,7 @@ public:
         if (m_descriptor)
             return;
         if (errno == ELOOP || errno == ENOTDIR)
-            refuse("is not a directory of its own but a file or a symbolic link",
+            refuse("is not a directory but a file or a symbolic link",
                    "Find out who put it there (ls -ld " + m_path + ") and have it removed.");
         refuse("cannot be opened: " + cause_text(), "Try it with sudo.");
     }
@@ -103,7 +103,7 @@ public:
     {
         const mode_t mode = status().st_mode;
         if ((mode & kOthersMayWrite) != 0 && (mode & S_ISVTX) == 0)
-            refuse("is writable for others, who could exchange what is below it",
+            refuse("is writable by others, who could replace what is in it",
                    "Close it with: sudo chmod go-w " + m_path + ".");
     }
 
@@ -123,8 +123,8 @@ bool make_directory(int parent, const char* name, const std::string& path)
         if (errno == EEXIST)
             return false;
         const std::string cause = cause_text(); // before anything else can fail
-        throw command_error(exit_code::log_refused, path + " cannot be made: " + cause,
-                            "Have root make it for this user: sudo tvkctl log on --for " +
+        throw command_error(exit_code::log_refused, path + " cannot be created: " + cause,
+                            "Have root create it for this user: sudo tvkctl log on --for " +
                                 user_of(geteuid()).name + ".");
     }
     const directory_handle made(parent, name, path);
@@ -238,7 +238,7 @@ bool close_for_others(const directory_handle& directory)
     if ((mode & kOthersMayWrite) == 0)
         return false;
     if (fchmod(directory.descriptor(), mode & ~(kOthersMayWrite | S_IFMT)) != 0)
-        directory.refuse("is writable for others, and that cannot be changed: " + cause_text(),
+        directory.refuse("is writable by others, and that cannot be changed: " + cause_text(),
                          "Close it with: sudo chmod go-w " + directory.path() + ".");
     return true;
 }
@@ -333,15 +333,15 @@ std::string why_not_logged(const log_state& state, const log_place& place)
     case log_state::reason::not_directory:
         return place.directory() + " is not a directory";
     case log_state::reason::no_level:
-        return place.settings() + " names no loglevel";
+        return place.settings() + " sets no loglevel";
     case log_state::reason::level_too_high:
-        return place.settings() + " names a loglevel above that of FATAL";
+        return place.settings() + " sets a loglevel above that of FATAL";
     case log_state::reason::on:
         break;
     }
     if (state.may_write)
         return {};
-    return (state.has_file ? state.file : place.directory()) + " is not writable for " +
+    return (state.has_file ? state.file : place.directory()) + " is not writable by " +
            user_of(geteuid()).name;
 }
 

@@ -7,7 +7,9 @@
 #include <istream>
 #include <iterator>
 #include <limits>
+#include <utility>
 
+#include "common/text/text.h"
 #include "tvkctl/src/machine/command_error.h"
 #include "tvkctl/src/terminal/numbers.h"
 
@@ -16,9 +18,6 @@ namespace tarvik::tvkctl {
 namespace {
 
 constexpr const char* kBlanks = " \t\r";
-constexpr const char* kStepForms =
-    "A step is one of: send HEX|\"TEXT\"|@FILE, recv SIZE [> FILE], query NUMBER, sleep SECONDS.";
-
 struct token {
     enum class kind { word, text, file, over, behind };
 
@@ -84,7 +83,7 @@ private:
         std::string found;
         while (!takes('"')) {
             if (is_at_end())
-                throw step_error("a \" without its counterpart");
+                throw step_error("a text lacks its closing \"");
             found += takes('\\') ? escaped() : m_text[m_position++];
         }
         return found;
@@ -98,7 +97,7 @@ private:
             return hex_escape();
         const char* name = is_at_end() ? nullptr : std::strchr(names, here());
         if (name == nullptr || *name == '\0')
-            throw step_error("a \\ in a text is followed by one of n, r, t, 0, \\, \" or xHH");
+            throw step_error("in a text, \\ must be followed by n, r, t, 0, \\, \" or xHH");
         ++m_position;
         return values[name - names];
     }
@@ -107,7 +106,7 @@ private:
     {
         const std::string digits = m_text.substr(m_position, 2);
         if (digits.size() != 2 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-            throw step_error("\\x is followed by two hexadecimal digits");
+            throw step_error("\\x must be followed by two hexadecimal digits");
         m_position += 2;
         return static_cast<char>(std::stoi(digits, nullptr, 16));
     }
@@ -121,7 +120,7 @@ bytes parse_hex(const std::string& word)
     const bool has_prefix = word.compare(0, 2, "0x") == 0 || word.compare(0, 2, "0X") == 0;
     const std::string digits = has_prefix ? word.substr(2) : word;
     if (digits.empty() || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
-        throw step_error(in_quotes(word) + " is neither hexadecimal, nor \"TEXT\", nor @FILE");
+        throw step_error(in_quotes(word) + " is not hexadecimal, \"TEXT\" or @FILE");
     if (digits.size() % 2 != 0)
         throw step_error(in_quotes(word) + " has an odd number of hexadecimal digits; a byte has two");
     bytes parsed;
@@ -139,13 +138,13 @@ send_item parse_item(const token& item)
         return {{}, bytes(item.value.begin(), item.value.end())};
     case token::kind::file:
         if (item.value.empty())
-            throw step_error("@ is followed by the name of a file");
+            throw step_error("@ must be followed by the name of a file");
         return {item.value, {}};
     case token::kind::over:
     case token::kind::behind:
         break;
     }
-    throw step_error("send has no answer that could go to a file");
+    throw step_error("send brings nothing that could go to a file");
 }
 
 using arguments = std::vector<token>;
@@ -153,7 +152,7 @@ using arguments = std::vector<token>;
 send_step parse_send(const arguments& given)
 {
     if (given.empty())
-        throw step_error("what to send is missing; put a whole step into quotes: 'send 01 02'");
+        throw step_error("there is nothing to send; put the whole step in quotes: 'send 01 02'");
     send_step step;
     std::transform(given.begin(), given.end(), std::back_inserter(step.items), parse_item);
     return step;
@@ -162,7 +161,7 @@ send_step parse_send(const arguments& given)
 const std::string& only_word(const arguments& given, const std::string& wanted)
 {
     if (given.size() != 1 || given[0].what != token::kind::word)
-        throw step_error("it takes " + wanted + " and nothing else; put a whole step into quotes");
+        throw step_error("expected " + wanted + " and nothing else; put the whole step in quotes");
     return given[0].value;
 }
 
@@ -177,12 +176,13 @@ bool is_name(const token& candidate)
            !candidate.value.empty();
 }
 
-recv_step parse_recv(arguments given)
+recv_step parse_recv(const arguments& all)
 {
     recv_step step{0, {}, false};
+    arguments given = all;
     if (const auto arrow = std::find_if(given.begin(), given.end(), is_arrow); arrow != given.end()) {
         if (given.end() - arrow != 2 || !is_name(arrow[1]))
-            throw step_error("> is followed by the name of one file; a name with blanks stands in \"\"");
+            throw step_error("> must be followed by one file name; put a name with blanks in \"\"");
         step.file = arrow[1].value;
         step.is_appended = arrow->what == token::kind::behind;
         given.erase(arrow, given.end());
@@ -190,7 +190,7 @@ recv_step parse_recv(arguments given)
     const std::string& size = only_word(given, "the number of bytes");
     const auto parsed = parse_size(size);
     if (!parsed || *parsed == 0)
-        throw step_error(in_quotes(size) + " is no number of bytes; write " + kSizeForms);
+        throw step_error("invalid size " + in_quotes(size) + "; write " + kSizeForms);
     step.size = *parsed;
     return step;
 }
@@ -200,7 +200,8 @@ query_step parse_query(const arguments& given)
     const std::string& selector = only_word(given, "a selector");
     const auto parsed = parse_number(selector, std::numeric_limits<std::uint32_t>::max());
     if (!parsed)
-        throw step_error(in_quotes(selector) + " is no selector; write a number of 32 bits, as 1 or 0x1");
+        throw step_error("invalid selector " + in_quotes(selector) +
+                         "; write a number of 32 bits, such as 1 or 0x1");
     return {static_cast<std::uint32_t>(*parsed)};
 }
 
@@ -209,13 +210,59 @@ sleep_step parse_sleep(const arguments& given)
     const std::string& time = only_word(given, "a time");
     const auto parsed = parse_duration(time);
     if (!parsed)
-        throw step_error(in_quotes(time) + " is no time; write 2, 0.5, 3s or 250ms, at most a day");
+        throw step_error("invalid time " + in_quotes(time) + "; write " + kTimeForms + ", at most a day");
     return {*parsed};
+}
+
+template <auto Parse>
+auto parse_as(const arguments& given) -> decltype(run_step::what)
+{
+    return Parse(given);
+}
+
+/// A kind of step, for whoever writes one.
+struct step_kind {
+    const char* verb;
+    const char* operands;
+    std::string meaning; ///< one line or several
+    decltype(run_step::what) (*parse)(const arguments&);
+};
+
+const std::vector<step_kind>& step_kinds()
+{
+    static const std::vector<step_kind> all = {
+        {"send", "ITEM...",
+         "ITEM is hexadecimal (1b 45, 1b45, 0x1b45), \"TEXT\" with\n"
+         R"(\n \r \t \0 \\ \" \xHH, or @FILE; several are joined)",
+         parse_as<parse_send>},
+        {"recv", "SIZE [> FILE]",
+         std::string("SIZE is ") + kSizeForms + "\n> FILE writes the file anew; >> FILE adds to its end",
+         parse_as<parse_recv>},
+        {"query", "NUMBER", "asks for the four bytes that selector NUMBER has, 1 or 2",
+         parse_as<parse_query>},
+        {"sleep", "TIME", std::string("TIME is ") + kTimeForms, parse_as<parse_sleep>},
+    };
+    return all;
+}
+
+/// "send, recv": what `name_of` says of each kind of step.
+template <typename Naming>
+std::string list_of_kinds(Naming name_of)
+{
+    std::string list;
+    for (const step_kind& kind : step_kinds())
+        list += (list.empty() ? "" : ", ") + name_of(kind);
+    return list;
+}
+
+std::string form_of(const step_kind& kind)
+{
+    return std::string(kind.verb) + " " + kind.operands;
 }
 
 [[noreturn]] void refuse(const std::string& place, const step_error& reason)
 {
-    throw usage_error(place + ": " + reason.what(), kStepForms);
+    throw usage_error(place + ": " + reason.what(), "A step is one of: " + list_of_kinds(form_of) + ".");
 }
 
 std::string without_line_end(std::string line)
@@ -237,10 +284,10 @@ bytes read_file(const std::string& name)
     bytes content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (!file.is_open() || file.bad())
         throw command_error(exit_code::input_file, name + " cannot be read: " + std::strerror(errno),
-                            "Check the name that stands after the @.");
+                            "Check the name after the @.");
     if (content.empty())
         throw command_error(exit_code::input_file, name + " is empty: there is nothing to send",
-                            "Write send \"\" to send a request without bytes on purpose.");
+                            "To send a request without bytes, write send \"\".");
     return content;
 }
 
@@ -260,18 +307,27 @@ run_step parse_step(const std::string& text)
 {
     arguments given = tokenizer(text).all();
     if (given.empty() || given[0].what != token::kind::word)
-        throw step_error("it begins with none of send, recv, query and sleep");
+        throw step_error("a step begins with what to do");
     const std::string verb = given[0].value;
     given.erase(given.begin());
-    if (verb == "send")
-        return {text, parse_send(given)};
-    if (verb == "recv")
-        return {text, parse_recv(std::move(given))};
-    if (verb == "query")
-        return {text, parse_query(given)};
-    if (verb == "sleep")
-        return {text, parse_sleep(given)};
-    throw step_error(in_quotes(verb) + " is none of send, recv, query and sleep");
+    for (const step_kind& kind : step_kinds())
+        if (verb == kind.verb)
+            return {text, kind.parse(given)};
+    throw step_error("unknown step " + in_quotes(verb));
+}
+
+std::string step_help()
+{
+    constexpr std::size_t indent = 22;
+    std::string text;
+    for (const step_kind& kind : step_kinds()) {
+        std::string begin = "  " + form_of(kind);
+        for (const std::string& line : split(kind.meaning, '\n')) {
+            begin.resize(indent, ' ');
+            text += std::exchange(begin, "") + line + "\n";
+        }
+    }
+    return text;
 }
 
 std::vector<run_step> parse_steps(const std::vector<std::string>& texts)

@@ -12,16 +12,9 @@
 
 namespace tarvik::tvkctl {
 
-// What `tvkctl run` can do in a session. One step is one text:
-//
-//     send ITEM...        HEX (01 02, 0102, 0x0102), "TEXT" with \n \r \t \0 \\ \" \xHH, or @FILE; joined
-//     recv SIZE           to be shown
-//     recv SIZE > FILE    to a new file, or over an old one; >> FILE adds to its end
-//     query NUMBER
-//     sleep TIME          2, 0.5, 3s or 250ms
-//
-// A file name with blanks stands in quotes, with the same escapes as text. '#' where a word could begin
-// starts a comment.
+// What `tvkctl run` can do in a session. One step is one text: a verb with its operands, as step_help()
+// tells. A file name with blanks stands in quotes, with the same escapes as text. '#' where a word could
+// begin starts a comment.
 
 /// A part of what is sent: bytes as they are, or those of a file.
 struct send_item {
@@ -60,6 +53,10 @@ public:
 
 /// Reads one step. Throws step_error.
 run_step parse_step(const std::string& text);
+
+/// All steps and what they mean, a line or more for each. A new one needs a row in the table that this is
+/// made from, a type in run_step, and what carries it out in run_session.cpp.
+std::string step_help();
 
 /// Reads the steps of a command line. Throws command_error (usage) that names the step.
 std::vector<run_step> parse_steps(const std::vector<std::string>& texts);

@@ -9,6 +9,8 @@ namespace tarvik::tvkctl {
 
 /// How a size may be written, for messages and help.
 constexpr const char* kSizeForms = "512, 0x200, 64KiB, 1MiB or 2GiB";
+/// How a time may be written.
+constexpr const char* kTimeForms = "2, 0.5, 3s or 250ms";
 
 /// Reads a number of bytes: decimal or 0x hexadecimal, with a unit or without. nullopt for anything else and
 /// for what does not fit.

@@ -145,14 +145,14 @@ TEST_F(log_switch_test, settings_without_a_level_turn_logging_off)
 {
     with_settings("colour=blue\nloglevel=\n");
     EXPECT_EQ(state().why, log_state::reason::no_level);
-    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " names no loglevel");
+    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " sets no loglevel");
 }
 
 TEST_F(log_switch_test, a_level_above_fatal_turns_logging_off)
 {
     with_settings("loglevel=5\n");
     EXPECT_EQ(state().why, log_state::reason::level_too_high);
-    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " names a loglevel above that of FATAL");
+    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " sets a loglevel above that of FATAL");
 }
 
 TEST_F(log_switch_test, todays_file_is_named_by_the_day)
@@ -233,7 +233,7 @@ TEST_F(log_switch_test, on_refuses_a_root_that_others_may_write)
     fs::create_directory(place.root);
     ASSERT_EQ(chmod(place.root.c_str(), 0777), 0);
     EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.root + " is writable for others, who could exchange what is below it");
+              place.root + " is writable by others, who could replace what is in it");
     EXPECT_FALSE(fs::exists(place.directory()));
 }
 
@@ -250,7 +250,7 @@ TEST_F(log_switch_test, on_refuses_a_symbolic_link_as_root)
     fs::create_directory(folder / "elsewhere");
     fs::create_directory_symlink(folder / "elsewhere", place.root);
     EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.root + " is not a directory of its own but a file or a symbolic link");
+              place.root + " is not a directory but a file or a symbolic link");
     EXPECT_TRUE(fs::is_empty(folder / "elsewhere"));
 }
 
@@ -260,7 +260,7 @@ TEST_F(log_switch_test, on_refuses_a_symbolic_link_as_directory)
     fs::create_directory(folder / "elsewhere");
     fs::create_directory_symlink(folder / "elsewhere", place.directory());
     EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " is not a directory of its own but a file or a symbolic link");
+              place.directory() + " is not a directory but a file or a symbolic link");
     EXPECT_TRUE(fs::is_empty(folder / "elsewhere"));
 }
 
@@ -385,7 +385,7 @@ TEST_F(log_of_others_test, a_directory_of_root_is_not_written_for_others)
     become_somebody();
     EXPECT_TRUE(state().is_on());
     EXPECT_FALSE(state().reaches_file());
-    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " is not writable for 54321");
+    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " is not writable by 54321");
 }
 
 TEST_F(log_of_others_test, todays_file_of_root_is_not_written_for_others)
@@ -395,7 +395,7 @@ TEST_F(log_of_others_test, todays_file_of_root_is_not_written_for_others)
     give(place.directory());
     become_somebody();
     EXPECT_EQ(why_not_logged(state(), place),
-              place.directory() + "/tvkintif_20261115.log is not writable for 54321");
+              place.directory() + "/tvkintif_20261115.log is not writable by 54321");
 }
 
 TEST_F(log_of_others_test, on_for_a_user_hands_directory_logs_and_settings_over)
@@ -422,7 +422,7 @@ TEST_F(log_of_others_test, on_for_a_user_gives_no_file_away_that_is_linked_elsew
 TEST_F(log_of_others_test, a_user_who_may_not_make_the_directory_is_told_who_can)
 {
     become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be made: Permission denied");
+    EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be created: Permission denied");
 }
 
 TEST_F(log_of_others_test, a_user_cannot_set_the_level_of_root)
@@ -447,7 +447,7 @@ TEST_F(log_of_others_test, a_user_cannot_close_what_is_roots)
     become_somebody();
     EXPECT_EQ(refusal_of([&] { turn_on(); }),
               place.directory() +
-                  " is writable for others, and that cannot be changed: Operation not permitted");
+                  " is writable by others, and that cannot be changed: Operation not permitted");
 }
 
 TEST_F(log_of_others_test, a_user_cannot_hand_the_directory_over)

@@ -6,8 +6,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/text/text.h"
 #include "support/private_paths.h"
 #include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/terminal/numbers.h"
 
 namespace tarvik::tvkctl {
 
@@ -129,10 +131,13 @@ TEST(run_steps, a_step_keeps_its_text_as_written)
     EXPECT_EQ(parse_step("recv  512").text, "recv  512");
 }
 
+const std::string sizes = kSizeForms;
+const std::string times = std::string(kTimeForms) + ", at most a day";
+
 struct bad_step {
     const char* name;
     const char* text;
-    const char* complaint;
+    std::string complaint;
 };
 
 class bad_steps : public testing::TestWithParam<bad_step> {};
@@ -145,49 +150,50 @@ TEST_P(bad_steps, get_a_complaint_that_says_what_is_wrong)
 INSTANTIATE_TEST_SUITE_P(
     run_steps, bad_steps,
     testing::Values(
-        bad_step{"empty", "", "it begins with none of send, recv, query and sleep"},
-        bad_step{"only_a_comment", " # nothing", "it begins with none of send, recv, query and sleep"},
-        bad_step{"quoted_verb", "\"send\" 01", "it begins with none of send, recv, query and sleep"},
-        bad_step{"unknown_verb", "write 01", "\"write\" is none of send, recv, query and sleep"},
+        bad_step{"empty", "", "a step begins with what to do"},
+        bad_step{"only_a_comment", " # nothing", "a step begins with what to do"},
+        bad_step{"quoted_verb", "\"send\" 01", "a step begins with what to do"},
+        bad_step{"unknown_verb", "write 01", "unknown step \"write\""},
         bad_step{"send_nothing", "send",
-                 "what to send is missing; put a whole step into quotes: 'send 01 02'"},
+                 "there is nothing to send; put the whole step in quotes: 'send 01 02'"},
         bad_step{"odd_digits", "send 123", "\"123\" has an odd number of hexadecimal digits; a byte has two"},
-        bad_step{"no_digits", "send xyz", "\"xyz\" is neither hexadecimal, nor \"TEXT\", nor @FILE"},
-        bad_step{"bare_prefix", "send 0x", "\"0x\" is neither hexadecimal, nor \"TEXT\", nor @FILE"},
-        bad_step{"open_quote", "send \"abc", "a \" without its counterpart"},
-        bad_step{"bad_escape", R"(send "\q")",
-                 R"(a \ in a text is followed by one of n, r, t, 0, \, " or xHH)"},
+        bad_step{"no_digits", "send xyz", "\"xyz\" is not hexadecimal, \"TEXT\" or @FILE"},
+        bad_step{"bare_prefix", "send 0x", "\"0x\" is not hexadecimal, \"TEXT\" or @FILE"},
+        bad_step{"open_quote", "send \"abc", "a text lacks its closing \""},
+        bad_step{"bad_escape", R"(send "\q")", R"(in a text, \ must be followed by n, r, t, 0, \, " or xHH)"},
         bad_step{"escape_at_the_end", R"(send "\)",
-                 R"(a \ in a text is followed by one of n, r, t, 0, \, " or xHH)"},
-        bad_step{"bad_hex_escape", R"(send "\x4")", R"(\x is followed by two hexadecimal digits)"},
-        bad_step{"file_without_name", "send @", "@ is followed by the name of a file"},
-        bad_step{"send_to_a_file", "send 01 > a", "send has no answer that could go to a file"},
+                 R"(in a text, \ must be followed by n, r, t, 0, \, " or xHH)"},
+        bad_step{"bad_hex_escape", R"(send "\x4")", R"(\x must be followed by two hexadecimal digits)"},
+        bad_step{"file_without_name", "send @", "@ must be followed by the name of a file"},
+        bad_step{"send_to_a_file", "send 01 > a", "send brings nothing that could go to a file"},
         bad_step{"recv_nothing", "recv",
-                 "it takes the number of bytes and nothing else; put a whole step into quotes"},
-        bad_step{"recv_zero", "recv 0", "\"0\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
-        bad_step{"recv_negative", "recv -1",
-                 "\"-1\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
-        bad_step{"recv_unknown_unit", "recv 1MB",
-                 "\"1MB\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+                 "expected the number of bytes and nothing else; put the whole step in quotes"},
+        bad_step{"recv_zero", "recv 0", "invalid size \"0\"; write " + sizes},
+        bad_step{"recv_negative", "recv -1", "invalid size \"-1\"; write " + sizes},
+        bad_step{"recv_unknown_unit", "recv 1MB", "invalid size \"1MB\"; write " + sizes},
         bad_step{"recv_too_large", "recv 0x10000000000000000",
-                 "\"0x10000000000000000\" is no number of bytes; write 512, 0x200, 64KiB, 1MiB or 2GiB"},
+                 "invalid size \"0x10000000000000000\"; write " + sizes},
         bad_step{"recv_two_sizes", "recv 1 2",
-                 "it takes the number of bytes and nothing else; put a whole step into quotes"},
+                 "expected the number of bytes and nothing else; put the whole step in quotes"},
         bad_step{"arrow_without_name", "recv 1 >",
-                 "> is followed by the name of one file; a name with blanks stands in \"\""},
+                 "> must be followed by one file name; put a name with blanks in \"\""},
         bad_step{"arrow_with_two_names", "recv 1 > my scan.raw",
-                 "> is followed by the name of one file; a name with blanks stands in \"\""},
+                 "> must be followed by one file name; put a name with blanks in \"\""},
         bad_step{"query_nothing", "query",
-                 "it takes a selector and nothing else; put a whole step into quotes"},
+                 "expected a selector and nothing else; put the whole step in quotes"},
         bad_step{"query_too_large", "query 4294967296",
-                 "\"4294967296\" is no selector; write a number of 32 bits, as 1 or 0x1"},
-        bad_step{"sleep_backwards", "sleep -1",
-                 "\"-1\" is no time; write 2, 0.5, 3s or 250ms, at most a day"},
-        bad_step{"sleep_of_two_points", "sleep 1.2.3",
-                 "\"1.2.3\" is no time; write 2, 0.5, 3s or 250ms, at most a day"},
-        bad_step{"sleep_for_years", "sleep 86401",
-                 "\"86401\" is no time; write 2, 0.5, 3s or 250ms, at most a day"}),
+                 "invalid selector \"4294967296\"; write a number of 32 bits, such as 1 or 0x1"},
+        bad_step{"sleep_backwards", "sleep -1", "invalid time \"-1\"; write " + times},
+        bad_step{"sleep_of_two_points", "sleep 1.2.3", "invalid time \"1.2.3\"; write " + times},
+        bad_step{"sleep_for_years", "sleep 86401", "invalid time \"86401\"; write " + times}),
     [](const auto& which) { return which.param.name; });
+
+TEST(run_steps, help_has_forms_and_meanings_in_columns)
+{
+    const auto lines = split(step_help(), '\n');
+    EXPECT_EQ(lines[0].substr(0, 29), "  send ITEM...        ITEM is");
+    EXPECT_EQ(lines[1].find_first_not_of(' '), lines[0].find("ITEM is"));
+}
 
 TEST(run_steps, a_script_has_one_step_a_line)
 {
@@ -204,8 +210,7 @@ TEST(run_steps, a_bad_line_of_a_script_is_named)
         read_script(script, "a.steps");
         FAIL() << "nothing was thrown";
     } catch (const command_error& error) {
-        EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": \"x\" is no number of bytes; write 512, "
-                                             "0x200, 64KiB, 1MiB or 2GiB");
+        EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + sizes);
     }
 }
 
