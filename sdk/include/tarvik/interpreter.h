@@ -22,6 +22,10 @@
  * handlers, which are to stay. A crash or an exit() ends the process and with it the front-end's session. No
  * C++ exception may leave any of the functions.
  *
+ * The device: its interface is claimed in the alternate setting that it was in; none is selected.
+ * Configuration 1 was set if the interface was looked for in another configuration than the active one. No
+ * device is reset today, neither when it is opened nor when it is closed.
+ *
  * Environment: before the library is loaded, these four variables are set, each to TARVIK_FIRMWARE_DIR (it
  * ends in a slash); any value that they had is replaced:
  *     GLIMMERON_FIRMWARE_DIR  QUBAN_FIRMWARE_DIR  MORA_FIRMWARE_DIR  QUBAN_FW_DIR

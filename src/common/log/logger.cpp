@@ -128,8 +128,9 @@ const char* level_name(ESeveryLevel level)
     return "";
 }
 
-/// "hh:mm:ss.f". The last field is the second times a thousand, so 0000 or five digits from second 10 on,
-/// and no finer clock: kept so on purpose, whoever reads these logs by program knows the field like this.
+/// "hh:mm:ss.f". The last field is the second times a thousand, of four digits up to second 9 and of five
+/// from then on, and no finer clock: kept so on purpose, whoever reads these logs by program knows the field
+/// like this.
 clock_text clock_now()
 {
     const std::tm now = local_now();

@@ -121,8 +121,8 @@ bool scanner::start(std::unique_ptr<interpreter> plugin, std::shared_ptr<usb_tra
 {
     m_usb = std::move(usb);
     if (plugin->ctor(usb_reader, usb_writer) != 0) {
-        // A plugin left from before a lost device is unloaded without being stopped, on purpose: what it
-        // would tell its device can no longer arrive.
+        // A plugin left from before a lost device is unloaded without being stopped, on purpose: the new
+        // device is what it would reach by now. Its library's destructors, which run here, do reach that.
         m_interpreter = std::move(plugin);
         return true;
     }

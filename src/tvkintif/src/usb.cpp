@@ -81,7 +81,7 @@ usb_transceiver::usb_transceiver()
             throw std::runtime_error(std::string("libusb_init: ") + name);
         }
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // the old call is kept on purpose
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // its successor needs libusb 1.0.22
         libusb_set_debug(sm_ctx, kLibusbMessages);
 #pragma GCC diagnostic pop
     }
@@ -187,8 +187,8 @@ bool usb_transceiver::set_bulk_endpoints()
         const config_descriptor configuration = read_configuration(device, index);
         if (!configuration)
             break;
-        // Configuration 1 whatever this one's value is, and `active` stays as first read: on purpose, plugins
-        // expect their scanner in configuration 1.
+        // On purpose: configuration 1 whatever this one's value is, as <tarvik/interpreter.h> tells plugins,
+        // and `active` as it was first read, so that each further configuration sets it again.
         if (configuration->bConfigurationValue != active &&
             libusb_set_configuration(m_handle, kConfiguration) != LIBUSB_SUCCESS)
             break;
@@ -237,8 +237,8 @@ bool usb_transceiver::try_setting(const libusb_interface_descriptor& setting)
         release(number, is_driver_bound);
         return true;
     }
-    // The alternate setting is not selected, only its endpoint addresses are used: on purpose, plugins
-    // expect to find their device in the setting that it started with.
+    // The alternate setting is not selected, only its endpoint addresses are used: on purpose,
+    // <tarvik/interpreter.h> tells plugins that the device stays in the setting that it was in.
     m_isKernelDriverDetached = is_driver_bound;
     m_nInterface = number;
     return true;
