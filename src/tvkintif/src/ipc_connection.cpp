@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/log/logger.h"
+#include "tvkintif/src/move_all.h"
 #include "tvkintif/src/transceiver.h"
 
 using vl::common::log::ESeveryLevel;
@@ -66,28 +67,32 @@ ssize_t write_once(int fd, const void* buffer, unsigned int size)
     return result;
 }
 
+/// What the last call moved, and how much of `size` has moved with it.
+void log_progress(ssize_t moved, unsigned int total, unsigned int size)
+{
+    Logger(kUnit, __LINE__, ESeveryLevel::info)("transferred %zd bytes, total %zd/%zd", moved,
+                                                static_cast<ssize_t>(total), static_cast<ssize_t>(size));
+}
+
+/// No retry, not even after an interruption or a time-out: the caller looks at the termination flag and then
+/// reads on from here as if a message began.
 int read_all(int fd, void* buffer, unsigned int size)
 {
     if (buffer == nullptr || size == 0)
         return ipc_connection::kFailed;
-    unsigned int total = 0;
-    while (total < size) {
+    const moved_bytes moved = move_all(size, [&](unsigned int offset, unsigned int rest) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection read get called = %d",
-                                                    static_cast<int>(size - total));
-        const ssize_t result = read_once(fd, static_cast<unsigned char*>(buffer) + total, size - total);
+                                                    static_cast<int>(rest));
+        const ssize_t result = read_once(fd, static_cast<unsigned char*>(buffer) + offset, rest);
         Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection read get bail rv = %d",
                                                     static_cast<int>(result));
-        // No retry, not even after an interruption or a time-out: the caller looks at the termination flag
-        // and then reads on from here as if a message began.
-        if (result < 0)
-            return ipc_connection::kFailed;
-        total += static_cast<unsigned int>(result);
-        Logger(kUnit, __LINE__, ESeveryLevel::info)("transferred %zd bytes, total %zd/%zd", result,
-                                                    static_cast<ssize_t>(total), static_cast<ssize_t>(size));
-        if (result == 0)
-            return ipc_connection::kPeerClosed;
-    }
-    return static_cast<int>(total);
+        if (result >= 0)
+            log_progress(result, offset + static_cast<unsigned int>(result), size);
+        return result;
+    });
+    if (moved.last < 0)
+        return ipc_connection::kFailed;
+    return moved.last == 0 ? ipc_connection::kPeerClosed : static_cast<int>(moved.total);
 }
 
 /// Unlike read_all, ends with the short count when a call makes no progress.
@@ -95,22 +100,17 @@ int write_all(int fd, const void* buffer, unsigned int size)
 {
     if (buffer == nullptr || size == 0)
         return ipc_connection::kFailed;
-    unsigned int total = 0;
-    for (;;) {
+    const moved_bytes moved = move_all(size, [&](unsigned int offset, unsigned int rest) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection wrute get called = %d",
-                                                    static_cast<int>(size - total));
-        const ssize_t result =
-            write_once(fd, static_cast<const unsigned char*>(buffer) + total, size - total);
+                                                    static_cast<int>(rest));
+        const ssize_t result = write_once(fd, static_cast<const unsigned char*>(buffer) + offset, rest);
         Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection wrte  bail rv = %d",
                                                     static_cast<int>(result));
-        if (result < 0)
-            return ipc_connection::kFailed;
-        total += static_cast<unsigned int>(result);
-        Logger(kUnit, __LINE__, ESeveryLevel::info)("transferred %zd bytes, total %zd/%zd", result,
-                                                    static_cast<ssize_t>(total), static_cast<ssize_t>(size));
-        if (total == size || result == 0)
-            return static_cast<int>(total);
-    }
+        if (result >= 0)
+            log_progress(result, offset + static_cast<unsigned int>(result), size);
+        return result;
+    });
+    return moved.last < 0 ? ipc_connection::kFailed : static_cast<int>(moved.total);
 }
 
 ipc_header reply_header(unsigned int id, std::int32_t error, unsigned int size)
@@ -152,7 +152,7 @@ int ipc_connection::port() const
 int ipc_connection::read(ipc_header& header, std::vector<unsigned char>& payload)
 {
     header = {};
-    const int result = read_all(*m_transceiver, &header, sizeof header);
+    const int result = receive(&header, sizeof header);
     if (result < 0)
         return result;
     const std::uint32_t size = ntohl(header.size);
@@ -160,7 +160,7 @@ int ipc_connection::read(ipc_header& header, std::vector<unsigned char>& payload
     if (size == 0)
         return 0;
     make_zeroed(payload, size);
-    return read_all(*m_transceiver, payload.data(), size);
+    return receive(payload.data(), size);
 }
 
 void ipc_connection::send_ok(unsigned int id, const void* data, int size)
@@ -178,7 +178,7 @@ int ipc_connection::send_ok(unsigned int id, std::vector<unsigned char>& payload
 
 int ipc_connection::send_ng(unsigned int id)
 {
-    return send_header(reply_header(id, kErrorFailed, 0));
+    return send_reply(reply_header(id, kErrorFailed, 0), nullptr, 0);
 }
 
 int ipc_connection::send_nak(unsigned int id)
@@ -199,11 +199,11 @@ int ipc_connection::write(unsigned int id, unsigned int error, std::vector<unsig
 
 int ipc_connection::write(ipc_header header, const void* data, int size)
 {
-    if (send_header(header) <= 0)
+    if (send(&header, sizeof header) <= 0)
         return kFailed;
     if (size == 0)
         return 0;
-    return write_all(*m_transceiver, data, static_cast<unsigned int>(size));
+    return send(data, static_cast<unsigned int>(size));
 }
 
 int ipc_connection::write(ipc_header header, std::vector<unsigned char>& payload)
@@ -211,16 +211,21 @@ int ipc_connection::write(ipc_header header, std::vector<unsigned char>& payload
     return write(header, payload.data(), static_cast<int>(payload.size()));
 }
 
-int ipc_connection::send_header(const ipc_header& header)
-{
-    return write_all(*m_transceiver, &header, sizeof header);
-}
-
-/// A payload follows only a header that went out.
+/// A payload follows a header of which anything went out: one that was cut short counts as sent.
 int ipc_connection::send_reply(const ipc_header& header, const void* data, unsigned int size)
 {
-    const int result = send_header(header);
+    const int result = send(&header, sizeof header);
     if (result <= 0 || size == 0)
         return result;
-    return write_all(*m_transceiver, data, size);
+    return send(data, size);
+}
+
+int ipc_connection::receive(void* buffer, unsigned int size)
+{
+    return read_all(m_transceiver->establish_socket(), buffer, size);
+}
+
+int ipc_connection::send(const void* data, unsigned int size)
+{
+    return write_all(m_transceiver->establish_socket(), data, size);
 }

@@ -55,8 +55,10 @@ public:
     int write(ipc_header header, std::vector<unsigned char>& payload);
 
 private:
-    int send_header(const ipc_header& header);
     int send_reply(const ipc_header& header, const void* data, unsigned int size);
+    // The way of all bytes. The first of these calls waits for the front-end to connect.
+    int receive(void* buffer, unsigned int size);
+    int send(const void* data, unsigned int size);
 
     std::unique_ptr<transceiver> m_transceiver;
 };

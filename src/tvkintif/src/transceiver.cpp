@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "common/log/logger.h"
+#include "tvkintif/src/move_all.h"
 
 using vl::common::log::ESeveryLevel;
 using vl::common::log::Logger;
@@ -118,19 +119,6 @@ void close_socket(int& descriptor)
     descriptor = -1;
     if (result == -1)
         Logger(kUnit, __LINE__, ESeveryLevel::error)("ERROR: socket close failed");
-}
-
-/// Calls `transfer(offset, rest)` until `length` bytes have moved; false as soon as one call moves none.
-template <typename Transfer>
-bool move_all(unsigned int length, Transfer transfer)
-{
-    for (unsigned int total = 0; total < length;) {
-        const ssize_t moved = transfer(total, length - total);
-        if (moved < 1)
-            return false;
-        total += static_cast<unsigned int>(moved);
-    }
-    return true;
 }
 
 } // namespace
@@ -254,7 +242,7 @@ bool transceiver::establish()
     return accept();
 }
 
-transceiver::operator int()
+int transceiver::establish_socket()
 {
     return establish() ? m_nConnected : -1;
 }
@@ -263,9 +251,10 @@ bool transceiver::send(const void* data, unsigned int length)
 {
     if (!establish())
         return false;
-    return move_all(length, [&](unsigned int offset, unsigned int rest) {
+    const moved_bytes moved = move_all(length, [&](unsigned int offset, unsigned int rest) {
         return ::write(m_nConnected, static_cast<const char*>(data) + offset, rest);
     });
+    return moved.total == length;
 }
 
 bool transceiver::recv(void* buffer, unsigned int length, bool peek)
@@ -274,10 +263,11 @@ bool transceiver::recv(void* buffer, unsigned int length, bool peek)
         return false;
     // A peek leaves the bytes queued, so a second call for the rest brings the head of the queue again and
     // puts it behind what the first one brought: on purpose, a peek is exact only for what has arrived.
-    return move_all(length, [&](unsigned int offset, unsigned int rest) {
+    const moved_bytes moved = move_all(length, [&](unsigned int offset, unsigned int rest) {
         char* target = static_cast<char*>(buffer) + offset;
         return peek ? ::recv(m_nConnected, target, rest, MSG_PEEK) : ::read(m_nConnected, target, rest);
     });
+    return moved.total == length;
 }
 
 bool transceiver::can_recv()

@@ -32,14 +32,16 @@ public:
     /// The port, bound if need be.
     int port();
     /// Server form: waits for the one peer, at most for the time-out. The listening socket is closed even
-    /// if nobody came; the next operation then listens on the same port again.
+    /// if nobody came: the next accept() fails, while an operation that binds first (establish(), send(),
+    /// recv(), port()) listens on the same port again.
     bool accept();
     /// Client form: connects, unless connected.
     bool connect();
     /// Makes the connection in whichever form.
     bool establish();
-    /// Descriptor of the connected socket, establishing it first; -1 on failure. Stays owned here.
-    operator int();
+    /// As establish(), and returns the descriptor of the connected socket; -1 on failure. Stays owned here.
+    int establish_socket();
+    operator int() { return establish_socket(); }
 
     /// Writes all `length` bytes; false as soon as one call moves nothing.
     bool send(const void* data, unsigned int length);
