@@ -13,8 +13,8 @@
 #include <system_error>
 #include <utility>
 
-#include "common/process/front_end_error.h"
 #include "common/process/output_collector.h"
+#include "common/process/process_error.h"
 #include "common/process/process_handle.h"
 
 namespace tarvik {
@@ -140,13 +140,15 @@ private:
     const std::string came = std::generic_category().message(report.cause);
     switch (report.stage) {
     case start_stage::redirection:
-        throw front_end_error(failure::start_failed, step, "its standard streams to be set up", came);
+        throw process_error(process_error::failure::start_failed, step, "its standard streams to be set up",
+                            came);
     case start_stage::working_directory:
-        throw front_end_error(failure::start_failed, step, "the directory " + how.working_directory, came);
+        throw process_error(process_error::failure::start_failed, step,
+                            "the directory " + how.working_directory, came);
     case start_stage::execution:
         break;
     }
-    throw front_end_error(failure::start_failed, step, "a program to execute", came);
+    throw process_error(process_error::failure::start_failed, step, "a program to execute", came);
 }
 
 } // namespace
@@ -194,9 +196,9 @@ child_process::output_line child_process::first_line(std::size_t limit, millisec
 std::string child_process::standard_output(milliseconds timeout)
 {
     if (!m_output->wait_for_end(deadline(timeout)))
-        throw front_end_error(failure::timed_out, "read the output of " + m_path, "its end",
-                              std::to_string(m_output->text().size()) + " bytes and no end within " +
-                                  std::to_string(timeout.count()) + " ms");
+        throw process_error(process_error::failure::timed_out, "read the output of " + m_path, "its end",
+                            std::to_string(m_output->text().size()) + " bytes and no end within " +
+                                std::to_string(timeout.count()) + " ms");
     return m_output->text();
 }
 
@@ -218,8 +220,8 @@ exit_status child_process::wait_for_exit(milliseconds timeout)
 {
     if (const auto status = try_wait_for_exit(timeout))
         return *status;
-    throw front_end_error(failure::timed_out, "wait for " + m_path, "its end",
-                          "a process that still runs after " + std::to_string(timeout.count()) + " ms");
+    throw process_error(process_error::failure::timed_out, "wait for " + m_path, "its end",
+                        "a process that still runs after " + std::to_string(timeout.count()) + " ms");
 }
 
 std::optional<exit_status> child_process::try_wait_for_exit(milliseconds timeout)

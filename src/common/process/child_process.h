@@ -33,7 +33,7 @@ struct launch {
 /// A child and what it writes. The descriptors that this library opens stay out of it.
 ///
 /// Owns the process: one that still runs is killed on destruction, and it is always reaped. Throws
-/// front_end_error for what the child does, std::system_error when this machine refuses (no descriptors left
+/// process_error for what the child does, std::system_error when this machine refuses (no descriptors left
 /// and the like).
 ///
 /// Threads: one at a time.

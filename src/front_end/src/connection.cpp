@@ -12,8 +12,8 @@
 #include <cerrno>
 #include <system_error>
 
-#include "common/process/front_end_error.h"
 #include "common/text/text.h"
+#include "front_end/src/front_end_error.h"
 
 namespace tarvik {
 

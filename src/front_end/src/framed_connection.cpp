@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 
 namespace tarvik {
 

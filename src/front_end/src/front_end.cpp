@@ -46,10 +46,22 @@ bool is_broken_connection(failure cause)
            cause == failure::connection_refused;
 }
 
+/// Runs a step with the process, whose errors are the front-end's to explain.
+template <typename Step>
+auto with_front_end_errors(Step step)
+{
+    try {
+        return step();
+    } catch (const process_error& error) {
+        throw front_end_error(error);
+    }
+}
+
 } // namespace
 
 front_end::front_end(const launch& how, milliseconds timeout)
-    : m_process(std::make_unique<child_process>(how)), m_port(read_port_line(*m_process, timeout))
+    : m_process(with_front_end_errors([&] { return std::make_unique<child_process>(how); })),
+      m_port(read_port_line(*m_process, timeout))
 {
 }
 
@@ -158,7 +170,7 @@ std::optional<exit_status> front_end::finish(milliseconds timeout)
     disconnect();
     if (!m_process)
         return std::nullopt;
-    return m_process->wait_for_exit(timeout);
+    return with_front_end_errors([&] { return m_process->wait_for_exit(timeout); });
 }
 
 void front_end::observe(frame_observer observer)

@@ -8,15 +8,15 @@
 #include "common/process/child_process.h"
 #include "common/process/deadline.h"
 #include "common/process/exit_status.h"
-#include "common/process/front_end_error.h"
 #include "front_end/src/bytes.h"
 #include "front_end/src/connection.h"
 #include "front_end/src/frame.h"
 #include "front_end/src/framed_connection.h"
+#include "front_end/src/front_end_error.h"
 
 namespace tarvik {
 
-/// Starting takes no time worth speaking of; an emulated machine under load is slow.
+/// Starting takes a moment; an emulated machine under load is slow.
 constexpr milliseconds kStartTimeout{20'000};
 constexpr milliseconds kConnectTimeout{10'000};
 /// An open without a device takes 12 s, a transfer without an answer 60 s, and a plugin may do several.

@@ -5,9 +5,9 @@
 #include <system_error>
 
 #include "common/process/child_process.h"
-#include "common/process/front_end_error.h"
 #include "front_end/src/bytes.h"
 #include "front_end/src/connection.h"
+#include "front_end/src/front_end_error.h"
 
 namespace tarvik {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <fstream>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 #include "process/tvkintif/program_test.h"
 #include "support/log_reader.h"
 #include "support/proc_files.h"

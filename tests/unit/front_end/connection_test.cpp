@@ -7,9 +7,9 @@
 
 #include <future>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
+#include "support/caught_error.h"
 #include "support/scripted_peer.h"
-#include "unit/tvkintif/caught_error.h"
 
 using namespace std::chrono_literals;
 using tarvik::bytes;
@@ -17,6 +17,12 @@ using tarvik::connection;
 using tarvik::failure;
 
 namespace {
+
+template <typename Action>
+tarvik::front_end_error error_of(Action action)
+{
+    return support::caught<tarvik::front_end_error>(action);
+}
 
 constexpr auto kSoon = 10s;
 

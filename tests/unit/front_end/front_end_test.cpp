@@ -14,8 +14,8 @@
 #include <set>
 #include <stdexcept>
 
+#include "support/caught_error.h"
 #include "support/scripted_peer.h"
-#include "unit/tvkintif/caught_error.h"
 
 using namespace std::chrono_literals;
 using tarvik::byte_view;
@@ -31,6 +31,12 @@ using tarvik::reply;
 using tarvik::to_wire;
 
 namespace {
+
+template <typename Action>
+tarvik::front_end_error error_of(Action action)
+{
+    return support::caught<tarvik::front_end_error>(action);
+}
 
 constexpr auto kSoon = 10s;
 
@@ -248,6 +254,12 @@ TEST(front_end_start, largest_port_is_taken)
 {
     const front_end program(shell("echo 65535; exec sleep 600"));
     EXPECT_EQ(program.port(), 65535);
+}
+
+TEST(front_end_start, program_that_cannot_be_executed_is_told)
+{
+    const auto error = error_of([] { front_end program(launch{"/nowhere/program"}); });
+    EXPECT_EQ(error.cause(), failure::start_failed);
 }
 
 // Connecting
@@ -723,9 +735,7 @@ TEST(front_end_destructor, kills_a_program_that_does_not_listen)
 {
     pid_t pid = 0;
     {
-        launch how = shell("echo 40001; exec sleep 600");
-        how.ignored_signals = {SIGTERM};
-        front_end program(how);
+        front_end program(shell("trap '' TERM; echo 40001; exec sleep 600"));
         pid = program.process().pid();
     }
     EXPECT_TRUE(kill(pid, 0) == -1 && errno == ESRCH);

@@ -5,8 +5,8 @@
 #include <exception>
 #include <utility>
 
-#include "common/process/front_end_error.h"
 #include "front_end/src/bytes.h"
+#include "front_end/src/front_end_error.h"
 #include "tvkctl/src/commands/command_check_plugin.h"
 #include "tvkctl/src/commands/command_explain.h"
 #include "tvkctl/src/commands/command_list.h"

@@ -4,7 +4,7 @@
 #include <array>
 #include <ctime>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 #include "tvkctl/src/diagnosis/diagnosis.h"
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/log/log_switch.h"

@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 #include "tvkctl/src/diagnosis/diagnosis.h"
 
 namespace tarvik::tvkctl {

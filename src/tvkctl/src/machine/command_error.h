@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 #include "tvkctl/src/machine/exit_code.h"
 
 namespace tarvik::tvkctl {

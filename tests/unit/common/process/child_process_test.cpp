@@ -13,18 +13,24 @@
 #include <sstream>
 #include <system_error>
 
-#include "common/process/front_end_error.h"
+#include "common/process/process_error.h"
 #include "common/process/unique_fd.h"
+#include "support/caught_error.h"
 #include "support/process_limits.h"
-#include "unit/tvkintif/caught_error.h"
 
 using namespace std::chrono_literals;
 using tarvik::child_process;
 using tarvik::exit_status;
-using tarvik::failure;
 using tarvik::launch;
+using failure = tarvik::process_error::failure;
 
 namespace {
+
+template <typename Action>
+tarvik::process_error error_of(Action action)
+{
+    return support::caught<tarvik::process_error>(action);
+}
 
 constexpr auto kSoon = 10s; ///< longer than anything here takes, but for what must not happen
 

@@ -1,11 +1,24 @@
-#include "common/process/front_end_error.h"
+#include "front_end/src/front_end_error.h"
 
 namespace tarvik {
 
-front_end_error::front_end_error(failure cause, const std::string& step, const std::string& expected,
-                                 const std::string& came)
-    : std::runtime_error(step + ": expected " + expected + ", got " + came), m_cause(cause), m_step(step),
-      m_expected(expected), m_came(came)
+namespace {
+
+failure cause_of(const process_error& error)
+{
+    switch (error.cause()) {
+    case process_error::failure::start_failed:
+        return failure::start_failed;
+    case process_error::failure::timed_out:
+        break;
+    }
+    return failure::timed_out;
+}
+
+} // namespace
+
+front_end_error::front_end_error(const process_error& error)
+    : front_end_error(cause_of(error), error.step(), error.expected(), error.came())
 {
 }
 
@@ -24,8 +37,7 @@ const char* front_end_error::advice() const
                "output.";
     case failure::timed_out:
         return "Allow more time; if that does not help, the last lines of the program's log say what it "
-               "waits "
-               "for.";
+               "waits for.";
     case failure::connection_refused:
         return "Check the port: a program that has its front-end, or has ended, takes no further connection.";
     case failure::connect_failed:

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
+
+#include "common/process/process_error.h"
 
 namespace tarvik {
 
@@ -20,26 +21,25 @@ enum class failure {
     unexpected_reply,   ///< a reply that is none of ok, ng and nak, or has a payload of the wrong size
 };
 
-/// A step that did not go as it must. what() reads "STEP: expected EXPECTED, got CAME"; advice() is a
-/// sentence of its own. Replies ng and nak are answers, not errors.
-class front_end_error : public std::runtime_error {
+/// A step between front-end and program that did not go as it must. Replies ng and nak are answers, not
+/// errors.
+class front_end_error : public step_error {
 public:
     front_end_error(failure cause, const std::string& step, const std::string& expected,
-                    const std::string& came);
+                    const std::string& came)
+        : step_error(step, expected, came), m_cause(cause)
+    {
+    }
+
+    /// Of the program as a process.
+    explicit front_end_error(const process_error& error);
 
     failure cause() const { return m_cause; }
-    /// What was being done: "start /usr/bin/tvkintif", "recv 512 bytes", "connect to port 40001".
-    const std::string& step() const { return m_step; }
-    const std::string& expected() const { return m_expected; }
-    const std::string& came() const { return m_came; }
-    /// What a person can try next.
+    /// What a person can try next: a sentence of its own.
     const char* advice() const;
 
 private:
     failure m_cause;
-    std::string m_step;
-    std::string m_expected;
-    std::string m_came;
 };
 
 } // namespace tarvik
