@@ -4,18 +4,17 @@
 
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "common/process/deadline.h"
 #include "common/process/exit_status.h"
+#include "common/process/output_collector.h"
+#include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
 
 namespace tarvik {
-
-class output_collector;
 
 /// What to start and how. Standard input is /dev/null, standard output is collected; signal mask, ignored
 /// signals and limits are this process's.
@@ -27,10 +26,10 @@ struct launch {
     std::map<std::string, std::string> environment = {}; ///< added to this process's, or replacing there
     std::string working_directory = {};                  ///< empty: this process's; `path` is relative to it
     standard_error errors = standard_error::inherit;
-    std::vector<int> ignored_signals = {};
 };
 
-/// A child and what it writes. The descriptors that this library opens stay out of it.
+/// A program that this process has started, and what it writes. The descriptors that this library opens stay
+/// out of it.
 ///
 /// Owns the process: one that still runs is killed on destruction, and it is always reaped. Throws
 /// process_error for what the child does, std::system_error when this machine refuses (no descriptors left
@@ -43,7 +42,7 @@ public:
     explicit child_process(const launch& how);
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
-    ~child_process();
+    ~child_process() = default;
 
     enum class line_end { newline, end_of_output, too_long, time_up };
     struct output_line {
@@ -60,24 +59,29 @@ public:
     std::string standard_error();
 
     /// Sends a signal; false when the process has been reaped already.
-    bool signal(int number);
+    bool signal(int number) { return m_process.signal(number); }
     /// Waits for the end; throws failure::timed_out. May be called again.
     exit_status wait_for_exit(milliseconds timeout);
     /// As wait_for_exit(), but nullopt when time is up.
     std::optional<exit_status> try_wait_for_exit(milliseconds timeout);
 
-    pid_t pid() const { return m_pid; }
+    pid_t pid() const { return m_process.pid(); }
     const std::string& path() const { return m_path; }
 
 private:
-    explicit child_process(std::string path);
+    struct streams {
+        pipe_ends output;
+        pipe_ends errors; ///< none: inherited
+    };
+
+    child_process(const launch& how, streams ends);
+    static streams new_streams(const launch& how);
+    static pid_t spawn(const launch& how, const streams& ends);
 
     std::string m_path;
-    pid_t m_pid = -1;                    ///< -1: not started
-    unique_fd m_handle;                  ///< the process as a descriptor, readable once it has ended
-    std::optional<exit_status> m_status; ///< set when it has been reaped
-    std::unique_ptr<output_collector> m_output;
-    std::unique_ptr<output_collector> m_errors; ///< null: not captured
+    output_collector m_output;
+    std::optional<output_collector> m_errors; ///< none: inherited
+    process_handle m_process;                 ///< ends before nobody reads what it writes
 };
 
 } // namespace tarvik

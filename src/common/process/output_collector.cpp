@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -15,7 +16,10 @@ namespace tarvik {
 
 namespace {
 
-/// Signals are the business of the threads that the front-end knows of.
+constexpr std::size_t kPieceSize = 4096;
+constexpr int kPiecesAtOnce = 16; // a pipe's capacity
+
+/// Signals are the business of the threads that the rest of the process knows of.
 class all_signals_blocked {
 public:
     all_signals_blocked()
@@ -34,7 +38,8 @@ private:
 
 } // namespace
 
-output_collector::output_collector(unique_fd pipe) : m_pipe(std::move(pipe)), m_stop(new_pipe())
+output_collector::output_collector(unique_fd pipe, std::size_t kept)
+    : m_kept(kept), m_pipe(std::move(pipe)), m_stop(new_pipe())
 {
     if (fcntl(m_pipe.get(), F_SETFL, O_NONBLOCK) != 0)
         throw std::system_error(errno, std::generic_category(), "fcntl");
@@ -65,12 +70,19 @@ std::string output_collector::text()
     return m_text;
 }
 
+std::uint64_t output_collector::size()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    drain();
+    return m_size;
+}
+
 template <typename Condition>
 bool output_collector::wait(const deadline& until, Condition is_enough)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     drain();
-    return m_changed.wait_until(lock, until.when(), [&] { return m_has_ended || is_enough(); });
+    return m_changed.wait_until(lock, until.when(), [&] { return m_hasEnded || is_enough(); });
 }
 
 void output_collector::collect()
@@ -82,19 +94,30 @@ void output_collector::collect()
         const std::lock_guard<std::mutex> lock(m_mutex);
         drain();
         m_changed.notify_all();
-        if (m_has_ended)
+        if (m_hasEnded)
             return;
     }
 }
 
+/// Takes what is there, up to a full pipe: a writer that never stops must not hold this up.
 void output_collector::drain()
 {
-    std::array<char, 4096> some;
-    ssize_t count = 0;
-    while ((count = ::read(m_pipe.get(), some.data(), some.size())) > 0)
-        m_text.append(some.data(), static_cast<std::size_t>(count));
-    if (count == 0)
-        m_has_ended = true;
+    for (int piece = 0; piece < kPiecesAtOnce; ++piece)
+        if (!take_piece())
+            return;
+}
+
+bool output_collector::take_piece()
+{
+    std::array<char, kPieceSize> piece;
+    const ssize_t count = ::read(m_pipe.get(), piece.data(), piece.size());
+    m_hasEnded = count == 0;
+    if (count <= 0)
+        return false;
+    const auto size = static_cast<std::size_t>(count);
+    m_size += size;
+    m_text.append(piece.data(), std::min(size, m_kept - m_text.size()));
+    return true;
 }
 
 } // namespace tarvik

@@ -139,6 +139,11 @@ void program_test::with_settings(const std::string& text)
     write_file(support::log_directory + "/setting.ini", text);
 }
 
+void program_test::with_ignored(int signal_number)
+{
+    signal(signal_number, SIG_IGN);
+}
+
 void program_test::launch()
 {
     write_file(bus_file, m_bus);
@@ -147,7 +152,6 @@ void program_test::launch()
     how.arguments = m_arguments;
     how.working_directory = scratch_directory;
     how.errors = tarvik::launch::standard_error::capture;
-    how.ignored_signals = m_ignored;
     how.environment = m_environment;
     how.environment["FAKE_USB_BUS"] = bus_file;
     how.environment["FAKE_USB_DIALOGUE"] = dialogue_file;

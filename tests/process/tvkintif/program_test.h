@@ -63,7 +63,8 @@ protected:
     void with_log_level(int level);
     void with_settings(const std::string& text);
     void with_mishap(const std::string& statement) { m_mishaps.push_back(statement); }
-    void with_ignored(int signal_number) { m_ignored.push_back(signal_number); }
+    /// The program ignores what this process ignores when it starts it.
+    void with_ignored(int signal_number);
     void with_argument(const std::string& text) { m_arguments.push_back(text); }
     void with_environment(const std::string& name, const std::string& value) { m_environment[name] = value; }
 
@@ -115,7 +116,6 @@ private:
 
     std::string m_bus = "device scanner 1a2b:3c4d\n";
     std::vector<std::string> m_mishaps;
-    std::vector<int> m_ignored;
     std::vector<std::string> m_arguments;
     std::map<std::string, std::string> m_environment;
     int m_port = -1;

@@ -8,9 +8,9 @@
 #include "tvkctl/src/machine/accounts.h"
 #include "tvkctl/src/machine/udi.h"
 #include "tvkctl/src/plugin/elf_file.h"
-#include "tvkctl/src/plugin/loader_probe.h"
 #include "tvkctl/src/plugin/plugin_cause.h"
 #include "tvkctl/src/plugin/plugin_check.h"
+#include "tvkctl/src/plugin/plugin_trial.h"
 #include "tvkintif/src/models.h"
 
 namespace tarvik::tvkctl {
@@ -104,32 +104,37 @@ std::string name_list(const std::vector<std::string>& names)
 }
 
 /// How loading failed, in a word and a sentence; nullopt when it did not.
-std::optional<check_result> judge(const load_attempt& attempt, const std::string& path, milliseconds timeout)
+std::optional<check_result> judge(const trial_report& report, const trial_plan& plan)
 {
-    const std::string moment = attempt.was_loaded ? "unloaded" : "loaded";
-    switch (attempt.end) {
-    case load_attempt::outcome::refused:
+    const std::string& path = plan.path;
+    const std::string moment = report.last == trial_step::unload ? "unloaded" : "loaded";
+    switch (report.end) {
+    case trial_report::outcome::not_loadable:
         return check_result{outcome::failed,
                             plugin_cause::kNotLoadable,
                             path + " cannot be loaded",
-                            {"the loader says: " + attempt.words}};
-    case load_attempt::outcome::died:
+                            {"the loader says: " + report.words}};
+    case trial_report::outcome::threw:
+        return check_result{outcome::failed, plugin_cause::kCrashed,
+                            path + " throws an exception when it is " + moment};
+    case trial_report::outcome::died:
         return check_result{outcome::failed,
                             plugin_cause::kCrashed,
                             path + " ends the process when it is " + moment,
-                            {"that process ended with " + attempt.status.text()}};
-    case load_attempt::outcome::hung:
+                            {"that process ended with " + report.status.text()}};
+    case trial_report::outcome::hung:
         return check_result{outcome::failed,
                             plugin_cause::kHung,
                             path + " does not come to an end when it is " + moment,
-                            {"given up after " + std::to_string(timeout.count() / 1000) + " s"}};
-    case load_attempt::outcome::loaded:
+                            {"given up after " + std::to_string(plan.timeout.count() / 1000) + " s"}};
+    case trial_report::outcome::completed:
+    case trial_report::outcome::refused:
         break;
     }
-    if (attempt.missing.empty())
+    if (report.missing.empty())
         return std::nullopt;
     return check_result{outcome::failed, plugin_cause::kIncomplete,
-                        path + " lacks " + name_list(attempt.missing)};
+                        path + " lacks " + name_list(report.missing)};
 }
 
 /// The check of a file advises the plugin's author; who only wants to scan can take another file.
@@ -155,8 +160,11 @@ void add_flaws(check_result& result, const std::vector<check_result>& flaws)
 check_result look_into_file(const std::string& path, milliseconds timeout)
 {
     const std::vector<check_result> flaws = flaws_of(path);
-    const std::vector<std::string> functions(kEntryPoints.begin(), kEntryPoints.end());
-    if (auto broken = judge(try_to_load(path, functions, timeout), path, timeout)) {
+    trial_plan plan;
+    plan.path = path;
+    plan.extent = trial_extent::load;
+    plan.timeout = timeout;
+    if (auto broken = judge(try_plugin(plan), plan)) {
         add_flaws(*broken, flaws);
         broken->next.emplace_back(tool_step::check_plugin, path);
         return *broken;

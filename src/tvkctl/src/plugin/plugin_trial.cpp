@@ -1,7 +1,6 @@
 #include "tvkctl/src/plugin/plugin_trial.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -12,14 +11,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <optional>
 #include <system_error>
 #include <utility>
 
+#include "common/process/output_collector.h"
 #include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
 #include "common/text/text.h"
@@ -33,7 +35,6 @@ namespace {
 
 /// A plugin may print without end.
 constexpr std::size_t kOutputKept = 4096;
-constexpr int kPiecesAtOnce = 16; // of 4 KiB: a pipe's capacity
 /// For a process that hangs to say where, before it is ended without being asked.
 constexpr milliseconds kLastWords{1000};
 
@@ -56,50 +57,6 @@ shared_notes new_shared_notes()
         throw_system_error("mmap");
     return shared_notes(new (memory) trial_notes{});
 }
-
-/// Takes what is written to a pipe, so that the writer is not held up; keeps the beginning.
-class bounded_output {
-public:
-    bounded_output() = default;
-    explicit bounded_output(unique_fd pipe) : m_pipe(std::move(pipe))
-    {
-        fcntl(m_pipe.get(), F_SETFL, O_NONBLOCK);
-    }
-
-    /// Takes what is there, up to a full pipe: a writer that never stops must not hold this up.
-    void drain()
-    {
-        for (int piece = 0; m_pipe && piece < kPiecesAtOnce; ++piece)
-            if (!take_piece())
-                return;
-    }
-
-    pollfd to_poll() const { return {m_pipe.get(), POLLIN, 0}; }
-    const std::string& text() const { return m_text; }
-    std::uint64_t size() const { return m_size; }
-
-private:
-    bool take_piece()
-    {
-        std::array<char, 4096> piece;
-        const ssize_t got = ::read(m_pipe.get(), piece.data(), piece.size());
-        if (got > 0)
-            keep(piece.data(), static_cast<std::size_t>(got));
-        if (got == 0)
-            m_pipe.reset(); // nobody can write any more
-        return got > 0;
-    }
-
-    void keep(const char* piece, std::size_t size)
-    {
-        m_size += size;
-        m_text.append(piece, std::min(size, kOutputKept - m_text.size()));
-    }
-
-    unique_fd m_pipe;
-    std::string m_text;
-    std::uint64_t m_size = 0;
-};
 
 /// Gives the process of the trial its surroundings. It gets a group of its own, so that whatever it starts
 /// can be ended with it; it must not outlive the one that watches it.
@@ -141,96 +98,44 @@ pid_t fork_trial(const trial_plan& plan, trial_notes& notes, const pipe_ends& ou
     return pid;
 }
 
-/// The process of a trial, watched from outside. Ends it, and all that it started, on destruction.
+/// The process of a trial with all that it starts, which is its process group. Ends them on destruction.
 class trial_process {
 public:
-    trial_process(const trial_plan& plan, trial_notes& notes);
+    explicit trial_process(pid_t leader) : m_leader(leader) {}
     trial_process(const trial_process&) = delete;
     trial_process& operator=(const trial_process&) = delete;
-    ~trial_process();
+    ~trial_process()
+    {
+        m_leader.end();
+        end_left_processes();
+    }
 
-    /// Waits for the end, taking what is printed meanwhile; false when time is up.
-    bool wait_for_end(milliseconds timeout);
+    /// Waits for the end; nullopt when time is up.
+    std::optional<exit_status> wait(milliseconds timeout) { return m_leader.wait(deadline(timeout)); }
     /// Has it write down where it is, and ends it.
-    void end_by_force();
-    /// Waits for the end; may be called again.
-    exit_status take_status();
-    /// Ends what it left running; whether there was anything. To be called after take_status().
+    exit_status end_by_force();
+    /// Ends what it left running; whether there was anything. To be called after its own end.
     bool end_left_processes() const;
 
-    const bounded_output& output() const { return m_output; }
-    const bounded_output& errors() const { return m_errors; }
-
 private:
-    void start(const trial_plan& plan, trial_notes& notes);
-
     adoption m_adoption;
-    pid_t m_pid = -1;
-    unique_fd m_handle;                  ///< readable once the process has ended
-    std::optional<exit_status> m_status; ///< set when it has been reaped
-    bounded_output m_output;
-    bounded_output m_errors;
+    process_handle m_leader;
 };
 
-trial_process::trial_process(const trial_plan& plan, trial_notes& notes)
+exit_status trial_process::end_by_force()
 {
-    pipe_ends output = new_pipe();
-    pipe_ends errors = new_pipe();
-    m_pid = fork_trial(plan, notes, output, errors);
-    m_output = bounded_output(std::move(output.reading));
-    m_errors = bounded_output(std::move(errors.reading));
-    try {
-        m_handle = open_process(m_pid);
-    } catch (const std::system_error&) {
-        kill(m_pid, SIGKILL);
-        take_status();
-        throw;
-    }
-}
-
-trial_process::~trial_process()
-{
-    kill(-m_pid, SIGKILL);
-    take_status();
-    end_left_processes();
-}
-
-bool trial_process::wait_for_end(milliseconds timeout)
-{
-    const deadline until(timeout);
-    for (;;) {
-        std::array<pollfd, 3> waited = {pollfd{m_handle.get(), POLLIN, 0}, m_output.to_poll(),
-                                        m_errors.to_poll()};
-        poll(waited.data(), waited.size(), static_cast<int>(until.left().count()));
-        m_output.drain();
-        m_errors.drain();
-        if ((waited[0].revents & POLLIN) != 0)
-            return true;
-        if (until.left() == milliseconds::zero())
-            return false;
-    }
-}
-
-void trial_process::end_by_force()
-{
-    kill(m_pid, kWhereAreYou);
-    if (!wait_for_end(kLastWords))
-        kill(m_pid, SIGKILL);
-}
-
-exit_status trial_process::take_status()
-{
-    if (!m_status)
-        m_status = reap_process(m_pid);
-    return *m_status;
+    m_leader.signal(kWhereAreYou);
+    m_leader.wait(deadline(kLastWords));
+    return m_leader.end();
 }
 
 bool trial_process::end_left_processes() const
 {
-    while (waitpid(-m_pid, nullptr, WNOHANG) > 0) { // those that have ended are no trouble
+    const pid_t group = m_leader.pid();
+    while (waitpid(-group, nullptr, WNOHANG) > 0) { // those that have ended are no trouble
     }
-    const bool has_left_some = kill(-m_pid, SIGKILL) == 0;
-    while (waitpid(-m_pid, nullptr, 0) > 0) {
+    const bool has_left_some = kill(-group, SIGKILL) == 0;
+    while (waitpid(-group, nullptr, 0) > 0) {
     }
     return has_left_some;
 }
@@ -256,7 +161,8 @@ trial_report::outcome outcome_of(const trial_notes& notes, const exit_status& st
     if (step_of(notes) != trial_step::done)
         return trial_report::outcome::died;
     const auto& ctor = notes.calls[static_cast<std::size_t>(trial_step::ctor)];
-    return ctor.result == 0 ? trial_report::outcome::refused : trial_report::outcome::completed;
+    const bool has_refused = ctor.has_returned && ctor.result == 0;
+    return has_refused ? trial_report::outcome::refused : trial_report::outcome::completed;
 }
 
 std::vector<trial_call> calls_of(const trial_notes& notes)
@@ -275,6 +181,7 @@ void take_notes(trial_report& report, const trial_notes& notes)
     report.place = text_of(notes.place);
     report.words = text_of(notes.words);
     report.calls = calls_of(notes);
+    report.missing = split(text_of(notes.missing), '\n');
     report.reads = notes.reads;
     report.writes = notes.writes;
     report.bad_transfers = notes.bad_transfers;
@@ -284,12 +191,10 @@ void take_notes(trial_report& report, const trial_notes& notes)
     report.descriptors = split(text_of(notes.descriptors), '\n');
 }
 
-void take_output(trial_report& report, const trial_process& process)
+/// For how long a trial may run; what is left behind is looked for after the last call.
+milliseconds time_for(const trial_plan& plan)
 {
-    report.output = process.output().text();
-    report.output_size = process.output().size();
-    report.errors = process.errors().text();
-    report.errors_size = process.errors().size();
+    return plan.extent == trial_extent::session ? plan.timeout + kThreadsMayTake : plan.timeout;
 }
 
 } // namespace
@@ -322,16 +227,22 @@ trial_report try_plugin(const trial_plan& plan)
     trial_plan from_anywhere = plan;
     from_anywhere.path = std::filesystem::absolute(plan.path); // a bare name would be searched for
     const shared_notes notes = new_shared_notes();
-    trial_process process(from_anywhere, *notes);
-    const bool has_ended = process.wait_for_end(plan.timeout + kThreadsMayTake);
-    if (!has_ended)
-        process.end_by_force();
+    pipe_ends output_pipe = new_pipe();
+    pipe_ends errors_pipe = new_pipe();
+    trial_process process(fork_trial(from_anywhere, *notes, output_pipe, errors_pipe));
+    output_collector output(std::move(output_pipe.reading), kOutputKept);
+    output_collector errors(std::move(errors_pipe.reading), kOutputKept);
+
     trial_report report{};
-    report.status = process.take_status();
+    const auto status = process.wait(time_for(plan));
+    report.end = status ? outcome_of(*notes, *status) : trial_report::outcome::hung;
+    report.status = status ? *status : process.end_by_force();
     report.has_left_processes = process.end_left_processes();
-    report.end = has_ended ? outcome_of(*notes, report.status) : trial_report::outcome::hung;
     take_notes(report, *notes);
-    take_output(report, process);
+    report.output = output.text();
+    report.output_size = output.size();
+    report.errors = errors.text();
+    report.errors_size = errors.size();
     return report;
 }
 

@@ -21,8 +21,13 @@ enum class trial_step { start, load, ctor, writer, reader, dtor, unload, done };
 /// The name of the function that is called in a step, or what is done in it: "interpreter_ctor", "unload".
 const char* trial_step_name(trial_step step);
 
+/// How far a trial goes: to load the plugin, see that the four functions are there, and unload it; or through
+/// a whole session.
+enum class trial_extent { load, session };
+
 struct trial_plan {
     std::string path;
+    trial_extent extent = trial_extent::session;
     transfer_script script = transfer_script::all;
     bytes answers = {};           ///< what the device gives first; behind it, a pattern
     bytes sent = bytes(16);       ///< what interpreter_writer gets, at least one byte
@@ -53,6 +58,8 @@ struct trial_report {
     std::string words;             ///< the loader's, or an explanation of the crash
     std::vector<trial_call> calls; ///< that returned
 
+    std::vector<std::string> missing; ///< functions that the plugin lacks, which a whole session needs
+
     std::uint32_t reads = 0; ///< transfers that the plugin asked for
     std::uint32_t writes = 0;
     std::uint32_t bad_transfers = 0;    ///< of these, with a null buffer or a length below 1
@@ -68,9 +75,9 @@ struct trial_report {
     bool has_left_processes = false;
 };
 
-/// Runs a plugin through one session in a process of its own, as tvkintif would, with a scripted device. That
-/// process is gone on return, whatever the plugin did. Throws std::system_error when this machine refuses a
-/// process or a pipe.
+/// Runs a plugin as far as the plan says in a process of its own, as tvkintif would, with a scripted device.
+/// That process is gone on return, whatever the plugin did. Throws std::system_error when this machine
+/// refuses a process or a pipe.
 ///
 /// Threads: the calling process must have one only.
 trial_report try_plugin(const trial_plan& plan);

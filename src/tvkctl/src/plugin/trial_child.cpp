@@ -193,17 +193,19 @@ public:
         note_crashes(m_notes, m_lent);
         m_threads = numbers_in("/proc/self/task");
         m_descriptors = numbers_in("/proc/self/fd");
-        if (load() && start()) {
-            write();
-            read();
-            stop();
+        if (!load())
+            return;
+        if (m_plan.extent == trial_extent::load)
             unload();
-        }
+        else if (has_all_functions() && start())
+            talk();
     }
 
 private:
     bool load();
+    bool has_all_functions();
     bool start();
+    void talk();
     void write();
     void read();
     void stop();
@@ -213,8 +215,7 @@ private:
     template <typename Function>
     int timed(trial_step step, Function call);
     template <typename Function>
-    bool look_up(const char* name, Function& function);
-    void refuse(const char* words);
+    void look_up(const char* name, Function& function);
     void note_threads();
     void note_descriptors();
 
@@ -228,6 +229,7 @@ private:
     std::vector<int> m_descriptors; ///< before the plugin came
 
     void* m_library = nullptr;
+    std::string m_missing; ///< functions, one a line
     decltype(&interpreter_ctor) m_ctor = nullptr;
     decltype(&interpreter_dtor) m_dtor = nullptr;
     decltype(&interpreter_reader) m_reader = nullptr;
@@ -252,21 +254,17 @@ int trial::timed(trial_step step, Function call)
 }
 
 template <typename Function>
-bool trial::look_up(const char* name, Function& function)
+void trial::look_up(const char* name, Function& function)
 {
     void* found = dlsym(m_library, name);
-    if (found == nullptr) {
-        const char* words = dlerror();
-        refuse(words != nullptr ? words : name);
-    }
     function = reinterpret_cast<Function>(found); // how the loader hands functions out
-    return found != nullptr;
-}
-
-void trial::refuse(const char* words)
-{
-    m_notes.is_not_loadable = true;
-    write_down(m_notes.words, words);
+    if (found != nullptr)
+        return;
+    const char* words = dlerror();
+    if (m_missing.empty())
+        write_down(m_notes.words, words != nullptr ? words : name);
+    m_missing.append(name).append("\n");
+    write_down(m_notes.missing, m_missing.c_str());
 }
 
 bool trial::load()
@@ -276,14 +274,22 @@ bool trial::load()
         return m_library != nullptr ? 1 : 0;
     });
     if (m_library == nullptr) {
-        refuse(dlerror());
+        write_down(m_notes.words, dlerror());
+        m_notes.is_not_loadable = true;
         return false;
     }
-    if (!look_up("interpreter_ctor", m_ctor) || !look_up("interpreter_dtor", m_dtor) ||
-        !look_up("interpreter_reader", m_reader) || !look_up("interpreter_writer", m_writer))
-        return false;
+    look_up("interpreter_ctor", m_ctor);
+    look_up("interpreter_dtor", m_dtor);
+    look_up("interpreter_reader", m_reader);
+    look_up("interpreter_writer", m_writer);
     set_plugin_address(reinterpret_cast<const void*>(m_ctor)); // as the loader knows it
     return true;
+}
+
+bool trial::has_all_functions()
+{
+    m_notes.is_not_loadable = !m_missing.empty();
+    return m_missing.empty();
 }
 
 bool trial::start()
@@ -293,6 +299,14 @@ bool trial::start()
     if (!is_started)
         unload(); // without stopping it, as tvkintif does
     return is_started;
+}
+
+void trial::talk()
+{
+    write();
+    read();
+    stop();
+    unload();
 }
 
 void trial::write()

@@ -32,6 +32,7 @@ struct trial_notes {
     std::atomic<std::uint32_t> writes;
     std::atomic<std::uint32_t> bad_transfers;
     std::atomic<std::uint32_t> late_transfers;
+    text missing;     ///< functions, one a line
     text place;       ///< of the crash
     text words;       ///< the loader's, or an explanation of the crash
     text threads;     ///< one a line

@@ -10,12 +10,14 @@
 #include <string>
 #include <system_error>
 
+#include "support/plugin_files.h"
 #include "support/process_limits.h"
 #include "unit/tvkctl/plugin/checked_plugins.h"
 
 using check_plugin_test::checked_plugin;
 using tarvik::exit_status;
 using tarvik::tvkctl::transfer_script;
+using tarvik::tvkctl::trial_extent;
 using tarvik::tvkctl::trial_plan;
 using tarvik::tvkctl::trial_report;
 using tarvik::tvkctl::trial_step;
@@ -36,6 +38,15 @@ trial_report try_one(const std::string& plugin, transfer_script script = transfe
     trial_plan plan;
     plan.path = checked_plugin(plugin);
     plan.script = script;
+    plan.timeout = timeout;
+    return try_plugin(plan);
+}
+
+trial_report only_load(const std::string& path, milliseconds timeout = kPlenty)
+{
+    trial_plan plan;
+    plan.path = path;
+    plan.extent = trial_extent::load;
     plan.timeout = timeout;
     return try_plugin(plan);
 }
@@ -139,6 +150,40 @@ TEST(plugin_trial, does_not_load_a_plugin_without_an_entry_point)
     const trial_report report = try_one("cpp_names");
     EXPECT_EQ(report.end, outcome::not_loadable);
     EXPECT_TRUE(contains(report.words, "undefined symbol: interpreter_ctor")) << report.words;
+}
+
+TEST(plugin_trial, of_the_load_alone_calls_nothing)
+{
+    const trial_report report = only_load(checked_plugin("passing"));
+    EXPECT_EQ(report.end, outcome::completed);
+    EXPECT_EQ(report.last, trial_step::done);
+    EXPECT_EQ(report.calls.size(), 2U) << "load, unload";
+    EXPECT_EQ(report.missing, std::vector<std::string>());
+}
+
+TEST(plugin_trial, of_the_load_alone_names_each_function_that_is_missing)
+{
+    const trial_report report = only_load(support::built_plugin("plugin_without_reader"));
+    EXPECT_EQ(report.end, outcome::completed);
+    EXPECT_EQ(report.missing, std::vector<std::string>{"interpreter_reader"});
+    EXPECT_EQ(only_load(checked_plugin("cpp_names")).missing.size(), 4U);
+}
+
+TEST(plugin_trial, of_the_load_alone_tells_a_crash_while_unloading)
+{
+    const trial_report report = only_load(checked_plugin("crashing_at_unload"));
+    EXPECT_EQ(report.end, outcome::died);
+    EXPECT_EQ(report.last, trial_step::unload);
+}
+
+TEST(plugin_trial, of_the_load_alone_ends_a_plugin_that_hangs_and_what_it_started)
+{
+    const trial_report report = only_load(support::built_plugin("plugin_hanging_when_loaded"), kShort);
+    EXPECT_EQ(report.end, outcome::hung);
+    EXPECT_EQ(report.last, trial_step::load);
+    EXPECT_TRUE(report.has_left_processes);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(plugin_trial, tells_a_crash_while_loading)
