@@ -52,8 +52,8 @@ void demand(bool condition, const std::string& what)
 
 void demand(const reply& came, reply::verdict expected)
 {
-    demand(came.kind == expected, std::string("expected ") + tarvik::tvkctl::name_of(expected) + ", got " +
-                                      tarvik::tvkctl::name_of(came.kind));
+    demand(came.kind == expected,
+           std::string("expected ") + tarvik::name_of(expected) + ", got " + tarvik::name_of(came.kind));
 }
 
 void command(tarvik::front_end& program, command_code code, std::uint32_t argument = 0,
