@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "common/process/child_process.h"
-#include "process/lines.h"
+#include "support/lines.h"
 
 namespace process_test {
+
+using support::lines;
 
 /// How a run of tvkctl ended.
 struct tvkctl_result {

@@ -1,11 +1,12 @@
 // Preloaded into the program, brings about what a healthy machine does not do when it is asked to, and tells
-// what the program does with its sockets:
+// what the program does with its sockets and its log:
 //
 //     LD_PRELOAD=libmishaps.so:libfake_usb_preload.so MISHAPS="record sockets; fail accept 4 1" tvkintif
 //
 // Statements, separated by semicolons:
 //
 //     record sockets              each call about a socket leaves a line in the dialogue of the fake USB bus
+//     record log                  so does each line of the log, as "log LEVEL message"
 //     fail FUNCTION ERRNO TIMES   the first TIMES calls fail with this number in errno
 //     raise FUNCTION SIGNAL       the first call is preceded by this signal to the process itself
 //     exhaust FUNCTION            the first call is followed by one allocation that finds no memory
@@ -149,11 +150,30 @@ std::string role(int descriptor)
     return descriptor == connected ? "connected" : "unknown";
 }
 
-void tell(const std::string& line)
+/// Leaves a line about `what` in the dialogue, if that is to be recorded.
+void tell_about(const char* what, const std::string& line)
 {
     for (const mishap& candidate : all())
-        if (candidate.verb == "record" && support_record_line != nullptr)
+        if (candidate.verb == "record" && candidate.function == what && support_record_line != nullptr)
             support_record_line(line.c_str());
+}
+
+void tell(const std::string& line)
+{
+    tell_about("sockets", line);
+}
+
+/// Of "[clock][process](thread)[LEVEL]message".
+void tell_log_line(const iovec* parts, int count)
+{
+    std::string line;
+    for (int i = 0; i < count; ++i)
+        line.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+    const std::size_t level = line.find(")[");
+    const std::size_t message = line.find(']', level);
+    if (level != std::string::npos && message != std::string::npos)
+        tell_about("log",
+                   "log " + line.substr(level + 2, message - level - 2) + " " + line.substr(message + 1));
 }
 
 std::string option_name(int level, int option)
@@ -289,7 +309,10 @@ MISHAPS_EXPORT int close(int descriptor)
 
 MISHAPS_EXPORT ssize_t writev(int descriptor, const iovec* parts, int count)
 {
-    return befalls("writev") ? -1 : the_real(writev, "writev")(descriptor, parts, count);
+    if (befalls("writev"))
+        return -1;
+    tell_log_line(parts, count);
+    return the_real(writev, "writev")(descriptor, parts, count);
 }
 
 MISHAPS_EXPORT char* setlocale(int category, const char* locale) noexcept

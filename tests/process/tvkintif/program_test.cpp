@@ -242,10 +242,15 @@ void program_test::expect_reply(const bytes& expected)
     EXPECT_TRUE(reply == expected) << "the reply differs, perhaps behind what is shown above";
 }
 
+void program_test::expect_answer(const bytes& request, const bytes& reply)
+{
+    tell(request);
+    expect_reply(reply);
+}
+
 void program_test::open(const std::string& udi)
 {
-    tell(open_request(udi));
-    expect_reply(ok_reply());
+    expect_answer(open_request(udi), ok_reply());
 }
 
 void program_test::expect_end(const ending& expected)
@@ -256,6 +261,12 @@ void program_test::expect_end(const ending& expected)
     }
     EXPECT_EQ(m_program->standard_output(kPatience), expected.output.value_or(std::to_string(m_port) + "\n"));
     EXPECT_EQ(m_program->standard_error(), expected.errors);
+}
+
+void program_test::close_and_expect_end()
+{
+    close();
+    expect_end();
 }
 
 void program_test::expect_log(const lines& expected)
@@ -270,7 +281,12 @@ void program_test::expect_log_with_whole_transfers(const lines& expected)
 
 void program_test::expect_usb(const lines& expected)
 {
-    EXPECT_EQ(usb().text(), expected.text());
+    expect_usb_about("", expected);
+}
+
+void program_test::expect_usb_about(const std::string& beginning, const lines& expected)
+{
+    EXPECT_EQ(usb_lines_about(beginning).text(), expected.text());
 }
 
 lines program_test::usb() const

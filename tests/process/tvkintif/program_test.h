@@ -11,15 +11,16 @@
 
 #include "common/process/child_process.h"
 #include "front_end/src/connection.h"
-#include "process/lines.h"
-#include "process/tvkintif/expected_log.h"
 #include "process/wire.h"
+#include "support/expected_log.h"
+#include "support/lines.h"
 #include "support/private_paths.h"
 #include "support/wait_until.h"
 #include "tvkintif/src/models.h"
 
 namespace process_test {
 
+using namespace expected; // the words of which tests are made
 using support::kPatience;
 
 /// Empty at the start of each test, beside the log directory; the program's working directory.
@@ -38,10 +39,8 @@ struct ending {
 ///     with_plugin("plugin_failing");
 ///     start_connected();
 ///     open();
-///     tell(recv_request(5));
-///     expect_reply(ng_reply());
-///     close();
-///     expect_end();
+///     expect_answer(recv_request(5), ng_reply());
+///     close_and_expect_end();
 ///     expect_log(announced + open_served() + request() + reply() + told_to_close);
 ///
 /// What is not special: one scanner 1a2b:3c4d on the bus, plugin_good as its plugin, logging at INFO. Each
@@ -92,6 +91,8 @@ protected:
     void start_connected();
     void tell(const bytes& request);
     void expect_reply(const bytes& expected);
+    /// A request and its reply.
+    void expect_answer(const bytes& request, const bytes& reply);
     /// An open that is answered ok.
     void open(const std::string& udi = "usb:1a2b:3c4d");
     /// The request to close.
@@ -102,12 +103,15 @@ protected:
     /// Waits for the process's end and compares everything about it; also that no byte followed the last
     /// reply.
     void expect_end(const ending& expected = {});
+    void close_and_expect_end();
 
     void expect_log(const lines& expected);
     /// As expect_log(), with transfers that took several calls counted as one.
     void expect_log_with_whole_transfers(const lines& expected);
     /// The dialogue with the USB bus and the plugin.
     void expect_usb(const lines& expected);
+    /// The same of those lines alone that begin so.
+    void expect_usb_about(const std::string& beginning, const lines& expected);
     lines usb() const;
     lines usb_lines_about(const std::string& beginning) const;
 

@@ -17,24 +17,13 @@ namespace process_test {
 
 class sockets : public program_test {
 protected:
-    void query()
-    {
-        tell(query_request(1));
-        expect_reply(ok_reply({0, 0, 0, 0}));
-    }
+    void query() { expect_answer(query_request(1), ok_reply({0, 0, 0, 0})); }
 
     /// A socket that came to nothing is neither closed nor used again.
     void expect_first_socket_forgotten()
     {
-        EXPECT_EQ(usb_lines_about("socket ").text(),
-                  lines({"socket AF_INET SOCK_STREAM 0", "socket AF_INET SOCK_STREAM 0"}).text());
-        EXPECT_EQ(usb_lines_about("close ").text(), lines({"close listening"}).text());
-    }
-
-    void close_and_expect_end()
-    {
-        close();
-        expect_end();
+        expect_usb_about("socket ", {"socket AF_INET SOCK_STREAM 0", "socket AF_INET SOCK_STREAM 0"});
+        expect_usb_about("close ", {"close listening"});
     }
 };
 
@@ -150,7 +139,7 @@ TEST_F(sockets, accept_that_fails_is_tried_again_on_the_same_port)
     EXPECT_EQ(support::text(support::sockets_on(port())), "127.0.0.1 LISTEN\n");
     connect();
     close_and_expect_end();
-    expect_log(announced + failed_to_read(20, "Bad file descriptor") + told_to_close);
+    expect_log(announced + failed_to_read(kHeaderSize, "Bad file descriptor") + told_to_close);
 }
 
 TEST_F(sockets, socket_that_cannot_be_had_is_tried_again_until_a_signal_comes)
@@ -160,8 +149,8 @@ TEST_F(sockets, socket_that_cannot_be_had_is_tried_again_until_a_signal_comes)
     ASSERT_TRUE(support::wait_until(kPatience, [] { return support::log_dialogue().size() > 20; }));
     send_signal(SIGTERM);
     expect_end({0, "0\n"});
-    const lines attempt = lines{"INFO bind socket fails"} + failed_to_read(20, "Bad file descriptor");
-    const lines beginning = lines{"INFO bind socket fails"} + announced + attempt + attempt + attempt;
+    const lines attempt = info({"bind socket fails"}) + failed_to_read(kHeaderSize, "Bad file descriptor");
+    const lines beginning = info({"bind socket fails"}) + announced + attempt + attempt + attempt;
     const lines end = attempt + left;
     const std::vector<std::string> log = support::log_dialogue();
     EXPECT_EQ(support::text({log.begin(), log.begin() + 14}), beginning.text());
@@ -176,7 +165,7 @@ TEST_F(sockets, address_that_cannot_be_bound_is_logged_and_tried_again)
     wait_until_in(SYS_accept);
     send_signal(SIGTERM);
     expect_end({0, "0\n"});
-    expect_log(lines{"INFO bind fails"} + announced + failed_to_read(20, "Bad file descriptor") + left);
+    expect_log(info({"bind fails"}) + announced + failed_to_read(kHeaderSize, "Bad file descriptor") + left);
     expect_first_socket_forgotten();
 }
 
@@ -188,7 +177,7 @@ TEST_F(sockets, port_that_cannot_be_asked_for_is_told_on_standard_error_and_in_t
     wait_until_in(SYS_accept);
     send_signal(SIGTERM);
     expect_end({0, "0\n", "No buffer space available\n"});
-    expect_log(lines{"INFO getsockname fails"} + announced + failed_to_read(20, "Bad file descriptor") +
+    expect_log(info({"getsockname fails"}) + announced + failed_to_read(kHeaderSize, "Bad file descriptor") +
                left);
     expect_first_socket_forgotten();
 }

@@ -47,10 +47,8 @@ TEST_P(closed_streams, take_nothing_from_the_session)
         start();
     connect();
     open();
-    tell(send_request(from_hex("01")));
-    expect_reply(ok_reply());
-    tell(recv_request(3));
-    expect_reply(ok_reply(text_bytes("xxx")));
+    expect_answer(send_request(from_hex("01")), ok_reply());
+    expect_answer(recv_request(3), ok_reply(text_bytes("xxx")));
     close();
     ending expected;
     expected.output = is_closed(STDOUT_FILENO) ? "" : std::to_string(port()) + "\n" + printed("out\n");

@@ -44,21 +44,9 @@ namespace {
 const std::string was_reset = "Connection reset by peer";
 const std::string pipe_broken = "Broken pipe";
 
-lines ended_after(int moved, int size)
+lines ended_after(std::size_t moved, std::size_t size)
 {
-    const std::string rest = std::to_string(size - moved);
-    const std::string progress = std::to_string(moved) + "/" + std::to_string(size);
-    return lines{"INFO ipc connection read get called = " + rest, "INFO ipc connection read get bail rv = 0",
-                 "INFO transferred 0 bytes, total " + progress, "INFO do_cleanup 1"} +
-           left;
-}
-
-lines part_read(int moved, int size)
-{
-    const std::string n = std::to_string(moved);
-    return {"INFO ipc connection read get called = " + std::to_string(size),
-            "INFO ipc connection read get bail rv = " + n,
-            "INFO transferred " + n + " bytes, total " + n + "/" + std::to_string(size)};
+    return got_part(0, moved, size) + info({"do_cleanup 1"}) + left;
 }
 
 } // namespace
@@ -69,7 +57,7 @@ TEST_F(vanishing_peer, half_a_header_has_no_reply_and_ends_the_process)
     tell(from_hex("00000001 00000008 0000"));
     wire().half_close();
     expect_end();
-    expect_log(announced + part_read(10, 20) + ended_after(10, 20));
+    expect_log(announced + got_part(10, 0, kHeaderSize) + ended_after(10, kHeaderSize));
 }
 
 TEST_F(vanishing_peer, half_a_payload_has_no_reply_and_reaches_no_plugin)
@@ -79,7 +67,7 @@ TEST_F(vanishing_peer, half_a_payload_has_no_reply_and_reaches_no_plugin)
     tell(bare_header(1, 6, 8) + from_hex("010203"));
     wire().half_close();
     expect_end();
-    expect_log(announced + open_served() + got(20) + part_read(3, 8) + ended_after(3, 8));
+    expect_log(announced + open_served() + got(kHeaderSize) + got_part(3, 0, 8) + ended_after(3, 8));
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -89,7 +77,7 @@ TEST_F(vanishing_peer, header_without_its_payload_has_no_reply)
     tell(bare_header(0, 4, 13));
     wire().half_close();
     expect_end();
-    expect_log(announced + got(20) + ended_after(0, 13));
+    expect_log(announced + got(kHeaderSize) + ended_after(0, 13));
 }
 
 TEST_F(vanishing_peer, half_closed_connection_still_gets_its_last_reply)
@@ -109,7 +97,7 @@ TEST_F(vanishing_peer, reset_between_requests_is_a_failed_read_and_then_the_end_
     wait_until_in(SYS_read);
     reset();
     expect_end();
-    expect_log(announced + open_served() + failed_to_read(20, was_reset) + hung_up);
+    expect_log(announced + open_served() + failed_to_read(kHeaderSize, was_reset) + hung_up);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -118,11 +106,11 @@ TEST_F(vanishing_peer, reset_in_a_payload_is_a_failed_read_and_then_the_end_of_t
     start_connected();
     open();
     tell(bare_header(1, 6, 8));
-    wait_for_log_end(got(20) + lines{"INFO ipc connection read get called = 8"});
+    wait_for_log_end(got(kHeaderSize) + reading(8));
     wait_until_in(SYS_read);
     reset();
     expect_end();
-    expect_log(announced + open_served() + got(20) + failed_to_read(8, was_reset) + hung_up);
+    expect_log(announced + open_served() + got(kHeaderSize) + failed_to_read(8, was_reset) + hung_up);
 }
 
 TEST_F(vanishing_peer, close_request_right_before_the_end_is_carried_out)
@@ -144,11 +132,9 @@ TEST_F(vanishing_peer, reply_to_nobody_is_a_failed_write_without_its_payload)
     wait_until_reset();
     held.release();
     expect_end();
-    expect_log(announced + open_served() + request() + failed_to_write(20, was_reset) + hung_up);
-    EXPECT_EQ(usb_lines_about("plugin_good").text(),
-              lines({"plugin_good loaded", "plugin_good ctor", "plugin_good reader 64", "plugin_good dtor",
-                     "plugin_good unloaded"})
-                  .text());
+    expect_log(announced + open_served() + request() + failed_to_write(kHeaderSize, was_reset) + hung_up);
+    expect_usb_about("plugin_good", {"plugin_good loaded", "plugin_good ctor", "plugin_good reader 64",
+                                     "plugin_good dtor", "plugin_good unloaded"});
 }
 
 TEST_F(vanishing_peer, broken_pipe_raises_no_signal_that_ends_the_process)
@@ -160,7 +146,7 @@ TEST_F(vanishing_peer, broken_pipe_raises_no_signal_that_ends_the_process)
     wait_until_reset();
     held.release();
     expect_end();
-    expect_log(announced + open_served() + request() + failed_to_write(20, pipe_broken) + hung_up);
+    expect_log(announced + open_served() + request() + failed_to_write(kHeaderSize, pipe_broken) + hung_up);
 }
 
 TEST_F(vanishing_peer, reset_in_the_middle_of_a_large_reply_fails_the_write)
@@ -177,7 +163,7 @@ TEST_F(vanishing_peer, reset_in_the_middle_of_a_large_reply_fails_the_write)
     EXPECT_EQ(is_in_log("INFO write failed: " + was_reset), 1);
     EXPECT_EQ(is_in_log("INFO ipc connection wrte  bail rv = -1"), 1);
     EXPECT_EQ(is_in_log("INFO End Run"), 1);
-    EXPECT_EQ(usb_lines_about("close scanner").text(), lines({"close scanner"}).text());
+    expect_usb_about("close scanner", {"close scanner"});
 }
 
 } // namespace process_test

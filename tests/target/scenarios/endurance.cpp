@@ -76,12 +76,12 @@ class parallel_session {
 public:
     parallel_session(const std::string& udi, const std::string& serial) : m_program(target::program_launch())
     {
-        m_log.start();
+        m_log += expected::announced;
         m_program.connect(target::kStepLimit);
         expect_ok(m_program.open(udi, target::kStepLimit));
-        m_log.request(udi.size());
-        m_log.open({udi, serial});
-        m_log.reply(0);
+        m_log += expected::request(udi.size());
+        m_log += expected::open_handled({udi, serial});
+        m_log += expected::reply();
     }
 
     /// Whether every byte of the scanner's pattern comes as it must.
@@ -90,8 +90,8 @@ public:
         const bytes request =
             virtual_scanner::encode_with_payload({command_code::read_pattern, 1, length, 0}, {});
         expect_ok(m_program.send(request, target::kStepLimit));
-        m_log.request(request.size());
-        m_log.reply(0);
+        m_log += expected::request(request.size());
+        m_log += expected::reply();
         receive(virtual_scanner::kBlockSize);
         return receive(length) == virtual_scanner::pattern(length);
     }
@@ -101,10 +101,10 @@ public:
         const std::string process = std::to_string(m_program.process().pid());
         m_program.close(target::kStepLimit);
         EXPECT_EQ(m_program.finish(target::kStepLimit), tarvik::exit_status::exited(0));
-        m_log.request(0);
-        m_log.close();
-        m_log.end();
-        EXPECT_EQ(support::text(log_of(process)), support::text(m_log.lines()));
+        m_log += expected::request();
+        m_log += expected::closed;
+        m_log += expected::left;
+        EXPECT_EQ(support::text(log_of(process)), m_log.text());
     }
 
 private:
@@ -114,13 +114,13 @@ private:
     {
         const tarvik::reply reply = m_program.recv(count, target::kStepLimit);
         expect_ok(reply);
-        m_log.request(0);
-        m_log.reply(count);
+        m_log += expected::request();
+        m_log += expected::reply(count);
         return reply.payload;
     }
 
     tarvik::front_end m_program;
-    target::expected_log m_log;
+    support::lines m_log;
 };
 
 } // namespace
@@ -161,10 +161,10 @@ TEST_F(endurance, programs_one_after_the_other_are_all_alike_and_leave_no_claim)
         request_close();
         ASSERT_EQ(wait_for_exit(), tarvik::exit_status::exited(0)) << "cycle " << cycle;
         ASSERT_EQ(target::claimed_interfaces(), names()) << "cycle " << cycle;
-        log().end();
+        log() += expected::left;
     }
     EXPECT_EQ(std::count(descriptors.begin(), descriptors.end(), descriptors.front()), kPrograms);
-    EXPECT_EQ(support::text(support::log_dialogue()), support::text(log().lines()));
+    EXPECT_EQ(support::text(support::log_dialogue()), log().text());
 }
 
 TEST_F(endurance, two_hundred_sessions_in_one_process_leave_no_descriptor_memory_or_claim)
@@ -201,8 +201,8 @@ TEST_F(endurance, two_hundred_mebibytes_are_received_with_every_byte_right)
         ASSERT_EQ(program().recv(kPiece, kRequest, compare, target::kStepLimit).count, kPiece);
         ASSERT_TRUE(is_right) << "in piece " << piece;
         for (std::uint32_t received = 0; received < kPiece; received += kRequest) {
-            log().request(0);
-            log().reply(kRequest);
+            log() += expected::request();
+            log() += expected::reply(kRequest);
         }
     }
     close();

@@ -6,10 +6,10 @@
 #include "target/scenarios/host_device.h"
 #include "target/scenarios/scanner_session.h"
 
-using target::attempt;
+using expected::attempt;
+using expected::planned_open;
 using target::host_device;
 using target::interface_claim;
-using target::opening;
 using virtual_scanner::command_code;
 
 namespace {
@@ -70,7 +70,7 @@ TEST_F(interfaces, one_that_another_process_has_cannot_be_claimed_until_that_let
     begin_to_open(kByIds);
     wait_for_failed_attempts(1);
     another.reset();
-    opening what{kByIds};
+    planned_open what{kByIds};
     what.attempts = {attempt::finds_no_interface, attempt::reaches_it};
     end_opening(what);
     expect_an_answer();

@@ -5,9 +5,9 @@
 #include "target/scenarios/host_device.h"
 #include "target/scenarios/scanner_session.h"
 
-using target::attempt;
+using expected::attempt;
+using expected::planned_open;
 using target::host_device;
-using target::opening;
 
 namespace {
 
@@ -41,7 +41,7 @@ TEST_F(kernel_driver, is_bound_again_after_a_failed_claim)
     begin_to_open(kAddress);
     wait_for_failed_attempts(1);
     EXPECT_EQ(device().driver(0), kDriver);
-    opening what{kAddress};
+    planned_open what{kAddress};
     what.attempts = {attempt::finds_no_interface, attempt::reaches_it};
     end_opening(what);
     EXPECT_EQ(device().driver(0), kProgramsDriver);
@@ -72,7 +72,7 @@ TEST_F(kernel_driver, keeps_the_configuration_that_it_works_in)
     EXPECT_EQ(device().attribute("bConfigurationValue"), "2");
     EXPECT_EQ(device().driver(0), kDriver);
     device().configure(1);
-    opening what{kAddress};
+    planned_open what{kAddress};
     what.attempts = {attempt::finds_no_interface, attempt::reaches_it};
     end_opening(what);
     close();
@@ -83,7 +83,7 @@ TEST_F(kernel_driver, stays_away_after_the_program_is_killed_until_the_device_is
     plug_in("serial_port");
     open(kAddress);
     wait_until_idle();
-    log().waiting();
+    log() += expected::reading(expected::kHeaderSize);
     ASSERT_TRUE(program().process().signal(SIGKILL));
     end_program(tarvik::exit_status::killed_by(SIGKILL));
     EXPECT_EQ(device().driver(0), "");

@@ -33,7 +33,7 @@ protected:
         plug_in("plain");
         fs::remove_all(support::log_directory);
         m_without_log = bytes_of_a_session();
-        log() = target::expected_log();
+        log() = support::lines();
     }
 
     void expect_same_session(const tarvik::launch& how = target::program_launch())
@@ -41,23 +41,7 @@ protected:
         EXPECT_EQ(bytes_of_a_session(how), m_without_log);
     }
 
-    void expect_whole_log()
-    {
-        EXPECT_EQ(support::text(support::log_dialogue()), support::text(log().lines()));
-    }
-
-    /// The same session leaves nothing, and a request that then ends the program with an exception `error`.
-    void expect_at_level(int level, const std::string& error)
-    {
-        support::make_log_directory(level);
-        begin_session();
-        talk();
-        EXPECT_EQ(seen(), without_log());
-        EXPECT_EQ(support::raw_log(), "");
-        begin(tarvik::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
-        EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(1));
-        EXPECT_EQ(support::text(support::log_dialogue()), error);
-    }
+    void expect_whole_log() { EXPECT_EQ(support::text(support::log_dialogue()), log().text()); }
 
     static fs::path log_file_of(std::time_t day)
     {
@@ -88,7 +72,7 @@ protected:
     {
         request_close();
         EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(0));
-        log().end();
+        log() += expected::left;
     }
 
     bytes bytes_of_a_session(const tarvik::launch& how = target::program_launch())
@@ -126,59 +110,14 @@ tarvik::launch launch_with_captured_errors()
 
 } // namespace
 
-TEST_F(logging, without_a_directory_nothing_is_logged_or_made)
-{
-    expect_same_session(launch_with_captured_errors());
-    EXPECT_EQ(program().process().standard_error(), "");
-    EXPECT_FALSE(fs::exists(support::log_directory));
-}
-
-TEST_F(logging, directory_alone_means_level_info)
+TEST_F(logging, receive_of_more_than_32_bits_can_address_is_an_error_that_ends_the_program)
 {
     support::make_log_directory();
-    expect_same_session();
+    begin_session();
+    begin(tarvik::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
+    EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(1));
+    log() += support::lines{"ERROR vector::reserve"} + expected::info({"--- Leave int interface ---"});
     expect_whole_log();
-}
-
-TEST_F(logging, level_0_tells_the_source_of_each_line_and_copies_it_to_standard_error)
-{
-    support::make_log_directory(0);
-    expect_same_session(launch_with_captured_errors());
-    std::vector<std::string> lines;
-    for (const support::log_line& line : support::log_lines()) {
-        EXPECT_NE(support::source_of(line.message), "") << line.message;
-        lines.push_back(line.level + " " + support::without_source(line.message));
-    }
-    EXPECT_EQ(support::text(lines), support::text(log().lines()));
-    EXPECT_EQ(program().process().standard_error(), support::raw_log());
-}
-
-TEST_F(logging, level_1_writes_every_line_and_copies_none)
-{
-    support::make_log_directory(1);
-    expect_same_session(launch_with_captured_errors());
-    expect_whole_log();
-    EXPECT_EQ(program().process().standard_error(), "");
-}
-
-TEST_F(logging, level_2_writes_errors_alone)
-{
-    expect_at_level(2, "ERROR vector::reserve\n");
-}
-
-TEST_F(logging, level_3_writes_errors_alone)
-{
-    expect_at_level(3, "ERROR vector::reserve\n");
-}
-
-TEST_F(logging, level_4_does_not_even_write_errors)
-{
-    expect_at_level(4, "");
-}
-
-TEST_F(logging, level_5_writes_nothing)
-{
-    expect_at_level(5, "");
 }
 
 TEST_F(logging, midnight_in_a_session_begins_the_next_days_file)
@@ -192,8 +131,8 @@ TEST_F(logging, midnight_in_a_session_begins_the_next_days_file)
     target::machine_clock::set(midnight - seconds(60));
     begin_session();
     wait_until_idle();
-    target::expected_log before = log();
-    before.waiting();
+    support::lines before = log();
+    before += expected::reading(expected::kHeaderSize);
     target::machine_clock::set(midnight - milliseconds(100));
     ASSERT_TRUE(support::wait_until(target::kStepLimit, [&] { return std::time(nullptr) >= day; }));
     talk();
@@ -202,7 +141,7 @@ TEST_F(logging, midnight_in_a_session_begins_the_next_days_file)
     expect_whole_log();
     const std::string first = support::read_file(log_file_of(day - 1));
     const std::string second = support::read_file(log_file_of(day));
-    EXPECT_EQ(static_cast<std::size_t>(std::count(first.begin(), first.end(), '\n')), before.lines().size());
+    EXPECT_EQ(static_cast<std::size_t>(std::count(first.begin(), first.end(), '\n')), before.all().size());
     EXPECT_EQ(second.rfind("[00:00:", 0), 0U) << second.substr(0, 40);
     EXPECT_EQ(first + second, support::raw_log()) << "there is a third file";
 }
@@ -216,10 +155,10 @@ TEST_F(logging, full_disk_cuts_the_log_and_nothing_else)
     EXPECT_EQ(support::raw_log().size(), kRoom);
     std::vector<std::string> written = support::log_dialogue();
     written.pop_back(); // cut somewhere
-    ASSERT_LT(written.size(), log().lines().size());
+    ASSERT_LT(written.size(), log().all().size());
     EXPECT_EQ(support::text(written),
-              support::text({log().lines().begin(),
-                             log().lines().begin() + static_cast<std::ptrdiff_t>(written.size())}));
+              support::text(
+                  {log().all().begin(), log().all().begin() + static_cast<std::ptrdiff_t>(written.size())}));
 }
 
 TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)
@@ -231,12 +170,4 @@ TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)
     expect_same_session(launch_with_captured_errors());
     EXPECT_EQ(support::raw_log(), "");
     EXPECT_EQ(program().process().standard_error(), "");
-}
-
-TEST_F(logging, file_that_cannot_be_opened_drops_the_lines)
-{
-    support::make_log_directory();
-    fs::create_directory(log_file_of(std::time(nullptr)));
-    expect_same_session();
-    EXPECT_EQ(support::raw_log(), "");
 }

@@ -9,6 +9,7 @@
 #include "support/files.h"
 #include "target/plugins/trace_file.h"
 #include "target/scanner/posix_file.h"
+#include "tvkintif/src/models.h"
 
 namespace target {
 
@@ -16,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kFolder = "/usr/lib/arm-linux-gnueabihf/tarvik/libexec";
+const std::string kFolder = fs::path(lib_path(kDefaultPlugin)).parent_path();
 constexpr const char* kStandIn = "/run/plugins";
 
 } // namespace
@@ -26,7 +27,7 @@ std::string test_plugin(const std::string& name)
     return "/usr/lib/target-tests/" + name + ".so";
 }
 
-const std::string kShippedPlugin = std::string(kFolder) + "/libryo-mora-hk-t210.so";
+const std::string kShippedPlugin = lib_path(kDefaultPlugin);
 const std::string kTracingPlugin = test_plugin("plugin_tracing");
 
 void change_byte(const std::string& file, std::size_t offset, unsigned char value)
@@ -44,8 +45,8 @@ plugin_folder::plugin_folder(const std::string& file, const std::string& name)
     fs::create_directory(kStandIn);
     fs::copy_file(file, fs::path(kStandIn) / name);
     fs::remove(TRACE_FILE);
-    if (::mount(kStandIn, kFolder, nullptr, MS_BIND, nullptr) != 0)
-        virtual_scanner::throw_errno(std::string("mount over ") + kFolder);
+    if (::mount(kStandIn, kFolder.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        virtual_scanner::throw_errno("mount over " + kFolder);
 }
 
 plugin_folder::~plugin_folder()
@@ -55,7 +56,7 @@ plugin_folder::~plugin_folder()
 
 void plugin_folder::restore()
 {
-    ::umount2(kFolder, MNT_DETACH);
+    ::umount2(kFolder.c_str(), MNT_DETACH);
 }
 
 std::string plugin_trace()

@@ -13,12 +13,13 @@
 #include "target/scenarios/guest.h"
 #include "target/scenarios/host_device.h"
 #include "target/scenarios/scanner_session.h"
+#include "tvkintif/src/scanner.h"
 
-using target::attempt;
+using expected::attempt;
+using expected::planned_open;
+using expected::serial_search;
 using target::guest;
 using target::host_device;
-using target::opening;
-using target::serial_search;
 
 namespace {
 
@@ -105,12 +106,12 @@ private:
 
 } // namespace
 
-TEST_F(rights, user_without_them_is_refused_after_five_attempts)
+TEST_F(rights, user_without_them_is_refused_after_all_attempts)
 {
     plug_in("plain");
     replug_until_mode(0664);
-    opening what{kBySerial, kSerial, serial_search::finds_one_that_may_not_be_opened};
-    what.attempts = std::vector<attempt>(target::kMostAttempts, attempt::finds_no_device);
+    planned_open what{kBySerial, kSerial, serial_search::finds_one_that_may_not_be_opened};
+    what.attempts = std::vector<attempt>(::scanner::kConnectionAttempts, attempt::finds_no_device);
     const guest acting;
     open_in_vain(what);
 }

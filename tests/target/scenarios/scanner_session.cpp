@@ -62,13 +62,13 @@ void scanner_session::TearDown()
     EXPECT_EQ(claimed_interfaces(), std::vector<std::string>()) << "the scanner is still taken";
 }
 
-void scanner_session::open(const opening& what)
+void scanner_session::open(const planned_open& what)
 {
     begin_to_open(what.udi);
     end_opening(what);
 }
 
-void scanner_session::open_in_vain(const opening& what)
+void scanner_session::open_in_vain(const planned_open& what)
 {
     open(what);
     end_program();
@@ -84,22 +84,22 @@ void scanner_session::start(tarvik::launch how)
 {
     how.environment.insert(m_environment.begin(), m_environment.end());
     m_program.emplace(how);
-    m_log.start();
+    m_log += expected::announced;
 }
 
 void scanner_session::request_open(const std::string& udi)
 {
     m_program->connect(kStepLimit);
     m_program->send_request(kOpenRequest, udi, kStepLimit);
-    m_log.request(udi.size());
+    m_log += expected::request(udi.size());
 }
 
-void scanner_session::end_opening(const opening& what)
+void scanner_session::end_opening(const planned_open& what)
 {
     const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
     EXPECT_EQ(reply.kind, what.succeeds() ? tarvik::reply::verdict::ok : tarvik::reply::verdict::ng);
-    m_log.open(what);
-    m_log.reply(0);
+    m_log += expected::open_handled(what);
+    m_log += expected::reply();
 }
 
 void scanner_session::wait_for_failed_attempts(int count)
@@ -121,8 +121,8 @@ void scanner_session::close()
 void scanner_session::request_close()
 {
     m_program->close(kStepLimit);
-    m_log.request(0);
-    m_log.close();
+    m_log += expected::request();
+    m_log += expected::closed;
 }
 
 // Hanging up first would hide a program that goes on, and overtake a signal that is on its way to it.
@@ -133,21 +133,21 @@ tarvik::exit_status scanner_session::wait_for_exit()
 
 void scanner_session::end_program()
 {
-    m_log.end();
+    m_log += expected::left;
     end_program(tarvik::exit_status::exited(0));
 }
 
 void scanner_session::end_program(const tarvik::exit_status& expected)
 {
     EXPECT_EQ(wait_for_exit(), expected);
-    EXPECT_EQ(support::text(log_so_far()), support::text(m_log.lines()));
+    EXPECT_EQ(support::text(log_so_far()), m_log.text());
 }
 
 void scanner_session::send(const bytes& data)
 {
     EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
-    m_log.request(data.size());
-    m_log.reply(0);
+    m_log += expected::request(data.size());
+    m_log += expected::reply();
 }
 
 bytes scanner_session::receive(std::uint32_t count)
@@ -155,43 +155,43 @@ bytes scanner_session::receive(std::uint32_t count)
     const tarvik::reply reply = m_program->recv(count, kStepLimit);
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
-    m_log.request(0);
-    m_log.reply(count);
+    m_log += expected::request();
+    m_log += expected::reply(count);
     return reply.payload;
 }
 
 void scanner_session::send_into_a_stall(const bytes& data)
 {
-    m_log.request(data.size());
-    m_log.stall("write", data.size());
+    m_log += expected::request(data.size());
+    m_log += expected::usb_stalled("write", data.size());
     expect_refusal(m_program->send(data, kStepLimit));
 }
 
 void scanner_session::receive_from_a_stall(std::uint32_t count)
 {
-    m_log.request(0);
-    m_log.stall("read", count);
+    m_log += expected::request();
+    m_log += expected::usb_stalled("read", count);
     expect_refusal(m_program->recv(count, kStepLimit));
 }
 
 void scanner_session::send_to_nobody(const bytes& data)
 {
-    m_log.request(data.size());
-    m_log.cut("write", data.size(), 0, kNoDevice);
+    m_log += expected::request(data.size());
+    m_log += expected::usb_failed("write", 0, data.size(), kNoDevice);
     expect_refusal(m_program->send(data, kStepLimit));
 }
 
 void scanner_session::receive_from_nobody(std::uint32_t count)
 {
-    m_log.request(0);
-    m_log.cut("read", count, 0, kNoDevice);
+    m_log += expected::request();
+    m_log += expected::usb_failed("read", 0, count, kNoDevice);
     expect_refusal(m_program->recv(count, kStepLimit));
 }
 
 void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t moved)
 {
     const tarvik::reply reply = m_program->send(data, kStepLimit);
-    m_log.request(data.size());
+    m_log += expected::request(data.size());
     expect_parting("write", data.size(), moved);
     expect_refusal(reply);
 }
@@ -199,7 +199,7 @@ void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t m
 void scanner_session::receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved)
 {
     const tarvik::reply reply = m_program->recv(count, kStepLimit);
-    m_log.request(0);
+    m_log += expected::request();
     expect_parting("read", count, moved);
     expect_refusal(reply);
 }
@@ -207,7 +207,7 @@ void scanner_session::receive_from_one_that_leaves(std::uint32_t count, std::uin
 void scanner_session::expect_refusal(const tarvik::reply& reply)
 {
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ng);
-    m_log.reply(0);
+    m_log += expected::reply();
 }
 
 /// The transfer in hand and the next one end with one error until the kernel's hub driver has seen that the
@@ -217,8 +217,8 @@ void scanner_session::expect_parting(const std::string& direction, std::size_t l
     const std::vector<std::string> log = support::log_dialogue();
     const std::string broken = "INFO usb " + direction + " : " + kBrokenTransfer;
     const auto unseen = std::count(log.begin(), log.end(), broken);
-    m_log.cut(direction, length, moved, unseen >= 1 ? kBrokenTransfer : kNoDevice);
-    m_log.cut(direction, length - moved, 0, unseen >= 2 ? kBrokenTransfer : kNoDevice);
+    m_log += expected::usb_failed(direction, moved, length, unseen >= 1 ? kBrokenTransfer : kNoDevice);
+    m_log += expected::usb_failed(direction, 0, length - moved, unseen >= 2 ? kBrokenTransfer : kNoDevice);
 }
 
 void scanner_session::begin_send(const bytes& data)
@@ -230,7 +230,7 @@ void scanner_session::begin_send(const bytes& data)
 void scanner_session::end_send()
 {
     EXPECT_EQ(m_program->read_reply(tarvik::kConnectionId, kStepLimit).kind, tarvik::reply::verdict::ok);
-    m_log.reply(0);
+    m_log += expected::reply();
 }
 
 void scanner_session::begin_receive(std::uint32_t count)
@@ -244,7 +244,7 @@ bytes scanner_session::end_receive(std::uint32_t count)
     const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
-    m_log.reply(count);
+    m_log += expected::reply(count);
     return reply.payload;
 }
 
@@ -255,7 +255,7 @@ void scanner_session::begin(tarvik::request_code code, std::uint32_t value, tarv
     header.code = static_cast<std::uint32_t>(code);
     header.value = value;
     m_program->send_request(header, payload, kStepLimit);
-    m_log.request(payload.size);
+    m_log += expected::request(payload.size);
 }
 
 void scanner_session::wait_until_in_a_transfer()
@@ -265,17 +265,16 @@ void scanner_session::wait_until_in_a_transfer()
 
 void scanner_session::wait_until_idle()
 {
-    expected_log so_far = m_log;
-    so_far.waiting();
+    support::lines so_far = m_log;
+    so_far += expected::reading(expected::kHeaderSize);
     wait_until_in(SYS_read, so_far);
 }
 
-void scanner_session::wait_until_in(long system_call, const expected_log& so_far)
+void scanner_session::wait_until_in(long system_call, const support::lines& so_far)
 {
     const pid_t pid = m_program->process().pid();
     EXPECT_TRUE(support::wait_until(
-        kStepLimit,
-        [&] { return log_so_far() == so_far.lines() && support::is_waiting_in(pid, system_call); }))
+        kStepLimit, [&] { return log_so_far() == so_far.all() && support::is_waiting_in(pid, system_call); }))
         << "the program did not come to wait in system call " << system_call;
 }
 
@@ -287,9 +286,9 @@ void scanner_session::command(command_code code, std::uint32_t argument, const b
 void scanner_session::send_past_a_stall(const bytes& data, const std::string& direction, std::size_t length)
 {
     EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
-    m_log.request(data.size());
-    m_log.stall(direction, length);
-    m_log.reply(0);
+    m_log += expected::request(data.size());
+    m_log += expected::usb_stalled(direction, length);
+    m_log += expected::reply();
 }
 
 void scanner_session::announce(command_code code, std::uint32_t payload_length)

@@ -9,11 +9,13 @@
 #include <vector>
 
 #include "front_end/src/front_end.h"
+#include "support/expected_log.h"
 #include "target/scanner/command_set.h"
-#include "target/scenarios/expected_log.h"
 #include "target/scenarios/scanner_process.h"
 
 namespace target {
+
+using expected::planned_open;
 
 constexpr std::uint32_t kMebibyte = 1024 * 1024;
 
@@ -51,17 +53,17 @@ protected:
     void preload(const std::string& library) { m_environment["LD_PRELOAD"] = library; }
 
     /// Starts the program and opens the scanner; the serial is the one in the address, if it has one.
-    void open(const std::string& udi, const std::string& serial = "") { open(opening{udi, serial}); }
-    void open(const opening& what);
+    void open(const std::string& udi, const std::string& serial = "") { open(planned_open{udi, serial}); }
+    void open(const planned_open& what);
     /// An open that fails, with which the program ends.
-    void open_in_vain(const opening& what);
+    void open_in_vain(const planned_open& what);
     /// Starts the program, which then awaits its front-end; and connects to it and asks it for the open.
     void start(tarvik::launch how = program_launch());
     void request_open(const std::string& udi);
     /// An open in two halves: the request has gone out, the reply is there. Between them the program is at
     /// work, and wait_for_failed_attempts() tells how far it has come.
     void begin_to_open(const std::string& udi);
-    void end_opening(const opening& what);
+    void end_opening(const planned_open& what);
     /// Returns when so many attempts to reach the device have failed.
     static void wait_for_failed_attempts(int count);
     void close();
@@ -128,16 +130,16 @@ protected:
     void begin(tarvik::request_code code, std::uint32_t value, tarvik::byte_view payload);
     void expect_refusal(const tarvik::reply& reply);
     tarvik::front_end& program() { return m_program.value(); }
-    expected_log& log() { return m_log; }
+    support::lines& log() { return m_log; }
 
 private:
     void expect_parting(const std::string& direction, std::size_t length, std::size_t moved);
-    void wait_until_in(long system_call, const expected_log& so_far);
+    void wait_until_in(long system_call, const support::lines& so_far);
 
     std::map<std::string, std::string> m_environment; ///< of the programs
     std::optional<scanner_process> m_scanner;
     std::optional<tarvik::front_end> m_program;
-    expected_log m_log;
+    support::lines m_log;
 };
 
 } // namespace target

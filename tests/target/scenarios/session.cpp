@@ -11,20 +11,6 @@ class session : public target::scanner_session {};
 
 } // namespace
 
-TEST_F(session, opens_a_scanner_by_its_ids)
-{
-    plug_in("plain");
-    open(kByIds);
-    close();
-}
-
-TEST_F(session, opens_a_scanner_by_its_serial_number)
-{
-    plug_in("plain");
-    open(kBySerial, kSerial);
-    close();
-}
-
 TEST_F(session, passes_a_command_to_the_scanner_and_its_answer_back)
 {
     plug_in("plain");
@@ -34,26 +20,6 @@ TEST_F(session, passes_a_command_to_the_scanner_and_its_answer_back)
     ASSERT_EQ(identity.size(), 64U);
     EXPECT_EQ(text_at(identity, 0, 32), "Virtual scanner");
     EXPECT_EQ(text_at(identity, 48, 16), kSerial);
-    close();
-}
-
-TEST_F(session, passes_a_payload_of_several_packets_unchanged)
-{
-    plug_in("plain");
-    open(kByIds);
-    bytes payload(5000);
-    for (std::size_t index = 0; index < payload.size(); ++index)
-        payload[index] = virtual_scanner::pattern_byte(virtual_scanner::wire_length(index * 3));
-    command(command_code::echo, 0, payload);
-    EXPECT_EQ(answer_to(command_code::echo), payload);
-    close();
-}
-
-TEST_F(session, receives_one_mebibyte_with_every_byte_right)
-{
-    plug_in("plain");
-    open(kByIds);
-    expect_pattern(target::kMebibyte);
     close();
 }
 
@@ -77,16 +43,6 @@ TEST_F(session, refuses_a_send_that_stalls_and_serves_the_next_one)
     send_into_a_stall(encoded(command_code::status));
     EXPECT_EQ(status().commands_served, 1U) << "the refused command must not have reached the scanner";
     EXPECT_EQ(status().stalls_done, 1U);
-    close();
-}
-
-TEST_F(session, leaves_the_scanner_free_for_the_next_program)
-{
-    plug_in("plain");
-    open(kByIds);
-    close();
-    open(kByIds);
-    expect_pattern(512);
     close();
 }
 

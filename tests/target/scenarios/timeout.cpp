@@ -20,7 +20,7 @@ TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_c
     constexpr std::uint32_t kGiven = 512; // a whole packet, which does not end a transfer
     constexpr std::uint32_t kAsked = 1024;
     // Makes one transfer of each request, and takes what it brings.
-    const target::plugin_folder plugin(target::test_plugin("plugin_good"), target::kDefaultPlugin);
+    const target::plugin_folder plugin(target::test_plugin("plugin_good"), kDefaultPlugin);
     plug_in("plain");
     open(kByIds);
     command(command_code::read_pattern, kGiven);
@@ -33,9 +33,9 @@ TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_c
     bytes expected = virtual_scanner::pattern(kGiven);
     expected.resize(kAsked, 0);
     EXPECT_EQ(reply.payload, expected);
-    log().request(0);
-    log().cut("read", kAsked, kGiven, "LIBUSB_ERROR_TIMEOUT");
-    log().reply(kAsked);
+    log() += expected::request();
+    log() += expected::usb_failed("read", kGiven, kAsked, "LIBUSB_ERROR_TIMEOUT");
+    log() += expected::reply(kAsked);
 
     EXPECT_EQ(status().commands_served, 1U) << "the next transfer";
     close();

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <elf.h>
-#include <signal.h>
-#include <sys/syscall.h>
 
 #include <cstddef>
 #include <filesystem>
@@ -17,15 +15,11 @@
 
 #include "common/process/child_process.h"
 #include "front_end/src/front_end.h"
-#include "support/explained_refusal.h"
 #include "support/files.h"
 #include "support/log_reader.h"
 #include "support/page_examples.h"
 #include "support/private_paths.h"
-#include "support/proc_files.h"
-#include "support/wait_until.h"
 #include "target/scanner/command_set.h"
-#include "target/scenarios/expected_log.h"
 #include "target/scenarios/guest.h"
 #include "target/scenarios/host_device.h"
 #include "target/scenarios/plugin_folder.h"
@@ -37,7 +31,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using target::guest;
-using target::kDefaultPlugin;
 using target::kProgram;
 using target::kShippedPlugin;
 using target::plugin_folder;
@@ -178,35 +171,12 @@ TEST_F(tools, list_shows_address_names_plugin_node_rights_and_driver)
            "/dev/bus/usb/BUS/DEV  crw-rw-r-- root:root  yes       -\n");
 }
 
-TEST_F(tools, list_tells_the_same_as_json)
-{
-    plug_in("plain");
-    const json devices = json::parse(run({"list", "--json"}).out).at("devices");
-    ASSERT_EQ(devices.size(), 1U);
-    const json& scanner = devices.front();
-    EXPECT_EQ(scanner.at("udi"), "usb:1a2b:3c4d:SN0042");
-    EXPECT_EQ(scanner.at("plugin").at("path"), kShippedPlugin);
-    EXPECT_EQ(scanner.at("plugin").at("loadable"), true);
-    EXPECT_EQ(scanner.at("interface").at("bulk_in"), "0x81");
-    EXPECT_EQ(scanner.at("node").at("may_open"), true);
-    EXPECT_EQ(scanner.at("kernel_driver"), nullptr);
-}
-
 TEST_F(tools, list_shows_the_kernel_driver_on_the_interface)
 {
     plug_in("serial_port");
     const json devices = json::parse(run({"list", "--json"}).out).at("devices");
     ASSERT_EQ(devices.size(), 1U);
     EXPECT_EQ(devices.front().at("kernel_driver"), "usbserial_generic");
-}
-
-TEST_F(tools, list_warns_of_two_scanners_that_cannot_be_told_apart)
-{
-    plug_in("alike");
-    const result came = run({"list"});
-    EXPECT_EQ(came.status, 0);
-    EXPECT_EQ(came.err, "tvkctl: warning: usb:1a2b:3c4d fits /dev/bus/usb/BUS/DEV and /dev/bus/usb/BUS/DEV: "
-                        "which of them is opened depends on their order on the bus\n");
 }
 
 TEST_F(tools, list_shows_a_user_without_rights_that_it_may_not_open)
@@ -216,22 +186,6 @@ TEST_F(tools, list_shows_a_user_without_rights_that_it_may_not_open)
     const json devices = json::parse(run({"list", "--json"}).out).at("devices");
     ASSERT_EQ(devices.size(), 1U);
     EXPECT_EQ(devices.front().at("node").at("may_open"), false);
-}
-
-TEST_F(tools, run_shows_what_goes_and_what_comes)
-{
-    plug_in("plain");
-    const std::string echo = "send 56534331 0400 0700 00000000 05000000 \"Hello\"";
-    expect(run({"run", kByIds, echo, "recv 16", "recv 5"}), 0,
-           "open usb:1a2b:3c4d\n" + echo +
-               "\n"
-               "00000000  56 53 43 31 04 00 07 00 00 00 00 00 05 00 00 00  |VSC1............|\n"
-               "00000010  48 65 6c 6c 6f                                   |Hello|\n"
-               "recv 16\n"
-               "00000000  56 53 41 31 04 00 07 00 00 00 00 00 05 00 00 00  |VSA1............|\n"
-               "recv 5\n"
-               "00000000  48 65 6c 6c 6f                                   |Hello|\n"
-               "close\n");
 }
 
 TEST_F(tools, run_receives_a_mebibyte_into_a_file_with_every_byte_right)
@@ -252,41 +206,6 @@ TEST_F(tools, explain_opens_and_closes_when_all_is_well)
     expect(explain(), 0, well_up_to("open"));
 }
 
-TEST_F(tools, explain_refuses_an_address_without_a_product_id)
-{
-    expect(explain("usb:1a2b"), 20,
-           "failed       address    field 2, the product id, is missing\n"
-           "      Next:\n"
-           "        write it in one of these shapes, ids and numbers in hexadecimal:\n"
-           "            usb:VENDOR:PRODUCT\n"
-           "            usb:VENDOR:PRODUCT:SERIAL\n"
-           "            usb:VENDOR:PRODUCT:BUS:DEVICE\n"
-           "        tvkctl list   # shows the addresses of the devices on the bus\n");
-}
-
-TEST_F(tools, explain_shows_what_is_on_the_bus_instead)
-{
-    plug_in("plain");
-    expect(explain("usb:1a2b:9999"), 21,
-           "ok           address    vendor 1a2b, product 9999, any serial number\n"
-           "failed       bus        no USB device is 1a2b:9999 (devices on the bus: COUNT)\n"
-           "        - same vendor: 1a2b:3c4d at bus BUS device DEV, \"Tarvik\", \"Virtual scanner\", serial "
-           "number \"SN0042\"\n"
-           "      Next:\n"
-           "        switch the scanner on and check its cable\n"
-           "        tvkctl list --all\n");
-}
-
-TEST_F(tools, explain_warns_that_a_missing_serial_number_opens_another_scanner)
-{
-    plug_in("plain");
-    const result came = explain("usb:1a2b:3c4d:SN0043");
-    EXPECT_EQ(came.status, 0);
-    expect_part(came.out,
-                "warning      bus        no device has serial number \"SN0043\": the program opens the "
-                "first with these ids, 1a2b:3c4d at bus BUS device DEV");
-}
-
 TEST_F(tools, explain_gives_a_user_without_rights_the_udev_rule)
 {
     plug_in("plain");
@@ -303,20 +222,6 @@ TEST_F(tools, explain_gives_a_user_without_rights_the_udev_rule)
                "/etc/udev/rules.d/70-tvkintif-1a2b-3c4d.rules\n"
                "        sudo udevadm control --reload\n"
                "        plug the scanner in again\n");
-}
-
-TEST_F(tools, explain_tells_what_each_interface_lacks)
-{
-    plug_in("unusable");
-    const result came = explain();
-    EXPECT_EQ(came.status, 23);
-    expect_part(came.out,
-                "failed       interface  no interface is vendor specific and has bulk endpoints both ways\n"
-                "        - configuration 1, interface 0, setting 0: class 07 and protocol ff where ff "
-                "and ff are needed\n"
-                "        - configuration 1, interface 1, setting 0: class ff and protocol 01 where ff "
-                "and ff are needed\n"
-                "        - configuration 1, interface 2, setting 0: no bulk endpoint to the device\n");
 }
 
 TEST_F(tools, explain_warns_of_a_kernel_driver_and_opens)
@@ -346,21 +251,6 @@ TEST_F(tools, explain_names_the_process_that_has_the_device)
                pid + "   # ends tvkintif\n");
 }
 
-TEST_F(tools, explain_misses_the_plugin)
-{
-    plug_in("plain");
-    const plugin_folder plugins(kShippedPlugin, "another.so");
-    expect(explain(), 25,
-           well_up_to("driver") + "failed       plugin     " + kShippedPlugin +
-               " is not there\n"
-               "        - product 3c4d is served by libryo-mora-hk-t210.so\n"
-               "        - in its folder there is another.so\n"
-               "      Next:\n"
-               "        install the plugin package of this model, or put the file there yourself\n"
-               "        sudo install -D -m 644 libryo-mora-hk-t210.so " +
-               kShippedPlugin + "\n");
-}
-
 TEST_F(tools, explain_tells_that_the_plugin_is_of_another_machine)
 {
     plug_in("plain");
@@ -376,51 +266,6 @@ TEST_F(tools, explain_tells_that_the_plugin_is_of_another_machine)
                "        install the plugin that is built for 32-bit ARM, hard float\n"
                "        tvkctl check-plugin " +
                kShippedPlugin + "\n");
-}
-
-TEST_F(tools, explain_names_the_entry_point_that_the_plugin_lacks)
-{
-    plug_in("plain");
-    const plugin_folder plugins(test_plugin("plugin_without_writer"), kDefaultPlugin);
-    const result came = explain();
-    EXPECT_EQ(came.status, 25);
-    expect_part(came.out, "failed       plugin     " + kShippedPlugin + " lacks interpreter_writer\n");
-}
-
-TEST_F(tools, explain_tells_that_the_program_cannot_be_started)
-{
-    plug_in("plain");
-    expect(
-        explain(kByIds, {"--program", "/opt/tvkintif"}), 26,
-        well_up_to("plugin") +
-            "failed       program    start /opt/tvkintif: expected a program to execute, got No such file or "
-            "directory\n"
-            "      Next:\n"
-            "        Check that the file is there, may be executed, and is built for this machine.\n"
-            "        ldd /opt/tvkintif\n");
-}
-
-TEST_F(tools, explain_shows_the_log_of_an_open_that_the_plugin_refuses)
-{
-    plug_in("plain");
-    const plugin_folder plugins(test_plugin("plugin_refusing"), kDefaultPlugin);
-    expect(explain(), 27,
-           well_up_to("program") + "failed       open       the open is answered with ng\n" +
-               support::explained_refusal(kShippedPlugin));
-}
-
-TEST_F(tools, explain_says_how_to_have_the_reason_logged)
-{
-    plug_in("plain");
-    fs::remove_all(support::log_directory);
-    const plugin_folder plugins(test_plugin("plugin_refusing"), kDefaultPlugin);
-    expect(explain(), 27,
-           well_up_to("program") +
-               "failed       open       the open is answered with ng\n"
-               "        - the log would tell the reason, but /tmp/velnor/tvkintif does not exist\n"
-               "      Next:\n"
-               "        tvkctl log on\n"
-               "        tvkctl explain usb:1a2b:3c4d   # then tells the reason\n");
 }
 
 namespace {
@@ -497,85 +342,6 @@ TEST_F(tools, check_plugin_tells_where_a_plugin_crashed)
     EXPECT_EQ(came.err, "tvkctl: " + path + ": interpreter_reader: " + crash +
                             ". Find the line with addr2line -fe FILE ADDRESS.\n");
     expect_part(came.out, "run with a device that moves nothing\n");
-}
-
-TEST_F(tools, check_plugin_refuses_a_plugin_of_another_machine)
-{
-    const std::string path = plugin_of_another_machine();
-    const result came = run({"check-plugin", path, "--run"});
-    EXPECT_EQ(came.status, 42);
-    EXPECT_EQ(came.err,
-              "tvkctl: " + path +
-                  ": machine: x86; a process there runs on ARM. Build it with this machine's compiler, or "
-                  "judge it with --for armhf.\n");
-    expect_part(came.out,
-                "failed       run                 32-bit x86; tvkctl itself is 32-bit ARM, hard float\n");
-}
-
-TEST_F(tools, check_plugin_names_the_entry_point_that_is_missing)
-{
-    const std::string path = test_plugin("plugin_without_writer");
-    const result came = run({"check-plugin", path});
-    EXPECT_EQ(came.status, 43);
-    EXPECT_EQ(came.err,
-              "tvkctl: " + path +
-                  ": interpreter_writer: not there. Define it as in <tarvik/interpreter.h>; look for hidden "
-                  "visibility.\n");
-}
-
-TEST_F(tools, log_is_turned_on_and_off)
-{
-    fs::remove_all(support::log_directory);
-    expect(run({"log"}), 50,
-           "Logging is off: /tmp/velnor/tvkintif does not exist\n"
-           "Turn it on with: tvkctl log on.\n");
-    expect(run({"log", "on", "--level", "ERROR"}), 0,
-           "made /tmp/velnor/tvkintif\n"
-           "set loglevel = 3 in /tmp/velnor/tvkintif/setting.ini\n"
-           "Logging is on: ERROR and above\n"
-           "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
-           "  settings   /tmp/velnor/tvkintif/setting.ini\n"
-           "  today      /tmp/velnor/tvkintif/tvkintif_DATE.log (nothing yet)\n");
-    expect(run({"log", "off", "--purge"}), 0,
-           "removed 0 log files\n"
-           "removed /tmp/velnor/tvkintif\n"
-           "Logging is off: /tmp/velnor/tvkintif does not exist\n"
-           "Turn it on with: tvkctl log on.\n");
-    EXPECT_FALSE(fs::exists(support::log_directory));
-}
-
-TEST_F(tools, log_show_prints_what_the_program_has_logged)
-{
-    plug_in("plain");
-    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
-    const result came = run({"log", "show"});
-    EXPECT_EQ(came.status, 0);
-    EXPECT_EQ(came.out, support::raw_log());
-    expect_part(came.out, "]--- Leave int interface ---\n");
-}
-
-TEST_F(tools, log_show_leaves_out_what_is_below_the_level)
-{
-    plug_in("plain");
-    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
-    expect(run({"log", "show", "--level", "ERROR"}), 0, "");
-}
-
-TEST_F(tools, log_follow_prints_lines_as_they_come)
-{
-    constexpr std::size_t longest_line = 200;
-    plug_in("plain");
-    tarvik::child_process following(command({"log", "follow"}));
-    ASSERT_TRUE(
-        support::wait_until(kLimit, [&] { return support::is_waiting_in(following.pid(), SYS_poll); }));
-    ASSERT_EQ(run({"run", kByIds, "query 1"}).status, 0);
-    const auto line = following.first_line(longest_line, kLimit);
-    EXPECT_TRUE(
-        std::regex_match(line.text, std::regex("\\[[0-9:.]+\\]\\[[0-9]+\\]\\([0-9]+\\)\\[INFO\\]port = 0")))
-        << line.text;
-    following.signal(SIGTERM);
-    EXPECT_EQ(following.wait_for_exit(kLimit), tarvik::exit_status::killed_by(SIGTERM));
-    EXPECT_EQ(following.standard_error(), "");
 }
 
 namespace {

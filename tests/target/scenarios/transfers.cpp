@@ -81,9 +81,9 @@ TEST_F(transfers, short_packet_ends_a_transfer_and_the_plugin_asks_for_the_rest)
     open(kByIds);
     command(command_code::read_pattern, kData);
     const tarvik::reply reply = program().recv(kAll, target::kStepLimit);
-    log().request(0);
-    log().short_transfer("read", virtual_scanner::kBlockSize, kAll);
-    log().reply(kAll);
+    log() += expected::request();
+    log() += expected::usb_short("read", virtual_scanner::kBlockSize, kAll);
+    log() += expected::reply(kAll);
     ASSERT_EQ(reply.payload.size(), kAll);
     EXPECT_EQ(bytes(reply.payload.begin() + virtual_scanner::kBlockSize, reply.payload.end()),
               virtual_scanner::pattern(kData));
@@ -93,11 +93,11 @@ TEST_F(transfers, short_packet_ends_a_transfer_and_the_plugin_asks_for_the_rest)
 TEST_F(transfers, sixteen_mebibytes_in_one_usb_transfer_are_refused_and_the_next_one_is_served)
 {
     constexpr std::uint32_t kMoreThanTheKernelLends = 16 * target::kMebibyte;
-    const target::plugin_folder plugin(target::test_plugin("plugin_good"), target::kDefaultPlugin);
+    const target::plugin_folder plugin(target::test_plugin("plugin_good"), kDefaultPlugin);
     plug_in("plain");
     open(kByIds);
-    log().request(0);
-    log().cut("read", kMoreThanTheKernelLends, 0, "LIBUSB_ERROR_NO_MEM");
+    log() += expected::request();
+    log() += expected::usb_failed("read", 0, kMoreThanTheKernelLends, "LIBUSB_ERROR_NO_MEM");
     expect_refusal(program().recv(kMoreThanTheKernelLends, target::kStepLimit));
     expect_pattern(target::kMebibyte);
     close();
@@ -109,8 +109,8 @@ TEST_F(transfers, empty_packet_is_refused_and_the_answer_behind_it_is_received)
     open(kByIds);
     arm(virtual_scanner::fault_kind::zlp_before);
     command(command_code::status);
-    log().request(0);
-    log().short_transfer("read", 0, virtual_scanner::kBlockSize);
+    log() += expected::request();
+    log() += expected::usb_short("read", 0, virtual_scanner::kBlockSize);
     expect_refusal(program().recv(virtual_scanner::kBlockSize, target::kStepLimit));
     EXPECT_EQ(virtual_scanner::decode_status(answer_to(command_code::status)).commands_served, 1U);
     close();

@@ -8,21 +8,17 @@
 
 namespace process_test {
 
-using session = program_test;
+using start_and_end = program_test;
 
-TEST_F(session, one_session_leaves_exactly_these_lines_in_the_log)
+TEST_F(start_and_end, one_session_leaves_exactly_these_lines_in_the_log)
 {
     start_connected();
-    tell(open_request());
-    expect_reply(from_hex("00000001 00000000 00000000 00000000 00000000"));
-    tell(send_request(from_hex("1b 40 00")));
-    expect_reply(from_hex("00000001 00000000 00000000 00000000 00000000"));
-    tell(recv_request(4));
-    expect_reply(from_hex("00000001 00000000 00000000 00000004 00000000 00010203"));
-    tell(query_request(1));
-    expect_reply(from_hex("00000001 00000000 00000000 00000004 00000000 00000000"));
-    close();
-    expect_end();
+    expect_answer(open_request(), from_hex("00000001 00000000 00000000 00000000 00000000"));
+    expect_answer(send_request(from_hex("1b 40 00")),
+                  from_hex("00000001 00000000 00000000 00000000 00000000"));
+    expect_answer(recv_request(4), from_hex("00000001 00000000 00000000 00000004 00000000 00010203"));
+    expect_answer(query_request(1), from_hex("00000001 00000000 00000000 00000004 00000000 00000000"));
+    close_and_expect_end();
     expect_log({"INFO port = 0",
                 // open
                 "INFO ipc connection read get called = 20", "INFO ipc connection read get bail rv = 20",
@@ -59,32 +55,28 @@ TEST_F(session, one_session_leaves_exactly_these_lines_in_the_log)
                 "INFO Leave do_cleanup 1", "INFO End Run", "INFO --- Leave int interface ---"});
 }
 
-TEST_F(session, one_session_has_exactly_this_dialogue_with_the_device)
+TEST_F(start_and_end, one_session_has_exactly_this_dialogue_with_the_device)
 {
     start_connected();
     open();
-    tell(send_request(from_hex("1b 40 00")));
-    expect_reply(ok_reply());
-    tell(recv_request(4));
-    expect_reply(ok_reply(device_bytes(4)));
-    close();
-    expect_end();
+    expect_answer(send_request(from_hex("1b 40 00")), ok_reply());
+    expect_answer(recv_request(4), ok_reply(device_bytes(4)));
+    close_and_expect_end();
     expect_usb(usb_opened() +
                lines{"plugin_good writer 3", "bulk_transfer scanner 0x02 3 60000 -> 0 (3)",
                      "plugin_good reader 4", "bulk_transfer scanner 0x81 4 60000 -> 0 (4)"} +
                usb_closed());
 }
 
-TEST_F(session, standard_output_is_one_line_with_the_port_in_decimal)
+TEST_F(start_and_end, standard_output_is_one_line_with_the_port_in_decimal)
 {
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     EXPECT_GT(port(), 0);
     EXPECT_EQ(program().standard_output(kPatience), std::to_string(port()) + "\n");
 }
 
-TEST_F(session, each_start_chooses_a_port_of_its_own)
+TEST_F(start_and_end, each_start_chooses_a_port_of_its_own)
 {
     start();
     tarvik::launch second;
@@ -93,33 +85,30 @@ TEST_F(session, each_start_chooses_a_port_of_its_own)
     tarvik::child_process other(second);
     EXPECT_NE(tarvik::read_port_line(other, kPatience), port());
     connect();
-    close();
-    expect_end();
+    close_and_expect_end();
 }
 
-TEST_F(session, arguments_are_ignored)
+TEST_F(start_and_end, arguments_are_ignored)
 {
     with_argument("--help");
     with_argument("12345");
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     expect_log(announced + told_to_close);
 }
 
-TEST_F(session, the_announced_port_takes_a_connection_before_the_program_asks_for_one)
+TEST_F(start_and_end, the_announced_port_takes_a_connection_before_the_program_asks_for_one)
 {
     with_mishap("raise writev " + std::to_string(SIGSTOP)); // at the first log line, right after the port's
     start();
     wait_until_stopped();
     connect();
     send_signal(SIGCONT);
-    close();
-    expect_end();
+    close_and_expect_end();
     expect_log(announced + told_to_close);
 }
 
-TEST_F(session, a_front_end_that_connects_and_hangs_up_ends_the_process)
+TEST_F(start_and_end, a_front_end_that_connects_and_hangs_up_ends_the_process)
 {
     start_connected();
     hang_up();
@@ -128,7 +117,7 @@ TEST_F(session, a_front_end_that_connects_and_hangs_up_ends_the_process)
     expect_usb({});
 }
 
-TEST_F(session, hanging_up_without_a_close_request_closes_the_device)
+TEST_F(start_and_end, hanging_up_without_a_close_request_closes_the_device)
 {
     start_connected();
     open();
@@ -138,13 +127,11 @@ TEST_F(session, hanging_up_without_a_close_request_closes_the_device)
     expect_usb(usb_opened() + usb_closed());
 }
 
-TEST_F(session, without_usb_requests_libusb_is_not_touched)
+TEST_F(start_and_end, without_usb_requests_libusb_is_not_touched)
 {
     start_connected();
-    tell(query_request(1));
-    expect_reply(ok_reply({0, 0, 0, 0}));
-    close();
-    expect_end();
+    expect_answer(query_request(1), ok_reply({0, 0, 0, 0}));
+    close_and_expect_end();
     expect_usb({});
 }
 

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace process_test {
 
-class logging : public program_test {
+class program_log : public program_test {
 protected:
     /// A session that has lines at INFO and at ERROR.
     void run_with_errors()
@@ -32,14 +32,6 @@ protected:
         return names;
     }
 
-    void expect_level(const std::string& settings, const lines& expected)
-    {
-        with_settings(settings);
-        run_with_errors();
-        expect_end();
-        expect_log(expected);
-    }
-
     /// The end of a process that has copied its whole log to standard error.
     void expect_end_with_copy()
     {
@@ -47,20 +39,11 @@ protected:
         ASSERT_NE(support::raw_log(), "");
         expect_end({0, {}, support::raw_log()});
     }
-
-    void expect_verbose(const std::string& settings)
-    {
-        with_settings(settings);
-        run_with_errors();
-        expect_end_with_copy();
-        EXPECT_EQ(support::source_of(support::log_lines().front().message), "transceiver");
-    }
 };
 
 namespace {
 
 const lines error = {"ERROR ERROR: setsockopt failed"};
-const lines errors_alone = error + error + error;
 
 lines errors_and_info()
 {
@@ -85,7 +68,7 @@ std::string shape_of(std::string text)
 
 } // namespace
 
-TEST_F(logging, without_the_directory_nothing_is_logged_or_made)
+TEST_F(program_log, without_the_directory_nothing_is_logged_or_made)
 {
     with_no_log_directory();
     run_with_errors();
@@ -93,14 +76,14 @@ TEST_F(logging, without_the_directory_nothing_is_logged_or_made)
     EXPECT_FALSE(fs::exists(support::log_directory));
 }
 
-TEST_F(logging, directory_alone_means_level_info)
+TEST_F(program_log, directory_alone_means_level_info)
 {
     run_with_errors();
     expect_end();
     expect_log(errors_and_info());
 }
 
-TEST_F(logging, file_in_place_of_the_directory_keeps_logging_off)
+TEST_F(program_log, file_in_place_of_the_directory_keeps_logging_off)
 {
     with_no_log_directory();
     fs::copy_file("/proc/self/comm", support::log_directory);
@@ -109,23 +92,21 @@ TEST_F(logging, file_in_place_of_the_directory_keeps_logging_off)
     EXPECT_TRUE(fs::is_regular_file(support::log_directory));
 }
 
-TEST_F(logging, file_is_named_after_the_program_and_the_day)
+TEST_F(program_log, file_is_named_after_the_program_and_the_day)
 {
     const std::string before = today();
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     const std::vector<std::string> files = log_files();
     ASSERT_EQ(files.size(), before == today() ? 1U : files.size()); // two when midnight passes
     EXPECT_EQ(files.front(),
               "tvkintif_" + (before == today() ? before : files.front().substr(9, 8)) + ".log");
 }
 
-TEST_F(logging, line_begins_with_clock_process_thread_and_level)
+TEST_F(program_log, line_begins_with_clock_process_thread_and_level)
 {
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     const support::log_line first = support::log_lines().front();
     EXPECT_EQ(first.process, std::to_string(pid()));
     EXPECT_EQ(first.thread, std::to_string(pid()));
@@ -136,11 +117,10 @@ TEST_F(logging, line_begins_with_clock_process_thread_and_level)
     EXPECT_EQ(support::raw_log().substr(0, whole.size()), whole);
 }
 
-TEST_F(logging, clock_is_hours_minutes_seconds_and_the_second_times_a_thousand)
+TEST_F(program_log, clock_is_hours_minutes_seconds_and_the_second_times_a_thousand)
 {
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     for (const support::log_line& line : support::log_lines()) {
         const int second = std::stoi(line.clock.substr(6, 2));
         const std::string fraction = second == 0 ? "0000" : std::to_string(second * 1000);
@@ -152,30 +132,27 @@ TEST_F(logging, clock_is_hours_minutes_seconds_and_the_second_times_a_thousand)
     }
 }
 
-TEST_F(logging, every_line_ends_in_a_newline)
+TEST_F(program_log, every_line_ends_in_a_newline)
 {
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     const std::string log = support::raw_log();
     EXPECT_EQ(static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n')),
               (announced + told_to_close).all().size());
     EXPECT_EQ(log.back(), '\n');
 }
 
-TEST_F(logging, second_run_appends_to_the_first)
+TEST_F(program_log, second_run_appends_to_the_first)
 {
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     hang_up();
     start_connected();
-    close();
-    expect_end();
+    close_and_expect_end();
     expect_log(announced + told_to_close + announced + told_to_close);
 }
 
-TEST_F(logging, level_0_names_the_source_of_each_line)
+TEST_F(program_log, level_0_names_the_source_of_each_line)
 {
     with_log_level(0);
     start_connected();
@@ -193,122 +170,85 @@ TEST_F(logging, level_0_names_the_source_of_each_line)
                                   .text());
 }
 
-TEST_F(logging, level_0_copies_every_line_to_standard_error)
+struct setting {
+    const char* name;
+    const char* text; ///< of setting.ini
+    enum class effect { copies, all, errors, nothing } writes;
+};
+
+void PrintTo(const setting& each, std::ostream* out)
 {
-    expect_verbose("loglevel=0\n");
+    *out << each.name;
 }
 
-TEST_F(logging, level_1_writes_info_and_above)
+class each_setting : public program_log, public testing::WithParamInterface<setting> {};
+
+TEST_P(each_setting, has_its_effect)
 {
-    expect_level("loglevel=1\n", errors_and_info());
+    with_settings(GetParam().text);
+    run_with_errors();
+    switch (GetParam().writes) {
+    case setting::effect::copies:
+        expect_end_with_copy();
+        EXPECT_EQ(support::source_of(support::log_lines().front().message), "transceiver");
+        return;
+    case setting::effect::all:
+        expect_end();
+        expect_log(errors_and_info());
+        return;
+    case setting::effect::errors:
+        expect_end();
+        expect_log(error + error + error);
+        return;
+    case setting::effect::nothing:
+        expect_end();
+        EXPECT_EQ(log_files(), std::vector<std::string>());
+        return;
+    }
 }
 
-TEST_F(logging, level_2_leaves_info_out)
-{
-    expect_level("loglevel=2\n", errors_alone);
-}
+INSTANTIATE_TEST_SUITE_P(
+    , each_setting,
+    testing::Values(
+        setting{"level_0", "loglevel=0\n", setting::effect::copies},
+        setting{"level_1", "loglevel=1\n", setting::effect::all},
+        setting{"level_2", "loglevel=2\n", setting::effect::errors},
+        setting{"level_3", "loglevel=3\n", setting::effect::errors},
+        setting{"level_4", "loglevel=4\n", setting::effect::nothing},
+        setting{"level_5", "loglevel=5\n", setting::effect::nothing},
+        setting{"level_99", "loglevel=99\n", setting::effect::nothing},
+        setting{"negative_level", "loglevel=-3\n", setting::effect::copies},
+        setting{"level_that_is_no_number", "loglevel=abc\n", setting::effect::copies},
+        setting{"number_with_letters_behind_it", "loglevel=2abc\n", setting::effect::errors},
+        setting{"capitals_and_blanks", " \t LogLevel\t =  0 \r\n", setting::effect::copies},
+        setting{"first_of_two_levels", "loglevel=3\nloglevel=1\n", setting::effect::errors},
+        setting{"level_after_one_without_a_value", "loglevel=\nloglevel=3\n", setting::effect::errors},
+        setting{"level_after_one_without_an_equals_sign", "loglevel\nloglevel=3\n", setting::effect::errors},
+        setting{"level_after_comments", "#loglevel=1\n;loglevel=1\nloglevel=3\n", setting::effect::errors},
+        setting{"last_line_without_a_newline", "[log]\nname=a=b\nloglevel = 3", setting::effect::errors},
+        setting{"no_level", "loglevel=\nother=1\n", setting::effect::nothing},
+        setting{"empty_file", "", setting::effect::nothing}),
+    [](const auto& test) { return test.param.name; });
 
-TEST_F(logging, level_3_writes_errors)
-{
-    expect_level("loglevel=3\n", errors_alone);
-}
-
-TEST_F(logging, level_4_leaves_errors_out_and_makes_no_file)
-{
-    expect_level("loglevel=4\n", {});
-    EXPECT_TRUE(log_files().empty());
-}
-
-TEST_F(logging, level_5_writes_nothing_and_makes_no_file)
-{
-    expect_level("loglevel=5\n", {});
-    EXPECT_TRUE(log_files().empty());
-}
-
-TEST_F(logging, level_above_those_known_writes_nothing)
-{
-    expect_level("loglevel=99\n", {});
-}
-
-TEST_F(logging, key_may_be_in_capitals_and_blanks_are_trimmed)
-{
-    expect_verbose(" \t LogLevel\t =  0 \r\n");
-}
-
-TEST_F(logging, negative_level_means_0)
-{
-    expect_verbose("loglevel=-3\n");
-}
-
-TEST_F(logging, level_that_is_no_number_means_0)
-{
-    expect_verbose("loglevel=abc\n");
-}
-
-TEST_F(logging, number_ends_at_the_first_other_character)
-{
-    expect_level("loglevel=2abc\n", errors_alone);
-}
-
-TEST_F(logging, first_of_two_levels_counts)
-{
-    expect_level("loglevel=3\nloglevel=1\n", errors_alone);
-}
-
-TEST_F(logging, level_without_a_value_is_skipped)
-{
-    expect_level("loglevel=\nloglevel=3\n", errors_alone);
-}
-
-TEST_F(logging, settings_without_a_level_keep_logging_off)
-{
-    expect_level("loglevel=\nother=1\n", {});
-    EXPECT_TRUE(log_files().empty());
-}
-
-TEST_F(logging, empty_settings_keep_logging_off)
-{
-    expect_level("", {});
-}
-
-TEST_F(logging, line_without_an_equals_sign_is_skipped)
-{
-    expect_level("loglevel\nloglevel=3\n", errors_alone);
-}
-
-TEST_F(logging, commented_level_does_not_count)
-{
-    expect_level("#loglevel=1\n;loglevel=1\nloglevel=3\n", errors_alone);
-}
-
-TEST_F(logging, last_line_needs_no_newline)
-{
-    expect_level("[log]\nname=a=b\nloglevel = 3", errors_alone);
-}
-
-TEST_F(logging, file_that_cannot_be_opened_drops_the_lines_and_their_copies)
+TEST_F(program_log, file_that_cannot_be_opened_drops_the_lines_and_their_copies)
 {
     with_log_level(0);
     const std::string file = support::log_directory + "/tvkintif_" + today() + ".log";
     fs::create_directory(file); // a directory cannot be appended to, not even by root
     start_connected();
     open();
-    close();
-    expect_end();
+    close_and_expect_end();
     EXPECT_TRUE(fs::is_empty(file));
 }
 
-TEST_F(logging, replies_are_the_same_without_it)
+TEST_F(program_log, replies_are_the_same_without_it)
 {
     with_no_log_directory();
     start_connected();
     open();
-    tell(recv_request(3));
-    expect_reply(ok_reply(device_bytes(3)));
-    tell(frame(2, 8, 1));
-    expect_reply(nak_reply(2));
-    close();
-    expect_end();
+    expect_answer(recv_request(3), ok_reply(device_bytes(3)));
+    expect_answer(frame(2, 8, 1), nak_reply(2));
+    close_and_expect_end();
 }
 
 } // namespace process_test

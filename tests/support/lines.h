@@ -7,7 +7,7 @@
 
 #include "support/dialogue.h"
 
-namespace process_test {
+namespace support {
 
 /// Lines of a log or of a dialogue, put together from pieces with +.
 class lines {
@@ -31,4 +31,4 @@ private:
     std::vector<std::string> m_all;
 };
 
-} // namespace process_test
+} // namespace support
