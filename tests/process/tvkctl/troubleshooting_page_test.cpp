@@ -30,9 +30,11 @@ std::string replaced(std::string text, const std::string& what, const std::strin
     return text;
 }
 
-/// The commands of docs/troubleshooting.md on the machines that it describes. A section without a machine
-/// here fails.
-class troubleshooting_page_test : public explain_test {
+const std::string page = support::read_file(SOURCE_FOLDER "/docs/troubleshooting.md");
+
+/// The commands of a section of docs/troubleshooting.md on the machine that it describes.
+class troubleshooting_page_test : public explain_test,
+                                  public testing::WithParamInterface<support::page_example> {
 protected:
     void SetUp() override
     {
@@ -40,72 +42,42 @@ protected:
         with_bus("device scanner 1a2b:3c4d serial SN0042\n  place 1 1 1\n");
     }
 
-    /// Makes the machine of a section; whether its user is an ordinary one.
-    bool arrange(const std::string& section)
+    /// Makes the machine of a section out of one where all is well.
+    void arrange(const std::string& section)
     {
-        const std::map<std::string, std::function<bool()>> machines = {
-            {"When all is well", [] { return false; }},
-            {"The address", [] { return false; }},
+        const auto all_is_well = [] {};
+        const std::map<std::string, std::function<void()>> machines = {
+            {"When all is well", all_is_well},
+            {"The address", all_is_well},
             {"The device is not on the bus",
-             [&] {
-                 with_bus("device scanner 1a2b:3c4e serial SN0042\n  place 1 1 1\n");
-                 return false;
-             }},
-            {"Another device than the one that is meant", [] { return false; }},
-            {"This user may not open it",
-             [&] {
-                 make_node(1, 1, 0, 0600);
-                 return true;
-             }},
+             [&] { with_bus("device scanner 1a2b:3c4e serial SN0042\n  place 1 1 1\n"); }},
+            {"Another device than the one that is meant", all_is_well},
+            {kUserWithoutRights, [&] { make_node(1, 1, 0, 0600); }},
             {"No interface that could be used",
              [&] {
                  with_bus("device printer 1a2b:3c4d\n  place 1 1 1\n  configuration 1\n"
                           "  interface 0 07 02\n  endpoint 81\n  endpoint 02\n");
-                 return false;
              }},
-            {"A kernel driver has it",
-             [] {
-                 bind_driver("1-1:1.0", "usblp");
-                 return false;
-             }},
+            {"A kernel driver has it", [] { bind_driver("1-1:1.0", "usblp"); }},
             {"Another process has it",
              [&] {
                  bind_driver("1-1:1.0", "usbfs");
                  m_held = tarvik::unique_fd(open(node().c_str(), O_RDWR | O_CLOEXEC));
-                 return false;
              }},
-            {"The plugin is missing",
-             [] {
-                 support::remove_plugins();
-                 return false;
-             }},
-            {"The plugin cannot be loaded",
-             [&] {
-                 with_plugin("plugin_needing_absent_library");
-                 return false;
-             }},
-            {"The program does not start",
-             [&] {
-                 program_that("echo -1");
-                 return false;
-             }},
-            {"The open is refused, and there is no log",
-             [&] {
-                 with_plugin("plugin_refusing");
-                 return false;
-             }},
+            {"The plugin is missing", [] { support::remove_plugins(); }},
+            {"The plugin cannot be loaded", [&] { with_plugin("plugin_needing_absent_library"); }},
+            {"The program does not start", [&] { program_that("echo -1"); }},
+            {"The open is refused, and there is no log", [&] { with_plugin("plugin_refusing"); }},
             {"The open is refused, and the log tells why",
              [&] {
                  support::make_log_directory();
                  with_plugin("plugin_refusing");
-                 return false;
              }},
-            {"The log", [] { return false; }},
+            {"The log", all_is_well},
         };
         const auto found = machines.find(section);
-        if (found == machines.end())
-            ADD_FAILURE() << "no machine for the section \"" << section << "\"";
-        return found != machines.end() && found->second();
+        ASSERT_NE(found, machines.end()) << "no machine for this section";
+        found->second();
     }
 
     /// As if it had run on an ordinary machine.
@@ -124,46 +96,45 @@ protected:
     }
 
     /// What a command of the page prints, on both streams.
-    std::string output_of(std::string command, bool is_ordinary_user)
+    std::string output_of(std::string command)
     {
         command = std::regex_replace(command, std::regex("^(sudo )?tvkctl "), "\"$TVKCTL\" ");
         command = replaced(command, "/opt/other/tvkintif", scratch("program"));
-        if (is_ordinary_user)
+        if (GetParam().heading == kUserWithoutRights)
             command = as_nobody(command);
         return as_on_the_page(run_in_shell("(" + command + ") 2>&1").out);
     }
 
-    void expect_true(const support::page_example& shown)
-    {
-        SCOPED_TRACE(shown.heading);
-        const bool is_ordinary_user = arrange(shown.heading);
-        std::string real;
-        for (const std::string& command : support::commands_of(shown))
-            real += "$ " + command + "\n" + output_of(command, is_ordinary_user);
-        EXPECT_EQ(shown.text, real);
-        m_held.reset();
-    }
+    static constexpr const char* kUserWithoutRights = "This user may not open it";
 
-    const std::string page = support::read_file(SOURCE_FOLDER "/docs/troubleshooting.md");
+private:
     tarvik::unique_fd m_held;
 };
 
-TEST_F(troubleshooting_page_test, every_command_prints_what_the_page_shows)
+TEST_P(troubleshooting_page_test, shows_what_its_commands_print)
 {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "one of the commands is run as another user, for which this test must be root";
+    if (GetParam().heading == kUserWithoutRights && geteuid() != 0)
+        GTEST_SKIP() << "only root can run a command as another user";
     // The dialogue of the bus is written by whoever runs.
     ASSERT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);
-    const std::vector<support::page_example> examples = support::examples_of(page);
-    EXPECT_GE(examples.size(), 14U);
-    for (const support::page_example& shown : examples) {
-        expect_true(shown);
-        SetUp(); // each section begins on a machine where all is well
-        ASSERT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);
-    }
+    arrange(GetParam().heading);
+    std::string real;
+    for (const std::string& command : support::commands_of(GetParam()))
+        real += "$ " + command + "\n" + output_of(command);
+    EXPECT_EQ(real, GetParam().text);
 }
 
-TEST_F(troubleshooting_page_test, the_exit_status_of_each_check_is_on_the_page)
+std::string name_of_section(const testing::TestParamInfo<support::page_example>& section)
+{
+    return std::regex_replace(section.param.heading, std::regex("[^A-Za-z0-9]+"), "_");
+}
+
+INSTANTIATE_TEST_SUITE_P(, troubleshooting_page_test, testing::ValuesIn(support::examples_of(page)),
+                         name_of_section);
+
+using troubleshooting_page_statuses = tvkctl_test;
+
+TEST_F(troubleshooting_page_statuses, are_those_of_the_help)
 {
     const std::string help = run({"--help"}).out;
     const std::regex row("\n +(2[0-9])  explain: ([^\n]*)");
