@@ -56,19 +56,6 @@ TEST_F(endings, front_end_killed_in_a_transfer_lets_it_finish_and_ends_the_progr
     end_program();
 }
 
-TEST_F(endings, front_end_gone_in_a_receive_gets_no_data_and_the_program_ends)
-{
-    plug_in("plain");
-    open(kByIds);
-    begin_held_receive();
-    program().disconnect();
-    scanner().release();
-    log() += expected::reply();
-    log() += expected::failed_to_write(kCount, "Broken pipe");
-    log() += expected::stream_ended;
-    end_program();
-}
-
 TEST_F(endings, program_killed_in_a_receive_leaves_the_scanner_to_the_next_one)
 {
     plug_in("plain");
