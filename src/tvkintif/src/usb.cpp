@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 #include "common/log/logger.h"
 #include "tvkintif/src/models.h"
@@ -22,8 +23,6 @@ namespace {
 
 constexpr const char* kUnit = "usb";
 constexpr int kLibusbMessages = 3; ///< errors, warnings and information
-constexpr std::uint8_t kVendorSpecific = 0xFF;
-constexpr int kConfiguration = 1;
 constexpr int kDriverBound = 1;
 
 struct device_list_deleter {
@@ -36,9 +35,14 @@ struct config_descriptor_deleter {
 };
 using config_descriptor = std::unique_ptr<libusb_config_descriptor, config_descriptor_deleter>;
 
-bool is_vendor_specific(const libusb_interface_descriptor& setting)
+std::vector<usb_endpoint> endpoints_of(const libusb_interface_descriptor& setting)
 {
-    return setting.bInterfaceClass == kVendorSpecific && setting.bInterfaceProtocol == kVendorSpecific;
+    std::vector<usb_endpoint> all;
+    if (setting.endpoint == nullptr) // libusb may count endpoints of which it has no descriptors
+        return all;
+    for (int i = 0; i < setting.bNumEndpoints; ++i)
+        all.push_back({setting.endpoint[i].bEndpointAddress, setting.endpoint[i].bmAttributes});
+    return all;
 }
 
 config_descriptor read_configuration(libusb_device* device, std::uint8_t index)
@@ -50,6 +54,19 @@ config_descriptor read_configuration(libusb_device* device, std::uint8_t index)
 }
 
 } // namespace
+
+usb_configuration configuration_of(const libusb_config_descriptor& descriptor)
+{
+    usb_configuration all{descriptor.bConfigurationValue, {}};
+    for (int i = 0; i < descriptor.bNumInterfaces; ++i)
+        for (int j = 0; j < descriptor.interface[i].num_altsetting; ++j) {
+            const libusb_interface_descriptor& setting = descriptor.interface[i].altsetting[j];
+            all.settings.push_back({setting.bInterfaceNumber, setting.bAlternateSetting,
+                                    setting.bInterfaceClass, setting.bInterfaceSubClass,
+                                    setting.bInterfaceProtocol, endpoints_of(setting)});
+        }
+    return all;
+}
 
 libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_t vid, std::uint16_t pid,
                                                int tries, useconds_t sleep)
@@ -190,9 +207,9 @@ bool usb_transceiver::set_bulk_endpoints()
         // On purpose: configuration 1 whatever this one's value is, as <tarvik/interpreter.h> tells plugins,
         // and `active` as it was first read, so that each further configuration sets it again.
         if (configuration->bConfigurationValue != active &&
-            libusb_set_configuration(m_handle, kConfiguration) != LIBUSB_SUCCESS)
+            libusb_set_configuration(m_handle, kConfigurationSet) != LIBUSB_SUCCESS)
             break;
-        if (!search_interfaces(*configuration))
+        if (!search_interfaces(configuration_of(*configuration)))
             return false;
         if (m_nConfiguration != -1)
             break;
@@ -200,30 +217,32 @@ bool usb_transceiver::set_bulk_endpoints()
     return m_nInterface != -1 && m_nBulkIn != -1 && m_nBulkOut != -1;
 }
 
-bool usb_transceiver::search_interfaces(const libusb_config_descriptor& configuration)
+bool usb_transceiver::search_interfaces(const usb_configuration& configuration)
 {
-    for (int i = 0; i < configuration.bNumInterfaces; ++i) {
-        const libusb_interface& interface = configuration.interface[i];
-        m_nInterface = -1;
+    m_isKernelDriverDetached = false;
+    const interface_choice choice = choose_interface(configuration);
+    for (const passed_over_setting& each : choice.passed_over) {
+        if (each.flaw == setting_flaw::not_vendor_specific)
+            continue;
+        if (!claim(each.setting.interface_number))
+            return false;
+        release();
         m_isKernelDriverDetached = false;
-        for (int j = 0; j < interface.num_altsetting; ++j) {
-            const libusb_interface_descriptor& setting = interface.altsetting[j];
-            if (!is_vendor_specific(setting))
-                continue;
-            if (!try_setting(setting))
-                return false;
-            if (m_nInterface != -1) {
-                m_nConfiguration = configuration.bConfigurationValue;
-                return true;
-            }
-        }
     }
+    if (!choice.used)
+        return true;
+    if (!claim(choice.used->number))
+        return false;
+    // The alternate setting is not selected, only its endpoint addresses are used: on purpose,
+    // <tarvik/interpreter.h> tells plugins that the device stays in the setting that it was in.
+    m_nConfiguration = choice.used->configuration;
+    m_nBulkIn = choice.used->bulk_in;
+    m_nBulkOut = choice.used->bulk_out;
     return true;
 }
 
-bool usb_transceiver::try_setting(const libusb_interface_descriptor& setting)
+bool usb_transceiver::claim(int number)
 {
-    const int number = setting.bInterfaceNumber;
     const bool is_driver_bound = libusb_kernel_driver_active(m_handle, number) == kDriverBound;
     if (is_driver_bound && libusb_detach_kernel_driver(m_handle, number) != LIBUSB_SUCCESS)
         return false;
@@ -232,38 +251,17 @@ bool usb_transceiver::try_setting(const libusb_interface_descriptor& setting)
             libusb_attach_kernel_driver(m_handle, number);
         return false;
     }
-    take_endpoints(setting);
-    if (m_nBulkIn == -1 || m_nBulkOut == -1) {
-        release(number, is_driver_bound);
-        return true;
-    }
-    // The alternate setting is not selected, only its endpoint addresses are used: on purpose,
-    // <tarvik/interpreter.h> tells plugins that the device stays in the setting that it was in.
     m_isKernelDriverDetached = is_driver_bound;
     m_nInterface = number;
     return true;
 }
 
-void usb_transceiver::take_endpoints(const libusb_interface_descriptor& setting)
+void usb_transceiver::release()
 {
-    m_nBulkIn = -1;
-    m_nBulkOut = -1;
-    if (setting.endpoint == nullptr) // libusb may count endpoints of which it has no descriptors
-        return;
-    for (int i = 0; i < setting.bNumEndpoints; ++i) {
-        const libusb_endpoint_descriptor& endpoint = setting.endpoint[i];
-        if ((endpoint.bmAttributes & LIBUSB_TRANSFER_TYPE_MASK) != LIBUSB_TRANSFER_TYPE_BULK)
-            continue;
-        const bool is_in = (endpoint.bEndpointAddress & LIBUSB_ENDPOINT_IN) != 0;
-        (is_in ? m_nBulkIn : m_nBulkOut) = endpoint.bEndpointAddress; // the last of each direction counts
-    }
-}
-
-void usb_transceiver::release(int interface_number, bool is_driver_detached)
-{
-    libusb_release_interface(m_handle, interface_number);
-    if (is_driver_detached)
-        libusb_attach_kernel_driver(m_handle, interface_number);
+    libusb_release_interface(m_handle, m_nInterface);
+    if (m_isKernelDriverDetached)
+        libusb_attach_kernel_driver(m_handle, m_nInterface);
+    m_nInterface = -1;
 }
 
 int usb_transceiver::write(void* buf, int size)
@@ -314,9 +312,8 @@ void usb_transceiver::close()
         libusb_reset_device(m_handle);
     }
     if (m_nInterface != -1) {
-        release(m_nInterface, m_isKernelDriverDetached);
+        release();
         m_nConfiguration = -1;
-        m_nInterface = -1;
         m_nBulkIn = -1;
         m_nBulkOut = -1;
     }

@@ -6,7 +6,11 @@
 #include <cstdint>
 #include <string>
 
+#include "tvkintif/src/interface_choice.h"
 #include "tvkintif/src/udi.h"
+
+/// What libusb's descriptor tells of a configuration.
+usb_configuration configuration_of(const libusb_config_descriptor& descriptor);
 
 /// Opens the first device with these ids, trying up to `tries` times with `sleep` microseconds after each
 /// failure. The handle is the caller's; null when there was none. A null context or a zero id aborts.
@@ -75,14 +79,13 @@ protected:
 private:
     /// Opens the first device that matches; false leaves the search by ids to the caller.
     bool open_by_serial(const udi& address);
-    /// Looks for the first usable setting of a configuration and keeps its interface claimed. False when an
-    /// interface that might do could not be had.
-    bool search_interfaces(const libusb_config_descriptor& configuration);
-    /// Claims the setting's interface and keeps it if both endpoints are there. False when it could not be
-    /// had.
-    bool try_setting(const libusb_interface_descriptor& setting);
-    void take_endpoints(const libusb_interface_descriptor& setting);
-    void release(int interface_number, bool is_driver_detached);
+    /// Claims what of a configuration is to be claimed, and keeps the interface that is used. False when one
+    /// of them could not be had.
+    bool search_interfaces(const usb_configuration& configuration);
+    /// Claims an interface in place of the kernel driver that may be bound to it.
+    bool claim(int number);
+    /// Gives the claimed interface back, to the kernel driver if there was one.
+    void release();
     int transfer(int endpoint, void* buf, int size, int& transferred);
     /// Makes an endpoint usable again whose transfer ended with a stall.
     void clear_stall(int endpoint, int result);

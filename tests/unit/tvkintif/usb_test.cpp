@@ -689,25 +689,6 @@ TEST_F(usb_test_of_choice, interface_of_another_class_is_never_considered)
               happened());
 }
 
-TEST_F(usb_test_of_choice, vendor_specific_interface_with_another_protocol_is_never_considered)
-{
-    alt_setting other = setting(0, {bulk_in, bulk_out});
-    other.interface_protocol = 0;
-
-    EXPECT_FALSE(open(with_interfaces({{other}})));
-    EXPECT_EQ(expected(first_questions,
-                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}),
-              happened());
-}
-
-TEST_F(usb_test_of_choice, subclass_of_the_interface_does_not_matter)
-{
-    alt_setting odd = setting(0, {bulk_in, bulk_out});
-    odd.interface_subclass = 0x5A;
-
-    EXPECT_TRUE(open(with_interfaces({{odd}})));
-}
-
 TEST_F(usb_test_of_choice, second_interface_is_taken_when_the_first_is_not_vendor_specific)
 {
     EXPECT_TRUE(open(with_interfaces({{printer()}, {setting(1, {bulk_in, bulk_out})}})));
@@ -769,11 +750,6 @@ TEST_F(usb_test_of_choice, endpoints_of_two_interfaces_are_not_put_together)
     EXPECT_FALSE(usb->is_open());
 }
 
-TEST_F(usb_test_of_choice, endpoints_of_two_settings_are_not_put_together)
-{
-    EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_out}), setting(0, {bulk_in})}})));
-}
-
 TEST_F(usb_test_of_choice, second_setting_of_an_interface_is_taken_when_the_first_lacks_an_endpoint)
 {
     EXPECT_TRUE(open(with_interfaces({{setting(0, {bulk_in}), setting(0, {{0x84}, {0x05}})}})));
@@ -811,31 +787,6 @@ TEST_F(usb_test_of_choice, kernel_driver_of_a_refused_interface_is_not_remembere
 
     EXPECT_TRUE(open(scanner));
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
-}
-
-TEST_F(usb_test_of_choice, later_bulk_endpoint_of_the_same_direction_wins)
-{
-    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81}, {0x02}, {0x83}, {0x04}})}})));
-    EXPECT_EQ(0x83, usb->m_nBulkIn);
-    EXPECT_EQ(0x04, usb->m_nBulkOut);
-}
-
-TEST_F(usb_test_of_choice, endpoints_of_other_transfer_types_do_not_count)
-{
-    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81},
-                                                   {0x02},
-                                                   {0x83, LIBUSB_TRANSFER_TYPE_INTERRUPT},
-                                                   {0x84, LIBUSB_TRANSFER_TYPE_ISOCHRONOUS},
-                                                   {0x05, LIBUSB_TRANSFER_TYPE_CONTROL}})}})));
-    EXPECT_EQ(0x81, usb->m_nBulkIn);
-    EXPECT_EQ(0x02, usb->m_nBulkOut);
-}
-
-TEST_F(usb_test_of_choice, transfer_type_is_only_the_low_two_bits_of_the_attributes)
-{
-    EXPECT_TRUE(open(with_interfaces({{setting(0, {{0x81, 0xFE}, {0x02, 0x06}, {0x83, 0x07}})}})));
-    EXPECT_EQ(0x81, usb->m_nBulkIn);
-    EXPECT_EQ(0x02, usb->m_nBulkOut);
 }
 
 TEST_F(usb_test_of_choice, setting_whose_endpoint_array_is_null_has_none)

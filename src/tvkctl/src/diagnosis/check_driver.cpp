@@ -14,15 +14,20 @@ constexpr const char* kClaimedByProcess = "usbfs"; // the kernel's name for it
 std::vector<int> interfaces_claimed(const check_context& context)
 {
     std::vector<int> numbers;
-    for (const usb_configuration& configuration : context.device->configurations)
-        for (const usb_setting& setting : configuration.settings) {
-            if (!setting.is_vendor_specific())
-                continue;
-            if (std::find(numbers.begin(), numbers.end(), setting.interface_number) == numbers.end())
-                numbers.push_back(setting.interface_number);
-            if (setting.bulk_in() && setting.bulk_out())
-                return numbers;
+    const auto add = [&](int number) {
+        if (std::find(numbers.begin(), numbers.end(), number) == numbers.end())
+            numbers.push_back(number);
+    };
+    for (const usb_configuration& configuration : context.device->configurations) {
+        const interface_choice choice = choose_interface(configuration);
+        for (const passed_over_setting& each : choice.passed_over)
+            if (each.flaw != setting_flaw::not_vendor_specific)
+                add(each.setting.interface_number);
+        if (choice.used) {
+            add(choice.used->number);
+            break;
         }
+    }
     return numbers;
 }
 

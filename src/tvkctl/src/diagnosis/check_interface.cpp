@@ -5,26 +5,30 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-constexpr int kConfigurationInUse = 1; // whichever the interface stands in, the program activates this one
-
-std::string flaw_of(const usb_setting& setting)
+std::string text_of(const passed_over_setting& passed_over)
 {
-    if (!setting.is_vendor_specific())
-        return "class " + hexadecimal(setting.interface_class, 2) + " and protocol " +
-               hexadecimal(setting.interface_protocol, 2) + " where ff and ff are needed";
-    if (!setting.bulk_in() && !setting.bulk_out())
-        return "no bulk endpoint";
-    return setting.bulk_in() ? "no bulk endpoint to the device" : "no bulk endpoint from the device";
+    switch (passed_over.flaw) {
+    case setting_flaw::not_vendor_specific:
+        return "class " + hexadecimal(passed_over.setting.interface_class, 2) + " and protocol " +
+               hexadecimal(passed_over.setting.interface_protocol, 2) + " where ff and ff are needed";
+    case setting_flaw::no_bulk_in:
+        return "no bulk endpoint from the device";
+    case setting_flaw::no_bulk_out:
+        return "no bulk endpoint to the device";
+    case setting_flaw::no_bulk_endpoint:
+        break;
+    }
+    return "no bulk endpoint";
 }
 
 std::vector<std::string> flaws_of(const usb_device& device)
 {
     std::vector<std::string> all;
     for (const usb_configuration& configuration : device.configurations)
-        for (const usb_setting& setting : configuration.settings)
+        for (const passed_over_setting& each : choose_interface(configuration).passed_over)
             all.push_back("configuration " + std::to_string(configuration.value) + ", interface " +
-                          std::to_string(setting.interface_number) + ", setting " +
-                          std::to_string(setting.alternate) + ": " + flaw_of(setting));
+                          std::to_string(each.setting.interface_number) + ", setting " +
+                          std::to_string(each.setting.alternate) + ": " + text_of(each));
     return all;
 }
 
@@ -57,12 +61,14 @@ check_result check_interface(check_context& context)
                         "interface " + std::to_string(found.number) + " with bulk endpoints " +
                             hexadecimal(found.bulk_in, 2) + " in and " + hexadecimal(found.bulk_out, 2) +
                             " out"};
-    if (found.configuration != kConfigurationInUse) {
+    if (found.configuration != kConfigurationSet) {
         result.came_out = outcome::warning;
         result.why = cause{"other_configuration"};
         result.evidence = {"it stands in configuration " + std::to_string(found.configuration) +
-                           ", but the program activates configuration 1 before it claims it"};
-        result.next = {"go on only if configuration 1 has the same interface",
+                           ", but the program activates configuration " + std::to_string(kConfigurationSet) +
+                           " before it claims it"};
+        result.next = {"go on only if configuration " + std::to_string(kConfigurationSet) +
+                           " has the same interface",
                        "lsusb -v -d " + ids_of(*context.device)};
     } else if (found.alternate != 0) {
         result.came_out = outcome::warning;

@@ -16,6 +16,7 @@
 
 #include "common/text/text.h"
 #include "tvkctl/src/machine/command_error.h"
+#include "tvkintif/src/usb.h"
 
 namespace fs = std::filesystem;
 
@@ -23,7 +24,6 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-constexpr int kVendorSpecific = 0xFF;
 constexpr int kDeepestPort = 7; // of hubs within hubs, as far as USB goes
 
 struct context_deleter {
@@ -62,29 +62,6 @@ context new_context()
     return context(made);
 }
 
-std::vector<usb_endpoint> endpoints_of(const libusb_interface_descriptor& setting)
-{
-    std::vector<usb_endpoint> all;
-    if (setting.endpoint == nullptr) // libusb may count endpoints of which it has no descriptors
-        return all;
-    for (int i = 0; i < setting.bNumEndpoints; ++i)
-        all.push_back({setting.endpoint[i].bEndpointAddress, setting.endpoint[i].bmAttributes});
-    return all;
-}
-
-usb_configuration read_configuration(const libusb_config_descriptor& descriptor)
-{
-    usb_configuration all{descriptor.bConfigurationValue, {}};
-    for (int i = 0; i < descriptor.bNumInterfaces; ++i)
-        for (int j = 0; j < descriptor.interface[i].num_altsetting; ++j) {
-            const libusb_interface_descriptor& setting = descriptor.interface[i].altsetting[j];
-            all.settings.push_back({setting.bInterfaceNumber, setting.bAlternateSetting,
-                                    setting.bInterfaceClass, setting.bInterfaceSubClass,
-                                    setting.bInterfaceProtocol, endpoints_of(setting)});
-        }
-    return all;
-}
-
 std::vector<usb_configuration> read_configurations(libusb_device* device, std::uint8_t count)
 {
     std::vector<usb_configuration> all;
@@ -92,7 +69,7 @@ std::vector<usb_configuration> read_configurations(libusb_device* device, std::u
         libusb_config_descriptor* read = nullptr;
         if (libusb_get_config_descriptor(device, index, &read) != LIBUSB_SUCCESS)
             break; // the program does not look further either
-        all.push_back(read_configuration(*config_descriptor(read)));
+        all.push_back(configuration_of(*config_descriptor(read)));
     }
     return all;
 }
@@ -240,35 +217,6 @@ look look_into_process(const fs::path& process, const struct stat& wanted)
 
 } // namespace
 
-bool usb_endpoint::is_in() const
-{
-    return (address & LIBUSB_ENDPOINT_IN) != 0;
-}
-
-bool usb_endpoint::is_bulk() const
-{
-    return (attributes & LIBUSB_TRANSFER_TYPE_MASK) == LIBUSB_TRANSFER_TYPE_BULK;
-}
-
-bool usb_setting::is_vendor_specific() const
-{
-    return interface_class == kVendorSpecific && interface_protocol == kVendorSpecific;
-}
-
-std::optional<std::uint8_t> usb_setting::bulk_in() const
-{
-    const auto last = std::find_if(endpoints.rbegin(), endpoints.rend(),
-                                   [](const usb_endpoint& e) { return e.is_bulk() && e.is_in(); });
-    return last != endpoints.rend() ? std::optional(last->address) : std::nullopt;
-}
-
-std::optional<std::uint8_t> usb_setting::bulk_out() const
-{
-    const auto last = std::find_if(endpoints.rbegin(), endpoints.rend(),
-                                   [](const usb_endpoint& e) { return e.is_bulk() && !e.is_in(); });
-    return last != endpoints.rend() ? std::optional(last->address) : std::nullopt;
-}
-
 std::string device_node::mode_text() const
 {
     std::string text = S_ISCHR(mode) ? "crwxrwxrwx" : "-rwxrwxrwx";
@@ -301,13 +249,8 @@ std::string ids_of(const usb_device& device)
 std::optional<usable_interface> usable_interface_of(const usb_device& device)
 {
     for (const usb_configuration& configuration : device.configurations)
-        for (const usb_setting& setting : configuration.settings) {
-            const auto in = setting.bulk_in();
-            const auto out = setting.bulk_out();
-            if (setting.is_vendor_specific() && in && out)
-                return usable_interface{configuration.value, setting.interface_number, setting.alternate, *in,
-                                        *out};
-        }
+        if (const interface_choice choice = choose_interface(configuration); choice.used)
+            return choice.used;
     return std::nullopt;
 }
 

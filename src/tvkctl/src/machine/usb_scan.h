@@ -9,46 +9,9 @@
 
 #include "tvkctl/src/machine/accounts.h"
 #include "tvkctl/src/machine/host.h"
+#include "tvkintif/src/interface_choice.h"
 
 namespace tarvik::tvkctl {
-
-struct usb_endpoint {
-    bool is_in() const;
-    bool is_bulk() const;
-
-    std::uint8_t address;
-    std::uint8_t attributes;
-};
-
-/// One alternate setting of an interface.
-struct usb_setting {
-    /// Class and protocol 0xFF: what the program looks at. The subclass does not matter.
-    bool is_vendor_specific() const;
-    /// The endpoint that the program would use: the last of its direction.
-    std::optional<std::uint8_t> bulk_in() const;
-    std::optional<std::uint8_t> bulk_out() const;
-
-    int interface_number;
-    int alternate;
-    std::uint8_t interface_class;
-    std::uint8_t interface_subclass;
-    std::uint8_t interface_protocol;
-    std::vector<usb_endpoint> endpoints;
-};
-
-struct usb_configuration {
-    int value;
-    std::vector<usb_setting> settings; ///< of all interfaces, in descriptor order
-};
-
-/// The interface of a device that the program would claim, and its endpoints.
-struct usable_interface {
-    int configuration; ///< value of the configuration in which it stands
-    int number;
-    int alternate;
-    std::uint8_t bulk_in;
-    std::uint8_t bulk_out;
-};
 
 /// The file through which a device is opened.
 struct device_node {
@@ -86,7 +49,7 @@ std::vector<usb_device> scan_usb(const host& machine);
 /// "1a2b:3c4d"
 std::string ids_of(const usb_device& device);
 
-/// The first alternate setting in descriptor order that the program would use.
+/// The interface that the program would use.
 std::optional<usable_interface> usable_interface_of(const usb_device& device);
 
 /// The kernel driver that is bound to an interface of the active configuration; empty when there is none or

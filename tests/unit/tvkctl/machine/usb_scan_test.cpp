@@ -195,26 +195,6 @@ TEST_F(usb_scan_test, the_usable_interface_is_the_first_with_bulk_endpoints_both
     EXPECT_EQ(found->bulk_out, 0x04);
 }
 
-TEST_F(usb_scan_test, an_interface_of_another_class_or_protocol_is_not_usable)
-{
-    for (const int changed : {0, 1}) {
-        fake_usb::device device = scanner();
-        fake_usb::alt_setting& setting = device.configurations[0].interfaces[0][0];
-        (changed == 0 ? setting.interface_class : setting.interface_protocol) = 0xFE;
-        bus.plug(device);
-    }
-    for (const usb_device& device : scan_usb(machine))
-        EXPECT_FALSE(usable_interface_of(device));
-}
-
-TEST_F(usb_scan_test, endpoints_that_are_not_bulk_do_not_count)
-{
-    fake_usb::device device = scanner();
-    device.configurations[0].interfaces[0][0].endpoints[0].attributes = LIBUSB_TRANSFER_TYPE_INTERRUPT;
-    bus.plug(device);
-    EXPECT_FALSE(usable_interface_of(only_device()));
-}
-
 TEST_F(usb_scan_test, endpoints_without_descriptors_do_not_count)
 {
     fake_usb::device device = scanner();
