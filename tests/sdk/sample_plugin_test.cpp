@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/files.h"
-#include "support/page_examples.h"
+#include "support/pages.h"
 #include "target/scanner/test_chart.h"
 #include "tvkintif/src/interpreter.h"
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "support/files.h"
-#include "support/page_examples.h"
+#include "support/pages.h"
 
 using namespace virtual_scanner;
 

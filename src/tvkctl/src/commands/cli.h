@@ -30,6 +30,10 @@ struct command_text {
     std::string examples; ///< whole lines, shown below the options
 };
 
+/// Of the option --program, for the commands that have it.
+constexpr const char* kProgramHelp =
+    "Start this tvkintif; without it the one beside tvkctl, else the first in PATH";
+
 /// Adds a command with the options that all have (--json). Commands add their own options to what is
 /// returned, bound to an object that the work keeps alive:
 ///

@@ -289,6 +289,7 @@ exit_code check_file(const check_plugin_options& options, cli& shared)
 void add_check_plugin_command(CLI::App& app, cli& shared)
 {
     auto options = std::make_shared<check_plugin_options>();
+    const trial_plan usual;
     CLI::App& command = add_command(app, shared, {"check-plugin", kCheckPluginSummary, kCheckPluginExamples},
                                     [options, &shared] { return check_file(*options, shared); });
     command.add_option("FILE", options->file, "The plugin, a shared library")->required();
@@ -296,16 +297,36 @@ void add_check_plugin_command(CLI::App& app, cli& shared)
         .add_option("--for", options->machine,
                     "Judge it for the machine that tvkintif is made for, or for this one; armhf unless --run "
                     "is given")
+        ->type_name("MACHINE")
         ->check(CLI::IsMember({"armhf", "native"}));
-    command.add_option("--sysroot", options->sysroot, "Folder with the files of the armhf machine")
+    command
+        .add_option("--sysroot", options->sysroot,
+                    "Folder with the files of the armhf machine, to look up its libraries")
+        ->type_name("FOLDER")
         ->check(CLI::ExistingDirectory);
-    command.add_option("--glibc", options->glibc, "Version that the armhf machine has")
+    command.add_option("--glibc", options->glibc, "Version of the C library that the armhf machine has")
+        ->type_name("VERSION")
         ->capture_default_str();
     command.add_flag("--run", options->is_run, "Load it in a process of its own and call it");
-    command.add_option("--answer", options->answer, "What the scripted device gives first");
-    command.add_option("--send", options->sent, "What interpreter_writer gets (16 zeros)");
-    command.add_option("--recv", options->received, "Bytes that interpreter_reader is to fill (512)");
-    command.add_option("--timeout", options->timeout, "Time for each of the three runs (10)");
+    command
+        .add_option("--answer", options->answer,
+                    "What the scripted device gives first, written as for tvkctl run")
+        ->type_name("BYTES");
+    command
+        .add_option("--send", options->sent,
+                    "What interpreter_writer gets, " + std::to_string(usual.sent.size()) +
+                        " zeros without it")
+        ->type_name("BYTES");
+    command
+        .add_option("--recv", options->received,
+                    "Bytes that interpreter_reader is to fill, " + std::to_string(usual.received) +
+                        " without it")
+        ->type_name("SIZE");
+    command
+        .add_option("--timeout", options->timeout,
+                    "Time for each of the three runs, " + std::to_string(usual.timeout.count() / 1000) +
+                        " s without it")
+        ->type_name("TIME");
 }
 
 } // namespace tarvik::tvkctl

@@ -81,7 +81,7 @@ void add_explain_command(CLI::App& app, cli& shared)
     CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, examples.c_str()},
                                     [=, &shared] { return explain(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
-    command.add_option("--program", options->program, "Start this tvkintif")->type_name("FILE");
+    command.add_option("--program", options->program, kProgramHelp)->type_name("FILE");
 }
 
 } // namespace tarvik::tvkctl

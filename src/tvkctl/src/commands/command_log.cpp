@@ -377,9 +377,12 @@ void add_log_command(CLI::App& app, cli& shared)
                     [options, &shared] { return log(*options, shared); });
     command.add_option("action", options->action, "Without one, tell the state")
         ->check(CLI::IsMember({"on", "off", "show", "follow"}));
-    command.add_option("--level", options->level, "Lowest level: " + level_choice() + " (on, show, follow)");
-    command.add_option("--date", options->date, "Day to show instead of today, as 2026-11-15 (show)");
-    command.add_option("--for", options->owner, "User whose programs are to log; for root (on)");
+    command.add_option("--level", options->level, "Lowest level: " + level_choice() + " (on, show, follow)")
+        ->type_name("LEVEL");
+    command.add_option("--date", options->date, "Day to show instead of today, as 2026-11-15 (show)")
+        ->type_name("DATE");
+    command.add_option("--for", options->owner, "User whose programs are to log; for root (on)")
+        ->type_name("USER");
     command.add_flag("--purge", options->is_purging, "Remove the logs, settings and directory (off)");
 }
 

@@ -160,12 +160,11 @@ void add_run_command(CLI::App& app, cli& shared)
                     "Longest wait for each answer, " + std::to_string(kRequestTimeout.count() / 1000) + " s" +
                         " without it")
         ->type_name("TIME");
-    auto* port =
-        command.add_option("--connect", options->port, "Use the program that is waiting on this port")
-            ->type_name("PORT");
-    command.add_option("--program", options->program, "Start this tvkintif")
-        ->type_name("FILE")
-        ->excludes(port);
+    auto* port = command
+                     .add_option("--connect", options->port,
+                                 "Use the tvkintif that is waiting on this port; it ends with the session")
+                     ->type_name("PORT");
+    command.add_option("--program", options->program, kProgramHelp)->type_name("FILE")->excludes(port);
     command.add_flag("-v,--verbose", options->is_verbose, "Show how long each step takes");
 }
 
