@@ -19,8 +19,6 @@ namespace tarvik {
 
 namespace {
 
-constexpr std::size_t kReadSize = 65536;
-
 std::string system_text(int cause)
 {
     return std::generic_category().message(cause);
@@ -133,57 +131,7 @@ connection::connection(int port, milliseconds timeout) : m_socket(new_socket())
                               step, expected, system_text(cause));
 }
 
-void connection::write(byte_view data, milliseconds timeout)
-{
-    transfer what = {"write", "to write " + count_of(data.size, "byte"), deadline(timeout)};
-    write_both(data, {}, what);
-}
-
-bytes connection::read(std::size_t size, milliseconds timeout)
-{
-    transfer what = {"read", count_of(size, "byte"), deadline(timeout)};
-    bytes data(size);
-    fill(data.data(), size, what);
-    return data;
-}
-
-bytes connection::read_some(std::size_t size, milliseconds timeout)
-{
-    transfer what = {"read", "any bytes or the end of the stream", deadline(timeout)};
-    bytes data(size);
-    data.resize(receive(data.data(), size, what));
-    return data;
-}
-
-bytes connection::read_to_end(milliseconds timeout)
-{
-    transfer what = {"read", "the end of the stream", deadline(timeout)};
-    bytes data;
-    std::size_t came = 0;
-    do {
-        const std::size_t before = data.size();
-        data.resize(before + kReadSize);
-        came = receive(data.data() + before, kReadSize, what);
-        data.resize(before + came);
-    } while (came > 0);
-    return data;
-}
-
-void connection::half_close()
-{
-    if (shutdown(m_socket.get(), SHUT_WR) != 0)
-        throw front_end_error(failure::connection_lost, "half-close", "an open connection",
-                              system_text(errno));
-}
-
-void connection::reset()
-{
-    const linger at_once = {1, 0};
-    setsockopt(m_socket.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-    close();
-}
-
-void connection::write_both(byte_view head, byte_view body, transfer& what)
+void connection::write(byte_view head, byte_view body, transfer& what)
 {
     unwritten rest(head, body);
     while (!rest.is_empty()) {
@@ -199,7 +147,7 @@ void connection::write_both(byte_view head, byte_view body, transfer& what)
     }
 }
 
-void connection::fill(void* buffer, std::size_t size, transfer& what)
+void connection::read(void* buffer, std::size_t size, transfer& what)
 {
     for (std::size_t taken = 0; taken < size;) {
         const std::size_t count = receive(static_cast<char*>(buffer) + taken, size - taken, what);

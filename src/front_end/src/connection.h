@@ -21,8 +21,7 @@ struct transfer {
     std::size_t moved = 0; ///< bytes so far
 };
 
-/// A TCP connection to the program, as plain bytes. Knows nothing of frames: part of one, several at once or
-/// nonsense can be written as well.
+/// A TCP connection to the program, as plain bytes: knows nothing of frames.
 ///
 /// Owns the socket. Every wait ends at its deadline. Failures are front_end_error: timed_out,
 /// connection_lost, and end_of_stream where the peer's end comes too early. No signal is raised when the
@@ -31,36 +30,18 @@ struct transfer {
 /// Threads: one at a time.
 class connection {
 public:
-    static constexpr milliseconds kTimeout{10'000};
-
     /// Connects to 127.0.0.1. Throws failure::connection_refused, connect_failed or timed_out.
     connection(int port, milliseconds timeout);
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
     ~connection() = default;
 
-    /// Writes all of it.
-    void write(byte_view data, milliseconds timeout = kTimeout);
-    /// Reads exactly `size` bytes.
-    bytes read(std::size_t size, milliseconds timeout = kTimeout);
-    /// Reads what comes first, at most `size` bytes; empty at the end of the stream.
-    bytes read_some(std::size_t size, milliseconds timeout = kTimeout);
-    /// Reads until the peer closes.
-    bytes read_to_end(milliseconds timeout = kTimeout);
-
-    /// Ends this side's stream; the peer's can still be read.
-    void half_close();
-    /// Ends the connection the hard way: the peer gets a reset and may lose what it has not read.
-    void reset();
-    /// Ends the connection; harmless when it has ended.
-    void close() { m_socket.reset(); }
-
     /// Writes all of `head` and `body`, together in one system call as far as the kernel takes them.
-    void write_both(byte_view head, byte_view body, transfer& what);
+    void write(byte_view head, byte_view body, transfer& what);
     /// Fills `buffer` with exactly `size` bytes.
-    void fill(void* buffer, std::size_t size, transfer& what);
+    void read(void* buffer, std::size_t size, transfer& what);
 
-    /// For socket options; stays owned here. -1 after close() and reset().
+    /// For socket options and to wait for other events; stays owned here.
     int descriptor() const { return m_socket.get(); }
 
 private:

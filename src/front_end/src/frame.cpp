@@ -1,6 +1,5 @@
 #include "front_end/src/frame.h"
 
-#include <algorithm>
 #include <limits>
 #include <ostream>
 #include <stdexcept>
@@ -45,15 +44,6 @@ frame_header from_wire(const wire_header& wire)
     header.size = take(&wire[12]);
     header.value = take(&wire[16]);
     return header;
-}
-
-bytes to_wire(frame_header header, byte_view payload)
-{
-    header.size = size_field(payload);
-    const wire_header wire = to_wire(header);
-    bytes message(wire.size() + payload.size);
-    std::copy(payload.begin(), payload.end(), std::copy(wire.begin(), wire.end(), message.begin()));
-    return message;
 }
 
 std::uint32_t size_field(byte_view payload)

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <iosfwd>
 #include <string>
 
@@ -34,8 +33,6 @@ wire_header to_wire(const frame_header& header);
 frame_header from_wire(const wire_header& wire);
 /// A payload's length as the header's `size`. Throws std::length_error when it does not fit.
 std::uint32_t size_field(byte_view payload);
-/// A whole message as it travels; `size` is taken from the payload, not from the header.
-bytes to_wire(frame_header header, byte_view payload);
 
 /// An answer of the program.
 struct reply {
@@ -48,7 +45,6 @@ struct reply {
     explicit operator bool() const { return kind == verdict::ok; }
 
     verdict kind = verdict::ok;
-    std::uint32_t id = 0;
     bytes payload = {}; ///< empty for ng, the single byte 0x15 for nak
 };
 
@@ -56,22 +52,7 @@ struct reply {
 const char* name_of(reply::verdict kind);
 std::ostream& operator<<(std::ostream& out, reply::verdict kind);
 
-/// A frame, or a piece of a large one, that crossed the wire. A payload of up to kPieceSize bytes is told in
-/// one piece, a larger one in several; a payload that breaks off is told as far as it came.
-struct frame_event {
-    enum class direction { sent, received };
-
-    direction way;
-    const frame_header& header;
-    byte_view payload;
-    std::uint64_t offset; ///< of this piece in the frame's payload; 0 in the first
-};
-
 /// Received payloads are handed on in pieces of this many bytes, so that a large one needs little memory.
 constexpr std::size_t kPieceSize = 65536;
-
-/// Told of every frame when it has crossed the wire, before the call that caused it returns. What it throws
-/// reaches the caller and leaves the connection in the middle of a message.
-using frame_observer = std::function<void(const frame_event&)>;
 
 } // namespace tarvik

@@ -1,6 +1,7 @@
 #include "front_end/src/framed_connection.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "front_end/src/front_end_error.h"
@@ -33,19 +34,18 @@ std::string text_of(const frame_header& header)
 }
 
 /// What is wrong with a reply's header; nullopt when nothing is.
-std::optional<front_end_error> fault_of(const frame_header& header, const reply_expectation& expected,
+std::optional<front_end_error> fault_of(const frame_header& header, std::uint32_t ok_size,
                                         const std::string& step)
 {
-    if (header.id != expected.id)
-        return front_end_error(failure::wrong_id, step, "a reply with id " + std::to_string(expected.id),
+    if (header.id != kConnectionId)
+        return front_end_error(failure::wrong_id, step, "a reply with id " + std::to_string(kConnectionId),
                                text_of(header));
     const auto kind = verdict_of(header);
     if (!kind)
         return front_end_error(failure::unexpected_reply, step, "an ok, ng or nak", text_of(header));
-    if (kind == reply::verdict::ok && header.size != expected.ok_size.value_or(header.size))
+    if (kind == reply::verdict::ok && header.size != ok_size)
         return front_end_error(failure::unexpected_reply, step,
-                               "an ok with " + std::to_string(*expected.ok_size) + " payload bytes",
-                               text_of(header));
+                               "an ok with " + std::to_string(ok_size) + " payload bytes", text_of(header));
     return std::nullopt;
 }
 
@@ -65,28 +65,25 @@ void framed_connection::put_request(frame_header header, byte_view payload, cons
     const wire_header head = to_wire(header);
     const std::size_t total = head.size() + payload.size;
     transfer what = {step, "to write a request of " + std::to_string(total) + " bytes", until};
-    m_wire.write_both({head.data(), head.size()}, payload, what);
-    tell(frame_event::direction::sent, header, payload, 0);
+    m_wire.write({head.data(), head.size()}, payload, what);
 }
 
-reply framed_connection::take_reply(const reply_expectation& expected, const std::string& step,
-                                    const deadline& until)
+reply framed_connection::take_reply(std::uint32_t ok_size, const std::string& step, const deadline& until)
 {
     reply result;
-    result.id = expected.id;
     const auto append = [&](byte_view piece) {
         result.payload.insert(result.payload.end(), piece.begin(), piece.end());
     };
-    result.kind = stream_reply(expected, append, step, until);
+    result.kind = stream_reply(ok_size, append, step, until);
     if (result.kind == reply::verdict::nak)
         result.payload = {kNak};
     return result;
 }
 
-reply::verdict framed_connection::stream_reply(const reply_expectation& expected, const byte_sink& take,
+reply::verdict framed_connection::stream_reply(std::uint32_t ok_size, const byte_sink& take,
                                                const std::string& step, const deadline& until)
 {
-    const frame_header header = take_header(expected, step, until);
+    const frame_header header = take_header(ok_size, step, until);
     const reply::verdict kind = verdict_of(header).value();
     if (kind == reply::verdict::nak)
         take_payload(
@@ -96,22 +93,14 @@ reply::verdict framed_connection::stream_reply(const reply_expectation& expected
     return kind;
 }
 
-void framed_connection::observe(frame_observer observer)
-{
-    m_observer = std::move(observer);
-}
-
-frame_header framed_connection::take_header(const reply_expectation& expected, const std::string& step,
+frame_header framed_connection::take_header(std::uint32_t ok_size, const std::string& step,
                                             const deadline& until)
 {
     wire_header head = {};
     transfer what = {step, "a reply's header of 20 bytes", until};
-    m_wire.fill(head.data(), head.size(), what);
+    m_wire.read(head.data(), head.size(), what);
     const frame_header header = from_wire(head);
-    const auto fault = fault_of(header, expected, step);
-    if (fault || header.size == 0)
-        tell(frame_event::direction::received, header, {}, 0);
-    if (fault)
+    if (const auto fault = fault_of(header, ok_size, step))
         throw *fault;
     return header;
 }
@@ -123,13 +112,9 @@ void framed_connection::take_payload(const frame_header& header, const byte_sink
     bytes piece(std::min<std::size_t>(kPieceSize, header.size));
     while (what.moved < header.size) {
         const std::size_t offset = what.moved;
-        const auto hand_on = [&] {
-            const byte_view came(piece.data(), what.moved - offset);
-            tell(frame_event::direction::received, header, came, offset);
-            take(came);
-        };
+        const auto hand_on = [&] { take(byte_view(piece.data(), what.moved - offset)); };
         try {
-            m_wire.fill(piece.data(), std::min<std::size_t>(piece.size(), header.size - offset), what);
+            m_wire.read(piece.data(), std::min<std::size_t>(piece.size(), header.size - offset), what);
         } catch (const front_end_error&) {
             // Nothing that was received is lost: it may be the best part of a picture.
             if (what.moved > offset)
@@ -138,13 +123,6 @@ void framed_connection::take_payload(const frame_header& header, const byte_sink
         }
         hand_on();
     }
-}
-
-void framed_connection::tell(frame_event::direction way, const frame_header& header, byte_view payload,
-                             std::uint64_t offset)
-{
-    if (m_observer)
-        m_observer({way, header, payload, offset});
 }
 
 } // namespace tarvik

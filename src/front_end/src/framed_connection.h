@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 
 #include "common/process/deadline.h"
@@ -15,17 +14,11 @@ namespace tarvik {
 /// Takes bytes in order, in pieces of any size up to kPieceSize.
 using byte_sink = std::function<void(byte_view)>;
 
-/// What a reply must have beside its form.
-struct reply_expectation {
-    std::uint32_t id;
-    std::optional<std::uint32_t> ok_size = std::nullopt; ///< payload of an ok; not set: any
-};
-
 /// Requests and replies on one connection: puts headers before payloads, tells ok, ng and nak apart, checks
 /// what comes against what must.
 ///
 /// Owns the connection. Failures are front_end_error with the caller's `step`, after which the connection
-/// stands in the middle of a message. What a sink or the observer throws reaches the caller.
+/// stands in the middle of a message. What a sink throws reaches the caller.
 ///
 /// Threads: one at a time.
 class framed_connection {
@@ -35,27 +28,18 @@ public:
 
     /// Sends a request in one write; its `size` becomes the payload's.
     void put_request(frame_header header, byte_view payload, const std::string& step, const deadline& until);
-    /// Takes a whole reply.
-    reply take_reply(const reply_expectation& expected, const std::string& step, const deadline& until);
+    /// Takes a whole reply; an ok must have `ok_size` payload bytes.
+    reply take_reply(std::uint32_t ok_size, const std::string& step, const deadline& until);
     /// Takes a reply, handing the payload of an ok to `take` as it comes: also what came before a failure.
-    reply::verdict stream_reply(const reply_expectation& expected, const byte_sink& take,
-                                const std::string& step, const deadline& until);
-
-    /// Sees every frame from now on; may be empty.
-    void observe(frame_observer observer);
-    /// The bytes below.
-    connection& wire() { return m_wire; }
+    reply::verdict stream_reply(std::uint32_t ok_size, const byte_sink& take, const std::string& step,
+                                const deadline& until);
 
 private:
-    frame_header take_header(const reply_expectation& expected, const std::string& step,
-                             const deadline& until);
+    frame_header take_header(std::uint32_t ok_size, const std::string& step, const deadline& until);
     void take_payload(const frame_header& header, const byte_sink& take, const std::string& step,
                       const deadline& until);
-    void tell(frame_event::direction way, const frame_header& header, byte_view payload,
-              std::uint64_t offset);
 
     connection m_wire;
-    frame_observer m_observer;
 };
 
 } // namespace tarvik

@@ -28,18 +28,6 @@ frame_header header_of(request_code code, std::uint32_t value = 0)
     return header;
 }
 
-/// The id that the reply must carry.
-std::uint32_t reply_id(const frame_header& request)
-{
-    const bool is_open = request.code == static_cast<std::uint32_t>(request_code::open);
-    return is_open ? kConnectionId : request.id;
-}
-
-std::string step_of(const frame_header& request)
-{
-    return "request with code " + std::to_string(request.code) + " and id " + std::to_string(request.id);
-}
-
 bool is_broken_connection(failure cause)
 {
     return cause == failure::end_of_stream || cause == failure::connection_lost ||
@@ -100,25 +88,23 @@ auto front_end::with_exit_status(Step step)
 void front_end::connect(milliseconds timeout)
 {
     with_exit_status([&] { m_frames = std::make_unique<framed_connection>(m_port, timeout); });
-    m_frames->observe(m_observer);
 }
 
 reply front_end::open(const std::string& udi, milliseconds timeout)
 {
-    return exchange(header_of(request_code::open), udi, {kConnectionId, 0}, "open " + in_quotes(udi),
-                    timeout);
+    return exchange(header_of(request_code::open), udi, 0, "open " + in_quotes(udi), timeout);
 }
 
 reply front_end::send(byte_view data, milliseconds timeout)
 {
     const std::string step = "send " + std::to_string(data.size) + " bytes";
-    return exchange(header_of(request_code::send), data, {kConnectionId, 0}, step, timeout);
+    return exchange(header_of(request_code::send), data, 0, step, timeout);
 }
 
 reply front_end::recv(std::uint32_t count, milliseconds timeout)
 {
     const std::string step = "recv " + std::to_string(count) + " bytes";
-    return exchange(header_of(request_code::recv, count), {}, {kConnectionId, count}, step, timeout);
+    return exchange(header_of(request_code::recv, count), {}, count, step, timeout);
 }
 
 front_end::received front_end::recv(std::uint64_t total, std::uint32_t per_request, const byte_sink& take,
@@ -140,29 +126,13 @@ front_end::received front_end::recv(std::uint64_t total, std::uint32_t per_reque
 reply front_end::query(std::uint32_t selector, milliseconds timeout)
 {
     const std::string step = "query " + std::to_string(selector);
-    return exchange(header_of(request_code::query, selector), {}, {kConnectionId, kQueryAnswerSize}, step,
-                    timeout);
+    return exchange(header_of(request_code::query, selector), {}, kQueryAnswerSize, step, timeout);
 }
 
 void front_end::close(milliseconds timeout)
 {
     with_exit_status(
         [&] { frames().put_request(header_of(request_code::close), {}, "close", deadline(timeout)); });
-}
-
-reply front_end::request(const frame_header& header, byte_view payload, milliseconds timeout)
-{
-    return exchange(header, payload, {reply_id(header)}, step_of(header), timeout);
-}
-
-void front_end::send_request(const frame_header& header, byte_view payload, milliseconds timeout)
-{
-    with_exit_status([&] { frames().put_request(header, payload, step_of(header), deadline(timeout)); });
-}
-
-reply front_end::read_reply(std::uint32_t id, milliseconds timeout)
-{
-    return with_exit_status([&] { return frames().take_reply({id}, "read a reply", deadline(timeout)); });
 }
 
 std::optional<exit_status> front_end::finish(milliseconds timeout)
@@ -173,18 +143,6 @@ std::optional<exit_status> front_end::finish(milliseconds timeout)
     return with_front_end_errors([&] { return m_process->wait_for_exit(timeout); });
 }
 
-void front_end::observe(frame_observer observer)
-{
-    m_observer = std::move(observer);
-    if (m_frames)
-        m_frames->observe(m_observer);
-}
-
-connection& front_end::wire()
-{
-    return frames().wire();
-}
-
 child_process& front_end::process()
 {
     if (!m_process)
@@ -192,13 +150,13 @@ child_process& front_end::process()
     return *m_process;
 }
 
-reply front_end::exchange(const frame_header& header, byte_view payload, const reply_expectation& expected,
+reply front_end::exchange(const frame_header& header, byte_view payload, std::uint32_t ok_size,
                           const std::string& step, milliseconds timeout)
 {
     const deadline until(timeout);
     return with_exit_status([&] {
         frames().put_request(header, payload, step, until);
-        return frames().take_reply(expected, step, until);
+        return frames().take_reply(ok_size, step, until);
     });
 }
 
@@ -209,7 +167,7 @@ reply::verdict front_end::recv_part(std::uint32_t count, std::uint64_t offset, c
     const deadline until(timeout);
     return with_exit_status([&] {
         frames().put_request(header_of(request_code::recv, count), {}, step, until);
-        return frames().stream_reply({kConnectionId, count}, take, step, until);
+        return frames().stream_reply(count, take, step, until);
     });
 }
 

@@ -40,7 +40,7 @@ constexpr milliseconds kExitTimeout{180'000};
 ///
 /// Errors: ng and nak are replies, and returned. Whatever is no reply (time is up, the stream ends, a reply
 /// that cannot be) throws front_end_error; the connection is then in the middle of something, and of no more
-/// use but for raw bytes. Requests without connect() throw std::logic_error.
+/// use. Requests without connect() throw std::logic_error.
 ///
 /// Threads: one at a time.
 class front_end {
@@ -82,34 +82,19 @@ public:
     /// Tells the program to close the scanner and to end. There is no reply: finish() waits for the end.
     void close(milliseconds timeout = kRequestTimeout);
 
-    /// Sends any request, sensible or not, and takes the reply. `size` becomes the payload's. The reply must
-    /// carry the request's id, that to open kConnectionId.
-    reply request(const frame_header& header, byte_view payload, milliseconds timeout = kRequestTimeout);
-    /// Sends a request and leaves the reply, if there is one, to read_reply().
-    void send_request(const frame_header& header, byte_view payload, milliseconds timeout = kRequestTimeout);
-    /// Takes the next reply, which must carry this id.
-    reply read_reply(std::uint32_t id, milliseconds timeout = kRequestTimeout);
-
     /// Closes the connection, if there is one, and waits for the process's end; its status. nullopt for an
     /// attached process, whose status is its parent's to know. Throws failure::timed_out.
     std::optional<exit_status> finish(milliseconds timeout = kExitTimeout);
     /// Closes the connection; harmless when there is none.
     void disconnect() { m_frames.reset(); }
 
-    /// Sees every frame from now on; raw bytes pass by it.
-    void observe(frame_observer observer);
-
-    /// Raw bytes, past all framing and checks. Throws std::logic_error without a connection.
-    connection& wire();
     /// The process that was started. Throws std::logic_error for an attached one.
     child_process& process();
 
     int port() const { return m_port; }
-    bool is_connected() const { return m_frames != nullptr; }
-    bool is_attached() const { return m_process == nullptr; }
 
 private:
-    reply exchange(const frame_header& header, byte_view payload, const reply_expectation& expected,
+    reply exchange(const frame_header& header, byte_view payload, std::uint32_t ok_size,
                    const std::string& step, milliseconds timeout);
     reply::verdict recv_part(std::uint32_t count, std::uint64_t offset, const byte_sink& take,
                              milliseconds timeout);
@@ -120,7 +105,6 @@ private:
     std::unique_ptr<child_process> m_process; ///< null: attached
     int m_port;
     std::unique_ptr<framed_connection> m_frames; ///< null: not connected
-    frame_observer m_observer;
 };
 
 } // namespace tarvik

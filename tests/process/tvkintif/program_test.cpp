@@ -221,7 +221,7 @@ void program_test::wait_for_log_end(const lines& end)
 
 void program_test::connect()
 {
-    m_wire = std::make_unique<tarvik::connection>(m_port, kPatience);
+    m_wire = std::make_unique<support::raw_connection>(m_port);
 }
 
 void program_test::start_connected()
@@ -232,12 +232,12 @@ void program_test::start_connected()
 
 void program_test::tell(const bytes& request)
 {
-    m_wire->write(request, kPatience);
+    m_wire->write(request);
 }
 
 void program_test::expect_reply(const bytes& expected)
 {
-    const bytes reply = m_wire->read(expected.size(), kPatience);
+    const bytes reply = m_wire->read(expected.size());
     EXPECT_EQ(to_hex(reply), to_hex(expected));
     EXPECT_TRUE(reply == expected) << "the reply differs, perhaps behind what is shown above";
 }
@@ -257,7 +257,7 @@ void program_test::expect_end(const ending& expected)
 {
     EXPECT_EQ(m_program->wait_for_exit(kPatience), tarvik::exit_status::exited(expected.status));
     if (m_wire) {
-        EXPECT_EQ(to_hex(m_wire->read_to_end(kPatience)), "") << "bytes after the last reply";
+        EXPECT_EQ(to_hex(m_wire->read_to_end()), "") << "bytes after the last reply";
     }
     EXPECT_EQ(m_program->standard_output(kPatience), expected.output.value_or(std::to_string(m_port) + "\n"));
     EXPECT_EQ(m_program->standard_error(), expected.errors);

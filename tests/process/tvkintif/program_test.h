@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "common/process/child_process.h"
-#include "front_end/src/connection.h"
 #include "process/wire.h"
 #include "support/expected_log.h"
 #include "support/lines.h"
 #include "support/private_paths.h"
+#include "support/raw_connection.h"
 #include "support/wait_until.h"
 #include "tvkintif/src/models.h"
 
@@ -98,7 +98,7 @@ protected:
     /// The request to close.
     void close() { tell(close_request()); }
     void hang_up() { m_wire.reset(); }
-    tarvik::connection& wire() { return *m_wire; }
+    support::raw_connection& wire() { return *m_wire; }
 
     /// Waits for the process's end and compares everything about it; also that no byte followed the last
     /// reply.
@@ -124,7 +124,7 @@ private:
     std::map<std::string, std::string> m_environment;
     int m_port = -1;
     std::unique_ptr<tarvik::child_process> m_program;
-    std::unique_ptr<tarvik::connection> m_wire;
+    std::unique_ptr<support::raw_connection> m_wire;
 };
 
 /// The dialogue of a complete session on the ordinary bus: opening the device, and closing it again. `plugin`

@@ -64,7 +64,7 @@ TEST_F(sockets, second_front_end_is_refused_once_the_first_is_served)
     start_connected();
     query();
     try {
-        const tarvik::connection second(port(), kPatience);
+        const support::raw_connection second(port());
         ADD_FAILURE() << "a second connection was accepted";
     } catch (const tarvik::front_end_error& error) {
         EXPECT_EQ(error.cause(), tarvik::failure::connection_refused) << error.what();
@@ -78,11 +78,11 @@ TEST_F(sockets, front_end_that_queued_up_behind_the_first_is_cut_off)
     start();
     wait_until_stopped();
     connect();
-    tarvik::connection second(port(), kPatience);
+    support::raw_connection second(port());
     send_signal(SIGCONT);
     query();
     try {
-        second.read(1, kPatience);
+        second.read(1);
         ADD_FAILURE() << "a second front-end was served";
     } catch (const tarvik::front_end_error& error) {
         EXPECT_EQ(error.cause(), tarvik::failure::connection_lost) << error.what();

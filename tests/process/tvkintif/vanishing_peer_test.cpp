@@ -24,7 +24,7 @@ protected:
     /// Ends the connection the hard way.
     void reset()
     {
-        wire().reset();
+        wire().end_with_reset();
         hang_up();
     }
 

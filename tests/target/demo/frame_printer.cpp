@@ -7,7 +7,6 @@
 namespace target {
 
 using tarvik::byte_view;
-using tarvik::frame_event;
 using tarvik::request_code;
 
 namespace {
@@ -49,34 +48,31 @@ std::string hex(byte_view data)
 
 } // namespace
 
-void frame_printer::operator()(const frame_event& event) const
+void frame_printer::operator()(const frame& shown) const
 {
-    if (event.offset != 0)
-        return; // a later piece of a payload whose beginning was shown
-    const bool is_request = event.way == frame_event::direction::sent;
-    std::printf("  %s %-5s  id %u code %u error %2d size %7u value %7u%s\n", is_request ? "-->" : "<--",
-                name_of(event).c_str(), event.header.id, event.header.code, event.header.error,
-                event.header.size, event.header.value, preview(event).c_str());
+    std::printf("  %s %-5s  id %u code %u error %2d size %7u value %7u%s\n", shown.is_request ? "-->" : "<--",
+                name_of(shown).c_str(), shown.header.id, shown.header.code, shown.header.error,
+                shown.header.size, shown.header.value, preview(shown).c_str());
     std::fflush(stdout);
 }
 
-std::string frame_printer::name_of(const frame_event& event)
+std::string frame_printer::name_of(const frame& shown)
 {
-    if (event.way == frame_event::direction::sent)
-        return request_name(event.header.code);
-    if (event.header.error == 0)
+    if (shown.is_request)
+        return request_name(shown.header.code);
+    if (shown.header.error == 0)
         return "ok";
-    return event.header.size == 0 ? "ng" : "nak";
+    return shown.header.size == 0 ? "ng" : "nak";
 }
 
-std::string frame_printer::preview(const frame_event& event)
+std::string frame_printer::preview(const frame& shown)
 {
-    if (event.payload.empty())
+    if (shown.payload.empty())
         return "";
-    if (event.way == frame_event::direction::sent && is_printable(event.payload))
-        return "  \"" + std::string(event.payload.begin(), event.payload.end()) + "\"";
-    const byte_view shown(event.payload.data, std::min(event.payload.size, kShownBytes));
-    return "  " + hex(shown) + (event.header.size > shown.size ? " ..." : "");
+    if (shown.is_request && is_printable(shown.payload))
+        return "  \"" + std::string(shown.payload.begin(), shown.payload.end()) + "\"";
+    const byte_view head(shown.payload.data(), std::min(shown.payload.size(), kShownBytes));
+    return "  " + hex(head) + (shown.payload.size() > head.size ? " ..." : "");
 }
 
 } // namespace target

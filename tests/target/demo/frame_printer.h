@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "front_end/src/frame.h"
+#include "target/scenarios/conversation.h"
 
 namespace target {
 
@@ -11,12 +11,12 @@ namespace target {
 /// bytes of the payload.
 class frame_printer {
 public:
-    /// To be called for each frame, or piece of one.
-    void operator()(const tarvik::frame_event& event) const;
+    /// To be called for each frame.
+    void operator()(const frame& shown) const;
 
 private:
-    static std::string name_of(const tarvik::frame_event& event);
-    static std::string preview(const tarvik::frame_event& event);
+    static std::string name_of(const frame& shown);
+    static std::string preview(const frame& shown);
 };
 
 } // namespace target

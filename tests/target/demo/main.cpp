@@ -17,14 +17,15 @@
 #include <stdexcept>
 #include <string>
 
-#include "front_end/src/front_end.h"
 #include "support/log_reader.h"
 #include "target/demo/frame_printer.h"
 #include "target/scanner/command_set.h"
+#include "target/scenarios/conversation.h"
 
 namespace {
 
 using tarvik::reply;
+using tarvik::request_code;
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
 using virtual_scanner::fault_kind;
@@ -56,21 +57,22 @@ void demand(const reply& came, reply::verdict expected)
            std::string("expected ") + tarvik::name_of(expected) + ", got " + tarvik::name_of(came.kind));
 }
 
-void command(tarvik::front_end& program, command_code code, std::uint32_t argument = 0,
+void command(target::conversation& program, command_code code, std::uint32_t argument = 0,
              const bytes& payload = {})
 {
-    demand(program.send(virtual_scanner::encode_with_payload({code, 1, argument, 0}, payload)),
+    demand(program.ask(request_code::send, 0,
+                       virtual_scanner::encode_with_payload({code, 1, argument, 0}, payload)),
            reply::verdict::ok);
 }
 
-bytes take(tarvik::front_end& program, std::uint32_t count)
+bytes take(target::conversation& program, std::uint32_t count)
 {
-    const reply came = program.recv(count);
+    const reply came = program.ask(request_code::recv, count);
     demand(came, reply::verdict::ok);
     return came.payload;
 }
 
-bytes answer(tarvik::front_end& program)
+bytes answer(target::conversation& program)
 {
     const virtual_scanner::block block =
         virtual_scanner::first_block(take(program, virtual_scanner::kBlockSize));
@@ -80,7 +82,7 @@ bytes answer(tarvik::front_end& program)
     return decoded.data_length == 0 ? bytes() : take(program, decoded.data_length);
 }
 
-void show_identity(tarvik::front_end& program)
+void show_identity(target::conversation& program)
 {
     say("Ask the scanner who it is: a command of its own, passed through the plugin");
     command(program, command_code::identify);
@@ -89,7 +91,7 @@ void show_identity(tarvik::front_end& program)
          text_at(identity, 48, 16));
 }
 
-void show_both_ways(tarvik::front_end& program)
+void show_both_ways(target::conversation& program)
 {
     say("Bytes to the scanner, and the same bytes back");
     const std::string text = "Everything in its own words.";
@@ -100,7 +102,7 @@ void show_both_ways(tarvik::front_end& program)
     note("it gave back \"" + std::string(echoed.begin(), echoed.end()) + "\"");
 }
 
-void show_large_receive(tarvik::front_end& program)
+void show_large_receive(target::conversation& program)
 {
     say("1 MiB from the scanner in one receive");
     command(program, command_code::read_pattern, kMebibyte);
@@ -114,13 +116,13 @@ void show_large_receive(tarvik::front_end& program)
     note(text);
 }
 
-void show_stall(tarvik::front_end& program)
+void show_stall(target::conversation& program)
 {
     say("The scanner stalls once: that receive is refused, the next one works");
     command(program, command_code::fault, static_cast<std::uint32_t>(fault_kind::stall_in));
     answer(program);
     command(program, command_code::identify);
-    demand(program.recv(virtual_scanner::kBlockSize), reply::verdict::ng);
+    demand(program.ask(request_code::recv, virtual_scanner::kBlockSize), reply::verdict::ng);
     demand(answer(program).size() == 64, "no identity after the stall");
 }
 
@@ -129,21 +131,21 @@ void show_session()
     utsname machine{};
     ::uname(&machine);
     say(std::string("Start tvkintif on ") + machine.sysname + " " + machine.release + ", " + machine.machine);
-    tarvik::front_end program(tarvik::launch{kProgram});
+    target::conversation program(tarvik::launch{kProgram});
     note("it waits on port " + std::to_string(program.port()));
     program.observe(target::frame_printer());
     program.connect();
     say("Open the scanner by its serial number");
-    demand(program.open(kAddress), reply::verdict::ok);
+    demand(program.ask(request_code::open, 0, kAddress), reply::verdict::ok);
     show_identity(program);
     show_both_ways(program);
     show_large_receive(program);
     show_stall(program);
     say("Close");
-    program.close();
-    const auto status = program.finish();
+    program.put(request_code::close);
+    const auto status = program.process().wait_for_exit(support::kPatience);
     demand(status == tarvik::exit_status::exited(0), "the program's end");
-    note("it ended with " + status->text());
+    note("it ended with " + status.text());
 }
 
 /// Whether a line tells of a single read or write on the connection, of which there are three for each frame.

@@ -55,7 +55,7 @@ protected:
     {
         m_seen.clear();
         start(how);
-        program().observe([this](const tarvik::frame_event& frame) { see(frame); });
+        program().observe([this](const target::frame& frame) { see(frame); });
         request_open(kByIds);
         end_opening({kByIds});
     }
@@ -90,7 +90,7 @@ protected:
 private:
     static constexpr std::uint32_t kEchoed = 1000;
 
-    void see(const tarvik::frame_event& frame)
+    void see(const target::frame& frame)
     {
         const tarvik::wire_header head = tarvik::to_wire(frame.header);
         m_seen.insert(m_seen.end(), head.begin(), head.end());

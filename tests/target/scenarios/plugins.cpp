@@ -33,7 +33,7 @@ protected:
         log() += expected::plugin_loaded(kByIds) +
                  expected::info({"interpreter load fails " + target::kShippedPlugin + ": " + loader_says,
                                  "interpreter : load failed.", "open fails", "send ng"});
-        expect_refusal(program().read_reply(tarvik::kConnectionId, target::kStepLimit));
+        expect_refusal(program().take_reply());
         end_program();
         expect_next_program_to_work();
     }
@@ -70,7 +70,7 @@ TEST_F(plugins, crash_in_reader_ends_the_program_without_a_reply_to_the_receive)
     open(kByIds);
     begin(tarvik::request_code::recv, virtual_scanner::kBlockSize, {});
     // No reply, and the log ends there too.
-    EXPECT_EQ(program().wire().read_to_end(target::kStepLimit), tarvik::bytes());
+    EXPECT_EQ(program().read_to_end(), tarvik::bytes());
     end_program(tarvik::exit_status::killed_by(SIGABRT));
     expect_next_program_to_work();
 }

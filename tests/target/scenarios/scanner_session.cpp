@@ -89,14 +89,14 @@ void scanner_session::start(tarvik::launch how)
 
 void scanner_session::request_open(const std::string& udi)
 {
-    m_program->connect(kStepLimit);
-    m_program->send_request(kOpenRequest, udi, kStepLimit);
+    m_program->connect();
+    m_program->put(kOpenRequest, udi);
     m_log += expected::request(udi.size());
 }
 
 void scanner_session::end_opening(const planned_open& what)
 {
-    const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
+    const tarvik::reply reply = m_program->take_reply();
     EXPECT_EQ(reply.kind, what.succeeds() ? tarvik::reply::verdict::ok : tarvik::reply::verdict::ng);
     m_log += expected::open_handled(what);
     m_log += expected::reply();
@@ -120,7 +120,7 @@ void scanner_session::close()
 
 void scanner_session::request_close()
 {
-    m_program->close(kStepLimit);
+    m_program->put(tarvik::request_code::close);
     m_log += expected::request();
     m_log += expected::closed;
 }
@@ -145,14 +145,14 @@ void scanner_session::end_program(const tarvik::exit_status& expected)
 
 void scanner_session::send(const bytes& data)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
+    EXPECT_EQ(m_program->ask(tarvik::request_code::send, 0, data).kind, tarvik::reply::verdict::ok);
     m_log += expected::request(data.size());
     m_log += expected::reply();
 }
 
 bytes scanner_session::receive(std::uint32_t count)
 {
-    const tarvik::reply reply = m_program->recv(count, kStepLimit);
+    const tarvik::reply reply = m_program->ask(tarvik::request_code::recv, count);
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
     m_log += expected::request();
@@ -164,33 +164,33 @@ void scanner_session::send_into_a_stall(const bytes& data)
 {
     m_log += expected::request(data.size());
     m_log += expected::usb_stalled("write", data.size());
-    expect_refusal(m_program->send(data, kStepLimit));
+    expect_refusal(m_program->ask(tarvik::request_code::send, 0, data));
 }
 
 void scanner_session::receive_from_a_stall(std::uint32_t count)
 {
     m_log += expected::request();
     m_log += expected::usb_stalled("read", count);
-    expect_refusal(m_program->recv(count, kStepLimit));
+    expect_refusal(m_program->ask(tarvik::request_code::recv, count));
 }
 
 void scanner_session::send_to_nobody(const bytes& data)
 {
     m_log += expected::request(data.size());
     m_log += expected::usb_failed("write", 0, data.size(), kNoDevice);
-    expect_refusal(m_program->send(data, kStepLimit));
+    expect_refusal(m_program->ask(tarvik::request_code::send, 0, data));
 }
 
 void scanner_session::receive_from_nobody(std::uint32_t count)
 {
     m_log += expected::request();
     m_log += expected::usb_failed("read", 0, count, kNoDevice);
-    expect_refusal(m_program->recv(count, kStepLimit));
+    expect_refusal(m_program->ask(tarvik::request_code::recv, count));
 }
 
 void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t moved)
 {
-    const tarvik::reply reply = m_program->send(data, kStepLimit);
+    const tarvik::reply reply = m_program->ask(tarvik::request_code::send, 0, data);
     m_log += expected::request(data.size());
     expect_parting("write", data.size(), moved);
     expect_refusal(reply);
@@ -198,7 +198,7 @@ void scanner_session::send_to_one_that_leaves(const bytes& data, std::uint32_t m
 
 void scanner_session::receive_from_one_that_leaves(std::uint32_t count, std::uint32_t moved)
 {
-    const tarvik::reply reply = m_program->recv(count, kStepLimit);
+    const tarvik::reply reply = m_program->ask(tarvik::request_code::recv, count);
     m_log += expected::request();
     expect_parting("read", count, moved);
     expect_refusal(reply);
@@ -229,7 +229,7 @@ void scanner_session::begin_send(const bytes& data)
 
 void scanner_session::end_send()
 {
-    EXPECT_EQ(m_program->read_reply(tarvik::kConnectionId, kStepLimit).kind, tarvik::reply::verdict::ok);
+    EXPECT_EQ(m_program->take_reply().kind, tarvik::reply::verdict::ok);
     m_log += expected::reply();
 }
 
@@ -241,7 +241,7 @@ void scanner_session::begin_receive(std::uint32_t count)
 
 bytes scanner_session::end_receive(std::uint32_t count)
 {
-    const tarvik::reply reply = m_program->read_reply(tarvik::kConnectionId, kStepLimit);
+    const tarvik::reply reply = m_program->take_reply();
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok);
     EXPECT_EQ(reply.payload.size(), count);
     m_log += expected::reply(count);
@@ -250,11 +250,7 @@ bytes scanner_session::end_receive(std::uint32_t count)
 
 void scanner_session::begin(tarvik::request_code code, std::uint32_t value, tarvik::byte_view payload)
 {
-    tarvik::frame_header header;
-    header.id = tarvik::kConnectionId;
-    header.code = static_cast<std::uint32_t>(code);
-    header.value = value;
-    m_program->send_request(header, payload, kStepLimit);
+    m_program->put(code, value, payload);
     m_log += expected::request(payload.size);
 }
 
@@ -285,7 +281,7 @@ void scanner_session::command(command_code code, std::uint32_t argument, const b
 
 void scanner_session::send_past_a_stall(const bytes& data, const std::string& direction, std::size_t length)
 {
-    EXPECT_EQ(m_program->send(data, kStepLimit).kind, tarvik::reply::verdict::ok);
+    EXPECT_EQ(m_program->ask(tarvik::request_code::send, 0, data).kind, tarvik::reply::verdict::ok);
     m_log += expected::request(data.size());
     m_log += expected::usb_stalled(direction, length);
     m_log += expected::reply();

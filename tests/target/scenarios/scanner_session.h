@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "front_end/src/front_end.h"
+#include "common/process/child_process.h"
 #include "support/expected_log.h"
 #include "target/scanner/command_set.h"
+#include "target/scenarios/conversation.h"
 #include "target/scenarios/scanner_process.h"
 
 namespace target {
@@ -129,7 +130,7 @@ protected:
     /// For steps of a suite's own. begin() sends a request, and leaves the reply to program().
     void begin(tarvik::request_code code, std::uint32_t value, tarvik::byte_view payload);
     void expect_refusal(const tarvik::reply& reply);
-    tarvik::front_end& program() { return m_program.value(); }
+    conversation& program() { return m_program.value(); }
     support::lines& log() { return m_log; }
 
 private:
@@ -138,7 +139,7 @@ private:
 
     std::map<std::string, std::string> m_environment; ///< of the programs
     std::optional<scanner_process> m_scanner;
-    std::optional<tarvik::front_end> m_program;
+    std::optional<conversation> m_program;
     support::lines m_log;
 };
 

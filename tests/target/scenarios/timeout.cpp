@@ -27,7 +27,7 @@ TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_c
     answer_block(command_code::read_pattern);
 
     const auto begin = std::chrono::steady_clock::now();
-    const tarvik::reply reply = program().recv(kAsked, kPatience);
+    const tarvik::reply reply = program().ask(tarvik::request_code::recv, kAsked, {}, kPatience);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, kTransferLimit);
     EXPECT_EQ(reply.kind, tarvik::reply::verdict::ok) << "the plugin decides, and this one is content";
     bytes expected = virtual_scanner::pattern(kGiven);

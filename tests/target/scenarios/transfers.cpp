@@ -80,7 +80,7 @@ TEST_F(transfers, short_packet_ends_a_transfer_and_the_plugin_asks_for_the_rest)
     plug_in("plain");
     open(kByIds);
     command(command_code::read_pattern, kData);
-    const tarvik::reply reply = program().recv(kAll, target::kStepLimit);
+    const tarvik::reply reply = program().ask(tarvik::request_code::recv, kAll);
     log() += expected::request();
     log() += expected::usb_short("read", virtual_scanner::kBlockSize, kAll);
     log() += expected::reply(kAll);
@@ -98,7 +98,7 @@ TEST_F(transfers, sixteen_mebibytes_in_one_usb_transfer_are_refused_and_the_next
     open(kByIds);
     log() += expected::request();
     log() += expected::usb_failed("read", 0, kMoreThanTheKernelLends, "LIBUSB_ERROR_NO_MEM");
-    expect_refusal(program().recv(kMoreThanTheKernelLends, target::kStepLimit));
+    expect_refusal(program().ask(tarvik::request_code::recv, kMoreThanTheKernelLends));
     expect_pattern(target::kMebibyte);
     close();
 }
@@ -111,7 +111,7 @@ TEST_F(transfers, empty_packet_is_refused_and_the_answer_behind_it_is_received)
     command(command_code::status);
     log() += expected::request();
     log() += expected::usb_short("read", 0, virtual_scanner::kBlockSize);
-    expect_refusal(program().recv(virtual_scanner::kBlockSize, target::kStepLimit));
+    expect_refusal(program().ask(tarvik::request_code::recv, virtual_scanner::kBlockSize));
     EXPECT_EQ(virtual_scanner::decode_status(answer_to(command_code::status)).commands_served, 1U);
     close();
 }

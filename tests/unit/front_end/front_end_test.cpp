@@ -22,13 +22,10 @@ using tarvik::byte_view;
 using tarvik::bytes;
 using tarvik::exit_status;
 using tarvik::failure;
-using tarvik::frame_event;
-using tarvik::frame_header;
 using tarvik::front_end;
 using tarvik::kPieceSize;
 using tarvik::launch;
 using tarvik::reply;
-using tarvik::to_wire;
 
 namespace {
 
@@ -69,26 +66,16 @@ bytes recv_request(std::uint32_t count)
     return hex(head(7, 0, count));
 }
 
-bytes ok_with(const bytes& payload)
-{
-    frame_header header;
-    header.id = 1;
-    return to_wire(header, payload);
-}
-
 bytes joined(bytes first, const bytes& second)
 {
     first.insert(first.end(), second.begin(), second.end());
     return first;
 }
 
-frame_header request_header(std::uint32_t id, std::uint32_t code, std::uint32_t value = 0)
+bytes ok_with(const bytes& payload)
 {
-    frame_header header;
-    header.id = id;
-    header.code = code;
-    header.value = value;
-    return header;
+    const auto size = static_cast<std::uint32_t>(payload.size());
+    return joined(hex(word(1) + word(0) + word(0) + word(size) + word(0)), payload);
 }
 
 /// A front-end that is connected to a peer which goes through `steps`.
@@ -117,41 +104,6 @@ struct collected {
     bytes data;
     std::size_t largest = 0;
 };
-
-/// A frame event that outlives its call.
-struct seen {
-    frame_event::direction way;
-    std::uint32_t id;
-    std::uint32_t code;
-    std::uint32_t size;
-    bytes payload;
-    std::uint64_t offset;
-
-    bool operator==(const seen& other) const
-    {
-        return way == other.way && id == other.id && code == other.code && size == other.size &&
-               payload == other.payload && offset == other.offset;
-    }
-};
-
-std::vector<seen> watch(talk& session, const std::function<void()>& action)
-{
-    std::vector<seen> events;
-    session->observe([&](const frame_event& event) {
-        events.push_back({event.way, event.header.id, event.header.code, event.header.size,
-                          bytes(event.payload.begin(), event.payload.end()), event.offset});
-    });
-    try {
-        action();
-    } catch (const tarvik::front_end_error&) {
-        // What was seen until then is what counts.
-    }
-    session->observe({});
-    return events;
-}
-
-constexpr auto kSent = frame_event::direction::sent;
-constexpr auto kReceived = frame_event::direction::received;
 
 std::set<int> open_descriptors()
 {
@@ -286,19 +238,13 @@ TEST(front_end_connect, request_without_a_connection_is_a_programming_error)
     EXPECT_THROW(attached.query(1), std::logic_error);
 }
 
-TEST(front_end_connect, raw_bytes_without_a_connection_are_a_programming_error)
-{
-    front_end attached(40001);
-    EXPECT_THROW(attached.wire(), std::logic_error);
-}
-
 TEST(front_end_connect, disconnect_ends_the_connection)
 {
     scripted_peer peer({expects_end()});
     front_end attached(peer.port());
     attached.connect();
     attached.disconnect();
-    EXPECT_FALSE(attached.is_connected());
+    EXPECT_THROW(attached.query(1), std::logic_error);
 }
 
 TEST(front_end_connect, descriptors_are_closed_by_exec)
@@ -406,36 +352,7 @@ TEST(front_end_close, sends_code_5_and_waits_for_nothing)
     session->close();
 }
 
-TEST(front_end_request, sends_every_field_as_given_but_for_the_size)
-{
-    frame_header header;
-    header.id = 0x01020304;
-    header.code = 0x05060708;
-    header.error = -2;
-    header.size = 77;
-    header.value = 0x090a0b0c;
-    talk session({expects(hex("01020304 05060708 fffffffe 00000001 090a0b0c ee")),
-                  answers(hex("01020304 00000000 ffffffff 00000001 00000000 15"))});
-    EXPECT_EQ(session->request(header, hex("ee")).kind, reply::verdict::nak);
-}
-
-TEST(front_end_request, open_with_another_id_takes_the_reply_with_id_1)
-{
-    talk session({expects(hex(word(0) + word(4) + word(0) + word(0) + word(0))), answers(kOk)});
-    EXPECT_EQ(session->request(request_header(0, 4), {}).id, 1u);
-}
-
-TEST(front_end_request, replies_to_requests_sent_at_once_are_read_in_order)
-{
-    talk session(
-        {expects(hex(head(8, 0, 1) + head(8, 0, 9))), answers(joined(ok_with(hex("00000000")), kNg))});
-    session->send_request(request_header(1, 8, 1), {});
-    session->send_request(request_header(1, 8, 9), {});
-    session->read_reply(1);
-    EXPECT_EQ(session->read_reply(1).kind, reply::verdict::ng);
-}
-
-TEST(front_end_request, payload_that_no_size_field_can_tell_is_refused)
+TEST(front_end_send, payload_that_no_size_field_can_tell_is_refused)
 {
     constexpr std::uint64_t size = std::uint64_t{1} << 32;
     if (size > std::numeric_limits<std::size_t>::max())
@@ -613,76 +530,6 @@ TEST(front_end_stream, requests_of_no_bytes_are_a_programming_error)
     EXPECT_THROW(session->recv(10, 0, std::ref(result)), std::invalid_argument);
 }
 
-// Watching
-
-TEST(front_end_observer, sees_the_request_and_its_reply)
-{
-    talk session({expects(hex(head(8, 0, 1))), answers(ok_with(hex("00000000")))});
-    const auto events = watch(session, [&] { session->query(1); });
-    const std::vector<seen> both = {{kSent, 1, 8, 0, {}, 0}, {kReceived, 1, 0, 4, hex("00000000"), 0}};
-    EXPECT_TRUE(events == both);
-}
-
-TEST(front_end_observer, sees_the_payload_of_a_request)
-{
-    talk session({expects(hex(head(6, 2, 0) + "0102")), closes()});
-    const auto events = watch(session, [&] { session->send(hex("0102")); });
-    EXPECT_TRUE(events == std::vector<seen>({{kSent, 1, 6, 2, hex("0102"), 0}}));
-}
-
-TEST(front_end_observer, sees_a_large_payload_in_pieces)
-{
-    const bytes much = pattern(kPieceSize + 1);
-    talk session({expects(recv_request(kPieceSize + 1)), answers(ok_with(much))});
-    const auto events = watch(session, [&] { session->recv(kPieceSize + 1); });
-    const seen last = {kReceived, 1, 0, kPieceSize + 1, {much.back()}, kPieceSize};
-    EXPECT_TRUE(events.size() == 3 && events.back() == last);
-}
-
-TEST(front_end_observer, sees_a_payload_that_breaks_off_as_far_as_it_came)
-{
-    bytes torn = ok_with(pattern(10));
-    torn.resize(20 + 4);
-    talk session({expects(recv_request(10)), answers(torn), closes()});
-    const auto events = watch(session, [&] { session->recv(10); });
-    EXPECT_TRUE(events.back() == (seen{kReceived, 1, 0, 10, pattern(4), 0}));
-}
-
-TEST(front_end_observer, sees_the_header_of_a_reply_that_cannot_be)
-{
-    talk session({expects(recv_request(10)), answers(hex("00000001 00000003 00000000 00000007 00000000"))});
-    const auto events = watch(session, [&] { session->recv(10); });
-    EXPECT_TRUE(events.back() == (seen{kReceived, 1, 3, 7, {}, 0}));
-}
-
-TEST(front_end_observer, set_before_the_connection_sees_it_all)
-{
-    scripted_peer peer({expects(hex(head(5, 0, 0)))});
-    front_end attached(peer.port());
-    int count = 0;
-    attached.observe([&](const frame_event&) { ++count; });
-    attached.connect();
-    attached.close();
-    EXPECT_EQ(count, 1);
-}
-
-// Raw bytes
-
-TEST(front_end_wire, carries_requests_in_any_cut)
-{
-    talk session({expects(hex(head(8, 0, 1))), answers(kNg)});
-    for (const unsigned char byte : hex(head(8, 0, 1)))
-        session->wire().write(byte_view(&byte, 1));
-    EXPECT_EQ(session->wire().read(20), kNg);
-}
-
-TEST(front_end_wire, leaves_replies_to_the_framing)
-{
-    talk session({expects(hex(head(8, 0, 9))), answers(kNg)});
-    session->wire().write(to_wire(request_header(1, 8, 9), {}));
-    EXPECT_EQ(session->read_reply(1).kind, reply::verdict::ng);
-}
-
 // Ending
 
 TEST(front_end_finish, returns_the_exit_status)
@@ -697,7 +544,7 @@ TEST(front_end_finish, ends_the_connection_first)
     front_end program(program_on(peer.port(), "exit 0"));
     program.connect();
     program.finish(kSoon);
-    EXPECT_FALSE(program.is_connected());
+    EXPECT_THROW(program.query(1), std::logic_error);
 }
 
 TEST(front_end_finish, of_a_program_that_does_not_end_gives_up_at_its_deadline)
