@@ -8,21 +8,11 @@ set(CMAKE_CXX_COMPILER ${triplet}-g++)
 set(CMAKE_STRIP ${triplet}-strip)
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 
-if(NOT DEFINED TVKINTIF_SYSROOT)
-  if(DEFINED ENV{TVKINTIF_CACHE})
-    set(cache "$ENV{TVKINTIF_CACHE}")
-  elseif(DEFINED ENV{XDG_CACHE_HOME})
-    set(cache "$ENV{XDG_CACHE_HOME}/tvkintif")
-  else()
-    set(cache "$ENV{HOME}/.cache/tvkintif")
-  endif()
-  set(TVKINTIF_SYSROOT "${cache}/armhf-sysroot" CACHE PATH "armhf libraries, kernel and modules")
-endif()
+execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/sysroot" --path
+  OUTPUT_VARIABLE TVKINTIF_SYSROOT OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 if(NOT EXISTS "${TVKINTIF_SYSROOT}/.complete")
   message(FATAL_ERROR "No complete armhf sysroot at ${TVKINTIF_SYSROOT}: run scripts/sysroot first.")
 endif()
-# The compiler checks are projects of their own and must see the same place.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TVKINTIF_SYSROOT)
 
 # Not CMAKE_SYSROOT: the C library's headers and start files are the cross compiler's own.
 set(CMAKE_FIND_ROOT_PATH "${TVKINTIF_SYSROOT}")

@@ -370,7 +370,7 @@ TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
 
 TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_told)
 {
-#ifdef PROGRAM_IS_SANITIZED
+#ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer needs descriptors itself, to look at memory";
 #endif
     const tvkctl_result result = run_in_shell("ulimit -n 6; exec \"$TVKCTL\" run usb:1a2b:3c4d 'query 1'");

@@ -66,7 +66,7 @@ tarvik::launch tvkctl_test::launch_of(const std::string& path, const std::vector
     how.environment["FAKE_USB_BUS"] = scratch("bus.txt");
     how.environment["FAKE_USB_DIALOGUE"] = scratch("dialogue.txt");
     how.environment["LD_PRELOAD"] = FAKE_USB_PATH;
-#ifdef PROGRAM_IS_SANITIZED
+#ifdef __SANITIZE_ADDRESS__
     // The preloaded library comes before the sanitizer's own, which is initialised first all the same, being
     // linked to it.
     how.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0:detect_leaks=1:exitcode=99";

@@ -27,7 +27,7 @@ namespace {
 const std::string bus_file = scratch_directory + "/bus.txt";
 const std::string dialogue_file = scratch_directory + "/dialogue.txt";
 
-#ifdef PROGRAM_IS_SANITIZED
+#ifdef __SANITIZE_ADDRESS__
 constexpr bool kIsSanitized = true;
 #else
 constexpr bool kIsSanitized = false;

@@ -65,7 +65,7 @@ std::vector<example> read_examples()
 {
     const std::string heading = "#### Example: ";
     std::vector<example> examples;
-    std::ifstream page(PROTOCOL_PAGE);
+    std::ifstream page(SOURCE_FOLDER "/docs/protocol.md");
     move what{};
     for (std::string line; std::getline(page, line);) {
         if (line.compare(0, heading.size(), heading) == 0)

@@ -7,7 +7,6 @@
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
 #include "support/temporary_folder.h"
-#include "tvkctl/src/commands/advice_text.h"
 #include "tvkctl/src/machine/accounts.h"
 #include "tvkintif/src/models.h"
 
@@ -22,7 +21,7 @@ texts texts_of(const std::vector<advice>& next)
 {
     texts all;
     for (const advice& what : next)
-        all.push_back(text_of(what));
+        all.push_back(what.text);
     return all;
 }
 
@@ -183,9 +182,8 @@ TEST_F(bus_check_test, several_devices_without_serial_number_in_the_address_are_
     EXPECT_EQ(
         result.summary,
         "2 devices fit; the program opens the first, 1a2b:3c4d at bus 1 device 1, serial number \"SN1\"");
-    EXPECT_EQ(texts_of(result.next),
-              (texts{"name the one that is meant by its serial number",
-                     "tvkctl list   # shows the addresses of the devices on the bus"}));
+    EXPECT_EQ(texts_of(result.next), (texts{"name the one that is meant by its serial number", ""}));
+    EXPECT_EQ(result.next.back().step, tool_step::list_devices);
 }
 
 TEST_F(bus_check_test, devices_that_cannot_be_told_apart_are_warned_of)
@@ -391,8 +389,10 @@ TEST_F(driver_check_test, a_claim_on_an_interface_that_is_never_tried_does_not_c
 TEST_F(driver_check_test, a_claim_by_nobody_who_can_be_seen_asks_for_more_rights)
 {
     bind(0, "usbfs");
-    EXPECT_EQ(texts_of(check_driver_of_usable().next),
-              texts{"sudo tvkctl explain usb:1a2b:3c4d   # sees the processes of all users"});
+    const std::vector<advice> next = check_driver_of_usable().next;
+    EXPECT_EQ(texts_of(next), texts{"sees the processes of all users"});
+    EXPECT_EQ(next.at(0).step, tool_step::explain_as_root);
+    EXPECT_EQ(next.at(0).parameter, "usb:1a2b:3c4d");
 }
 
 TEST_F(driver_check_test, a_process_that_only_has_the_device_open_is_warned_of)

@@ -1,4 +1,4 @@
-#include "tvkctl/src/machine/usb_scan.h"
+#include "unit/tvkctl/machine/usb_scan_test.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,9 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "fake_usb/checked_bus.h"
-#include "support/private_paths.h"
-#include "tvkctl/src/diagnosis/listing.h"
 #include "tvkctl/src/machine/command_error.h"
 #include "tvkctl/src/machine/udi.h"
 
@@ -18,67 +15,6 @@ namespace fs = std::filesystem;
 namespace tarvik::tvkctl {
 
 namespace {
-
-/// A machine whose device nodes, sysfs and processes are folders of the test, with the fake bus.
-class usb_scan_test : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        SUPPORT_REQUIRE_PRIVATE_PATHS();
-        fs::remove_all(root);
-        for (const std::string& folder : {machine.devices, machine.sysfs, machine.processes})
-            fs::create_directories(folder);
-    }
-
-    /// A device at bus 1, address 4, behind port 3 of the hub at port 2.
-    static fake_usb::device scanner()
-    {
-        fake_usb::device made = fake_usb::scanner_device();
-        made.address = 4;
-        made.ports = {2, 3};
-        return made;
-    }
-
-    usb_device only_device()
-    {
-        const std::vector<usb_device> found = scan_usb(machine);
-        EXPECT_EQ(found.size(), 1U);
-        return found.at(0);
-    }
-
-    std::string node() const { return machine.devices + "/bus/usb/001/004"; }
-
-    static void write_file(const fs::path& path, const std::string& content)
-    {
-        fs::create_directories(path.parent_path());
-        std::ofstream(path) << content;
-    }
-
-    void write_sysfs(const std::string& path, const std::string& content)
-    {
-        write_file(machine.sysfs + "/bus/usb/devices/" + path, content);
-    }
-
-    void bind_driver(const std::string& interface_name, const std::string& driver)
-    {
-        const fs::path folder = machine.sysfs + "/bus/usb/devices/" + interface_name;
-        fs::create_directories(folder);
-        fs::create_symlink("../../../../bus/usb/drivers/" + driver, folder / "driver");
-    }
-
-    /// A process that has `file` open.
-    void add_process(const std::string& pid, const std::string& name, const std::string& file)
-    {
-        const fs::path folder = machine.processes + "/" + pid;
-        fs::create_directories(folder / "fd");
-        write_file(folder / "comm", name + "\n");
-        fs::create_symlink(file, folder / "fd/3");
-    }
-
-    const std::string root = support::log_root + "/machine";
-    host machine{root + "/dev", root + "/sys", root + "/proc", ""};
-    fake_usb::checked_bus bus;
-};
 
 TEST_F(usb_scan_test, an_empty_bus_has_no_devices)
 {
@@ -316,87 +252,6 @@ TEST(udi, a_shell_word_is_quoted_only_where_it_must_be)
 {
     EXPECT_EQ(shell_word("usb:1a2b:3c4d:SN_42"), "usb:1a2b:3c4d:SN_42");
     EXPECT_EQ(shell_word("usb:1a2b:3c4d:it's $5"), "'usb:1a2b:3c4d:it'\\''s $5'");
-}
-
-class listing_test : public usb_scan_test {
-protected:
-    std::vector<std::string> warnings_of(std::size_t index)
-    {
-        return list_devices(false, machine).at(index).warnings;
-    }
-
-    static fake_usb::device with_serial(const std::optional<std::string>& serial)
-    {
-        fake_usb::device device = fake_usb::scanner_device();
-        device.serial = serial;
-        return device;
-    }
-};
-
-TEST_F(listing_test, different_serial_numbers_tell_devices_apart)
-{
-    bus.plug(with_serial("A"));
-    bus.plug(with_serial("B"));
-    EXPECT_TRUE(warnings_of(0).empty());
-    EXPECT_TRUE(warnings_of(1).empty());
-}
-
-TEST_F(listing_test, equal_serial_numbers_are_warned_of)
-{
-    bus.plug(with_serial("A"));
-    bus.plug(with_serial("A"));
-    const std::string nodes =
-        machine.devices + "/bus/usb/001/001 and " + machine.devices + "/bus/usb/001/002";
-    EXPECT_EQ(warnings_of(1),
-              std::vector<std::string>{"usb:1a2b:3c4d:A fits " + nodes +
-                                       ": which of them is opened depends on their order on the bus"});
-}
-
-TEST_F(listing_test, a_device_without_a_serial_number_is_hidden_by_one_with_the_same_ids)
-{
-    bus.plug(with_serial("A"));
-    bus.plug(with_serial({}));
-    EXPECT_TRUE(warnings_of(0).empty());
-    EXPECT_EQ(warnings_of(1).size(), 1U);
-}
-
-TEST_F(listing_test, a_serial_number_that_no_address_can_carry_is_warned_of)
-{
-    bus.plug(with_serial("A:B"));
-    EXPECT_EQ(warnings_of(0),
-              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has a serial number with a colon, "
-                                                         "which no address can carry"});
-}
-
-TEST_F(listing_test, a_device_without_an_address_is_warned_of)
-{
-    fake_usb::device device = with_serial("A");
-    device.product_id = 0;
-    bus.plug(device);
-    EXPECT_EQ(warnings_of(0),
-              std::vector<std::string>{machine.devices + "/bus/usb/001/001 has no address: its vendor or "
-                                                         "product id is 0"});
-}
-
-TEST_F(listing_test, an_unusable_device_is_listed_only_on_request)
-{
-    fake_usb::device mouse = scanner();
-    mouse.configurations[0].interfaces[0][0].interface_class = 3;
-    bus.plug(mouse);
-    EXPECT_TRUE(list_devices(false, machine).empty());
-    EXPECT_EQ(list_devices(true, machine).size(), 1U);
-}
-
-TEST_F(listing_test, a_file_that_is_no_library_is_not_loadable)
-{
-    bus.plug(scanner());
-    const std::string path = support::plugin_directory + "/libryo-mora-hk-t210.so";
-    write_file(path, "no library");
-    const auto plugin = list_devices(false, machine).at(0).plugin;
-    fs::remove(path);
-    ASSERT_TRUE(plugin);
-    EXPECT_TRUE(plugin->is_installed);
-    EXPECT_FALSE(plugin->is_loadable);
 }
 
 } // namespace
