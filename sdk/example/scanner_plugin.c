@@ -347,6 +347,8 @@ void interpreter_dtor(void)
 
 int interpreter_reader(void* buffer, int length)
 {
+    if (length <= 0) /* a request for 2 GiB or more looks like this */
+        return 0;
     if (session.bytes_left > 0)
         return give(buffer, (uint32_t)length);
     return read_all(buffer, length);
@@ -354,6 +356,8 @@ int interpreter_reader(void* buffer, int length)
 
 int interpreter_writer(void* buffer, int length)
 {
+    if (length <= 0)
+        return 0;
     abandon_scan();
     return is_scan(buffer, length) ? start_scan(buffer) : write_all(buffer, length);
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <deque>
 #include <limits>
@@ -198,6 +199,13 @@ TEST_F(sample_plugin, refuses_to_start_without_a_way_to_the_device)
 {
     EXPECT_EQ(m_plugin.ctor(nullptr, scripted_device::write), 0);
     EXPECT_EQ(m_plugin.ctor(scripted_device::read, nullptr), 0);
+}
+
+TEST_F(sample_plugin, refuses_what_is_too_long_for_its_lengths)
+{
+    EXPECT_EQ(m_plugin.read(nullptr, INT_MIN), 0);
+    EXPECT_EQ(m_plugin.write(nullptr, INT_MIN), 0);
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>());
 }
 
 TEST_F(sample_plugin, passes_a_command_of_the_device_on_unchanged)

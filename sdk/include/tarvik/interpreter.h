@@ -77,8 +77,9 @@ TARVIK_EXPORT void interpreter_dtor(void);
 
 /*
  * Fills `buffer` with the next `length` bytes that the front-end is to receive. The buffer is the process's;
- * it may be written up to `length`, and not be touched any more after the return. `length` is greater than 0
- * and is the front-end's choice: bytes that are left over have to be kept for the next call.
+ * it may be written up to `length`, and not be touched any more after the return. `length` is the front-end's
+ * choice: bytes that are left over have to be kept for the next call. It is greater than 0, but for a process
+ * of 64 bits that was asked for 2 GiB or more: then it is negative, and has to be refused.
  *
  * Returns non-zero when all `length` bytes are there, otherwise 0; the front-end then gets none of them.
  */
