@@ -2,11 +2,11 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
 #include <array>
 
 #include "common/log/logger.h"
 #include "tvkintif/src/ipc_connection.h"
+#include "tvkintif/src/payload_buffer.h"
 #include "tvkintif/src/scanner.h"
 
 using vl::common::log::ESeveryLevel;
@@ -48,7 +48,7 @@ void dispatch::disconnect()
 
 void dispatch::run()
 {
-    std::vector<unsigned char> payload(kInitialPayloadSize);
+    payload_buffer payload(kInitialPayloadSize);
     while (do_cleanup == 0) {
         ipc_header header = {};
         const int result = m_connection->read(header, payload);
@@ -59,13 +59,13 @@ void dispatch::run()
             do_dispatch(header, payload);
         }
         // The length stays: a request without payload passes this many zero bytes on.
-        std::fill(payload.begin(), payload.end(), static_cast<unsigned char>(0));
+        payload.clear();
     }
     Logger(kUnit, __LINE__, ESeveryLevel::info)("Leave do_cleanup %d", do_cleanup.load());
     scanner::instance().close();
 }
 
-void dispatch::do_dispatch(ipc_header& header, std::vector<unsigned char>& payload)
+void dispatch::do_dispatch(ipc_header& header, payload_buffer& payload)
 {
     const unsigned int id = ntohl(header.id);
     const unsigned int code = ntohl(header.code);
@@ -92,9 +92,9 @@ void dispatch::do_dispatch(ipc_header& header, std::vector<unsigned char>& paylo
     }
 }
 
-void dispatch::open(const std::vector<unsigned char>& payload)
+void dispatch::open(payload_buffer& payload)
 {
-    const std::string address(payload.begin(), payload.end());
+    const std::string address(payload.data(), payload.data() + payload.size());
     Logger(kUnit, __LINE__, ESeveryLevel::info)("open %s", address.c_str());
     if (scanner::instance().open(address)) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("send ok");
@@ -114,7 +114,7 @@ void dispatch::close()
     Logger(kUnit, __LINE__, ESeveryLevel::info)("leave close");
 }
 
-void dispatch::send(const ipc_header& header, std::vector<unsigned char>& payload)
+void dispatch::send(const ipc_header& header, payload_buffer& payload)
 {
     const unsigned int id = ntohl(header.id);
     const int result = scanner::instance().send(payload.data(), static_cast<unsigned int>(payload.size()),
@@ -125,11 +125,11 @@ void dispatch::send(const ipc_header& header, std::vector<unsigned char>& payloa
         m_connection->send_ng(id);
 }
 
-void dispatch::recv(const ipc_header& header, std::vector<unsigned char>& payload)
+void dispatch::recv(const ipc_header& header, payload_buffer& payload)
 {
     const unsigned int id = ntohl(header.id);
     const unsigned int length = ntohl(header.value);
-    make_zeroed(payload, length);
+    payload.resize(length);
     if (scanner::instance().recv(payload.data(), length) == scanner::kOk)
         m_connection->send_ok(id, payload);
     else

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tvkintif/src/ipc_header.h"
 
 class ipc_connection;
+class payload_buffer;
 
 /// Non-zero: finish the request in hand, then end. Only ever set to 1: by a termination signal, the end of
 /// the connection, a close request, a failed open.
@@ -43,13 +43,13 @@ public:
 
     /// Carries out one request and sends its reply. `payload` is the request's on entry; a receive request
     /// leaves the bytes that it replied with.
-    void do_dispatch(ipc_header& header, std::vector<unsigned char>& payload);
+    void do_dispatch(ipc_header& header, payload_buffer& payload);
 
 private:
-    void open(const std::vector<unsigned char>& payload);
+    void open(payload_buffer& payload);
     void close();
-    void send(const ipc_header& header, std::vector<unsigned char>& payload);
-    void recv(const ipc_header& header, std::vector<unsigned char>& payload);
+    void send(const ipc_header& header, payload_buffer& payload);
+    void recv(const ipc_header& header, payload_buffer& payload);
     void query(const ipc_header& header);
 
     std::unique_ptr<ipc_connection> m_connection;

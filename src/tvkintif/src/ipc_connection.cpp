@@ -10,6 +10,7 @@
 
 #include "common/log/logger.h"
 #include "tvkintif/src/move_all.h"
+#include "tvkintif/src/payload_buffer.h"
 #include "tvkintif/src/transceiver.h"
 
 using vl::common::log::ESeveryLevel;
@@ -76,11 +77,9 @@ void log_progress(ssize_t moved, unsigned int total, unsigned int size)
 
 /// No retry, not even after an interruption or a time-out: the caller looks at the termination flag and then
 /// reads on from here as if a message began.
-int read_all(int fd, void* buffer, unsigned int size)
+moved_bytes read_all(int fd, void* buffer, unsigned int size)
 {
-    if (buffer == nullptr || size == 0)
-        return ipc_connection::kFailed;
-    const moved_bytes moved = move_all(size, [&](unsigned int offset, unsigned int rest) {
+    return move_all(size, [&](unsigned int offset, unsigned int rest) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("ipc connection read get called = %d",
                                                     static_cast<int>(rest));
         const ssize_t result = read_once(fd, static_cast<unsigned char*>(buffer) + offset, rest);
@@ -90,6 +89,10 @@ int read_all(int fd, void* buffer, unsigned int size)
             log_progress(result, offset + static_cast<unsigned int>(result), size);
         return result;
     });
+}
+
+int result_of_reading(const moved_bytes& moved)
+{
     if (moved.last < 0)
         return ipc_connection::kFailed;
     return moved.last == 0 ? ipc_connection::kPeerClosed : static_cast<int>(moved.total);
@@ -129,13 +132,6 @@ unsigned int length_of(const std::vector<unsigned char>& payload)
 
 } // namespace
 
-void make_zeroed(std::vector<unsigned char>& buffer, unsigned int length)
-{
-    buffer.clear(); // so that nothing is copied into a larger buffer only to be zeroed there
-    buffer.reserve(length);
-    buffer.resize(length);
-}
-
 ipc_connection::ipc_connection() : ipc_connection(kAnyPort) {}
 
 ipc_connection::ipc_connection(int port) : m_transceiver(std::make_unique<transceiver>(port, kTimeoutSeconds))
@@ -149,18 +145,20 @@ int ipc_connection::port() const
     return m_transceiver->port();
 }
 
-int ipc_connection::read(ipc_header& header, std::vector<unsigned char>& payload)
+int ipc_connection::read(ipc_header& header, payload_buffer& payload)
 {
     header = {};
-    const int result = receive(&header, sizeof header);
+    const int result = result_of_reading(read_all(m_transceiver->establish_socket(), &header, sizeof header));
     if (result < 0)
         return result;
     const std::uint32_t size = ntohl(header.size);
     // The payload keeps its earlier length: a request without payload passes that many zero bytes on.
     if (size == 0)
         return 0;
-    make_zeroed(payload, size);
-    return receive(payload.data(), size);
+    payload.resize(size);
+    const moved_bytes moved = read_all(m_transceiver->establish_socket(), payload.storage(), size);
+    payload.store(moved.total);
+    return result_of_reading(moved);
 }
 
 void ipc_connection::send_ok(unsigned int id, const void* data, int size)
@@ -170,9 +168,9 @@ void ipc_connection::send_ok(unsigned int id, const void* data, int size)
     send_reply(reply_header(id, kErrorOk, length), data, has_payload ? length : 0);
 }
 
-int ipc_connection::send_ok(unsigned int id, std::vector<unsigned char>& payload)
+int ipc_connection::send_ok(unsigned int id, payload_buffer& payload)
 {
-    const unsigned int length = length_of(payload);
+    const auto length = static_cast<unsigned int>(payload.size());
     return send_reply(reply_header(id, kErrorOk, length), payload.data(), length);
 }
 
@@ -218,11 +216,6 @@ int ipc_connection::send_reply(const ipc_header& header, const void* data, unsig
     if (result <= 0 || size == 0)
         return result;
     return send(data, size);
-}
-
-int ipc_connection::receive(void* buffer, unsigned int size)
-{
-    return read_all(m_transceiver->establish_socket(), buffer, size);
 }
 
 int ipc_connection::send(const void* data, unsigned int size)

@@ -5,10 +5,8 @@
 
 #include "tvkintif/src/ipc_header.h"
 
+class payload_buffer;
 class transceiver;
-
-/// Makes `buffer` exactly `length` zero bytes long. Throws what an allocation of exactly that length throws.
-void make_zeroed(std::vector<unsigned char>& buffer, unsigned int length);
 
 /// The framed conversation with the one front-end: reads a request (header and payload), sends a reply.
 ///
@@ -35,12 +33,12 @@ public:
 
     /// Reads one message. `payload` becomes exactly the announced length, but for a length of 0 it is left
     /// untouched. Returns the payload's length, kFailed or kPeerClosed. An impossible length throws.
-    int read(ipc_header& header, std::vector<unsigned char>& payload);
+    int read(ipc_header& header, payload_buffer& payload);
 
     /// Success, with `size` bytes of `data` unless there are none.
     void send_ok(unsigned int id, const void* data, int size);
     /// Success, with the payload if it is not empty. Returns the last transfer's result.
-    int send_ok(unsigned int id, std::vector<unsigned char>& payload);
+    int send_ok(unsigned int id, payload_buffer& payload);
     /// Failure. Returns the transfer's result.
     int send_ng(unsigned int id);
     /// Refusal: failure with the one byte 0x15. Returns the last transfer's result.
@@ -57,7 +55,6 @@ public:
 private:
     int send_reply(const ipc_header& header, const void* data, unsigned int size);
     // The way of all bytes. The first of these calls waits for the front-end to connect.
-    int receive(void* buffer, unsigned int size);
     int send(const void* data, unsigned int size);
 
     std::unique_ptr<transceiver> m_transceiver;

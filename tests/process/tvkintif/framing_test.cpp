@@ -1,6 +1,7 @@
 // Messages that arrive in pieces, and large ones.
 
 #include "process/tvkintif/program_test.h"
+#include "support/proc_files.h"
 
 namespace process_test {
 
@@ -85,6 +86,17 @@ TEST_F(framing, small_payload_after_a_large_one_is_exactly_its_own_length)
     close_and_expect_end();
     expect_usb_about("plugin_echoing ",
                      {"plugin_echoing writer 1000000", "plugin_echoing writer 3", "plugin_echoing reader 6"});
+}
+
+TEST_F(framing, payload_that_is_only_announced_takes_no_memory)
+{
+    start_connected();
+    const std::size_t before = support::resident_memory(pid());
+    tell(bare_header(1, 6, 0xFFFFFFFE));
+    wait_for_log_end({"INFO ipc connection read get called = -2"}); // as a signed number
+    EXPECT_LT(support::resident_memory(pid()), before + 16 * 1024);
+    hang_up();
+    expect_end();
 }
 
 } // namespace process_test

@@ -20,6 +20,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -229,6 +230,15 @@ MISHAPS_EXPORT void* operator new(std::size_t size)
     if (memory == nullptr)
         throw std::bad_alloc();
     return memory;
+}
+
+extern "C" MISHAPS_EXPORT void* mmap(void* address, std::size_t size, int protection, int flags,
+                                     int descriptor, off_t offset) noexcept
+{
+    if (size <= allocation_limit)
+        return the_real(mmap, "mmap")(address, size, protection, flags, descriptor, offset);
+    errno = ENOMEM;
+    return MAP_FAILED;
 }
 
 MISHAPS_EXPORT void operator delete(void* memory) noexcept

@@ -116,7 +116,7 @@ TEST_F(logging, receive_of_more_than_32_bits_can_address_is_an_error_that_ends_t
     begin_session();
     begin(tarvik::request_code::recv, std::numeric_limits<std::uint32_t>::max(), {});
     EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(1));
-    log() += support::lines{"ERROR vector::reserve"} + expected::info({"--- Leave int interface ---"});
+    log() += support::lines{"ERROR std::bad_alloc"} + expected::info({"--- Leave int interface ---"});
     expect_whole_log();
 }
 

@@ -1,5 +1,8 @@
 #include "unit/tvkintif/allocation_seam.h"
 
+#include <sys/mman.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -46,4 +49,18 @@ void operator delete(void* memory) noexcept
 void operator delete(void* memory, std::size_t) noexcept
 {
     std::free(memory);
+}
+
+// The linker's --wrap hands every call of mmap to this and reaches the C library as __real_mmap.
+extern "C" {
+
+void* __real_mmap(void* address, std::size_t size, int protection, int flags, int descriptor, off_t offset);
+
+void* __wrap_mmap(void* address, std::size_t size, int protection, int flags, int descriptor, off_t offset)
+{
+    if (!current_limit || size <= *current_limit)
+        return __real_mmap(address, size, protection, flags, descriptor, offset);
+    errno = ENOMEM;
+    return MAP_FAILED;
+}
 }

@@ -1,8 +1,10 @@
 #include "tvkintif/src/dispatch.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -11,6 +13,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -18,6 +21,7 @@
 #include "support/log_reader.h"
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
+#include "tvkintif/src/payload_buffer.h"
 #include "tvkintif/src/scanner.h"
 #include "unit/tvkintif/allocation_seam.h"
 #include "unit/tvkintif/peer.h"
@@ -809,8 +813,8 @@ TEST_F(dispatch_test, one_request_can_be_handled_outside_the_loop)
 {
     open_beforehand();
     ipc_header header = header_of(request(1, kRecv, 3));
-    bytes payload(10, 0xAA);
+    payload_buffer payload(10);
     m_dispatch->do_dispatch(header, payload);
-    EXPECT_EQ(payload, device_bytes(3));
+    EXPECT_EQ(bytes(payload.data(), payload.data() + payload.size()), device_bytes(3));
     EXPECT_EQ(replies(), hex(ok(1, device_bytes(3))));
 }
