@@ -5,6 +5,7 @@
 #include <array>
 
 #include "common/log/logger.h"
+#include "tvkintif/src/failure_pause.h"
 #include "tvkintif/src/ipc_connection.h"
 #include "tvkintif/src/payload_buffer.h"
 #include "tvkintif/src/scanner.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr const char* kUnit = "dispatch";
 constexpr std::size_t kInitialPayloadSize = 1024;
+constexpr std::chrono::milliseconds kFirstPause{10}; ///< between reads that fail at once
 constexpr unsigned int kConnectionId = 1; ///< handed out by the open reply, asked of every later request
 
 enum request_code : unsigned int { ipc_open = 4, ipc_close = 5, ipc_send = 6, ipc_recv = 7, ipc_query = 8 };
@@ -49,14 +51,18 @@ void dispatch::disconnect()
 void dispatch::run()
 {
     payload_buffer payload(kInitialPayloadSize);
+    failure_pause pause(kFirstPause);
     while (do_cleanup == 0) {
         ipc_header header = {};
         const int result = m_connection->read(header, payload);
-        if (result == ipc_connection::kPeerClosed) {
+        if (result == ipc_connection::kPeerClosed || m_connection->is_abandoned()) {
             do_cleanup = 1;
             Logger(kUnit, __LINE__, ESeveryLevel::info)("do_cleanup %d", do_cleanup.load());
         } else if (result >= 0) {
+            pause.succeeded();
             do_dispatch(header, payload);
+        } else {
+            pause.failed();
         }
         // The length stays: a request without payload passes this many zero bytes on.
         payload.clear();

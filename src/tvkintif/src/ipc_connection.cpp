@@ -1,6 +1,7 @@
 #include "tvkintif/src/ipc_connection.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -125,6 +126,12 @@ ipc_header reply_header(unsigned int id, std::int32_t error, unsigned int size)
     return header;
 }
 
+bool has_lost_its_reader(int descriptor)
+{
+    pollfd end = {descriptor, 0, 0};
+    return poll(&end, 1, 0) == 1 && (end.revents & POLLERR) != 0;
+}
+
 unsigned int length_of(const std::vector<unsigned char>& payload)
 {
     return static_cast<unsigned int>(payload.size());
@@ -143,6 +150,11 @@ ipc_connection::~ipc_connection() = default;
 int ipc_connection::port() const
 {
     return m_transceiver->port();
+}
+
+bool ipc_connection::is_abandoned() const
+{
+    return m_transceiver->has_timed_out() && has_lost_its_reader(STDOUT_FILENO);
 }
 
 int ipc_connection::read(ipc_header& header, payload_buffer& payload)

@@ -31,6 +31,10 @@ public:
     /// The TCP port on 127.0.0.1 where the front-end is awaited.
     int port() const;
 
+    /// Whether nobody has connected in time, and nobody can come to know the port any more: standard output,
+    /// on which it was told, is a pipe that has lost its reader.
+    bool is_abandoned() const;
+
     /// Reads one message. `payload` becomes exactly the announced length, but for a length of 0 it is left
     /// untouched. Returns the payload's length, kFailed or kPeerClosed. An impossible length throws.
     int read(ipc_header& header, payload_buffer& payload);

@@ -158,16 +158,17 @@ bool transceiver::bind()
     set_sock_opts(m_nListening, m_nTimeout);
     if (!bind_to_loopback(m_nListening, m_nPort)) {
         Logger(kUnit, __LINE__, ESeveryLevel::info)("bind fails");
-        m_nListening = -1;
+        forget_listening();
         return false;
     }
     const int port = bound_port(m_nListening);
     if (port < 0) {
         std::fprintf(stderr, "%s\n", std::strerror(errno));
         Logger(kUnit, __LINE__, ESeveryLevel::info)("getsockname fails");
-        m_nListening = -1;
+        forget_listening();
         return false;
     }
+    m_forgetting.succeeded();
     m_nPort = port;
     // The port may be announced as soon as this returns: a front-end that connects at once must find it
     // open. Should it fail, accept() tries again.
@@ -191,15 +192,45 @@ bool transceiver::accept()
         return false;
     ::listen(m_nListening, kBacklog);
     m_nConnected = accept_peer(m_nListening);
-    // One peer only: whoever comes later is to be refused, not left waiting in the queue.
+    const int cause = m_nConnected < 0 ? errno : 0;
+    m_isTimedOut = cause == EAGAIN;
     set_sock_opts(m_nListening, m_nTimeout);
-    ::close(m_nListening);
-    m_nListening = -1;
-    if (m_nConnected < 0)
+    // One peer only: whoever comes later is to be refused, not left waiting in the queue. A signal asks for
+    // the end.
+    if (cause == 0 || cause == EINTR)
+        ::close(std::exchange(m_nListening, -1));
+    else
+        listen_anew();
+    if (cause != 0)
         return false;
     set_sock_opts(m_nConnected, m_nTimeout);
     send_without_delay(m_nConnected);
     return true;
+}
+
+/// Exchanges the listening socket for a new one with the same port. Somebody else may be waiting for that
+/// port: nothing happens between the close and the bind.
+void transceiver::listen_anew()
+{
+    const int next = new_socket();
+    if (next >= 0)
+        set_sock_opts(next, m_nTimeout);
+    ::close(std::exchange(m_nListening, -1));
+    if (next < 0)
+        return;
+    if (!bind_to_loopback(next, m_nPort)) {
+        ::close(next); // bind() tries again, and tells
+        return;
+    }
+    m_nListening = next;
+    ::listen(m_nListening, kBacklog);
+}
+
+/// Forgets the socket without closing it, on purpose.
+void transceiver::forget_listening()
+{
+    m_nListening = -1;
+    m_forgetting.failed();
 }
 
 bool transceiver::connect()

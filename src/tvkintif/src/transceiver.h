@@ -2,13 +2,16 @@
 
 #include <string>
 
+#include "tvkintif/src/failure_pause.h"
+
 /// One TCP connection on IPv4, in one of two forms. The server form listens on 127.0.0.1, accepts exactly
 /// one peer and closes its listening socket; the client form connects to a host. Either way the connection
 /// is made by the first operation that needs it.
 ///
 /// Owns both sockets and closes them on destruction. A socket whose bind, name lookup or connect failed is
-/// the exception, on purpose: the object only forgets it, and a later call starts with a new one. Nothing
-/// throws; failures are told by the result, and their cause in the log.
+/// the exception, on purpose: the object only forgets it, and a later call starts with a new one; binds that
+/// go on failing forget no more than one a second. Nothing throws; failures are told by the result, and their
+/// cause in the log.
 ///
 /// Threads: one at a time.
 class transceiver {
@@ -31,10 +34,11 @@ public:
     bool bind();
     /// The port, bound if need be.
     int port();
-    /// Server form: waits for the one peer, at most for the time-out. The listening socket is closed even
-    /// if nobody came: the next accept() fails, while an operation that binds first (establish(), send(),
-    /// recv(), port()) listens on the same port again.
+    /// Server form: waits for the one peer, at most for the time-out. The listening socket is closed even if
+    /// nobody came; unless a signal ended the wait, another one has the same port from then on.
     bool accept();
+    /// Whether the last accept() ended because nobody came in time.
+    bool has_timed_out() const { return m_isTimedOut; }
     /// Client form: connects, unless connected.
     bool connect();
     /// Makes the connection in whichever form.
@@ -55,10 +59,15 @@ public:
     void close();
 
 private:
+    void forget_listening();
+    void listen_anew();
+
     int m_nListening = -1; ///< -1: none
     int m_nConnected = -1; ///< -1: none
     int m_nPort;           ///< as asked for, then as bound
     unsigned int m_nTimeout;
     bool m_isClient;
+    bool m_isTimedOut = false;
     std::string m_host;
+    failure_pause m_forgetting{failure_pause::kLongest};
 };

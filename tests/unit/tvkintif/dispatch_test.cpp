@@ -146,6 +146,30 @@ private:
     void (*m_previous)(int);
 };
 
+/// Standard output as a pipe whose reader has gone.
+class unread_output {
+public:
+    unread_output()
+    {
+        std::array<int, 2> ends{};
+        if (pipe(ends.data()) != 0)
+            throw std::system_error(errno, std::generic_category(), "pipe");
+        dup2(ends[1], STDOUT_FILENO);
+        ::close(ends[0]);
+        ::close(ends[1]);
+    }
+    unread_output(const unread_output&) = delete;
+    unread_output& operator=(const unread_output&) = delete;
+    ~unread_output()
+    {
+        dup2(m_before, STDOUT_FILENO);
+        ::close(m_before);
+    }
+
+private:
+    int m_before = dup(STDOUT_FILENO);
+};
+
 /// A dispatcher with its front-end connected, a scanner on the bus, and a plugin that serves it installed.
 class dispatch_test : public watched_test {
 protected:
@@ -341,6 +365,73 @@ TEST_F(dispatch_test, failure_to_accept_repeats_until_a_signal_sets_the_flag)
                            std::string("INFO read failed: ") + std::strerror(EBADF),
                            "INFO ipc connection read get bail rv = -1"};
     EXPECT_EQ(log(), text({attempt, attempt, attempt, {"INFO Leave do_cleanup 1"}}));
+}
+
+TEST_F(dispatch_test, failures_that_follow_each_other_are_spaced_out)
+{
+    m_front_end->close();
+    const termination_handler handler;
+    system_calls calls;
+    calls.fail("accept", EMFILE, 0);
+    calls.before("accept", [attempts = 0]() mutable {
+        if (++attempts == 10)
+            std::raise(SIGTERM);
+    });
+    m_dispatch->run();
+    EXPECT_EQ(starting_with("usleep ", support::take_dialogue()),
+              (lines{"usleep 10000", "usleep 20000", "usleep 40000", "usleep 80000", "usleep 160000",
+                     "usleep 320000", "usleep 640000", "usleep 1000000", "usleep 1000000"}));
+}
+
+TEST_F(dispatch_test, request_that_was_read_ends_a_row_of_failures)
+{
+    system_calls calls;
+    calls.fail("read", EINTR, 1);
+    calls.fail("read", EINTR, 3);
+    m_front_end->send(request(1, kQuery, 3));
+    m_front_end->end_stream();
+    m_dispatch->run();
+    EXPECT_EQ(starting_with("usleep ", support::take_dialogue()), lines());
+}
+
+TEST_F(dispatch_test, loop_ends_when_nobody_came_in_time_and_nobody_reads_the_port)
+{
+    m_front_end->close();
+    system_calls calls;
+    calls.fail("accept", EAGAIN, 0);
+    const unread_output nobody;
+    m_dispatch->run();
+    const lines expected = {
+        "INFO ipc connection read get called = 20", std::string("INFO read failed: ") + std::strerror(EBADF),
+        "INFO ipc connection read get bail rv = -1", "INFO do_cleanup 1", "INFO Leave do_cleanup 1"};
+    EXPECT_EQ(support::log_dialogue(), expected);
+}
+
+TEST_F(dispatch_test, loop_goes_on_after_another_failure_though_nobody_reads_the_port)
+{
+    const termination_handler handler;
+    system_calls calls;
+    calls.fail("accept", ECONNABORTED, 0);
+    calls.before("accept", [attempts = 0]() mutable {
+        if (++attempts == 2)
+            std::raise(SIGTERM);
+    });
+    const unread_output nobody;
+    m_dispatch->run();
+    EXPECT_EQ(calls.lines_of("accept").size(), 2U);
+}
+
+TEST_F(dispatch_test, loop_goes_on_after_a_time_out_while_somebody_may_still_read_the_port)
+{
+    const termination_handler handler;
+    system_calls calls;
+    calls.fail("accept", EAGAIN, 0);
+    calls.before("accept", [attempts = 0]() mutable {
+        if (++attempts == 2)
+            std::raise(SIGTERM);
+    });
+    m_dispatch->run();
+    EXPECT_EQ(calls.lines_of("accept").size(), 2U);
 }
 
 TEST_F(dispatch_test, request_after_a_read_that_failed_is_served)

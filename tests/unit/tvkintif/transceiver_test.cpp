@@ -22,6 +22,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/dialogue.h"
 #include "support/log_reader.h"
 #include "support/open_log.h"
 #include "support/private_paths.h"
@@ -321,6 +322,35 @@ TEST_F(transceiver_test, socket_of_a_failed_bind_is_forgotten_and_not_closed)
     const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
+TEST_F(transceiver_test, binds_that_go_on_failing_forget_a_socket_a_second)
+{
+    system_calls calls;
+    calls.fail("bind", EADDRINUSE, 0);
+    transceiver server(0, kTimeout);
+    support::take_dialogue();
+    for (int attempt = 0; attempt < 3; ++attempt)
+        server.bind();
+    EXPECT_EQ(support::take_dialogue(), (lines{"usleep 1000000", "usleep 1000000"}));
+    for (const char* name : {"#1", "#2", "#3"})
+        const forgotten_socket forgotten(calls.descriptor(name));
+}
+
+TEST_F(transceiver_test, bind_that_succeeds_lets_the_next_failure_pass_without_a_pause)
+{
+    system_calls calls;
+    calls.fail("bind", EADDRINUSE);
+    transceiver server(0, kTimeout);
+    server.bind();
+    ASSERT_TRUE(server.bind());
+    server.close();
+    calls.fail("bind", EADDRINUSE);
+    support::take_dialogue();
+    server.bind();
+    EXPECT_EQ(support::take_dialogue(), lines());
+    for (const char* name : {"#1", "#3"})
+        const forgotten_socket forgotten(calls.descriptor(name));
+}
+
 TEST_F(transceiver_test, bind_after_a_failed_one_starts_with_a_new_socket)
 {
     system_calls calls;
@@ -565,16 +595,61 @@ TEST_F(transceiver_test, delay_that_cannot_be_switched_off_is_not_even_logged)
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
-TEST_F(transceiver_test, failed_accept_still_sets_options_and_closes_the_listening_socket)
+TEST_F(transceiver_test, failed_accept_exchanges_the_listening_socket_for_another_one_on_its_port)
+{
+    system_calls calls;
+    transceiver server(0, kTimeout);
+    const int port = server.port();
+    calls.take_lines();
+    calls.fail("accept", ECONNABORTED);
+    EXPECT_FALSE(server.accept());
+    EXPECT_EQ(calls.lines(), (lines{"listen #1 5", "accept #1 -> -1"} + all_options("#1") +
+                              lines{"socket AF_INET SOCK_STREAM 0 -> #2", "fcntl #2 F_SETFD FD_CLOEXEC"} +
+                              all_options("#2") +
+                              // Nothing between these two, or somebody else might get the port.
+                              lines{"close #1", "bind #2 127.0.0.1:" + std::to_string(port), "listen #2 5"}));
+}
+
+TEST_F(transceiver_test, accept_that_a_signal_ends_leaves_no_listening_socket)
 {
     system_calls calls;
     transceiver server(0, kTimeout);
     server.bind();
     calls.take_lines();
-    calls.fail("accept", ECONNABORTED);
+    calls.fail("accept", EINTR);
     EXPECT_FALSE(server.accept());
     EXPECT_EQ(calls.lines(),
               (lines{"listen #1 5", "accept #1 -> -1"} + all_options("#1") + lines{"close #1"}));
+}
+
+class failing_exchange : public transceiver_test, public testing::WithParamInterface<const char*> {};
+
+TEST_P(failing_exchange, of_the_listening_socket_is_left_to_the_next_bind)
+{
+    system_calls calls;
+    transceiver server(0, kTimeout);
+    const int port = server.port();
+    calls.fail("accept", ECONNABORTED);
+    calls.fail(GetParam(), EADDRINUSE, 1);
+    EXPECT_FALSE(server.accept());
+    EXPECT_EQ(support::log_dialogue(), lines());
+    EXPECT_EQ(server.port(), port);
+    const peer late(port);
+    EXPECT_TRUE(late.is_connected());
+}
+
+INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_exchange, testing::Values("socket", "bind"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(transceiver_test, socket_that_could_not_be_bound_in_the_exchange_is_closed)
+{
+    system_calls calls;
+    transceiver server(0, kTimeout);
+    server.bind();
+    calls.fail("accept", ECONNABORTED);
+    calls.fail("bind", EADDRINUSE, 1);
+    server.accept();
+    EXPECT_EQ(calls.lines_of("close"), (lines{"close #1", "close #2"}));
 }
 
 TEST_F(transceiver_test, failed_accept_logs_nothing)
@@ -596,18 +671,6 @@ TEST_F(transceiver_test, listening_socket_that_closes_badly_after_the_accept_is_
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
-TEST_F(transceiver_test, operation_after_a_failed_accept_listens_on_the_same_port_again)
-{
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    const int port = server.port();
-    calls.fail("accept", ECONNABORTED);
-    server.accept();
-    calls.take_lines();
-    EXPECT_TRUE(server.bind());
-    EXPECT_EQ(calls.lines(), binding(port, "#2"));
-}
-
 TEST_F(transceiver_test, accept_gives_up_after_the_time_out)
 {
     transceiver server(0, 1);
@@ -617,6 +680,28 @@ TEST_F(transceiver_test, accept_gives_up_after_the_time_out)
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(900));
     EXPECT_LT(waited, kDeadline);
+    EXPECT_TRUE(server.has_timed_out());
+}
+
+TEST_F(transceiver_test, failure_of_another_kind_is_no_time_out)
+{
+    system_calls calls;
+    calls.fail("accept", ECONNABORTED);
+    transceiver server(0, kTimeout);
+    server.establish();
+    EXPECT_FALSE(server.has_timed_out());
+}
+
+TEST_F(transceiver_test, peer_that_came_after_a_time_out_ends_it)
+{
+    system_calls calls;
+    transceiver server(0, kTimeout);
+    calls.fail("accept", EAGAIN, 1);
+    server.establish();
+    EXPECT_TRUE(server.has_timed_out());
+    const peer late(server.port());
+    EXPECT_TRUE(server.establish());
+    EXPECT_FALSE(server.has_timed_out());
 }
 
 TEST_F(transceiver_test, peer_that_comes_after_a_time_out_is_accepted_on_the_same_port)
