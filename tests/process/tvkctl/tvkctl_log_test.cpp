@@ -84,10 +84,10 @@ protected:
     std::unique_ptr<tarvik::child_process> m_follower;
 };
 
-TEST_F(tvkctl_log_test, off_is_told_with_its_reason_and_50)
+TEST_F(tvkctl_log_test, off_is_told_with_its_reason_and_70)
 {
     const tvkctl_result result = run({"log"});
-    EXPECT_EQ(result.status, 50);
+    EXPECT_EQ(result.status, 70);
     EXPECT_EQ(result.out, "Logging is off: /tmp/velnor/tvkintif does not exist\n"
                           "Turn it on with: tvkctl log on.\n");
     EXPECT_EQ(result.err, "");
@@ -105,13 +105,13 @@ TEST_F(tvkctl_log_test, on_is_told_with_its_level_and_place)
                               file_of_day() + " (nothing yet)\n");
 }
 
-TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_51)
+TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_71)
 {
     support::make_log_directory();
     const tvkctl_result result = run_as_nobody("log");
     if (IsSkipped())
         return;
-    EXPECT_EQ(result.status, 51);
+    EXPECT_EQ(result.status, 71);
     EXPECT_EQ(result.out.substr(0, result.out.find('\n')),
               "Logging is on, but not for this user: /tmp/velnor/tvkintif is not writable by nobody");
     EXPECT_NE(result.out.find("Have root hand it over with: sudo tvkctl log on --for nobody.\n"),
@@ -191,11 +191,11 @@ TEST_F(tvkctl_log_test, purge_removes_the_logs)
     EXPECT_FALSE(fs::exists(support::log_directory));
 }
 
-TEST_F(tvkctl_log_test, a_link_in_place_of_the_directory_is_refused_with_52)
+TEST_F(tvkctl_log_test, a_link_in_place_of_the_directory_is_refused_with_72)
 {
     fs::create_directory_symlink(scratch("."), support::log_directory);
     const tvkctl_result result = run({"log", "on"});
-    EXPECT_EQ(result.status, 52);
+    EXPECT_EQ(result.status, 72);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err,
               "tvkctl: /tmp/velnor/tvkintif is not a directory but a file or a symbolic "
@@ -265,21 +265,21 @@ TEST_F(tvkctl_log_test, show_tells_lines_as_json)
                                    {{"message", "and more"}}}}}}}}));
 }
 
-TEST_F(tvkctl_log_test, a_day_without_log_is_53_and_names_the_newest)
+TEST_F(tvkctl_log_test, a_day_without_log_is_73_and_names_the_newest)
 {
     support::make_log_directory();
     append(line_of("INFO", "old"), -2);
     const tvkctl_result result = run({"log", "show"});
-    EXPECT_EQ(result.status, 53);
+    EXPECT_EQ(result.status, 73);
     EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
                               " in /tmp/velnor/tvkintif. The newest " + "is that of " + date("%Y-%m-%d", -2) +
                               ": tvkctl log show --date " + date("%Y-%m-%d", -2) + ".\n");
 }
 
-TEST_F(tvkctl_log_test, no_log_at_all_is_53_and_tells_how_to_get_one)
+TEST_F(tvkctl_log_test, no_log_at_all_is_73_and_tells_how_to_get_one)
 {
     const tvkctl_result result = run({"log", "show"});
-    EXPECT_EQ(result.status, 53);
+    EXPECT_EQ(result.status, 73);
     EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
                               " in /tmp/velnor/tvkintif. Turn it on with: tvkctl log on.\n");
 }
@@ -354,7 +354,7 @@ TEST_F(tvkctl_log_test, follow_ends_with_the_directory)
     append(line_of("INFO", "two"));
     EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
     fs::remove_all(support::log_directory);
-    EXPECT_EQ(m_follower->wait_for_exit(kPatience), tarvik::exit_status::exited(50));
+    EXPECT_EQ(m_follower->wait_for_exit(kPatience), tarvik::exit_status::exited(70));
     EXPECT_EQ(m_follower->standard_error(),
               "tvkctl: /tmp/velnor/tvkintif is gone: logging was turned off. Turn it on with: tvkctl "
               "log on.\n");
@@ -370,10 +370,10 @@ TEST_F(tvkctl_log_test, follow_ends_when_what_it_writes_to_is_full)
               "tvkctl: standard output cannot be written. Look for a full disk or a closed reader.\n");
 }
 
-TEST_F(tvkctl_log_test, follow_without_directory_is_50)
+TEST_F(tvkctl_log_test, follow_without_directory_is_70)
 {
     const tvkctl_result result = run({"log", "follow"});
-    EXPECT_EQ(result.status, 50);
+    EXPECT_EQ(result.status, 70);
     EXPECT_EQ(result.out, "");
 }
 

@@ -218,8 +218,8 @@ TEST_F(tvkctl_run_test, a_refused_receive_keeps_what_came_before_and_says_where)
     EXPECT_EQ(support::read_file(scratch("a.raw")), "ABCD");
     EXPECT_EQ(result.err,
               "tvkctl: step 1, \"recv 12 > a.raw\": the program answers ng; a.raw keeps the 4 bytes "
-              "that came. The plugin or the scanner refused; the program's log says more (tvkctl "
-              "log).\n");
+              "that came. The plugin or the scanner refused; the program's log says more: tvkctl log "
+              "show.\n");
 }
 
 TEST_F(tvkctl_run_test, a_refused_step_is_the_last_and_the_scanner_is_parked)
@@ -242,8 +242,8 @@ TEST_F(tvkctl_run_test, a_refused_open_says_who_knows_why)
     with_plugin("plugin_refusing");
     const tvkctl_result result = run_steps({"send 01"});
     EXPECT_EQ(result.status, 12);
-    EXPECT_EQ(result.err, "tvkctl: the program cannot open usb:1a2b:3c4d: it answers ng. Ask tvkctl explain "
-                          "usb:1a2b:3c4d why.\n");
+    EXPECT_EQ(result.err, "tvkctl: the program cannot open usb:1a2b:3c4d: it answers ng. See why with: "
+                          "tvkctl explain usb:1a2b:3c4d.\n");
 }
 
 TEST_F(tvkctl_run_test, a_plugin_that_crashes_ends_the_connection)

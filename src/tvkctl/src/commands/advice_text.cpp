@@ -28,10 +28,19 @@ const char* command_of(tool_step step)
         return "sudo tvkctl log on --for";
     case tool_step::log_more:
         return "tvkctl log on --level INFO";
+    case tool_step::show_log:
+        return "tvkctl log show";
+    case tool_step::purge_log:
+        return "tvkctl log off --purge";
     case tool_step::none:
         break;
     }
     return "";
+}
+
+std::string typed(const advice& what)
+{
+    return command_of(what.step) + (what.parameter.empty() ? "" : " " + shell_word(what.parameter));
 }
 
 } // namespace
@@ -40,8 +49,16 @@ std::string text_of(const advice& what)
 {
     if (what.step == tool_step::none)
         return what.text;
-    return command_of(what.step) + (what.parameter.empty() ? "" : " " + shell_word(what.parameter)) +
-           (what.text.empty() ? "" : "   # " + what.text);
+    return typed(what) + (what.text.empty() ? "" : "   # " + what.text);
+}
+
+std::string sentences_of(const std::vector<advice>& all)
+{
+    std::string text;
+    for (const advice& what : all)
+        text += (text.empty() ? "" : " ") +
+                (what.step == tool_step::none ? what.text : what.text + ": " + typed(what) + ".");
+    return text;
 }
 
 } // namespace tarvik::tvkctl

@@ -7,11 +7,13 @@
 
 #include "front_end/src/bytes.h"
 #include "front_end/src/front_end_error.h"
+#include "tvkctl/src/commands/advice_text.h"
 #include "tvkctl/src/commands/command_check_plugin.h"
 #include "tvkctl/src/commands/command_explain.h"
 #include "tvkctl/src/commands/command_list.h"
 #include "tvkctl/src/commands/command_log.h"
 #include "tvkctl/src/commands/command_run.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -28,6 +30,9 @@ exit_code do_work(cli& shared)
     } catch (const command_error& error) {
         shared.io.error(error.what(), error.advice());
         return error.code();
+    } catch (const tool_error& error) {
+        shared.io.error(error.what(), sentences_of(error.next()));
+        return exit_code_of(error.why());
     } catch (const front_end_error& error) {
         shared.io.error(error.what(), error.advice());
         return exit_code_of(error.cause());

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "tvkctl/src/machine/command_error.h"
-#include "tvkctl/src/machine/exit_code.h"
+#include "tvkctl/src/commands/command_error.h"
+#include "tvkctl/src/commands/exit_code.h"
 #include "tvkctl/src/machine/host.h"
 #include "tvkctl/src/terminal/console.h"
 
@@ -41,7 +41,7 @@ constexpr const char* kProgramHelp =
 ///     CLI::App& command = add_command(app, shared, {"list", ...}, [=, &shared] { return list(*wanted,
 ///     shared); }); command.add_flag("--all", wanted->all, "...");
 ///
-/// The work throws command_error; front_end_error, std::system_error and others are told as well.
+/// The work throws command_error; tool_error, front_end_error and others are told as well.
 CLI::App& add_command(CLI::App& app, cli& shared, const command_text& text, std::function<exit_code()> work);
 
 /// Adds every command to `app`.

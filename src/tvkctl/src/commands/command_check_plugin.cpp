@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -13,8 +12,8 @@
 #include <variant>
 #include <vector>
 
-#include "tvkctl/src/commands/advice_text.h"
 #include "tvkctl/src/commands/check_report.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/plugin/elf_file.h"
 #include "tvkctl/src/plugin/plugin_cause.h"
 #include "tvkctl/src/plugin/plugin_check.h"
@@ -88,23 +87,6 @@ plugin_target target_of(const check_plugin_options& options)
     return is_native ? native_target() : armhf_target(options.sysroot, options.glibc);
 }
 
-exit_code code_of(cause why)
-{
-    static const std::map<std::string_view, exit_code> codes = {
-        {plugin_cause::kUnreadable.word, exit_code::plugin_unreadable},
-        {plugin_cause::kNotALibrary.word, exit_code::plugin_not_a_library},
-        {plugin_cause::kWrongMachine.word, exit_code::plugin_wrong_machine},
-        {plugin_cause::kIncomplete.word, exit_code::plugin_incomplete},
-        {plugin_cause::kNeedsMissing.word, exit_code::plugin_needs_missing},
-        {plugin_cause::kNotLoadable.word, exit_code::plugin_not_loadable},
-        {plugin_cause::kCrashed.word, exit_code::plugin_crashed},
-        {plugin_cause::kHung.word, exit_code::plugin_hung},
-        {plugin_cause::kUnclean.word, exit_code::plugin_unclean},
-        {plugin_cause::kNotRunnableHere.word, exit_code::plugin_not_runnable_here},
-    };
-    return codes.at(why.word);
-}
-
 cause cause_of(elf_error::reason why)
 {
     return why == elf_error::reason::unreadable ? plugin_cause::kUnreadable : plugin_cause::kNotALibrary;
@@ -128,7 +110,7 @@ elf_file read_plugin(const std::string& path)
     try {
         return read_elf_file(path);
     } catch (const elf_error& error) {
-        throw command_error(code_of(cause_of(error.why())), error.what(), advice_for(error.why()));
+        throw tool_error(cause_of(error.why()), error.what(), {advice_for(error.why())});
     }
 }
 
@@ -261,12 +243,13 @@ void write_json(const std::vector<section>& sections, const std::string& file, c
     json parts = json::array();
     for (const section& part : sections)
         parts.push_back(as_json(part));
-    io.write({{"file", file},
-              {"for", target.name},
-              {"machine", target.loader.text()},
-              {"ok", failed == nullptr},
-              {"exit_status", static_cast<int>(failed == nullptr ? exit_code::ok : code_of(failed->why))},
-              {"sections", std::move(parts)}});
+    io.write(
+        {{"file", file},
+         {"for", target.name},
+         {"machine", target.loader.text()},
+         {"ok", failed == nullptr},
+         {"exit_status", static_cast<int>(failed == nullptr ? exit_code::ok : exit_code_of(failed->why))},
+         {"sections", std::move(parts)}});
 }
 
 exit_code check_file(const check_plugin_options& options, cli& shared)
@@ -278,9 +261,8 @@ exit_code check_file(const check_plugin_options& options, cli& shared)
     else
         show_all(sections, options.file, target, shared.io);
     if (const check_result* failed = first_failed(sections))
-        throw command_error(code_of(failed->why),
-                            options.file + ": " + failed->check + ": " + failed->summary,
-                            text_of(failed->next.front()));
+        throw tool_error(failed->why, options.file + ": " + failed->check + ": " + failed->summary,
+                         failed->next);
     return exit_code::ok;
 }
 

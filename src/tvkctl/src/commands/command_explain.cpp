@@ -13,17 +13,10 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-constexpr int kFirstCode = 20; // of the 20 that are kept for explain
-
 struct explain_options {
     std::string udi = {};
     std::string program = {};
 };
-
-exit_code code_of(const check& failed)
-{
-    return static_cast<exit_code>(kFirstCode + failed.number);
-}
 
 exit_code explain(const explain_options& options, cli& shared)
 {
@@ -38,7 +31,7 @@ exit_code explain(const explain_options& options, cli& shared)
         else
             print(result, name_width, shared.io);
     });
-    const exit_code code = failed == nullptr ? exit_code::ok : code_of(*failed);
+    const exit_code code = failed == nullptr ? exit_code::ok : exit_code_of(*failed);
     if (shared.is_json)
         shared.io.write({{"udi", options.udi},
                          {"opens", failed == nullptr},
@@ -67,7 +60,7 @@ std::string examples_and_checks()
     std::ostringstream text;
     text << kExplainExamples;
     for (const check& one : kChecks)
-        text << std::setw(4) << static_cast<int>(code_of(one)) << "  " << std::left << std::setw(11)
+        text << std::setw(4) << static_cast<int>(exit_code_of(one)) << "  " << std::left << std::setw(11)
              << one.name << std::right << one.failure << '\n';
     return text.str();
 }

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -12,11 +12,8 @@ check_result look(const check& which, check_context& context)
 {
     try {
         return which.look(context);
-    } catch (const command_error& error) {
-        check_result result{outcome::failed, cause{"error"}, error.what()};
-        if (!error.advice().empty())
-            result.next = {error.advice()};
-        return result;
+    } catch (const tool_error& error) {
+        return {outcome::failed, error.why(), error.what(), {}, error.next()};
     }
 }
 

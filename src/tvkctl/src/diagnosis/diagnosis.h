@@ -64,8 +64,8 @@ inline constexpr std::array kChecks = {
     check{"interface", 3, "the device has no interface that the program could use", check_interface},
     check{"driver", 4, "another process has claimed the device", check_driver},
     check{"plugin", 5, "the plugin is missing or cannot be loaded", check_installed_plugin},
-    check{"program", 6, "tvkintif does not start or does not accept", check_program},
-    check{"open", 7, "all looks well, and yet the open or the close fails", check_open},
+    check{"program", 6, "tvkintif does not start or takes no connection", check_program},
+    check{"open", 7, "every check passes, but the open or the close fails", check_open},
 };
 
 /// Looks until the first check that fails, and tells of each. Returns the one that failed, or null.

@@ -27,7 +27,7 @@ struct listed_device {
     std::vector<std::string> warnings = {}; ///< whole sentences without their full stop
 };
 
-/// The devices that the program could use, or all, in the order in which it finds them. Throws command_error.
+/// The devices that the program could use, or all, in the order in which it finds them. Throws tool_error.
 std::vector<listed_device> list_devices(bool is_all, const host& machine);
 
 } // namespace tarvik::tvkctl

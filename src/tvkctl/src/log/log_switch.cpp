@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "common/text/text.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -59,7 +59,7 @@ void read_level(const log_place& place, log_state& state)
 /// Who made what lies below /tmp decides whether it can be trusted with what is logged.
 class directory_handle {
 public:
-    /// Opens it unless it is a symbolic link; throws log_refused.
+    /// Opens it unless it is a symbolic link; throws tool_error (kLogRefused).
     directory_handle(int parent, const char* name, std::string path)
         : m_path(std::move(path)),
           m_descriptor(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC))
@@ -68,20 +68,20 @@ public:
             return;
         if (errno == ELOOP || errno == ENOTDIR)
             refuse("is not a directory but a file or a symbolic link",
-                   "Find out who put it there (ls -ld " + m_path + ") and have it removed.");
-        refuse("cannot be opened: " + cause_text(), "Try it with sudo.");
+                   {"Find out who put it there (ls -ld " + m_path + ") and have it removed."});
+        refuse("cannot be opened: " + cause_text(), {"Try it with sudo."});
     }
 
-    [[noreturn]] void refuse(const std::string& what, const std::string& advice) const
+    [[noreturn]] void refuse(const std::string& what, std::vector<advice> next = {}) const
     {
-        throw command_error(exit_code::log_refused, m_path + " " + what, advice);
+        throw tool_error(kLogRefused, m_path + " " + what, std::move(next));
     }
 
     struct stat status() const
     {
         struct stat found = {};
         if (fstat(m_descriptor.get(), &found) != 0)
-            refuse("cannot be looked at: " + cause_text(), "");
+            refuse("cannot be looked at: " + cause_text());
         return found;
     }
 
@@ -92,10 +92,12 @@ public:
         if (owner == 0 || std::find(trusted.begin(), trusted.end(), owner) != trusted.end())
             return;
         const std::string name = user_of(owner).name;
-        refuse("belongs to " + name + ", who could redirect or rewrite what is logged there",
-               geteuid() == 0 ? "Have only that user's programs log, with tvkctl log on --for " + name +
-                                    ", or remove it with tvkctl log off --purge."
-                              : "Ask " + name + " or root to remove it.");
+        const std::string what =
+            "belongs to " + name + ", who could redirect or rewrite what is logged there";
+        if (geteuid() != 0)
+            refuse(what, {"Ask " + name + " or root to remove it."});
+        refuse(what, {{tool_step::turn_log_on_for, name, "Have only that user's programs log"},
+                      {tool_step::purge_log, "", "Or remove it"}});
     }
 
     /// In a sticky directory as /tmp itself nobody can exchange what is another's.
@@ -104,7 +106,7 @@ public:
         const mode_t mode = status().st_mode;
         if ((mode & kOthersMayWrite) != 0 && (mode & S_ISVTX) == 0)
             refuse("is writable by others, who could replace what is in it",
-                   "Close it with: sudo chmod go-w " + m_path + ".");
+                   {"Close it with: sudo chmod go-w " + m_path + "."});
     }
 
     int descriptor() const { return m_descriptor.get(); }
@@ -123,13 +125,13 @@ bool make_directory(int parent, const char* name, const std::string& path)
         if (errno == EEXIST)
             return false;
         const std::string cause = cause_text(); // before anything else can fail
-        throw command_error(exit_code::log_refused, path + " cannot be created: " + cause,
-                            "Have root create it for this user: sudo tvkctl log on --for " +
-                                user_of(geteuid()).name + ".");
+        throw tool_error(
+            kLogRefused, path + " cannot be created: " + cause,
+            {{tool_step::turn_log_on_for, user_of(geteuid()).name, "Have root create it for this user"}});
     }
     const directory_handle made(parent, name, path);
     if (fchmod(made.descriptor(), kDirectoryMode) != 0)
-        made.refuse("cannot be given mode 0755: " + cause_text(), "");
+        made.refuse("cannot be given mode 0755: " + cause_text());
     return true;
 }
 
@@ -185,9 +187,9 @@ void write_settings(const directory_handle& directory, const std::string& text)
 {
     const auto refuse = [&](const char* what) {
         const std::string cause = cause_text(); // before anything else can fail
-        directory.refuse(std::string("takes no settings file: ") + what + ": " + cause,
-                         "Turn logging on for this user: sudo tvkctl log on --for " +
-                             user_of(geteuid()).name + ".");
+        directory.refuse(
+            std::string("takes no settings file: ") + what + ": " + cause,
+            {{tool_step::turn_log_on_for, user_of(geteuid()).name, "Turn logging on for this user"}});
     };
     unlinkat(directory.descriptor(), kNewSettingsName, 0); // left by somebody who was interrupted
     const unique_fd file(::openat(directory.descriptor(), kNewSettingsName,
@@ -217,7 +219,7 @@ void give_file(const directory_handle& directory, const std::string& name, const
         return;
     if (found.st_uid != owner.id && fchown(file.get(), owner.id, static_cast<gid_t>(-1)) != 0)
         directory.refuse("keeps " + name + ", which cannot be given to " + owner.name + ": " + cause_text(),
-                         "Try it with sudo.");
+                         {"Try it with sudo."});
 }
 
 /// Hands the directory with its logs and settings to a user, whose programs could not add to another's.
@@ -225,7 +227,7 @@ void hand_over(const directory_handle& directory, const account& owner)
 {
     if (directory.status().st_uid != owner.id &&
         fchown(directory.descriptor(), owner.id, static_cast<gid_t>(-1)) != 0)
-        directory.refuse("cannot be given to " + owner.name + ": " + cause_text(), "Try it with sudo.");
+        directory.refuse("cannot be given to " + owner.name + ": " + cause_text(), {"Try it with sudo."});
     for (const std::string& name : log_file_names(directory.path()))
         give_file(directory, name, owner);
     give_file(directory, kSettingsName, owner);
@@ -239,7 +241,7 @@ bool close_for_others(const directory_handle& directory)
         return false;
     if (fchmod(directory.descriptor(), mode & ~(kOthersMayWrite | S_IFMT)) != 0)
         directory.refuse("is writable by others, and that cannot be changed: " + cause_text(),
-                         "Close it with: sudo chmod go-w " + directory.path() + ".");
+                         {"Close it with: sudo chmod go-w " + directory.path() + "."});
     return true;
 }
 
@@ -264,7 +266,8 @@ std::vector<uid_t> trusted_owners(const std::optional<account>& owner)
 void remove(const directory_handle& directory, const std::string& name)
 {
     if (unlinkat(directory.descriptor(), name.c_str(), 0) != 0 && errno != ENOENT)
-        directory.refuse("keeps " + name + ", which cannot be removed: " + cause_text(), "Try it with sudo.");
+        directory.refuse("keeps " + name + ", which cannot be removed: " + cause_text(),
+                         {"Try it with sudo."});
 }
 
 bool remove_directory(const directory_handle& root, const log_place& place)
@@ -273,8 +276,8 @@ bool remove_directory(const directory_handle& root, const log_place& place)
         return true;
     if (errno == ENOTEMPTY || errno == EEXIST)
         return false;
-    throw command_error(exit_code::log_refused, place.directory() + " cannot be removed: " + cause_text(),
-                        "Try it with sudo.");
+    throw tool_error(kLogRefused, place.directory() + " cannot be removed: " + cause_text(),
+                     {"Try it with sudo."});
 }
 
 log_change silence(const directory_handle& directory)

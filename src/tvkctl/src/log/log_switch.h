@@ -10,6 +10,7 @@
 #include "tvkctl/src/log/log_files.h"
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/machine/accounts.h"
+#include "tvkctl/src/machine/cause.h"
 
 namespace tarvik::tvkctl {
 
@@ -41,18 +42,20 @@ log_state look_at_log(const log_place& place, std::time_t now);
 /// One sentence without full stop: why nothing is logged. Empty when this user's programs log.
 std::string why_not_logged(const log_state& state, const log_place& place);
 
+inline constexpr cause kLogRefused{"log_refused"}; ///< the directory cannot be trusted or changed
+
 /// What was done, in words for a person, one a line.
 using log_change = std::vector<std::string>;
 
 /// Makes the directory, writable for its owner and root alone, and sets the level; without one, a level that
 /// is written already stays, and INFO is the default. `owner`, for root alone: whose programs shall log.
-/// Throws command_error (log_refused) when somebody else could redirect or rewrite what is logged.
+/// Throws tool_error (kLogRefused) when somebody else could redirect or rewrite what is logged.
 log_change turn_log_on(const log_place& place, std::optional<log_level> least,
                        const std::optional<account>& owner);
 
 /// Has programs that start from now on log nothing. An empty directory is removed; one that holds logs stays,
 /// with a level that nothing reaches, so that no log is lost. `is_purging`: logs, settings and directory are
-/// removed. Throws command_error (log_refused).
+/// removed. Throws tool_error (kLogRefused).
 log_change turn_log_off(const log_place& place, bool is_purging);
 
 } // namespace tarvik::tvkctl

@@ -17,9 +17,11 @@ enum class tool_step {
     turn_log_on,
     turn_log_on_for, ///< parameter: the user
     log_more,        ///< at INFO, where a failed open tells its reason
+    show_log,
+    purge_log,
 };
 
-/// What a person can do next: something in words or as a shell takes it, or a step of the tool.
+/// What a person can do next: in words, as a shell takes it, or with a step of the tool.
 struct advice {
     advice(const char* words) : text(words) {}
     advice(std::string words) : text(std::move(words)) {}

@@ -15,7 +15,7 @@
 #include <system_error>
 
 #include "common/text/text.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkintif/src/usb.h"
 
 namespace fs = std::filesystem;
@@ -48,10 +48,10 @@ using config_descriptor = std::unique_ptr<libusb_config_descriptor, config_delet
 
 [[noreturn]] void give_up(const char* call, ssize_t result)
 {
-    throw command_error(exit_code::usb_unavailable,
-                        std::string("the USB devices cannot be enumerated: ") + call + " answers " +
-                            libusb_error_name(static_cast<int>(result)),
-                        "Check that this machine has USB and that /dev/bus/usb and /sys/bus/usb are there.");
+    throw tool_error(kUsbUnavailable,
+                     std::string("the USB devices cannot be enumerated: ") + call + " answers " +
+                         libusb_error_name(static_cast<int>(result)),
+                     {"Check that this machine has USB and that /dev/bus/usb and /sys/bus/usb are there."});
 }
 
 context new_context()

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tvkctl/src/machine/accounts.h"
+#include "tvkctl/src/machine/cause.h"
 #include "tvkctl/src/machine/host.h"
 #include "tvkintif/src/interface_choice.h"
 
@@ -42,7 +43,9 @@ struct usb_device {
     device_node node;
 };
 
-/// All devices in the order in which the program finds them. Throws command_error (usb_unavailable). A device
+inline constexpr cause kUsbUnavailable{"usb_unavailable"}; ///< the devices cannot be enumerated
+
+/// All devices in the order in which the program finds them. Throws tool_error (kUsbUnavailable). A device
 /// that the program could use is opened for its texts, if this user may; of others sysfs tells them.
 std::vector<usb_device> scan_usb(const host& machine);
 

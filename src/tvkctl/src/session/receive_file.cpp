@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -14,11 +14,11 @@ namespace {
 
 constexpr mode_t kMode = 0666; // as far as the umask allows
 
-command_error cannot_write(const std::string& path)
+tool_error cannot_write(const std::string& path)
 {
     const std::string reason = std::strerror(errno);
-    return command_error(exit_code::output_file, path + " cannot be written: " + reason,
-                         "Check the folder, its rights and the space that is left.");
+    return tool_error(kOutputFile, path + " cannot be written: " + reason,
+                      {"Check the folder, its rights and the space that is left."});
 }
 
 } // namespace

@@ -12,10 +12,10 @@ namespace tarvik::tvkctl {
 /// nothing is lost when the command ends early.
 class receive_file {
 public:
-    /// Makes the file, or empties it, or goes to its end. Throws command_error (output_file).
+    /// Makes the file, or empties it, or goes to its end. Throws tool_error (kOutputFile).
     receive_file(const std::string& path, bool is_appended);
 
-    /// Throws command_error (output_file).
+    /// Throws tool_error (kOutputFile).
     void write(byte_view piece);
 
 private:

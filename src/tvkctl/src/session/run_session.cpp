@@ -8,8 +8,7 @@
 
 #include "common/process/interrupts.h"
 #include "common/text/text.h"
-#include "tvkctl/src/machine/command_error.h"
-#include "tvkctl/src/machine/udi.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/session/receive_file.h"
 
 namespace tarvik::tvkctl {
@@ -32,7 +31,7 @@ public:
             open();
             for (std::size_t i = 0; i < m_plan.steps.size(); ++i)
                 perform(i + 1, m_plan.steps[i]);
-        } catch (const command_error&) {
+        } catch (const tool_error&) {
             leave();
             throw;
         }
@@ -60,9 +59,9 @@ private:
         const auto answer =
             timed("open " + m_plan.udi, [this] { return m_scanner.open(m_plan.udi, m_plan.timeout).kind; });
         if (answer != reply::verdict::ok)
-            throw command_error(exit_code::open_refused,
-                                "the program cannot open " + m_plan.udi + ": it answers " + name_of(answer),
-                                "Ask tvkctl explain " + shell_word(m_plan.udi) + " why.");
+            throw tool_error(kOpenRefused,
+                             "the program cannot open " + m_plan.udi + ": it answers " + name_of(answer),
+                             {{tool_step::explain, m_plan.udi, "See why with"}});
     }
 
     void perform(std::size_t number, const run_step& step)
@@ -76,11 +75,11 @@ private:
                 return std::visit([this](const auto& what) { return carry_out(what); }, step.what);
             });
             if (answer != reply::verdict::ok)
-                throw command_error(
-                    exit_code::request_refused, std::string("the program answers ") + name_of(answer),
-                    "The plugin or the scanner refused; the program's log says more (tvkctl log).");
-        } catch (const command_error& error) {
-            throw command_error(error.code(), place + error.what() + what_is_left(), error.advice());
+                throw tool_error(kRequestRefused, std::string("the program answers ") + name_of(answer),
+                                 {{tool_step::show_log, "",
+                                   "The plugin or the scanner refused; the program's log says more"}});
+        } catch (const tool_error& error) {
+            throw tool_error(error.why(), place + error.what() + what_is_left(), error.next());
         } catch (const front_end_error& error) {
             throw front_end_error(error.cause(), place + error.step(), error.expected(),
                                   error.came() + what_is_left());
@@ -143,8 +142,8 @@ private:
             return reply::verdict::ok;
         });
         if (status && *status != exit_status::exited(0))
-            throw command_error(exit_code::program_failed, "the program ended with " + status->text(),
-                                "Its last lines on standard error and in its log say why.");
+            throw tool_error(kProgramFailed, "the program ended with " + status->text(),
+                             {"Its last lines on standard error and in its log say why."});
     }
 
     template <typename Work>
@@ -161,7 +160,7 @@ private:
     static void stop_if_interrupted()
     {
         if (interrupt_watch::was_interrupted())
-            throw command_error(exit_code::interrupted, "interrupted");
+            throw tool_error(kInterrupted, "interrupted");
     }
 
     /// Where the bytes are that a failed receive has brought.
@@ -187,7 +186,7 @@ void run_session(const session_plan& plan, run_report& report)
     try {
         session(plan, report).run();
         report.succeeded();
-    } catch (const command_error& error) {
+    } catch (const tool_error& error) {
         report.failed(error.what());
         throw;
     } catch (const front_end_error& error) {

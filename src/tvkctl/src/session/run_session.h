@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "front_end/src/front_end.h"
+#include "tvkctl/src/machine/cause.h"
 #include "tvkctl/src/session/run_report.h"
 #include "tvkctl/src/session/run_steps.h"
 
@@ -24,8 +25,14 @@ struct session_plan {
 /// late in it loses little. Sends go out whole.
 constexpr std::uint32_t kReceiveChunk = 65536;
 
-/// Runs one session from start to end. Throws command_error for whatever goes wrong, after the report was
-/// told; received bytes have then been handed on, and the message says where they are.
+// What ends a session early, besides what the front-end library and the files have.
+inline constexpr cause kOpenRefused{"open_refused"};
+inline constexpr cause kRequestRefused{"request_refused"};
+inline constexpr cause kProgramFailed{"program_failed"}; ///< it ended with another status than 0
+inline constexpr cause kInterrupted{"interrupted"};
+
+/// Runs one session from start to end. Throws tool_error or front_end_error for whatever goes wrong, after
+/// the report was told; received bytes have then been handed on, and the message says where they are.
 void run_session(const session_plan& plan, run_report& report);
 
 } // namespace tarvik::tvkctl

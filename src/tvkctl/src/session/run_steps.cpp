@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "common/text/text.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/terminal/numbers.h"
 
 namespace tarvik::tvkctl {
@@ -262,7 +262,8 @@ std::string form_of(const step_kind& kind)
 
 [[noreturn]] void refuse(const std::string& place, const step_error& reason)
 {
-    throw usage_error(place + ": " + reason.what(), "A step is one of: " + list_of_kinds(form_of) + ".");
+    throw tool_error(kBadStep, place + ": " + reason.what(),
+                     {"A step is one of: " + list_of_kinds(form_of) + "."});
 }
 
 std::string without_line_end(std::string line)
@@ -283,11 +284,11 @@ bytes read_file(const std::string& name)
     std::ifstream file(name, std::ios::binary);
     bytes content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     if (!file.is_open() || file.bad())
-        throw command_error(exit_code::input_file, name + " cannot be read: " + std::strerror(errno),
-                            "Check the name after the @.");
+        throw tool_error(kInputFile, name + " cannot be read: " + std::strerror(errno),
+                         {"Check the name after the @."});
     if (content.empty())
-        throw command_error(exit_code::input_file, name + " is empty: there is nothing to send",
-                            "To send a request without bytes, write send \"\".");
+        throw tool_error(kInputFile, name + " is empty: there is nothing to send",
+                         {"To send a request without bytes, write send \"\"."});
     return content;
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "front_end/src/bytes.h"
+#include "tvkctl/src/machine/cause.h"
 
 namespace tarvik::tvkctl {
 
@@ -58,15 +59,17 @@ run_step parse_step(const std::string& text);
 /// made from, a type in run_step, and what carries it out in run_session.cpp.
 std::string step_help();
 
-/// Reads the steps of a command line. Throws command_error (usage) that names the step.
+inline constexpr cause kBadStep{"bad_step"}; ///< a step that cannot be understood
+
+/// Reads the steps of a command line. Throws tool_error (kBadStep) that names the step.
 std::vector<run_step> parse_steps(const std::vector<std::string>& texts);
 
-/// Reads a script, one step a line, without empty lines and comments. Throws command_error (usage) with
+/// Reads a script, one step a line, without empty lines and comments. Throws tool_error (kBadStep) with
 /// `name` and the line's number.
 std::vector<run_step> read_script(std::istream& script, const std::string& name);
 
 /// Reads the files that the steps send, so that a missing one shows before a session begins; afterwards each
-/// send has one item, its bytes. Throws command_error (input_file), also for a file without content.
+/// send has one item, its bytes. Throws tool_error (kInputFile), also for a file without content.
 void load_files(std::vector<run_step>& steps);
 
 } // namespace tarvik::tvkctl

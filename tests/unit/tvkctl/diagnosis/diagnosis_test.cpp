@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -24,7 +24,7 @@ check_result failing(check_context&)
 }
 check_result throwing(check_context&)
 {
-    throw command_error(exit_code::usb_unavailable, "no bus", "Look for one.");
+    throw tool_error(cause{"no_bus"}, "no bus", {"Look for one."});
 }
 
 /// A diagnosis as text: each check that was told, and the name of the one that failed.
@@ -62,11 +62,11 @@ TEST(diagnosis_test, a_check_that_throws_has_failed)
     EXPECT_EQ(diagnosis_of({throwing, good}), "one: no bus; one");
 }
 
-TEST(diagnosis_test, each_check_has_a_number_of_its_own)
+TEST(diagnosis_test, each_check_has_a_number_of_its_own_below_20)
 {
     std::set<int> numbers;
     for (const check& one : kChecks)
-        EXPECT_TRUE(numbers.insert(one.number).second) << one.name;
+        EXPECT_TRUE(one.number < 20 && numbers.insert(one.number).second) << one.name;
 }
 
 } // namespace

@@ -7,19 +7,18 @@
 
 #include "support/files.h"
 #include "support/temporary_folder.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using tarvik::tvkctl::account;
-using tarvik::tvkctl::command_error;
-using tarvik::tvkctl::exit_code;
 using tarvik::tvkctl::log_change;
 using tarvik::tvkctl::log_level;
 using tarvik::tvkctl::log_place;
 using tarvik::tvkctl::log_state;
 using tarvik::tvkctl::look_at_log;
+using tarvik::tvkctl::tool_error;
 using tarvik::tvkctl::turn_log_off;
 using tarvik::tvkctl::turn_log_on;
 using tarvik::tvkctl::why_not_logged;
@@ -94,9 +93,9 @@ protected:
     {
         try {
             action();
-        } catch (const command_error& error) {
-            EXPECT_EQ(error.code(), exit_code::log_refused);
-            EXPECT_NE(error.advice(), "");
+        } catch (const tool_error& error) {
+            EXPECT_EQ(error.why().word, tarvik::tvkctl::kLogRefused.word);
+            EXPECT_FALSE(error.next().empty());
             return error.what();
         }
         return "none";

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/machine/udi.h"
 
 namespace fs = std::filesystem;
@@ -27,8 +27,8 @@ TEST_F(usb_scan_test, a_failing_libusb_is_told_by_its_call_and_error)
     try {
         scan_usb(machine);
         FAIL() << "nothing was thrown";
-    } catch (const command_error& error) {
-        EXPECT_EQ(error.code(), exit_code::usb_unavailable);
+    } catch (const tool_error& error) {
+        EXPECT_EQ(error.why().word, kUsbUnavailable.word);
         EXPECT_EQ(std::string(error.what()),
                   "the USB devices cannot be enumerated: libusb_init answers LIBUSB_ERROR_OTHER");
     }
@@ -37,7 +37,7 @@ TEST_F(usb_scan_test, a_failing_libusb_is_told_by_its_call_and_error)
 TEST_F(usb_scan_test, a_failing_search_gives_the_context_back)
 {
     bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM);
-    EXPECT_THROW(scan_usb(machine), command_error);
+    EXPECT_THROW(scan_usb(machine), tool_error);
 }
 
 TEST_F(usb_scan_test, a_device_without_a_descriptor_is_passed_by)

@@ -8,7 +8,7 @@
 
 #include "support/files.h"
 #include "support/private_paths.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
@@ -73,8 +73,8 @@ TEST_F(receive_file_test, a_file_that_cannot_be_made_is_told_by_name_and_reason)
     try {
         receive_file("/nonexistent/a.raw", false);
         FAIL() << "nothing was thrown";
-    } catch (const command_error& error) {
-        EXPECT_EQ(error.code(), exit_code::output_file);
+    } catch (const tool_error& error) {
+        EXPECT_EQ(error.why().word, kOutputFile.word);
         EXPECT_EQ(std::string(error.what()),
                   "/nonexistent/a.raw cannot be written: No such file or directory");
     }
@@ -83,7 +83,7 @@ TEST_F(receive_file_test, a_file_that_cannot_be_made_is_told_by_name_and_reason)
 TEST_F(receive_file_test, a_full_disk_is_told)
 {
     receive_file file("/dev/full", false);
-    EXPECT_THROW(file.write("a"), command_error);
+    EXPECT_THROW(file.write("a"), tool_error);
 }
 
 } // namespace

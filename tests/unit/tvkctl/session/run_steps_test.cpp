@@ -8,7 +8,7 @@
 
 #include "common/text/text.h"
 #include "support/private_paths.h"
-#include "tvkctl/src/machine/command_error.h"
+#include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/terminal/numbers.h"
 
 namespace tarvik::tvkctl {
@@ -209,7 +209,7 @@ TEST(run_steps, a_bad_line_of_a_script_is_named)
     try {
         read_script(script, "a.steps");
         FAIL() << "nothing was thrown";
-    } catch (const command_error& error) {
+    } catch (const tool_error& error) {
         EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + sizes);
     }
 }
@@ -220,8 +220,8 @@ TEST(run_steps, a_missing_file_to_send_is_an_unreadable_input)
     try {
         load_files(steps);
         FAIL() << "nothing was thrown";
-    } catch (const command_error& error) {
-        EXPECT_EQ(error.code(), exit_code::input_file);
+    } catch (const tool_error& error) {
+        EXPECT_EQ(error.why().word, kInputFile.word);
     }
 }
 
@@ -229,7 +229,7 @@ TEST(run_steps, a_file_without_content_is_not_sent)
 {
     SUPPORT_REQUIRE_PRIVATE_PATHS();
     const file_of_a_test file("");
-    EXPECT_THROW(sent_by("send @\"" + file.path() + "\""), command_error);
+    EXPECT_THROW(sent_by("send @\"" + file.path() + "\""), tool_error);
 }
 
 } // namespace

@@ -4,8 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "front_end/src/front_end_error.h"
-#include "tvkctl/src/machine/exit_code.h"
+#include "tvkctl/src/commands/exit_code.h"
 
 namespace tarvik::tvkctl {
 
@@ -16,12 +15,6 @@ public:
     /// what to do next.
     command_error(exit_code code, const std::string& message, std::string advice = {})
         : std::runtime_error(message), m_code(code), m_advice(std::move(advice))
-    {
-    }
-
-    /// `detail` is added to what the error says.
-    explicit command_error(const front_end_error& error, const std::string& detail = {})
-        : command_error(exit_code_of(error.cause()), error.what() + detail, error.advice())
     {
     }
 

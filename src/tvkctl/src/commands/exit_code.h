@@ -1,11 +1,13 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "front_end/src/front_end_error.h"
+#include "tvkctl/src/machine/cause.h"
 
 namespace tarvik::tvkctl {
+
+struct check;
 
 /// Exit statuses of tvkctl. Scripts decide by them: a number that was released keeps its meaning.
 enum class exit_code : int {
@@ -25,17 +27,9 @@ enum class exit_code : int {
     bad_reply = 16,
     program_failed = 17,
 
-    // 20 to 39: explain, one for each check
-    bad_address = 20,
-    device_absent = 21,
-    no_rights = 22,
-    no_interface = 23,
-    device_busy = 24,
-    plugin_unusable = 25,
-    program_unusable = 26,
-    open_fails = 27,
+    // 20 to 39: explain, one for each check: see kChecks
 
-    // 40 to 49: check-plugin
+    // 40 to 69: check-plugin
     plugin_unreadable = 40,
     plugin_not_a_library = 41,
     plugin_wrong_machine = 42,
@@ -47,28 +41,24 @@ enum class exit_code : int {
     plugin_unclean = 48,
     plugin_not_runnable_here = 49,
 
-    // 50 to 59: log
-    log_is_off = 50,
-    log_not_writable = 51,
-    log_refused = 52,
-    log_missing = 53,
+    // 70 to 89: log
+    log_is_off = 70,
+    log_not_writable = 71,
+    log_refused = 72,
+    log_missing = 73,
 
     interrupted = 130,
 };
 
-/// A row of the table that --help, the man page and docs/tvkctl.md show.
-struct exit_code_entry {
-    exit_code code;
-    const char* meaning;
-};
+/// What a command ends with for this cause of an error or of a failed check; internal_error where
+/// the cause has no number of its own.
+exit_code exit_code_of(cause why);
+/// When a check of explain fails.
+exit_code exit_code_of(const check& failed);
+/// When a step between front-end and program fails.
+exit_code exit_code_of(failure what);
 
-/// All of them, in ascending order.
-const std::vector<exit_code_entry>& exit_code_table();
-
-/// What a failed step between front-end and program ends a command with.
-exit_code exit_code_of(failure cause);
-
-/// The table as text, one line a code.
+/// All of them with their meanings, one line for each.
 std::string exit_code_help();
 
 } // namespace tarvik::tvkctl
