@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include "front_end/src/port_line.h"
 

@@ -76,7 +76,7 @@ const char* file_name(const char* path)
     return slash != nullptr ? slash + 1 : path;
 }
 
-/// "interpreter_ctor+0x1c (plugin.so, address 0x113c in the file)".
+/// "interpreter_ctor+0x1c (address 0x113c of plugin.so)".
 void describe(char* text, std::size_t size, const void* address)
 {
     Dl_info about{};

@@ -137,7 +137,7 @@ struct directory_closer {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
-/// The numbers that a folder of /proc lists, sorted, without `excluded`.
+/// The numbers that a folder of /proc lists, sorted, without that of the descriptor that reads it.
 std::vector<int> numbers_in(const char* folder)
 {
     const std::unique_ptr<DIR, directory_closer> directory(opendir(folder));
