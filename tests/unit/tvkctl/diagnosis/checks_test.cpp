@@ -496,6 +496,14 @@ TEST_F(plugin_check_test, a_plugin_that_hangs_when_it_is_loaded_is_given_up)
     EXPECT_EQ(result.evidence.front(), "given up after 1 s");
 }
 
+TEST_F(plugin_check_test, a_plugin_that_throws_an_exception_when_it_is_loaded_is_told)
+{
+    install("plugin_throwing_when_loaded");
+    const check_result result = check_installed_plugin(context);
+    EXPECT_EQ(result.why.word, "crash");
+    EXPECT_EQ(result.summary, file() + " throws an exception when it is loaded");
+}
+
 TEST_F(plugin_check_test, a_plugin_that_crashes_when_it_is_unloaded_is_told)
 {
     install("plugin_crashing_when_unloaded");
