@@ -73,25 +73,24 @@ scanner_process::scanner_process(const std::string& device_file)
 scanner_process::~scanner_process()
 {
     release();
-    // The end of its orders is the order to end, and the end of its answers shows that it has.
+    // The end of its orders is the order to end.
     m_orders.reset();
-    if (!tarvik::wait_until_ready(m_answers.get(), POLLIN, tarvik::deadline(kEndLimit)))
-        ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
+    m_process->wait(tarvik::deadline(kEndLimit));
 }
 
 void scanner_process::hold()
 {
-    int status = 0;
-    ::kill(m_pid, SIGSTOP);
+    siginfo_t change = {};
+    m_process->signal(SIGSTOP);
     // Told when all of its threads have stopped.
-    if (::waitpid(m_pid, &status, WUNTRACED) != m_pid || !WIFSTOPPED(status))
+    ::waitid(P_PID, static_cast<id_t>(m_process->pid()), &change, WSTOPPED | WEXITED | WNOWAIT);
+    if (change.si_code != CLD_STOPPED)
         throw std::runtime_error("hold the virtual scanner: it has ended; it said:\n" + diary());
 }
 
 void scanner_process::release()
 {
-    ::kill(m_pid, SIGCONT);
+    m_process->signal(SIGCONT);
 }
 
 std::string scanner_process::diary()
@@ -110,10 +109,11 @@ void scanner_process::start(const std::string& device_file)
     std::string program = kVirtualScanner;
     std::string argument = device_file;
     const std::array<char*, 3> arguments{program.data(), argument.data(), nullptr};
-    const int error =
-        ::posix_spawn(&m_pid, kVirtualScanner, streams.get(), nullptr, arguments.data(), environ);
+    pid_t pid = -1;
+    const int error = ::posix_spawn(&pid, kVirtualScanner, streams.get(), nullptr, arguments.data(), environ);
     if (error != 0)
         throw std::system_error(error, std::generic_category(), std::string("start ") + kVirtualScanner);
+    m_process.emplace(pid);
     m_orders = std::move(orders.writing);
     m_answers = std::move(answers.reading);
 }

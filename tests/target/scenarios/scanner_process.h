@@ -1,10 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
+#include <optional>
 #include <string>
 
 #include "common/process/deadline.h"
+#include "common/process/process_handle.h"
 #include "common/process/unique_fd.h"
 
 namespace target {
@@ -46,9 +46,9 @@ private:
     std::string next_answer();
     void expect_answer(const std::string& expected, const std::string& step);
 
-    pid_t m_pid = -1;
     tarvik::unique_fd m_orders;
     tarvik::unique_fd m_answers;
+    std::optional<tarvik::process_handle> m_process; ///< none: not started
 };
 
 } // namespace target
