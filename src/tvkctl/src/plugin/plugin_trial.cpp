@@ -117,7 +117,6 @@ public:
     bool end_left_processes() const;
 
 private:
-    adoption m_adoption;
     process_handle m_leader;
 };
 
@@ -228,6 +227,7 @@ trial_report try_plugin(const trial_plan& plan)
     const shared_notes notes = new_shared_notes();
     pipe_ends output_pipe = new_pipe();
     pipe_ends errors_pipe = new_pipe();
+    const adoption of_orphans;
     trial_process process(fork_trial(from_anywhere, *notes, output_pipe, errors_pipe));
     output_collector output(std::move(output_pipe.reading), kOutputKept);
     output_collector errors(std::move(errors_pipe.reading), kOutputKept);
