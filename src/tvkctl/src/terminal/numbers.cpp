@@ -1,11 +1,13 @@
 #include "tvkctl/src/terminal/numbers.h"
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include "common/text/text.h"
 
@@ -82,12 +84,13 @@ std::optional<std::chrono::milliseconds> parse_duration(const std::string& text)
     const double factor = takes_end(number, "ms") ? 0.001 : 1;
     if (factor == 1)
         takes_end(number, "s");
-    const auto first_digit = number.find_first_of("0123456789");
-    if (first_digit == std::string::npos || number.find_first_not_of("0123456789.") != std::string::npos)
+    if (number.find_first_not_of("0123456789.") != std::string::npos)
         return std::nullopt;
-    std::size_t used = 0;
-    const double seconds = std::stod(number, &used) * factor;
-    if (used != number.size() || seconds > kLongestSeconds)
+    double value = 0;
+    const char* end = number.data() + number.size();
+    const auto parsed = std::from_chars(number.data(), end, value);
+    const double seconds = value * factor;
+    if (parsed.ec != std::errc() || parsed.ptr != end || seconds > kLongestSeconds)
         return std::nullopt;
     return std::chrono::milliseconds(std::llround(seconds * 1000));
 }

@@ -216,8 +216,9 @@ TEST(numbers, a_number_above_its_limit_is_refused)
 
 TEST(numbers, what_is_no_duration_is_refused)
 {
-    for (const char* text : {"", ".", "s", "ms", "1m", "1e3", "-1", "nan", "0x1"})
+    for (const char* text : {"", ".", "s", "ms", "1m", "1e3", "-1", "nan", "0x1", "..1", "1..", "1.2.3"})
         EXPECT_EQ(parse_duration(text), std::nullopt) << text;
+    EXPECT_EQ(parse_duration(std::string(400, '9')), std::nullopt);
 }
 
 TEST(numbers, sizes_for_people_have_a_fitting_unit)
