@@ -69,7 +69,7 @@ void make_log_directory(std::optional<int> level)
     fs::remove_all(log_directory);
     fs::create_directories(log_directory);
     if (level)
-        std::ofstream(log_directory + "/setting.ini") << "loglevel=" << *level << "\n";
+        std::ofstream(settings_file) << vl::common::log::kLevelKey << "=" << *level << "\n";
 }
 
 std::string raw_log()

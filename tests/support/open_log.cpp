@@ -13,7 +13,7 @@ namespace {
 void read_settings_anew()
 {
     vl::common::log::logConfigure::instance_ = vl::common::log::logConfigure();
-    vl::common::log::init_log(nullptr, "tvkintif", "setting.ini");
+    vl::common::log::init_log(nullptr, vl::common::log::kLogFolder, vl::common::log::kSettingsFile);
 }
 
 } // namespace

@@ -2,12 +2,15 @@
 
 #include <string>
 
+#include "common/log/logger.h"
+
 /// The program's log and plugin directories are fixed. A test process that enters a private mount namespace
 /// gets both for itself, empty, and the machine's own stay untouched, so tests can run side by side.
 namespace support {
 
-inline const std::string log_root = "/tmp/velnor";
-inline const std::string log_directory = log_root + "/tvkintif";
+inline const std::string log_root = vl::common::log::kLogRoot;
+inline const std::string log_directory = log_root + "/" + vl::common::log::kLogFolder;
+inline const std::string settings_file = log_directory + "/" + vl::common::log::kSettingsFile;
 inline const std::string plugin_root = TVKINTIF_PLUGIN_DIR;
 inline const std::string plugin_directory = plugin_root + "/libexec";
 

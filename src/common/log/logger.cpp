@@ -27,7 +27,6 @@ logConfigure logConfigure::instance_;
 
 namespace {
 
-constexpr std::string_view kLogRoot = "/tmp/velnor";
 constexpr std::size_t kPathBufferSize = 260; ///< of the program's own path
 constexpr std::size_t kMessageBufferSize = 1024;
 constexpr std::size_t kMostSettings = 64 * 1024; ///< bytes of the settings file that are read
@@ -111,23 +110,6 @@ void write_line(int descriptor, std::string_view header, std::string_view text)
         return;
 }
 
-const char* level_name(ESeveryLevel level)
-{
-    switch (level) {
-    case ESeveryLevel::trace:
-        return "TRACE";
-    case ESeveryLevel::info:
-        return "INFO";
-    case ESeveryLevel::warning:
-        return "WARNING";
-    case ESeveryLevel::error:
-        return "ERROR";
-    case ESeveryLevel::fatal:
-        return "FATAL";
-    }
-    return "";
-}
-
 /// "hh:mm:ss.f". The last field is the second times a thousand, of four digits up to second 9 and of five
 /// from then on, and no finer clock: kept so on purpose, whoever reads these logs by program knows the field
 /// like this.
@@ -147,6 +129,14 @@ bool may_hold_log(const std::string& directory)
 }
 
 } // namespace
+
+const char* level_name(ESeveryLevel level)
+{
+    for (const named_level& each : kLevels)
+        if (each.level == level)
+            return each.name;
+    return "";
+}
 
 void init_log(void*, const std::string& name, const std::string& config_file)
 {
@@ -173,14 +163,14 @@ void logConfigure::set_config_file(const std::string& path)
                 settings.emplace(lower_case(key), value);
         }
     } else if (file.reason() == distrust::absent && is_directory(directory_part(path))) {
-        settings["loglevel"] = "1";
+        settings[kLevelKey] = "1";
     }
     verbose = is_enabled(ESeveryLevel::trace);
 }
 
 bool logConfigure::read_level(ESeveryLevel wanted)
 {
-    const auto setting = settings.find(std::string_view("loglevel"));
+    const auto setting = settings.find(std::string_view(kLevelKey));
     if (setting == settings.end())
         return false;
     // The second call is handed what the first returned, so it does not bring the earlier locale back:

@@ -16,13 +16,34 @@ namespace vl::common::log {
 /// legal: it prints as an empty name and compares by its number.
 enum class ESeveryLevel : int { trace = 0, info = 1, warning = 2, error = 3, fatal = 4 };
 
+/// The levels and what lines call them, the least severe first.
+struct named_level {
+    ESeveryLevel level;
+    const char* name;
+};
+inline constexpr std::array<named_level, 5> kLevels = {{
+    {ESeveryLevel::trace, "TRACE"},
+    {ESeveryLevel::info, "INFO"},
+    {ESeveryLevel::warning, "WARNING"},
+    {ESeveryLevel::error, "ERROR"},
+    {ESeveryLevel::fatal, "FATAL"},
+}};
+/// Empty for a value outside the named ones.
+const char* level_name(ESeveryLevel level);
+
+/// Where logs are: in a folder below this one, beside a file with settings.
+inline constexpr const char* kLogRoot = "/tmp/velnor";
+inline constexpr const char* kLogFolder = "tvkintif"; ///< this program's
+inline constexpr const char* kSettingsFile = "setting.ini";
+inline constexpr const char* kLevelKey = "loglevel"; ///< of the setting for the lowest level that is written
+
 /// Serialises init_log() and every write to the log file.
 extern std::mutex log_mtx;
 
-/// Finds the log directory ("/tmp/velnor", then "/" and `name` unless it is empty), reads `config_file`
-/// from it and fixes the stem of the daily log file. Logging stays off, silently, when the directory does
-/// not exist, or belongs to neither root nor the own user: creating it is the switch, and not a stranger's.
-/// Call once, before any record is to be written. The first argument is not used.
+/// Finds the log directory (kLogRoot, then "/" and `name` unless it is empty), reads `config_file` from it
+/// and fixes the stem of the daily log file. Logging stays off, silently, when the directory does not exist,
+/// or belongs to neither root nor the own user: creating it is the switch, and not a stranger's. Call once,
+/// before any record is to be written. The first argument is not used.
 void init_log(void*, const std::string& name, const std::string& config_file);
 
 /// The process's log settings: which levels are written, whether lines take the verbose form, and where
@@ -48,7 +69,7 @@ public:
     /// that was already cached.
     void set_config_file(const std::string& path);
 
-    /// Whether records of `level` are written: "loglevel" names the lowest severity that is.
+    /// Whether records of `level` are written: the setting names the lowest severity that is.
     bool is_enabled(ESeveryLevel level)
     {
         if (m_level)
@@ -74,7 +95,7 @@ private:
     bool read_level(ESeveryLevel level);
 
     std::map<std::string, std::string, std::less<>> settings; ///< keys in lower case, values as written
-    std::shared_ptr<ESeveryLevel> m_level;                    ///< empty until "loglevel" was first parsed
+    std::shared_ptr<ESeveryLevel> m_level;                    ///< empty until the setting was first parsed
     std::string m_stem;                                       ///< path of the log file up to the date
     bool verbose = false;
 };

@@ -16,8 +16,6 @@ using vl::common::log::Logger;
 namespace {
 
 constexpr const char* kUnit = "main";
-constexpr const char* kProgramName = "tvkintif";
-constexpr const char* kSettingsFile = "setting.ini";
 constexpr int kNoPort = -1; ///< what the front-end reads instead of a port when start-up failed
 
 extern "C" {
@@ -58,7 +56,7 @@ void log_current_exception()
 bool start(std::optional<dispatch>& dispatcher)
 {
     try {
-        vl::common::log::init_log(nullptr, kProgramName, kSettingsFile);
+        vl::common::log::init_log(nullptr, vl::common::log::kLogFolder, vl::common::log::kSettingsFile);
         set_signal(SIGTERM, request_cleanup);
         set_signal(SIGINT, request_cleanup);
         set_signal(SIGHUP, request_cleanup);

@@ -136,7 +136,7 @@ void program_test::with_log_level(int level)
 
 void program_test::with_settings(const std::string& text)
 {
-    write_file(support::log_directory + "/setting.ini", text);
+    write_file(support::settings_file, text);
 }
 
 void program_test::with_ignored(int signal_number)

@@ -165,7 +165,7 @@ TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)
 {
     support::make_log_directory();
     target::cover(support::log_directory);
-    std::ofstream(support::log_directory + "/setting.ini") << "loglevel=0\n";
+    std::ofstream(support::settings_file) << "loglevel=0\n";
     target::make_read_only(support::log_directory);
     expect_same_session(launch_with_captured_errors());
     EXPECT_EQ(support::raw_log(), "");

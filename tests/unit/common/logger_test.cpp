@@ -99,7 +99,7 @@ void read_settings_anew(const std::string& program_name = "tvkintif")
 void open_log_with(const std::string& settings)
 {
     support::make_log_directory();
-    std::ofstream(support::log_directory + "/setting.ini", std::ios::binary) << settings;
+    std::ofstream(support::settings_file, std::ios::binary) << settings;
     read_settings_anew();
 }
 
@@ -680,7 +680,7 @@ TEST_F(logger_test, file_with_another_name_where_others_may_write_drops_the_line
 TEST_F(logger_test, fifo_in_place_of_the_settings_turns_the_log_off_at_once)
 {
     support::make_log_directory();
-    ASSERT_EQ(mkfifo((support::log_directory + "/setting.ini").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((support::settings_file).c_str(), 0600), 0);
     read_settings_anew();
     EXPECT_EQ(lowest_enabled_level(), kNothing);
 }
@@ -699,7 +699,7 @@ TEST_F(logger_test, only_the_first_64_kibibytes_of_the_settings_count)
 TEST_F(logger_test, settings_without_end_turn_the_log_off)
 {
     support::make_log_directory();
-    fs::create_symlink("/dev/zero", support::log_directory + "/setting.ini");
+    fs::create_symlink("/dev/zero", support::settings_file);
     read_settings_anew();
     EXPECT_EQ(lowest_enabled_level(), kNothing);
 }
@@ -707,7 +707,7 @@ TEST_F(logger_test, settings_without_end_turn_the_log_off)
 TEST_F(logger_test, line_is_dropped_before_the_log_has_a_path)
 {
     logConfigure::instance_ = logConfigure();
-    logConfigure::instance_.set_config_file(support::log_directory + "/setting.ini");
+    logConfigure::instance_.set_config_file(support::settings_file);
     const fs::path before = fs::current_path();
     fs::current_path(support::log_directory);
     Logger("main", 1, kInfo)("text");
@@ -1049,14 +1049,14 @@ TEST_F(logger_test, absent_level_is_looked_up_again)
 {
     logConfigure settings;
     ASSERT_FALSE(settings.is_enabled(kInfo));
-    settings.set_config_file(support::log_directory + "/setting.ini");
+    settings.set_config_file(support::settings_file);
     EXPECT_TRUE(settings.is_enabled(kInfo));
 }
 
 TEST_F(logger_test, level_is_never_computed_again_once_known)
 {
     logConfigure settings;
-    settings.set_config_file(support::log_directory + "/setting.ini"); // level INFO
+    settings.set_config_file(support::settings_file); // level INFO
     std::ofstream(support::log_directory + "/other.ini") << "loglevel=0\n";
     settings.set_config_file(support::log_directory + "/other.ini");
     EXPECT_FALSE(settings.is_enabled(ESeveryLevel::trace));
@@ -1066,7 +1066,7 @@ TEST_F(logger_test, level_is_never_computed_again_once_known)
 TEST_F(logger_test, level_survives_settings_that_have_none)
 {
     logConfigure settings;
-    settings.set_config_file(support::log_directory + "/setting.ini");
+    settings.set_config_file(support::settings_file);
     settings.set_config_file("/nowhere/setting.ini");
     EXPECT_TRUE(settings.is_enabled(kInfo));
 }

@@ -122,7 +122,7 @@ json to_json(const log_state& state, const log_place& place)
     document["on"] = state.is_on();
     document["written_for_this_user"] = state.reaches_file();
     document["why_not"] = state.reaches_file() ? json() : json(why_not_logged(state, place));
-    document["level"] = state.least ? json(name_of(*state.least)) : json();
+    document["level"] = state.least ? json(level_name(*state.least)) : json();
     document["directory"] = place.directory();
     document["owner"] = state.owner.name.empty() ? json() : json(state.owner.name);
     document["mode"] = state.owner.name.empty() ? json() : json(octal(state.mode));
@@ -146,7 +146,7 @@ void show_state(const log_state& state, const log_place& place, console& io)
 {
     const std::string why_not = why_not_logged(state, place);
     if (state.reaches_file())
-        io.out() << io.styled(style::good, "Logging is on") << ": " << name_of(*state.least)
+        io.out() << io.styled(style::good, "Logging is on") << ": " << level_name(*state.least)
                  << " and above\n";
     else
         io.out() << io.styled(style::warning,

@@ -79,8 +79,8 @@ std::string why_not_told(const check_context& context)
     if (state.reaches_file() && *state.least <= log_level::info)
         return state.file + " got no line of it: see whether its disk is full";
     if (state.reaches_file())
-        return std::string("the reason is logged at INFO, and the log takes only ") + name_of(*state.least) +
-               " and above";
+        return std::string("the reason is logged at INFO, and the log takes only ") +
+               level_name(*state.least) + " and above";
     return "the log would tell the reason, but " + why_not_logged(state, context.log);
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/log/logger.h"
 #include "common/process/deadline.h"
 #include "common/process/unique_fd.h"
 
@@ -14,10 +15,10 @@ namespace tarvik::tvkctl {
 
 /// Where the program looks for its log directory. The default is where it really does; a test names its own.
 struct log_place {
-    std::string directory() const { return root + "/tvkintif"; }
-    std::string settings() const { return directory() + "/setting.ini"; }
+    std::string directory() const { return root + "/" + vl::common::log::kLogFolder; }
+    std::string settings() const { return directory() + "/" + vl::common::log::kSettingsFile; }
 
-    std::string root = "/tmp/velnor";
+    std::string root = vl::common::log::kLogRoot;
 };
 
 /// A local day as log files carry it in their names: "20261115".

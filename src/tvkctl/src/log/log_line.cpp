@@ -6,6 +6,9 @@
 
 namespace tarvik::tvkctl {
 
+using vl::common::log::kLevels;
+using vl::common::log::named_level;
+
 namespace {
 
 /// Takes apart a text from its front.
@@ -56,39 +59,26 @@ std::size_t source_length(const std::string& message)
     return is_line && is_name ? close + 2 : 0;
 }
 
-} // namespace
-
-const char* name_of(log_level level)
+std::string number_of(const named_level& named)
 {
-    switch (level) {
-    case log_level::trace:
-        return "TRACE";
-    case log_level::info:
-        return "INFO";
-    case log_level::warning:
-        return "WARNING";
-    case log_level::error:
-        return "ERROR";
-    case log_level::fatal:
-        break;
-    }
-    return "FATAL";
+    return std::to_string(static_cast<int>(named.level));
 }
+
+} // namespace
 
 std::string level_choice()
 {
     std::string names;
-    for (const log_level level : kLogLevels)
-        names += (names.empty() ? "" : ", ") + std::string(name_of(level));
-    const auto number = [](log_level level) { return std::to_string(static_cast<int>(level)); };
-    return names + ", or a number from " + number(kLogLevels.front()) + " to " + number(kLogLevels.back());
+    for (const named_level& each : kLevels)
+        names += (names.empty() ? "" : ", ") + std::string(each.name);
+    return names + ", or a number from " + number_of(kLevels.front()) + " to " + number_of(kLevels.back());
 }
 
 std::optional<log_level> level_named(const std::string& text)
 {
-    for (const log_level level : kLogLevels)
-        if (strcasecmp(text.c_str(), name_of(level)) == 0 || text == std::to_string(static_cast<int>(level)))
-            return level;
+    for (const named_level& each : kLevels)
+        if (strcasecmp(text.c_str(), each.name) == 0 || text == number_of(each))
+            return each.level;
     return std::nullopt;
 }
 

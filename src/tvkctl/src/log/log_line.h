@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <optional>
 #include <string>
 
@@ -10,12 +9,6 @@ namespace tarvik::tvkctl {
 
 using log_level = vl::common::log::ESeveryLevel;
 
-/// All of them, the least severe first.
-inline constexpr std::array<log_level, 5> kLogLevels = {log_level::trace, log_level::info, log_level::warning,
-                                                        log_level::error, log_level::fatal};
-
-/// "TRACE", "INFO", "WARNING", "ERROR", "FATAL": as lines carry it and as people ask for it.
-const char* name_of(log_level level);
 /// "TRACE, INFO, WARNING, ERROR, FATAL, or a number from 0 to 4": what level_named() takes, for help.
 std::string level_choice();
 /// The level with this name, in any case, or with this number from 0 to 4; nullopt for anything else.

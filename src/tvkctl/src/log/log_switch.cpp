@@ -12,23 +12,24 @@
 #include <system_error>
 
 #include "common/text/text.h"
+#include "tvkctl/src/machine/host.h"
 #include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
 
 namespace {
 
+using vl::common::log::kLevelKey;
+using vl::common::log::kLevels;
+using vl::common::log::kLogFolder;
+using vl::common::log::kSettingsFile;
 using vl::common::log::logConfigure;
+using vl::common::log::named_level;
 
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
-constexpr const char* kLogFilePrefix = "tvkintif";
-constexpr const char* kDirectoryName = "tvkintif";
-constexpr const char* kSettingsName = "setting.ini";
-constexpr const char* kNewSettingsName = "setting.ini.new";
-constexpr const char* kLevelKey = "loglevel";
-constexpr int kLevelThatNothingReaches = 5;
+constexpr int kLevelThatNothingReaches = static_cast<int>(kLevels.back().level) + 1;
 
 std::string cause_text()
 {
@@ -45,11 +46,12 @@ void read_level(const log_place& place, log_state& state)
 {
     logConfigure settings;
     settings.set_config_file(place.settings());
-    const auto found = std::find_if(kLogLevels.begin(), kLogLevels.end(),
-                                    [&](log_level l) { return settings.is_enabled(l); });
-    if (found != kLogLevels.end()) {
+    const auto* found = std::find_if(kLevels.begin(), kLevels.end(), [&](const named_level& each) {
+        return settings.is_enabled(each.level);
+    });
+    if (found != kLevels.end()) {
         state.why = log_state::reason::on;
-        state.least = *found;
+        state.least = found->level;
     } else {
         const bool has_level = settings.is_enabled(static_cast<log_level>(INT_MAX));
         state.why = has_level ? log_state::reason::level_too_high : log_state::reason::no_level;
@@ -142,7 +144,7 @@ directory_handle open_root(const log_place& place)
 
 directory_handle open_directory(const directory_handle& root, const log_place& place)
 {
-    return {root.descriptor(), kDirectoryName, place.directory()};
+    return {root.descriptor(), kLogFolder, place.directory()};
 }
 
 std::string read_all(int directory, const char* name)
@@ -191,21 +193,22 @@ void write_settings(const directory_handle& directory, const std::string& text)
             std::string("takes no settings file: ") + what + ": " + cause,
             {{tool_step::turn_log_on_for, user_of(geteuid()).name, "Turn logging on for this user"}});
     };
-    unlinkat(directory.descriptor(), kNewSettingsName, 0); // left by somebody who was interrupted
-    const unique_fd file(::openat(directory.descriptor(), kNewSettingsName,
+    const std::string replacement = std::string(kSettingsFile) + ".new";
+    unlinkat(directory.descriptor(), replacement.c_str(), 0); // left by somebody who was interrupted
+    const unique_fd file(::openat(directory.descriptor(), replacement.c_str(),
                                   O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (!file)
         refuse("create");
     if (fchmod(file.get(), kFileMode) != 0 ||
         ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         refuse("write");
-    if (renameat(directory.descriptor(), kNewSettingsName, directory.descriptor(), kSettingsName) != 0)
+    if (renameat(directory.descriptor(), replacement.c_str(), directory.descriptor(), kSettingsFile) != 0)
         refuse("rename");
 }
 
 void set_level(const directory_handle& directory, int level)
 {
-    write_settings(directory, with_level(read_all(directory.descriptor(), kSettingsName), level));
+    write_settings(directory, with_level(read_all(directory.descriptor(), kSettingsFile), level));
 }
 
 /// Gives a file to a user, but nothing that is also linked elsewhere: who owns a directory could link
@@ -230,7 +233,7 @@ void hand_over(const directory_handle& directory, const account& owner)
         directory.refuse("cannot be given to " + owner.name + ": " + cause_text(), {"Try it with sudo."});
     for (const std::string& name : log_file_names(directory.path()))
         give_file(directory, name, owner);
-    give_file(directory, kSettingsName, owner);
+    give_file(directory, kSettingsFile, owner);
 }
 
 /// Takes the right to write from everybody but the owner.
@@ -251,7 +254,7 @@ std::optional<log_level> level_to_write(const log_state& before, std::optional<l
 {
     if (wanted)
         return before.least == wanted ? std::nullopt : wanted;
-    const bool is_silent = !before.is_on() && exists(directory.descriptor(), kSettingsName);
+    const bool is_silent = !before.is_on() && exists(directory.descriptor(), kSettingsFile);
     return is_silent ? std::optional(log_level::info) : std::nullopt;
 }
 
@@ -272,7 +275,7 @@ void remove(const directory_handle& directory, const std::string& name)
 
 bool remove_directory(const directory_handle& root, const log_place& place)
 {
-    if (unlinkat(root.descriptor(), kDirectoryName, AT_REMOVEDIR) == 0)
+    if (unlinkat(root.descriptor(), kLogFolder, AT_REMOVEDIR) == 0)
         return true;
     if (errno == ENOTEMPTY || errno == EEXIST)
         return false;
@@ -284,7 +287,7 @@ log_change silence(const directory_handle& directory)
 {
     set_level(directory, kLevelThatNothingReaches);
     return {"set loglevel = " + std::to_string(kLevelThatNothingReaches) + " in " + directory.path() + "/" +
-                kSettingsName + "; the logs stay",
+                kSettingsFile + "; the logs stay",
             "programs that run now keep logging until they end"};
 }
 
@@ -293,7 +296,7 @@ log_change purge(const directory_handle& root, const directory_handle& directory
     const std::vector<std::string> logs = log_file_names(directory.path());
     for (const std::string& name : logs)
         remove(directory, name);
-    remove(directory, kSettingsName);
+    remove(directory, kSettingsFile);
     log_change done = {"removed " + count_of(logs.size(), "log file")};
     if (remove_directory(root, place)) {
         done.push_back("removed " + place.directory());
@@ -310,7 +313,7 @@ log_change purge(const directory_handle& root, const directory_handle& directory
 log_state look_at_log(const log_place& place, std::time_t now)
 {
     log_state state;
-    state.file = place.directory() + "/" + kLogFilePrefix + "_" + day_of(now) + ".log";
+    state.file = place.directory() + "/" + kProgramName + "_" + day_of(now) + ".log";
     struct stat found = {};
     if (stat(place.directory().c_str(), &found) != 0)
         return state;
@@ -358,7 +361,7 @@ log_change turn_log_on(const log_place& place, std::optional<log_level> least,
     const directory_handle root = open_root(place);
     root.expect_owner(trusted_owners(owner));
     root.expect_no_exchange_by_others();
-    if (make_directory(root.descriptor(), kDirectoryName, place.directory()))
+    if (make_directory(root.descriptor(), kLogFolder, place.directory()))
         done.push_back("made " + place.directory());
     const directory_handle directory = open_directory(root, place);
     directory.expect_owner(trusted_owners(owner));

@@ -12,8 +12,6 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-constexpr const char* kProgramName = "tvkintif";
-
 bool is_executable(const std::filesystem::path& file)
 {
     std::error_code ignored;

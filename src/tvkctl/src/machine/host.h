@@ -4,6 +4,9 @@
 
 namespace tarvik::tvkctl {
 
+/// File name of the program, and with it the beginning of the names of its log files.
+inline constexpr const char* kProgramName = "tvkintif";
+
 /// Where the things stand that commands look at. The defaults are this machine's; a test names its own.
 struct host {
     std::string devices = "/dev";    ///< the USB device nodes are under bus/usb/
