@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "common/text/text.h"
+#include "front_end/src/bytes.h"
 #include "tvkctl/src/log/log_files.h"
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/log/log_switch.h"
