@@ -71,7 +71,7 @@ void add_explain_command(CLI::App& app, cli& shared)
 {
     const auto options = std::make_shared<explain_options>();
     const std::string examples = examples_and_checks();
-    CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, examples.c_str()},
+    CLI::App& command = add_command(app, shared, {"explain", kExplainSummary, examples},
                                     [=, &shared] { return explain(*options, shared); });
     command.add_option("UDI", options->udi, "Address of the scanner, as tvkctl list shows it")->required();
     command.add_option("--program", options->program, kProgramHelp)->type_name("FILE");

@@ -103,7 +103,7 @@ std::string danger_of(const log_state& state, const log_place& place)
            ", who could redirect what this user's programs log";
 }
 
-std::string cure_of(const log_state& state)
+std::string advice_on(const log_state& state)
 {
     if (!state.is_on())
         return "Turn it on with: tvkctl log on.";
@@ -155,7 +155,7 @@ void show_state(const log_state& state, const log_place& place, console& io)
                  << ": " << why_not << '\n';
     show_directory(state, place, io);
     if (!state.reaches_file())
-        io.out() << cure_of(state) << '\n';
+        io.out() << advice_on(state) << '\n';
     if (const std::string danger = danger_of(state, place); !danger.empty())
         io.warning(danger);
 }
@@ -237,7 +237,7 @@ std::vector<std::string> files_of(const log_day& day, const log_place& place)
 [[noreturn]] void refuse_missing(const log_day& day, const log_place& place)
 {
     const std::vector<std::string> names = log_file_names(place.directory());
-    const std::string advice = names.empty() ? cure_of(look_at_log(place, std::time(nullptr)))
+    const std::string advice = names.empty() ? advice_on(look_at_log(place, std::time(nullptr)))
                                              : "The newest is that of " + dashed(*day_of_file(names.back())) +
                                                    ": tvkctl log show --date " +
                                                    dashed(*day_of_file(names.back())) + ".";
@@ -315,7 +315,7 @@ directory_watch watch(const log_place& place)
         return directory_watch(place.directory());
     } catch (const std::system_error& error) {
         throw command_error(exit_code::log_is_off, std::string("there is nothing to follow: ") + error.what(),
-                            cure_of(look_at_log(place, std::time(nullptr))));
+                            advice_on(look_at_log(place, std::time(nullptr))));
     }
 }
 

@@ -35,6 +35,9 @@ constexpr const char* kStepRules =
     R"(A file name with blanks stands in "". # begins a comment. The first step that
 fails ends the session; what was received until then is kept.)";
 
+constexpr const char* kUdiForms = "An address is usb:VENDOR:PRODUCT or usb:VENDOR:PRODUCT:SERIAL, with "
+                                  "hexadecimal ids; tvkctl list shows them.";
+
 struct run_options {
     std::string udi;
     std::vector<std::string> steps;

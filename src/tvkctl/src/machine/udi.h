@@ -7,10 +7,6 @@
 
 namespace tarvik::tvkctl {
 
-/// For messages: what an address looks like.
-constexpr const char* kUdiForms = "An address is usb:VENDOR:PRODUCT or usb:VENDOR:PRODUCT:SERIAL, with "
-                                  "hexadecimal ids; tvkctl list shows them.";
-
 /// Whether the program takes this for an address.
 bool is_udi(const std::string& text);
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "tvkctl/src/machine/tool_error.h"
 
 namespace tarvik::tvkctl {
@@ -60,13 +58,6 @@ TEST(diagnosis_test, the_first_check_that_fails_ends_the_diagnosis)
 TEST(diagnosis_test, a_check_that_throws_has_failed)
 {
     EXPECT_EQ(diagnosis_of({throwing, good}), "one: no bus; one");
-}
-
-TEST(diagnosis_test, each_check_has_a_number_of_its_own_below_20)
-{
-    std::set<int> numbers;
-    for (const check& one : kChecks)
-        EXPECT_TRUE(one.number < 20 && numbers.insert(one.number).second) << one.name;
 }
 
 } // namespace
