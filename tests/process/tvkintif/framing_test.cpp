@@ -39,17 +39,6 @@ TEST_F(framing, request_is_served_when_it_dribbles_in_byte_by_byte)
                request() + reply(5) + told_to_close);
 }
 
-TEST_F(framing, payload_that_comes_after_its_header_is_waited_for)
-{
-    start_connected();
-    open();
-    tell(bare_header(1, 6, 4));
-    wait_for_log_end(got(kHeaderSize) + reading(4));
-    expect_answer(from_hex("01020304"), ok_reply());
-    close_and_expect_end();
-    expect_log(announced + open_served() + request(4) + reply() + told_to_close);
-}
-
 TEST_F(framing, one_megabyte_is_received_whole)
 {
     start_connected();
@@ -73,19 +62,6 @@ TEST_F(framing, one_megabyte_is_sent_whole)
     close_and_expect_end();
     expect_log_with_whole_transfers(announced + open_served() + request(kMegabyte) + reply() + request() +
                                     reply(kMegabyte) + told_to_close);
-}
-
-TEST_F(framing, small_payload_after_a_large_one_is_exactly_its_own_length)
-{
-    with_plugin("plugin_echoing");
-    start_connected();
-    open();
-    expect_answer(send_request(pattern(kMegabyte)), ok_reply());
-    expect_answer(send_request(from_hex("0a0b0c")), ok_reply());
-    expect_answer(recv_request(6), ok_reply(from_hex("0a0b0c 000000")));
-    close_and_expect_end();
-    expect_usb_about("plugin_echoing ",
-                     {"plugin_echoing writer 1000000", "plugin_echoing writer 3", "plugin_echoing reader 6"});
 }
 
 TEST_F(framing, payload_that_is_only_announced_takes_no_memory)

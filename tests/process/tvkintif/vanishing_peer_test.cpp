@@ -71,15 +71,6 @@ TEST_F(vanishing_peer, half_a_payload_has_no_reply_and_reaches_no_plugin)
     expect_usb(usb_opened() + usb_closed());
 }
 
-TEST_F(vanishing_peer, header_without_its_payload_has_no_reply)
-{
-    start_connected();
-    tell(bare_header(0, 4, 13));
-    wire().half_close();
-    expect_end();
-    expect_log(announced + got(kHeaderSize) + ended_after(0, 13));
-}
-
 TEST_F(vanishing_peer, half_closed_connection_still_gets_its_last_reply)
 {
     start_connected();
