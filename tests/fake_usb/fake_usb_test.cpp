@@ -79,15 +79,15 @@ TEST_F(fake_usb_at_a_scanner, finds_nothing_left_after_a_tidy_session)
     begin_session();
     end_session();
 
-    EXPECT_EQ("", text(bus.leftovers()));
-    EXPECT_EQ("", text(bus.misuses()));
+    EXPECT_EQ(text(bus.leftovers()), "");
+    EXPECT_EQ(text(bus.misuses()), "");
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_context_left_behind)
 {
     libusb_init(&context);
 
-    EXPECT_EQ(lines{"context"}, bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), lines{"context"});
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_handle_left_behind_with_its_reference)
@@ -95,16 +95,15 @@ TEST_F(fake_usb_at_a_scanner, finds_the_handle_left_behind_with_its_reference)
     begin_session();
     libusb_release_interface(handle, 0);
 
-    EXPECT_EQ((lines{"context", "handle of scanner", "1 references to scanner"}), bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), (lines{"context", "handle of scanner", "1 references to scanner"}));
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_claim_left_behind)
 {
     begin_session();
 
-    EXPECT_EQ(
-        (lines{"context", "handle of scanner", "claim of scanner interface 0", "1 references to scanner"}),
-        bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), (lines{"context", "handle of scanner", "claim of scanner interface 0",
+                                      "1 references to scanner"}));
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_device_list_left_behind_with_its_references)
@@ -113,7 +112,7 @@ TEST_F(fake_usb_at_a_scanner, finds_the_device_list_left_behind_with_its_referen
     libusb_device** list = nullptr;
     libusb_get_device_list(context, &list);
 
-    EXPECT_EQ((lines{"context", "device list of 1", "1 references to scanner"}), bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), (lines{"context", "device list of 1", "1 references to scanner"}));
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_references_left_behind_when_a_list_is_freed_without_them)
@@ -123,7 +122,7 @@ TEST_F(fake_usb_at_a_scanner, finds_the_references_left_behind_when_a_list_is_fr
     libusb_get_device_list(context, &list);
     libusb_free_device_list(list, 0);
 
-    EXPECT_EQ((lines{"context", "1 references to scanner"}), bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), (lines{"context", "1 references to scanner"}));
 }
 
 TEST_F(fake_usb_at_a_scanner, finds_the_configuration_descriptor_left_behind)
@@ -133,7 +132,7 @@ TEST_F(fake_usb_at_a_scanner, finds_the_configuration_descriptor_left_behind)
     libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
     end_session();
 
-    EXPECT_EQ(lines{"configuration descriptor scanner 0"}, bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), lines{"configuration descriptor scanner 0"});
 }
 
 TEST_F(fake_usb_test, finds_the_kernel_driver_that_was_not_attached_again)
@@ -148,7 +147,7 @@ TEST_F(fake_usb_test, finds_the_kernel_driver_that_was_not_attached_again)
     libusb_close(handle);
     libusb_exit(context);
 
-    EXPECT_EQ(lines{"detached kernel driver of scanner interface 0"}, bus.leftovers());
+    EXPECT_EQ(bus.leftovers(), lines{"detached kernel driver of scanner interface 0"});
 }
 
 TEST_F(fake_usb_test, checked_bus_fails_the_test_for_a_thing_left_behind)
@@ -177,8 +176,8 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_closed_handle)
     begin_session();
     end_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_claim_interface(handle, 0));
-    EXPECT_EQ(lines{"claim_interface scanner 0: the handle is not open"}, bus.misuses());
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(bus.misuses(), lines{"claim_interface scanner 0: the handle is not open"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_second_close_of_a_handle)
@@ -187,13 +186,13 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_close_of_a_handle)
     end_session();
     libusb_close(handle);
 
-    EXPECT_EQ(lines{"close scanner: the handle is not open"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"close scanner: the handle is not open"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_null_handle)
 {
-    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_reset_device(nullptr));
-    EXPECT_EQ(lines{"reset_device null: the handle is null"}, bus.misuses());
+    EXPECT_EQ(libusb_reset_device(nullptr), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(bus.misuses(), lines{"reset_device null: the handle is null"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_a_close_with_a_claim)
@@ -201,7 +200,7 @@ TEST_F(fake_usb_at_a_scanner, tells_a_close_with_a_claim)
     begin_session();
     libusb_close(handle);
 
-    EXPECT_EQ(lines{"close scanner: interface 0 is still claimed"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"close scanner: interface 0 is still claimed"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_an_exit_with_an_open_handle)
@@ -209,7 +208,7 @@ TEST_F(fake_usb_at_a_scanner, tells_an_exit_with_an_open_handle)
     begin_session();
     libusb_exit(context);
 
-    EXPECT_EQ(lines{"exit: a handle of scanner is still open"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"exit: a handle of scanner is still open"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_context_whose_initialisation_failed)
@@ -218,7 +217,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_context_whose_initialisation_fa
     libusb_init(&context);
     libusb_exit(context);
 
-    EXPECT_EQ(lines{"exit: the context is not alive"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_second_exit_of_a_context)
@@ -227,7 +226,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_exit_of_a_context)
     libusb_exit(context);
     libusb_exit(context);
 
-    EXPECT_EQ(lines{"exit: the context is not alive"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_list)
@@ -238,7 +237,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_list)
     libusb_free_device_list(list, 1);
     libusb_free_device_list(list, 1);
 
-    EXPECT_EQ(lines{"free_device_list unref: no such list is on loan"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"free_device_list unref: no such list is on loan"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_configuration_descriptor)
@@ -249,7 +248,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_configuration_descri
     libusb_free_config_descriptor(descriptor);
     libusb_free_config_descriptor(descriptor);
 
-    EXPECT_EQ(lines{"free_config_descriptor: no such descriptor is on loan"}, bus.misuses());
+    EXPECT_EQ(bus.misuses(), lines{"free_config_descriptor: no such descriptor is on loan"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_device_whose_list_was_freed)
@@ -260,8 +259,8 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_device_whose_list_was_freed)
     libusb_device* const device = list[0];
     libusb_free_device_list(list, 1);
 
-    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_open(device, &handle));
-    EXPECT_EQ(lines{"open scanner: nobody holds a reference to the device"}, bus.misuses());
+    EXPECT_EQ(libusb_open(device, &handle), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(bus.misuses(), lines{"open scanner: nobody holds a reference to the device"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_a_transfer_on_an_unclaimed_interface)
@@ -269,25 +268,25 @@ TEST_F(fake_usb_at_a_scanner, tells_a_transfer_on_an_unclaimed_interface)
     begin_session();
     libusb_release_interface(handle, 0);
 
-    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, transfer(0x81, 4));
-    EXPECT_EQ(lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"},
-              bus.misuses());
+    EXPECT_EQ(transfer(0x81, 4), LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(bus.misuses(),
+              lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_the_release_of_an_unclaimed_interface)
 {
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_NOT_FOUND, libusb_release_interface(handle, 1));
-    EXPECT_EQ(lines{"release_interface scanner 1: the interface is not claimed"}, bus.misuses());
+    EXPECT_EQ(libusb_release_interface(handle, 1), LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(bus.misuses(), lines{"release_interface scanner 1: the interface is not claimed"});
 }
 
 TEST_F(fake_usb_at_a_scanner, tells_an_attach_before_the_release)
 {
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_attach_kernel_driver(handle, 0));
-    EXPECT_EQ(lines{"attach_kernel_driver scanner 0: the interface is still claimed"}, bus.misuses());
+    EXPECT_EQ(libusb_attach_kernel_driver(handle, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(bus.misuses(), lines{"attach_kernel_driver scanner 0: the interface is still claimed"});
 }
 
 TEST_F(fake_usb_test, aborts_when_libusb_is_called_without_a_bus)
@@ -304,11 +303,11 @@ TEST_F(fake_usb_test, refuses_a_claim_while_a_kernel_driver_is_bound)
     libusb_init(&context);
     handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
 
-    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
-    EXPECT_EQ(1, libusb_kernel_driver_active(handle, 0));
-    EXPECT_EQ(0, libusb_detach_kernel_driver(handle, 0));
-    EXPECT_EQ(0, libusb_kernel_driver_active(handle, 0));
-    EXPECT_EQ(0, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 1);
+    EXPECT_EQ(libusb_detach_kernel_driver(handle, 0), 0);
+    EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 0);
+    EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
 }
 
 TEST_F(fake_usb_at_a_scanner, fails_the_calls_that_it_was_told_to_fail)
@@ -316,9 +315,9 @@ TEST_F(fake_usb_at_a_scanner, fails_the_calls_that_it_was_told_to_fail)
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY).from_call(2).times(2);
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
-    EXPECT_EQ(LIBUSB_ERROR_BUSY, libusb_claim_interface(handle, 0));
-    EXPECT_EQ(LIBUSB_SUCCESS, libusb_claim_interface(handle, 0));
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_SUCCESS);
 }
 
 TEST_F(fake_usb_at_a_scanner, fails_the_calls_on_one_device_only)
@@ -331,8 +330,8 @@ TEST_F(fake_usb_at_a_scanner, fails_the_calls_on_one_device_only)
     libusb_device** list = nullptr;
     libusb_get_device_list(context, &list);
 
-    EXPECT_EQ(LIBUSB_SUCCESS, libusb_open(list[0], &handle));
-    EXPECT_EQ(LIBUSB_ERROR_ACCESS, libusb_open(list[1], &handle));
+    EXPECT_EQ(libusb_open(list[0], &handle), LIBUSB_SUCCESS);
+    EXPECT_EQ(libusb_open(list[1], &handle), LIBUSB_ERROR_ACCESS);
 }
 
 TEST_F(fake_usb_at_a_scanner, refuses_to_fail_a_function_that_it_does_not_play)
@@ -359,9 +358,9 @@ TEST_F(fake_usb_test, shows_a_device_from_the_search_on_at_which_it_appears)
     libusb_init(&context);
     libusb_device** list = nullptr;
 
-    EXPECT_EQ(nullptr, libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d));
-    EXPECT_EQ(0, libusb_get_device_list(context, &list));
-    EXPECT_NE(nullptr, libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d));
+    EXPECT_EQ(libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d), nullptr);
+    EXPECT_EQ(libusb_get_device_list(context, &list), 0);
+    EXPECT_NE(libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d), nullptr);
 }
 
 TEST_F(fake_usb_at_a_scanner, answers_no_device_after_the_unplugging_and_asks_nothing_back)
@@ -369,10 +368,10 @@ TEST_F(fake_usb_at_a_scanner, answers_no_device_after_the_unplugging_and_asks_no
     begin_session();
     bus.unplug("scanner");
 
-    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, transfer(0x81, 4));
-    EXPECT_EQ(-5, moved);
+    EXPECT_EQ(transfer(0x81, 4), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(moved, -5);
     end_session();
-    EXPECT_EQ("", text(bus.leftovers()));
+    EXPECT_EQ(text(bus.leftovers()), "");
 }
 
 TEST_F(fake_usb_at_a_scanner, gives_the_pattern_on_without_a_seam_between_transfers)
@@ -382,7 +381,7 @@ TEST_F(fake_usb_at_a_scanner, gives_the_pattern_on_without_a_seam_between_transf
     EXPECT_EQ(fake_usb::pattern_byte(299), buffer[299]);
 
     transfer(0x81, 2);
-    EXPECT_EQ((std::vector<unsigned char>{fake_usb::pattern_byte(300), fake_usb::pattern_byte(301)}), buffer);
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{fake_usb::pattern_byte(300), fake_usb::pattern_byte(301)}));
 }
 
 TEST_F(fake_usb_at_a_scanner, brings_the_scripted_bytes_and_says_how_many)
@@ -390,9 +389,9 @@ TEST_F(fake_usb_at_a_scanner, brings_the_scripted_bytes_and_says_how_many)
     bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
     begin_session();
 
-    EXPECT_EQ(LIBUSB_SUCCESS, transfer(0x81, 3));
-    EXPECT_EQ(2, moved);
-    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0xEE}), buffer);
+    EXPECT_EQ(transfer(0x81, 3), LIBUSB_SUCCESS);
+    EXPECT_EQ(moved, 2);
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{1, 2, 0xEE}));
 }
 
 TEST_F(fake_usb_at_a_scanner, overflows_when_more_arrives_than_was_asked_for)
@@ -400,7 +399,7 @@ TEST_F(fake_usb_at_a_scanner, overflows_when_more_arrives_than_was_asked_for)
     bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_OVERFLOW, transfer(0x81, 1));
+    EXPECT_EQ(transfer(0x81, 1), LIBUSB_ERROR_OVERFLOW);
 }
 
 TEST_F(fake_usb_at_a_scanner, keeps_what_was_written)
@@ -408,9 +407,9 @@ TEST_F(fake_usb_at_a_scanner, keeps_what_was_written)
     bus.script("scanner", 0x02, fake_usb::ends_with(LIBUSB_ERROR_TIMEOUT, 2));
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, transfer(0x02, 3));
-    EXPECT_EQ(2, moved);
-    EXPECT_EQ((std::vector<unsigned char>{0xEE, 0xEE}), bus.written("scanner", 0x02));
+    EXPECT_EQ(transfer(0x02, 3), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(moved, 2);
+    EXPECT_EQ(bus.written("scanner", 0x02), (std::vector<unsigned char>{0xEE, 0xEE}));
 }
 
 TEST_F(fake_usb_at_a_scanner, keeps_a_stalled_endpoint_halted_until_the_halt_is_cleared)
@@ -418,10 +417,10 @@ TEST_F(fake_usb_at_a_scanner, keeps_a_stalled_endpoint_halted_until_the_halt_is_
     bus.script("scanner", 0x81, fake_usb::ends_with(LIBUSB_ERROR_PIPE, 0));
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x81, 1));
-    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x81, 1));
-    EXPECT_EQ(LIBUSB_SUCCESS, libusb_clear_halt(handle, 0x81));
-    EXPECT_EQ(LIBUSB_SUCCESS, transfer(0x81, 1));
+    EXPECT_EQ(transfer(0x81, 1), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(transfer(0x81, 1), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(libusb_clear_halt(handle, 0x81), LIBUSB_SUCCESS);
+    EXPECT_EQ(transfer(0x81, 1), LIBUSB_SUCCESS);
 }
 
 TEST_F(fake_usb_at_a_scanner, leaves_the_count_alone_when_it_refuses_a_transfer)
@@ -429,8 +428,8 @@ TEST_F(fake_usb_at_a_scanner, leaves_the_count_alone_when_it_refuses_a_transfer)
     bus.script("scanner", 0x81, fake_usb::refused_with(LIBUSB_ERROR_NO_MEM));
     begin_session();
 
-    EXPECT_EQ(LIBUSB_ERROR_NO_MEM, transfer(0x81, 1));
-    EXPECT_EQ(-5, moved);
+    EXPECT_EQ(transfer(0x81, 1), LIBUSB_ERROR_NO_MEM);
+    EXPECT_EQ(moved, -5);
 }
 
 TEST_F(fake_usb_test, reports_the_number_of_endpoints_with_a_null_array_when_told_so)
@@ -444,8 +443,8 @@ TEST_F(fake_usb_test, reports_the_number_of_endpoints_with_a_null_array_when_tol
     libusb_config_descriptor* descriptor = nullptr;
     libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
 
-    EXPECT_EQ(2, descriptor->interface[0].altsetting[0].bNumEndpoints);
-    EXPECT_EQ(nullptr, descriptor->interface[0].altsetting[0].endpoint);
+    EXPECT_EQ(descriptor->interface[0].altsetting[0].bNumEndpoints, 2);
+    EXPECT_EQ(descriptor->interface[0].altsetting[0].endpoint, nullptr);
 }
 
 TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_described)
@@ -464,15 +463,15 @@ TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_
     libusb_config_descriptor* descriptor = nullptr;
     libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
 
-    EXPECT_EQ(9, descriptor->bConfigurationValue);
-    ASSERT_EQ(2, descriptor->bNumInterfaces);
-    ASSERT_EQ(2, descriptor->interface[1].num_altsetting);
+    EXPECT_EQ(descriptor->bConfigurationValue, 9);
+    ASSERT_EQ(descriptor->bNumInterfaces, 2);
+    ASSERT_EQ(descriptor->interface[1].num_altsetting, 2);
     const libusb_interface_descriptor& shown = descriptor->interface[1].altsetting[1];
-    EXPECT_EQ(4, shown.bInterfaceNumber);
-    EXPECT_EQ(7, shown.bInterfaceClass);
-    ASSERT_EQ(1, shown.bNumEndpoints);
-    EXPECT_EQ(0x83, shown.endpoint[0].bEndpointAddress);
-    EXPECT_EQ(LIBUSB_TRANSFER_TYPE_INTERRUPT, shown.endpoint[0].bmAttributes);
+    EXPECT_EQ(shown.bInterfaceNumber, 4);
+    EXPECT_EQ(shown.bInterfaceClass, 7);
+    ASSERT_EQ(shown.bNumEndpoints, 1);
+    EXPECT_EQ(shown.endpoint[0].bEndpointAddress, 0x83);
+    EXPECT_EQ(shown.endpoint[0].bmAttributes, LIBUSB_TRANSFER_TYPE_INTERRUPT);
 }
 
 TEST_F(fake_usb_test, reads_the_serial_number_as_libusb_does)
@@ -485,9 +484,9 @@ TEST_F(fake_usb_test, reads_the_serial_number_as_libusb_does)
     handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
     std::array<unsigned char, 5> room{};
 
-    EXPECT_EQ(4, libusb_get_string_descriptor_ascii(handle, 3, room.data(), static_cast<int>(room.size())));
+    EXPECT_EQ(libusb_get_string_descriptor_ascii(handle, 3, room.data(), static_cast<int>(room.size())), 4);
     EXPECT_EQ((std::array<unsigned char, 5>{'S', 'N', '0', '0', 0}), room);
-    EXPECT_EQ(LIBUSB_ERROR_INVALID_PARAM, libusb_get_string_descriptor_ascii(handle, 0, room.data(), 5));
+    EXPECT_EQ(libusb_get_string_descriptor_ascii(handle, 0, room.data(), 5), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 /// The text form.
@@ -533,15 +532,15 @@ TEST_F(fake_usb_script_test, describes_a_device_in_detail)
     libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
 
     const libusb_interface_descriptor* settings = descriptor->interface[0].altsetting;
-    EXPECT_EQ(2, descriptor->bConfigurationValue);
-    EXPECT_EQ(5, settings[0].bInterfaceNumber);
-    EXPECT_EQ(7, settings[0].bInterfaceClass);
-    EXPECT_EQ(1, settings[0].bInterfaceProtocol);
-    EXPECT_EQ(LIBUSB_TRANSFER_TYPE_INTERRUPT, settings[0].endpoint[0].bmAttributes);
-    EXPECT_EQ(5, settings[1].bInterfaceNumber);
-    EXPECT_EQ(0xFF, settings[1].bInterfaceProtocol);
-    EXPECT_EQ(nullptr, settings[1].endpoint);
-    EXPECT_EQ(1, libusb_kernel_driver_active(handle, 5));
+    EXPECT_EQ(descriptor->bConfigurationValue, 2);
+    EXPECT_EQ(settings[0].bInterfaceNumber, 5);
+    EXPECT_EQ(settings[0].bInterfaceClass, 7);
+    EXPECT_EQ(settings[0].bInterfaceProtocol, 1);
+    EXPECT_EQ(settings[0].endpoint[0].bmAttributes, LIBUSB_TRANSFER_TYPE_INTERRUPT);
+    EXPECT_EQ(settings[1].bInterfaceNumber, 5);
+    EXPECT_EQ(settings[1].bInterfaceProtocol, 0xFF);
+    EXPECT_EQ(settings[1].endpoint, nullptr);
+    EXPECT_EQ(libusb_kernel_driver_active(handle, 5), 1);
 }
 
 TEST_F(fake_usb_script_test, scripts_failures_transfers_exceptions_and_unplugging)
@@ -556,17 +555,17 @@ TEST_F(fake_usb_script_test, scripts_failures_transfers_exceptions_and_unpluggin
          "transfer scanner 02 result -9 untouched\n");
     begin_session();
 
-    EXPECT_EQ(0, libusb_clear_halt(handle, 0x81));
-    EXPECT_EQ(LIBUSB_ERROR_OTHER, libusb_clear_halt(handle, 0x81));
+    EXPECT_EQ(libusb_clear_halt(handle, 0x81), 0);
+    EXPECT_EQ(libusb_clear_halt(handle, 0x81), LIBUSB_ERROR_OTHER);
     EXPECT_THROW(libusb_reset_device(handle), std::runtime_error);
     EXPECT_THROW(libusb_set_debug(context, 3), int);
-    EXPECT_EQ(0, transfer(0x81, 2));
-    EXPECT_EQ((std::vector<unsigned char>{0x0A, 0xFF}), buffer);
-    EXPECT_EQ(LIBUSB_ERROR_TIMEOUT, transfer(0x81, 2));
-    EXPECT_EQ(1, moved);
-    EXPECT_EQ(LIBUSB_ERROR_PIPE, transfer(0x02, 2));
-    EXPECT_EQ(-5, moved);
-    EXPECT_EQ(LIBUSB_ERROR_NO_DEVICE, libusb_set_configuration(handle, 1));
+    EXPECT_EQ(transfer(0x81, 2), 0);
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{0x0A, 0xFF}));
+    EXPECT_EQ(transfer(0x81, 2), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(moved, 1);
+    EXPECT_EQ(transfer(0x02, 2), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(moved, -5);
+    EXPECT_EQ(libusb_set_configuration(handle, 1), LIBUSB_ERROR_NO_DEVICE);
 }
 
 TEST_F(fake_usb_script_test, records_the_clock_only_when_told_so)
@@ -597,9 +596,8 @@ TEST_P(fake_usb_bad_script_test, is_refused_with_line_and_reason)
         load(std::string("device scanner 1a2b:3c4d\n") + GetParam().script + "\n");
         FAIL() << "accepted: " << GetParam().script;
     } catch (const std::invalid_argument& problem) {
-        EXPECT_EQ(std::string("bus.txt:2: ") + GetParam().complaint +
-                      " (the statements are listed in fake_usb/script.h)",
-                  problem.what());
+        EXPECT_EQ(problem.what(), std::string("bus.txt:2: ") + GetParam().complaint +
+                                      " (the statements are listed in fake_usb/script.h)");
     }
 }
 

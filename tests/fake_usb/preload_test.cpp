@@ -49,62 +49,61 @@ TEST_F(fake_usb_preload_test, plays_the_bus_for_a_finished_program_and_writes_do
     script("device scanner 1a2b:3c4d\n appears_at_search 2\nclock recorded\ntransfer scanner 81 bytes "
            "01020304\n");
 
-    EXPECT_EQ(0, run());
-    EXPECT_EQ("4 01020304\n", output());
-    EXPECT_EQ("init -> 0\n"
-              "open_device_with_vid_pid 1a2b:3c4d -> null\n"
-              "sleep 3\n"
-              "open_device_with_vid_pid 1a2b:3c4d -> scanner\n"
-              "usleep 100\n"
-              "claim_interface scanner 0 -> 0\n"
-              "bulk_transfer scanner 0x81 4 60000 -> 0 (4)\n"
-              "a line from elsewhere\n"
-              "release_interface scanner 0 -> 0\n"
-              "close scanner\n"
-              "exit\n"
-              "end of process\n",
-              dialogue());
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(output(), "4 01020304\n");
+    EXPECT_EQ(dialogue(), "init -> 0\n"
+                          "open_device_with_vid_pid 1a2b:3c4d -> null\n"
+                          "sleep 3\n"
+                          "open_device_with_vid_pid 1a2b:3c4d -> scanner\n"
+                          "usleep 100\n"
+                          "claim_interface scanner 0 -> 0\n"
+                          "bulk_transfer scanner 0x81 4 60000 -> 0 (4)\n"
+                          "a line from elsewhere\n"
+                          "release_interface scanner 0 -> 0\n"
+                          "close scanner\n"
+                          "exit\n"
+                          "end of process\n");
 }
 
 TEST_F(fake_usb_preload_test, writes_down_what_a_program_leaves_behind)
 {
     script("device scanner 1a2b:3c4d\n");
 
-    EXPECT_EQ(0, run("handle"));
+    EXPECT_EQ(run("handle"), 0);
     const std::string all = dialogue();
-    EXPECT_EQ("release_interface scanner 0 -> 0\n"
+    EXPECT_EQ(all.substr(std::min(all.size(), all.find("release_interface"))),
+              "release_interface scanner 0 -> 0\n"
               "LEFT BEHIND: context\n"
               "LEFT BEHIND: handle of scanner\n"
               "LEFT BEHIND: 1 references to scanner\n"
-              "end of process\n",
-              all.substr(std::min(all.size(), all.find("release_interface"))));
+              "end of process\n");
 }
 
 TEST_F(fake_usb_preload_test, sleeps_for_real_unless_the_clock_is_recorded)
 {
     script("device scanner 1a2b:3c4d\n");
 
-    EXPECT_EQ(0, run());
-    EXPECT_EQ(std::string::npos, dialogue().find("usleep"));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(dialogue().find("usleep"), std::string::npos);
 }
 
 TEST_F(fake_usb_preload_test, holds_a_transfer_until_the_writer_of_its_fifo_lets_go)
 {
     const std::string fifo = (folder / "hold").string();
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     script("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + fifo + "\n");
-    std::thread program([&] { EXPECT_EQ(0, run()); });
+    std::thread program([&] { EXPECT_EQ(run(), 0); });
     int writer = -1;
     EXPECT_TRUE(support::wait_until(std::chrono::seconds(20), [&] {
         writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC); // opens when the transfer has begun
         return writer >= 0;
     }));
-    EXPECT_EQ(std::string::npos, dialogue().find("bulk_transfer"));
-    EXPECT_NE(std::string::npos, dialogue().find("claim_interface"));
+    EXPECT_EQ(dialogue().find("bulk_transfer"), std::string::npos);
+    EXPECT_NE(dialogue().find("claim_interface"), std::string::npos);
     close(writer);
     program.join();
 
-    EXPECT_NE(std::string::npos, dialogue().find("bulk_transfer scanner 0x81 4 60000 -> 0 (4)\n"));
+    EXPECT_NE(dialogue().find("bulk_transfer scanner 0x81 4 60000 -> 0 (4)\n"), std::string::npos);
 }
 
 TEST_F(fake_usb_preload_test, ends_the_program_with_a_message_when_the_script_is_broken)
@@ -112,16 +111,16 @@ TEST_F(fake_usb_preload_test, ends_the_program_with_a_message_when_the_script_is
     script("plug it\n");
 
     const int status = run();
-    EXPECT_NE(0, status);
-    EXPECT_NE(std::string::npos,
-              errors().find("fake_usb: " + (folder / "bus.txt").string() + ":1: no such statement: plug"))
+    EXPECT_NE(status, 0);
+    EXPECT_NE(errors().find("fake_usb: " + (folder / "bus.txt").string() + ":1: no such statement: plug"),
+              std::string::npos)
         << errors();
 }
 
 TEST_F(fake_usb_preload_test, ends_the_program_with_a_message_when_there_is_no_script)
 {
-    EXPECT_NE(0, run());
-    EXPECT_NE(std::string::npos, errors().find("fake_usb: cannot read the bus from ")) << errors();
+    EXPECT_NE(run(), 0);
+    EXPECT_NE(errors().find("fake_usb: cannot read the bus from "), std::string::npos) << errors();
 }
 
 } // namespace

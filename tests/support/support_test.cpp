@@ -62,7 +62,7 @@ TEST_F(private_paths_test, a_child_has_them_too)
 {
     std::ofstream(support::log_root + "/mark") << "mark";
 
-    EXPECT_EQ(0, std::system(("test -e " + support::log_root + "/mark").c_str()));
+    EXPECT_EQ(std::system(("test -e " + support::log_root + "/mark").c_str()), 0);
 }
 
 TEST_F(private_paths_test, a_plugin_is_installed_under_the_name_that_the_program_looks_for)
@@ -95,12 +95,12 @@ TEST_F(log_reader_test, takes_a_line_apart)
     log_file("tvkintif_20261115.log", "[10:23:45.45000][1234](1236)[INFO]open usb:1a2b:3c4d [x](y)\n");
 
     const std::vector<support::log_line> all = support::log_lines();
-    ASSERT_EQ(1U, all.size());
-    EXPECT_EQ("10:23:45.45000", all[0].clock);
-    EXPECT_EQ("1234", all[0].process);
-    EXPECT_EQ("1236", all[0].thread);
-    EXPECT_EQ("INFO", all[0].level);
-    EXPECT_EQ("open usb:1a2b:3c4d [x](y)", all[0].message);
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].clock, "10:23:45.45000");
+    EXPECT_EQ(all[0].process, "1234");
+    EXPECT_EQ(all[0].thread, "1236");
+    EXPECT_EQ(all[0].level, "INFO");
+    EXPECT_EQ(all[0].message, "open usb:1a2b:3c4d [x](y)");
 }
 
 TEST_F(log_reader_test, gives_the_lines_of_several_days_in_order)
@@ -108,33 +108,33 @@ TEST_F(log_reader_test, gives_the_lines_of_several_days_in_order)
     log_file("tvkintif_20261116.log", "[00:00:00.0000][1](1)[ERROR]after\n");
     log_file("tvkintif_20261115.log", "[23:59:59.59000][1](1)[INFO]before\n");
 
-    EXPECT_EQ((lines{"INFO before", "ERROR after"}), support::log_dialogue());
+    EXPECT_EQ(support::log_dialogue(), (lines{"INFO before", "ERROR after"}));
 }
 
 TEST_F(log_reader_test, leaves_a_line_without_header_whole)
 {
     log_file("tvkintif_20261116.log", "[00:00:00.0000] no header\n");
 
-    EXPECT_EQ(lines{" [00:00:00.0000] no header"}, support::log_dialogue());
+    EXPECT_EQ(support::log_dialogue(), lines{" [00:00:00.0000] no header"});
 }
 
 TEST_F(log_reader_test, reads_nothing_when_there_is_no_log_directory)
 {
     fs::remove_all(support::log_directory);
 
-    EXPECT_EQ(lines{}, support::log_dialogue());
+    EXPECT_EQ(support::log_dialogue(), lines{});
 }
 
 TEST(verbose_message, is_split_into_source_and_text)
 {
-    EXPECT_EQ("main", support::source_of("main(93) End Run"));
-    EXPECT_EQ("End Run", support::without_source("main(93) End Run"));
+    EXPECT_EQ(support::source_of("main(93) End Run"), "main");
+    EXPECT_EQ(support::without_source("main(93) End Run"), "End Run");
 }
 
 TEST(verbose_message, is_left_whole_when_it_has_no_source)
 {
-    EXPECT_EQ("", support::source_of("open it (93) End Run"));
-    EXPECT_EQ("main(x) End Run", support::without_source("main(x) End Run"));
+    EXPECT_EQ(support::source_of("open it (93) End Run"), "");
+    EXPECT_EQ(support::without_source("main(x) End Run"), "main(x) End Run");
 }
 
 TEST_F(private_paths_test, own_log_is_switched_on_at_the_wanted_level)
@@ -143,7 +143,7 @@ TEST_F(private_paths_test, own_log_is_switched_on_at_the_wanted_level)
     Logger("support", __LINE__, ESeveryLevel::info)("%s", "not wanted");
     Logger("support", __LINE__, ESeveryLevel::warning)("%s", "wanted");
 
-    EXPECT_EQ(lines{"WARNING wanted"}, support::log_dialogue());
+    EXPECT_EQ(support::log_dialogue(), lines{"WARNING wanted"});
 }
 
 TEST_F(private_paths_test, own_log_starts_afresh_each_time_and_ends)
@@ -151,7 +151,7 @@ TEST_F(private_paths_test, own_log_starts_afresh_each_time_and_ends)
     support::open_log(4);
     support::open_log();
     Logger("support", __LINE__, ESeveryLevel::info)("%s", "wanted");
-    EXPECT_EQ(lines{"INFO wanted"}, support::log_dialogue());
+    EXPECT_EQ(support::log_dialogue(), lines{"INFO wanted"});
 
     support::close_log();
     Logger("support", __LINE__, ESeveryLevel::fatal)("%s", "not wanted");
@@ -162,7 +162,7 @@ TEST(wait_until, ends_as_soon_as_the_condition_holds)
 {
     int looks = 0;
     EXPECT_TRUE(support::wait_until(std::chrono::hours(1), [&] { return ++looks == 3; }));
-    EXPECT_EQ(3, looks);
+    EXPECT_EQ(looks, 3);
 }
 
 TEST(wait_until, gives_up_at_the_deadline)
@@ -187,8 +187,8 @@ TEST_F(dialogue_test, keeps_the_order_of_all_who_record)
     support_record_line("plugin loaded");
     usleep(100);
 
-    EXPECT_EQ((lines{"sleep 3", "found it", "plugin loaded", "usleep 100"}), support::take_dialogue());
-    EXPECT_EQ(lines{}, support::take_dialogue());
+    EXPECT_EQ(support::take_dialogue(), (lines{"sleep 3", "found it", "plugin loaded", "usleep 100"}));
+    EXPECT_EQ(support::take_dialogue(), lines{});
 }
 
 TEST_F(dialogue_test, merges_what_another_source_has_before_the_line_that_follows_it)
@@ -198,7 +198,7 @@ TEST_F(dialogue_test, merges_what_another_source_has_before_the_line_that_follow
     support::record("call");
     waiting = {"log 3"};
 
-    EXPECT_EQ((lines{"log 1", "log 2", "call", "log 3"}), support::dialogue());
+    EXPECT_EQ(support::dialogue(), (lines{"log 1", "log 2", "call", "log 3"}));
 }
 
 TEST_F(dialogue_test, hands_each_line_to_the_sink_at_once)
@@ -206,13 +206,13 @@ TEST_F(dialogue_test, hands_each_line_to_the_sink_at_once)
     std::string seen;
     support::set_dialogue_sink([&](const std::string& line) { seen += line; });
     support::record("a");
-    EXPECT_EQ("a", seen);
+    EXPECT_EQ(seen, "a");
 }
 
 TEST(clock_seam, sets_the_time_and_gives_the_real_one_back)
 {
     support::set_time(86400);
-    EXPECT_EQ(86400, std::time(nullptr));
+    EXPECT_EQ(std::time(nullptr), 86400);
     support::set_time(std::nullopt);
 
     timespec now{};

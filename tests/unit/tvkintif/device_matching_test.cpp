@@ -57,9 +57,8 @@ TEST_F(device_matching, is_match_id_accepts_the_same_ids_and_serial_and_closes_i
     plug_in("SN0042");
 
     EXPECT_TRUE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ(text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
-                    "get_string_descriptor_ascii scanner 3 -> 6", "close scanner"}),
-              happened());
+    EXPECT_EQ(happened(), text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
+                                "get_string_descriptor_ascii scanner 3 -> 6", "close scanner"}));
 }
 
 TEST_F(device_matching, is_match_id_refuses_another_vendor_without_opening)
@@ -67,7 +66,7 @@ TEST_F(device_matching, is_match_id_refuses_another_vendor_without_opening)
     plug_in("SN0042");
 
     EXPECT_FALSE(matches(0x1a2c, 0x3c4d, "SN0042"));
-    EXPECT_EQ("get_device_descriptor scanner -> 0\n", happened());
+    EXPECT_EQ(happened(), "get_device_descriptor scanner -> 0\n");
 }
 
 TEST_F(device_matching, is_match_id_refuses_another_product_without_opening)
@@ -75,7 +74,7 @@ TEST_F(device_matching, is_match_id_refuses_another_product_without_opening)
     plug_in("SN0042");
 
     EXPECT_FALSE(matches(0x1a2b, 0x3c4e, "SN0042"));
-    EXPECT_EQ("get_device_descriptor scanner -> 0\n", happened());
+    EXPECT_EQ(happened(), "get_device_descriptor scanner -> 0\n");
 }
 
 TEST_F(device_matching, is_match_id_refuses_a_device_whose_descriptor_cannot_be_read)
@@ -84,7 +83,7 @@ TEST_F(device_matching, is_match_id_refuses_a_device_whose_descriptor_cannot_be_
     bus.fail("get_device_descriptor", LIBUSB_ERROR_IO);
 
     EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ("get_device_descriptor scanner -> LIBUSB_ERROR_IO\n", happened());
+    EXPECT_EQ(happened(), "get_device_descriptor scanner -> LIBUSB_ERROR_IO\n");
 }
 
 TEST_F(device_matching, is_match_id_accepts_a_device_with_the_ids_that_refuses_to_open_whatever_the_serial)
@@ -93,8 +92,8 @@ TEST_F(device_matching, is_match_id_accepts_a_device_with_the_ids_that_refuses_t
     bus.fail("open", LIBUSB_ERROR_ACCESS);
 
     EXPECT_TRUE(matches(0x1a2b, 0x3c4d, "another"));
-    EXPECT_EQ(text({"get_device_descriptor scanner -> 0", "open scanner -> LIBUSB_ERROR_ACCESS"}),
-              happened());
+    EXPECT_EQ(happened(),
+              text({"get_device_descriptor scanner -> 0", "open scanner -> LIBUSB_ERROR_ACCESS"}));
 }
 
 TEST_F(device_matching, is_match_id_refuses_a_serial_that_differs_only_in_letter_case)
@@ -139,9 +138,9 @@ TEST_F(device_matching, is_match_id_refuses_a_device_without_serial_and_closes_i
     plug_in(nullptr);
 
     EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ(text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
-                    "get_string_descriptor_ascii scanner 0 -> LIBUSB_ERROR_INVALID_PARAM", "close scanner"}),
-              happened());
+    EXPECT_EQ(happened(),
+              text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
+                    "get_string_descriptor_ascii scanner 0 -> LIBUSB_ERROR_INVALID_PARAM", "close scanner"}));
 }
 
 TEST_F(device_matching, open_by_ids_returns_the_handle_at_once_when_the_device_is_there)
@@ -149,20 +148,19 @@ TEST_F(device_matching, open_by_ids_returns_the_handle_at_once_when_the_device_i
     plug_in(nullptr);
 
     libusb_device_handle* handle = open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 100);
-    ASSERT_NE(nullptr, handle);
-    EXPECT_EQ("open_device_with_vid_pid 1a2b:3c4d -> scanner\n", happened());
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(happened(), "open_device_with_vid_pid 1a2b:3c4d -> scanner\n");
     libusb_close(handle);
 }
 
 TEST_F(device_matching, open_by_ids_tries_5_times_and_pauses_after_each_when_there_is_no_device)
 {
-    EXPECT_EQ(nullptr, open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 100));
-    EXPECT_EQ(text({"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                    "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                    "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                    "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                    "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"}),
-              happened());
+    EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 100), nullptr);
+    EXPECT_EQ(happened(), text({"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
+                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"}));
 }
 
 TEST_F(device_matching, open_by_ids_stops_at_the_try_that_succeeds)
@@ -171,11 +169,10 @@ TEST_F(device_matching, open_by_ids_stops_at_the_try_that_succeeds)
     bus.fail("open_device_with_vid_pid", LIBUSB_ERROR_BUSY).times(2);
 
     libusb_device_handle* handle = open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 250);
-    ASSERT_NE(nullptr, handle);
-    EXPECT_EQ(text({"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 250",
-                    "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 250",
-                    "open_device_with_vid_pid 1a2b:3c4d -> scanner"}),
-              happened());
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(happened(), text({"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 250",
+                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 250",
+                                "open_device_with_vid_pid 1a2b:3c4d -> scanner"}));
     libusb_close(handle);
 }
 
@@ -183,16 +180,16 @@ TEST_F(device_matching, open_by_ids_with_no_tries_returns_null_without_a_call_or
 {
     plug_in(nullptr);
 
-    EXPECT_EQ(nullptr, open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 0, 100));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 0, 100), nullptr);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(device_matching, open_by_ids_with_negative_tries_returns_null_without_a_call_or_pause)
 {
     plug_in(nullptr);
 
-    EXPECT_EQ(nullptr, open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, -1, 100));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, -1, 100), nullptr);
+    EXPECT_EQ(happened(), "");
 }
 
 using device_matching_death = device_matching;

@@ -69,7 +69,7 @@ TEST_F(interpreter_test, construction_loads_the_library_and_calls_nothing_in_it)
 {
     load("plugin_good");
 
-    EXPECT_EQ(text({{"INFO interpreter load " + path, "plugin_good loaded"}}), happened());
+    EXPECT_EQ(happened(), text({{"INFO interpreter load " + path, "plugin_good loaded"}}));
     EXPECT_TRUE(is_in_memory(path));
 }
 
@@ -79,7 +79,7 @@ TEST_F(interpreter_test, destruction_unloads_the_library)
     forget_what_happened();
     loaded.reset();
 
-    EXPECT_EQ("plugin_good unloaded\n", happened());
+    EXPECT_EQ(happened(), "plugin_good unloaded\n");
     EXPECT_FALSE(is_in_memory(path));
 }
 
@@ -90,21 +90,21 @@ TEST_F(interpreter_test, destruction_does_not_stop_a_started_plugin)
     forget_what_happened();
     loaded.reset();
 
-    EXPECT_EQ("plugin_good unloaded\n", happened());
+    EXPECT_EQ(happened(), "plugin_good unloaded\n");
 }
 
 TEST_F(interpreter_test, symbols_of_a_plugin_stay_its_own)
 {
     load("plugin_good");
 
-    EXPECT_EQ(nullptr, dlsym(RTLD_DEFAULT, "interpreter_ctor"));
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "interpreter_ctor"), nullptr);
 }
 
 TEST_F(interpreter_test, functions_that_a_plugin_calls_are_not_looked_up_before_it_does)
 {
     load("plugin_calling_nobody");
 
-    EXPECT_EQ("plugin_calling_nobody loaded", support::take_dialogue().back());
+    EXPECT_EQ(support::take_dialogue().back(), "plugin_calling_nobody loaded");
 }
 
 TEST_F(interpreter_test, ctor_hands_over_the_reader_first_and_the_writer_second)
@@ -114,10 +114,10 @@ TEST_F(interpreter_test, ctor_hands_over_the_reader_first_and_the_writer_second)
     forget_what_happened();
     char byte = 'x';
     loaded->read(&byte, 1);
-    EXPECT_EQ(text({{"plugin_good reader 1", "transfer in 1"}}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good reader 1", "transfer in 1"}}));
 
     loaded->write(&byte, 2);
-    EXPECT_EQ(text({{"plugin_good writer 2", "transfer out r 2"}}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good writer 2", "transfer out r 2"}}));
 }
 
 TEST_F(interpreter_test, read_passes_buffer_length_and_result_on)
@@ -126,8 +126,8 @@ TEST_F(interpreter_test, read_passes_buffer_length_and_result_on)
     loaded->ctor(read_7, write_9);
     char byte = 'x';
 
-    EXPECT_EQ(7, loaded->read(&byte, 1));
-    EXPECT_EQ('r', byte);
+    EXPECT_EQ(loaded->read(&byte, 1), 7);
+    EXPECT_EQ(byte, 'r');
 }
 
 TEST_F(interpreter_test, write_passes_buffer_length_and_result_on)
@@ -137,8 +137,8 @@ TEST_F(interpreter_test, write_passes_buffer_length_and_result_on)
     forget_what_happened();
     char byte = 'w';
 
-    EXPECT_EQ(9, loaded->write(&byte, 1));
-    EXPECT_EQ(text({{"plugin_good writer 1", "transfer out w 1"}}), happened());
+    EXPECT_EQ(loaded->write(&byte, 1), 9);
+    EXPECT_EQ(happened(), text({{"plugin_good writer 1", "transfer out w 1"}}));
 }
 
 TEST_F(interpreter_test, results_that_are_neither_0_nor_1_come_back_as_they_are)
@@ -146,9 +146,9 @@ TEST_F(interpreter_test, results_that_are_neither_0_nor_1_come_back_as_they_are)
     load("plugin_odd");
     char byte = 'x';
 
-    EXPECT_EQ(-7, loaded->ctor(read_7, write_9));
-    EXPECT_EQ(42, loaded->read(&byte, 1));
-    EXPECT_EQ(-3, loaded->write(&byte, 1));
+    EXPECT_EQ(loaded->ctor(read_7, write_9), -7);
+    EXPECT_EQ(loaded->read(&byte, 1), 42);
+    EXPECT_EQ(loaded->write(&byte, 1), -3);
 }
 
 TEST_F(interpreter_test, results_that_are_0_come_back_without_a_word_in_the_log)
@@ -158,9 +158,9 @@ TEST_F(interpreter_test, results_that_are_0_come_back_without_a_word_in_the_log)
     forget_what_happened();
     char byte = 'x';
 
-    EXPECT_EQ(0, loaded->read(&byte, 1));
-    EXPECT_EQ(0, loaded->write(&byte, 1));
-    EXPECT_EQ(text({{"plugin_failing reader 1", "plugin_failing writer 1"}}), happened());
+    EXPECT_EQ(loaded->read(&byte, 1), 0);
+    EXPECT_EQ(loaded->write(&byte, 1), 0);
+    EXPECT_EQ(happened(), text({{"plugin_failing reader 1", "plugin_failing writer 1"}}));
 }
 
 TEST_F(interpreter_test, null_buffers_and_any_length_are_passed_on_unchecked)
@@ -171,7 +171,7 @@ TEST_F(interpreter_test, null_buffers_and_any_length_are_passed_on_unchecked)
     loaded->read(nullptr, 0);
     loaded->write(nullptr, -1);
 
-    EXPECT_EQ(text({{"plugin_failing reader 0", "plugin_failing writer -1"}}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_failing reader 0", "plugin_failing writer -1"}}));
 }
 
 TEST_F(interpreter_test, dtor_stops_the_plugin_and_keeps_it_loaded)
@@ -181,7 +181,7 @@ TEST_F(interpreter_test, dtor_stops_the_plugin_and_keeps_it_loaded)
     forget_what_happened();
     loaded->dtor();
 
-    EXPECT_EQ("plugin_good dtor\n", happened());
+    EXPECT_EQ(happened(), "plugin_good dtor\n");
     EXPECT_TRUE(is_in_memory(path));
 }
 
@@ -189,21 +189,20 @@ TEST_F(interpreter_test, missing_file_is_refused_with_the_loader_s_message_in_th
 {
     const std::string missing = support::plugin_directory + "/libqvintZ4.so";
 
-    EXPECT_EQ("interpreter : load failed.", refusal_of(missing));
-    EXPECT_EQ(text({{"INFO interpreter load " + missing,
-                     "INFO interpreter load fails " + missing +
-                         ": cannot open shared object file: No such file or directory"}}),
-              happened());
+    EXPECT_EQ(refusal_of(missing), "interpreter : load failed.");
+    EXPECT_EQ(happened(), text({{"INFO interpreter load " + missing,
+                                 "INFO interpreter load fails " + missing +
+                                     ": cannot open shared object file: No such file or directory"}}));
 }
 
 TEST_F(interpreter_test, directory_is_refused_with_the_loader_s_message_in_the_log)
 {
     const std::string directory = lib_path("");
 
-    EXPECT_EQ("interpreter : load failed.", refusal_of(directory));
-    EXPECT_EQ(text({{"INFO interpreter load " + directory, "INFO interpreter load fails " + directory +
-                                                               ": cannot read file data: Is a directory"}}),
-              happened());
+    EXPECT_EQ(refusal_of(directory), "interpreter : load failed.");
+    EXPECT_EQ(happened(),
+              text({{"INFO interpreter load " + directory, "INFO interpreter load fails " + directory +
+                                                               ": cannot read file data: Is a directory"}}));
 }
 
 TEST_F(interpreter_test, file_that_is_no_library_is_refused_with_the_loader_s_message_in_the_log)
@@ -211,10 +210,9 @@ TEST_F(interpreter_test, file_that_is_no_library_is_refused_with_the_loader_s_me
     const std::string file = support::plugin_directory + "/libqvintZ4.so";
     std::ofstream(file) << "This is not a library, and it is longer than the header of one would have to be.";
 
-    EXPECT_EQ("interpreter : load failed.", refusal_of(file));
-    EXPECT_EQ(text({{"INFO interpreter load " + file,
-                     "INFO interpreter load fails " + file + ": invalid ELF header"}}),
-              happened());
+    EXPECT_EQ(refusal_of(file), "interpreter : load failed.");
+    EXPECT_EQ(happened(), text({{"INFO interpreter load " + file,
+                                 "INFO interpreter load fails " + file + ": invalid ELF header"}}));
     std::filesystem::remove(file);
 }
 
@@ -226,10 +224,9 @@ TEST_P(interpreter_test_without_a_symbol, library_is_unloaded_before_the_log_tel
     const std::string plugin = std::string("plugin_without_") + GetParam();
     const std::string file = built_plugin(plugin);
 
-    EXPECT_EQ("interpreter : invalid symboles.", refusal_of(file));
-    EXPECT_EQ(text({{"INFO interpreter load " + file, plugin + " loaded", plugin + " unloaded",
-                     "INFO interpreter function load errors"}}),
-              happened());
+    EXPECT_EQ(refusal_of(file), "interpreter : invalid symboles.");
+    EXPECT_EQ(happened(), text({{"INFO interpreter load " + file, plugin + " loaded", plugin + " unloaded",
+                                 "INFO interpreter function load errors"}}));
     EXPECT_FALSE(is_in_memory(file));
 }
 
@@ -246,9 +243,9 @@ TEST_F(interpreter_test, every_line_is_logged_as_coming_from_interpreter)
     testing::internal::GetCapturedStderr();
 
     const auto all = support::log_lines();
-    EXPECT_EQ(4U, all.size()) << log();
+    EXPECT_EQ(all.size(), 4U) << log();
     for (const support::log_line& line : all)
-        EXPECT_EQ("interpreter", support::source_of(line.message)) << line.message;
+        EXPECT_EQ(support::source_of(line.message), "interpreter") << line.message;
 }
 
 } // namespace

@@ -156,12 +156,11 @@ TEST_F(scanner_test, open_loads_the_plugin_then_connects_the_device_then_starts_
     bus.plug(scanner_device());
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_good"),
-                    connection_made,
-                    attempt_that_succeeds(),
-                    {"plugin_good ctor"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_good"),
+                                connection_made,
+                                attempt_that_succeeds(),
+                                {"plugin_good ctor"}}));
     ASSERT_TRUE(session().usb_con());
     EXPECT_TRUE(session().usb_con()->is_open());
 }
@@ -180,13 +179,12 @@ TEST_F(scanner_test, plugin_reaches_the_device_from_its_start_on)
     bus.plug(scanner_device());
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_talking"),
-                    connection_made,
-                    attempt_that_succeeds(),
-                    {"plugin_talking ctor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
-                     "plugin_talking sent 1"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_talking"),
+                                connection_made,
+                                attempt_that_succeeds(),
+                                {"plugin_talking ctor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
+                                 "plugin_talking sent 1"}}));
 }
 
 TEST_F(scanner_test, second_open_succeeds_at_once_whatever_the_address)
@@ -194,7 +192,7 @@ TEST_F(scanner_test, second_open_succeeds_at_once_whatever_the_address)
     open_session("plugin_good");
 
     EXPECT_TRUE(session().open("no address at all"));
-    EXPECT_EQ("INFO open no address at all\n", happened());
+    EXPECT_EQ(happened(), "INFO open no address at all\n");
 }
 
 TEST_F(scanner_test, second_open_leaves_the_environment_alone)
@@ -205,7 +203,7 @@ TEST_F(scanner_test, second_open_leaves_the_environment_alone)
     session().open(udi);
 
     for (const char* variable : firmware_variables)
-        EXPECT_EQ(nullptr, std::getenv(variable)) << variable;
+        EXPECT_EQ(std::getenv(variable), nullptr) << variable;
 }
 
 TEST_F(scanner_test, open_works_again_after_close)
@@ -215,12 +213,11 @@ TEST_F(scanner_test, open_works_again_after_close)
     forget_what_happened();
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_good"),
-                    connection_made,
-                    attempt_that_succeeds(),
-                    {"plugin_good ctor"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_good"),
+                                connection_made,
+                                attempt_that_succeeds(),
+                                {"plugin_good ctor"}}));
 }
 
 TEST_F(scanner_test, product_with_a_plugin_of_its_own_is_served_by_that)
@@ -231,12 +228,11 @@ TEST_F(scanner_test, product_with_a_plugin_of_its_own_is_served_by_that)
     support::install_plugin("plugin_good", other_plugin_file);
 
     EXPECT_TRUE(session().open(other_udi));
-    EXPECT_EQ(text({{"INFO open " + other_udi},
-                    plugin_loaded("plugin_good", other_plugin_file),
-                    connection_made,
-                    attempt_that_succeeds("1a2b:0a71"),
-                    {"plugin_good ctor"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
+                                plugin_loaded("plugin_good", other_plugin_file),
+                                connection_made,
+                                attempt_that_succeeds("1a2b:0a71"),
+                                {"plugin_good ctor"}}));
 }
 
 // The firmware directories.
@@ -244,7 +240,7 @@ TEST_F(scanner_test, product_with_a_plugin_of_its_own_is_served_by_that)
 void expect_firmware_directories()
 {
     for (const char* variable : firmware_variables)
-        EXPECT_STREQ("/usr/share/tarvik/", std::getenv(variable)) << variable;
+        EXPECT_STREQ(std::getenv(variable), "/usr/share/tarvik/") << variable;
 }
 
 TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_loaded)
@@ -253,16 +249,15 @@ TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_load
     bus.plug(scanner_device());
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_telling_environment"),
-                    {"plugin_telling_environment finds GLIMMERON_FIRMWARE_DIR=/usr/share/tarvik/",
-                     "plugin_telling_environment finds QUBAN_FIRMWARE_DIR=/usr/share/tarvik/",
-                     "plugin_telling_environment finds MORA_FIRMWARE_DIR=/usr/share/tarvik/",
-                     "plugin_telling_environment finds QUBAN_FW_DIR=/usr/share/tarvik/"},
-                    connection_made,
-                    attempt_that_succeeds(),
-                    {"plugin_telling_environment ctor"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_telling_environment"),
+                                {"plugin_telling_environment finds GLIMMERON_FIRMWARE_DIR=/usr/share/tarvik/",
+                                 "plugin_telling_environment finds QUBAN_FIRMWARE_DIR=/usr/share/tarvik/",
+                                 "plugin_telling_environment finds MORA_FIRMWARE_DIR=/usr/share/tarvik/",
+                                 "plugin_telling_environment finds QUBAN_FW_DIR=/usr/share/tarvik/"},
+                                connection_made,
+                                attempt_that_succeeds(),
+                                {"plugin_telling_environment ctor"}}));
 }
 
 TEST_F(scanner_test, firmware_directories_stay_set_after_close)
@@ -301,16 +296,15 @@ TEST_F(scanner_test, open_of_an_invalid_address_fails_before_anything_is_loaded)
     bus.plug(scanner_device());
 
     EXPECT_FALSE(session().open("usb:1a2b:0"));
-    EXPECT_EQ(
-        text({{"INFO open usb:1a2b:0", "INFO machine: invalid UDI 'usb:1a2b:0'", "INFO get pid fails"}}),
-        happened());
+    EXPECT_EQ(happened(), text({{"INFO open usb:1a2b:0", "INFO machine: invalid UDI 'usb:1a2b:0'",
+                                 "INFO get pid fails"}}));
 }
 
 TEST_F(scanner_test, address_never_chooses_a_format)
 {
     EXPECT_FALSE(session().open("%n%s"));
-    EXPECT_EQ(text({{"INFO open %n%s", "INFO machine: invalid UDI '%n%s'", "INFO get pid fails"}}),
-              happened());
+    EXPECT_EQ(happened(),
+              text({{"INFO open %n%s", "INFO machine: invalid UDI '%n%s'", "INFO get pid fails"}}));
 }
 
 TEST_F(scanner_test, open_without_the_plugin_s_file_fails_before_usb_is_touched)
@@ -319,11 +313,11 @@ TEST_F(scanner_test, open_without_the_plugin_s_file_fails_before_usb_is_touched)
     const std::string path = lib_path(plugin_file);
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi, "INFO interpName " + plugin_file, "INFO interpreter load " + path,
+    EXPECT_EQ(happened(),
+              text({{"INFO open " + udi, "INFO interpName " + plugin_file, "INFO interpreter load " + path,
                      "INFO interpreter load fails " + path +
                          ": cannot open shared object file: No such file or directory",
-                     "INFO interpreter : load failed.", "INFO open fails"}}),
-              happened());
+                     "INFO interpreter : load failed.", "INFO open fails"}}));
 }
 
 class scanner_test_without_a_symbol : public scanner_test, public testing::WithParamInterface<const char*> {};
@@ -335,11 +329,10 @@ TEST_P(scanner_test_without_a_symbol, open_fails_before_usb_is_touched_and_unloa
     install(plugin);
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded(plugin),
-                    {plugin + " unloaded", "INFO interpreter function load errors",
-                     "INFO interpreter : invalid symboles.", "INFO open fails"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded(plugin),
+                                {plugin + " unloaded", "INFO interpreter function load errors",
+                                 "INFO interpreter : invalid symboles.", "INFO open fails"}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(such_as, scanner_test_without_a_symbol,
@@ -351,13 +344,12 @@ TEST_F(scanner_test, open_without_a_device_makes_all_attempts_with_pauses_betwee
     install("plugin_good");
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_good"),
-                    connection_made,
-                    support::repeated(scanner::kConnectionAttempts, attempt_in_vain(), pause),
-                    {"INFO retry finish", "INFO usb connection failer.", "exit", "plugin_good unloaded",
-                     "INFO open fails"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_good"),
+                                connection_made,
+                                support::repeated(scanner::kConnectionAttempts, attempt_in_vain(), pause),
+                                {"INFO retry finish", "INFO usb connection failer.", "exit",
+                                 "plugin_good unloaded", "INFO open fails"}}));
     EXPECT_FALSE(session().usb_con());
 }
 
@@ -369,14 +361,13 @@ TEST_F(scanner_test, open_connects_a_device_that_appears_before_the_third_attemp
     bus.plug(late);
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_good"),
-                    connection_made,
-                    support::repeated(2, attempt_in_vain(), pause),
-                    pause,
-                    attempt_that_succeeds(),
-                    {"plugin_good ctor"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_good"),
+                                connection_made,
+                                support::repeated(2, attempt_in_vain(), pause),
+                                pause,
+                                attempt_that_succeeds(),
+                                {"plugin_good ctor"}}));
 }
 
 TEST_F(scanner_test, open_connects_at_the_last_attempt)
@@ -397,6 +388,7 @@ TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
 
     EXPECT_TRUE(session().open(udi));
     EXPECT_EQ(
+        happened(),
         text({{"INFO open " + udi},
               plugin_loaded("plugin_good"),
               connection_made,
@@ -409,8 +401,7 @@ TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
                "INFO usb_transceiver set_bulk_endpoints fails", "INFO connection open isSuccess = 0"},
               pause,
               attempt_that_succeeds(),
-              {"plugin_good ctor"}}),
-        happened());
+              {"plugin_good ctor"}}));
 }
 
 TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log_tells_and_never_stops_it)
@@ -419,14 +410,13 @@ TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log
     bus.plug(scanner_device());
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_refusing"),
-                    connection_made,
-                    attempt_that_succeeds(),
-                    {"plugin_refusing ctor"},
-                    connection_gone,
-                    {"INFO usb ctor failer.", "plugin_refusing unloaded"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_refusing"),
+                                connection_made,
+                                attempt_that_succeeds(),
+                                {"plugin_refusing ctor"},
+                                connection_gone,
+                                {"INFO usb ctor failer.", "plugin_refusing unloaded"}}));
     EXPECT_FALSE(session().usb_con());
 }
 
@@ -436,7 +426,7 @@ TEST_F(scanner_test, refusing_plugin_reaches_the_device_before_it_refuses)
     bus.plug(scanner_device());
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(std::vector<unsigned char>{1}, bus.written("scanner", 0x02));
+    EXPECT_EQ(bus.written("scanner", 0x02), std::vector<unsigned char>{1});
 }
 
 TEST_F(scanner_test, open_after_a_refusal_tries_anew)
@@ -456,12 +446,11 @@ TEST_F(scanner_test, open_fails_when_libusb_cannot_be_initialised_and_unloads_th
     bus.fail("init", LIBUSB_ERROR_OTHER);
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(text({{"INFO open " + udi},
-                    plugin_loaded("plugin_good"),
-                    {"INFO usb_transceiver start", "init -> LIBUSB_ERROR_OTHER",
-                     "INFO libusb error = LIBUSB_ERROR_OTHER", "plugin_good unloaded",
-                     "INFO libusb_init: LIBUSB_ERROR_OTHER", "INFO open fails"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+                                plugin_loaded("plugin_good"),
+                                {"INFO usb_transceiver start", "init -> LIBUSB_ERROR_OTHER",
+                                 "INFO libusb error = LIBUSB_ERROR_OTHER", "plugin_good unloaded",
+                                 "INFO libusb_init: LIBUSB_ERROR_OTHER", "INFO open fails"}}));
 }
 
 /// Something is thrown in the middle of an open.
@@ -486,33 +475,33 @@ protected:
 
 TEST_F(scanner_test_of_exceptions, invalid_argument_is_logged_with_its_text)
 {
-    EXPECT_EQ(with_last_words("no such thing"),
-              end_of_open([] { throw std::invalid_argument("no such thing"); }));
+    EXPECT_EQ(end_of_open([] { throw std::invalid_argument("no such thing"); }),
+              with_last_words("no such thing"));
 }
 
 TEST_F(scanner_test_of_exceptions, runtime_error_is_logged_with_its_text)
 {
-    EXPECT_EQ(with_last_words("out of luck"), end_of_open([] { throw std::runtime_error("out of luck"); }));
+    EXPECT_EQ(end_of_open([] { throw std::runtime_error("out of luck"); }), with_last_words("out of luck"));
 }
 
 TEST_F(scanner_test_of_exceptions, text_of_an_invalid_argument_never_chooses_a_format)
 {
-    EXPECT_EQ(with_last_words("100%n%s"), end_of_open([] { throw std::invalid_argument("100%n%s"); }));
+    EXPECT_EQ(end_of_open([] { throw std::invalid_argument("100%n%s"); }), with_last_words("100%n%s"));
 }
 
 TEST_F(scanner_test_of_exceptions, text_of_a_runtime_error_never_chooses_a_format)
 {
-    EXPECT_EQ(with_last_words("100%n%s"), end_of_open([] { throw std::runtime_error("100%n%s"); }));
+    EXPECT_EQ(end_of_open([] { throw std::runtime_error("100%n%s"); }), with_last_words("100%n%s"));
 }
 
 TEST_F(scanner_test_of_exceptions, other_exception_is_logged_as_unknown)
 {
-    EXPECT_EQ(with_last_words("unknown exception"), end_of_open([] { throw std::bad_alloc(); }));
+    EXPECT_EQ(end_of_open([] { throw std::bad_alloc(); }), with_last_words("unknown exception"));
 }
 
 TEST_F(scanner_test_of_exceptions, thrown_number_is_logged_as_unknown)
 {
-    EXPECT_EQ(with_last_words("unknown exception"), end_of_open([] { throw 1; }));
+    EXPECT_EQ(end_of_open([] { throw 1; }), with_last_words("unknown exception"));
 }
 
 // Sending and receiving.
@@ -521,10 +510,10 @@ TEST_F(scanner_test, send_and_recv_before_any_open_tell_that_no_plugin_runs)
 {
     unsigned char byte = 0;
 
-    EXPECT_EQ(1, session().send(&byte, 1, 0));
-    EXPECT_EQ(1, session().send(nullptr, 0, 0));
-    EXPECT_EQ(1, session().recv(&byte, 1));
-    EXPECT_EQ(1, session().recv(nullptr, 0));
+    EXPECT_EQ(session().send(&byte, 1, 0), 1);
+    EXPECT_EQ(session().send(nullptr, 0, 0), 1);
+    EXPECT_EQ(session().recv(&byte, 1), 1);
+    EXPECT_EQ(session().recv(nullptr, 0), 1);
 }
 
 TEST_F(scanner_test, send_and_recv_after_a_failed_open_tell_that_no_plugin_runs)
@@ -534,17 +523,17 @@ TEST_F(scanner_test, send_and_recv_after_a_failed_open_tell_that_no_plugin_runs)
     session().open(udi);
     unsigned char byte = 0;
 
-    EXPECT_EQ(1, session().send(&byte, 1, 0));
-    EXPECT_EQ(1, session().recv(&byte, 1));
+    EXPECT_EQ(session().send(&byte, 1, 0), 1);
+    EXPECT_EQ(session().recv(&byte, 1), 1);
 }
 
 TEST_F(scanner_test, send_hands_all_bytes_to_the_plugin_without_a_word_in_the_log)
 {
     open_session("plugin_good");
 
-    EXPECT_EQ(0, send({1, 0, 255}));
-    EXPECT_EQ(text({{"plugin_good writer 3", "bulk_transfer scanner 0x02 3 60000 -> 0 (3)"}}), happened());
-    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), bus.written("scanner", 0x02));
+    EXPECT_EQ(send({1, 0, 255}), 0);
+    EXPECT_EQ(happened(), text({{"plugin_good writer 3", "bulk_transfer scanner 0x02 3 60000 -> 0 (3)"}}));
+    EXPECT_EQ(bus.written("scanner", 0x02), (std::vector<unsigned char>{1, 0, 255}));
 }
 
 TEST_F(scanner_test, send_does_not_use_its_value)
@@ -552,8 +541,8 @@ TEST_F(scanner_test, send_does_not_use_its_value)
     open_session("plugin_good");
     unsigned char byte = 7;
 
-    EXPECT_EQ(0, session().send(&byte, 1, 0xFFFFFFFF));
-    EXPECT_EQ(text({{"plugin_good writer 1", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)"}}), happened());
+    EXPECT_EQ(session().send(&byte, 1, 0xFFFFFFFF), 0);
+    EXPECT_EQ(happened(), text({{"plugin_good writer 1", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)"}}));
 }
 
 TEST_F(scanner_test, recv_has_the_plugin_fill_the_buffer)
@@ -562,9 +551,9 @@ TEST_F(scanner_test, recv_has_the_plugin_fill_the_buffer)
     bus.script("scanner", 0x81, fake_usb::brings({1, 0, 255}));
     std::vector<unsigned char> buffer(3);
 
-    EXPECT_EQ(0, session().recv(buffer.data(), 3));
-    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), buffer);
-    EXPECT_EQ(text({{"plugin_good reader 3", "bulk_transfer scanner 0x81 3 60000 -> 0 (3)"}}), happened());
+    EXPECT_EQ(session().recv(buffer.data(), 3), 0);
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{1, 0, 255}));
+    EXPECT_EQ(happened(), text({{"plugin_good reader 3", "bulk_transfer scanner 0x81 3 60000 -> 0 (3)"}}));
 }
 
 TEST_F(scanner_test, send_of_nothing_fails_without_asking_the_plugin)
@@ -572,16 +561,16 @@ TEST_F(scanner_test, send_of_nothing_fails_without_asking_the_plugin)
     open_session("plugin_good");
     unsigned char byte = 0;
 
-    EXPECT_EQ(200, session().send(&byte, 0, 0));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(session().send(&byte, 0, 0), 200);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, send_without_a_buffer_fails_without_asking_the_plugin)
 {
     open_session("plugin_good");
 
-    EXPECT_EQ(200, session().send(nullptr, 1, 0));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(session().send(nullptr, 1, 0), 200);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, recv_of_nothing_fails_without_asking_the_plugin)
@@ -589,24 +578,24 @@ TEST_F(scanner_test, recv_of_nothing_fails_without_asking_the_plugin)
     open_session("plugin_good");
     unsigned char byte = 0;
 
-    EXPECT_EQ(201, session().recv(&byte, 0));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(session().recv(&byte, 0), 201);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, recv_without_a_buffer_fails_without_asking_the_plugin)
 {
     open_session("plugin_good");
 
-    EXPECT_EQ(201, session().recv(nullptr, 1));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(session().recv(nullptr, 1), 201);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, send_fails_when_the_plugin_s_writer_returns_0)
 {
     open_session("plugin_failing");
 
-    EXPECT_EQ(200, send({1}));
-    EXPECT_EQ("plugin_failing writer 1\n", happened());
+    EXPECT_EQ(send({1}), 200);
+    EXPECT_EQ(happened(), "plugin_failing writer 1\n");
 }
 
 TEST_F(scanner_test, recv_fails_when_the_plugin_s_reader_returns_0)
@@ -614,8 +603,8 @@ TEST_F(scanner_test, recv_fails_when_the_plugin_s_reader_returns_0)
     open_session("plugin_failing");
     unsigned char byte = 0;
 
-    EXPECT_EQ(201, session().recv(&byte, 1));
-    EXPECT_EQ("plugin_failing reader 1\n", happened());
+    EXPECT_EQ(session().recv(&byte, 1), 201);
+    EXPECT_EQ(happened(), "plugin_failing reader 1\n");
 }
 
 TEST_F(scanner_test, any_result_of_the_plugin_but_0_is_success)
@@ -623,8 +612,8 @@ TEST_F(scanner_test, any_result_of_the_plugin_but_0_is_success)
     open_session("plugin_odd");
     unsigned char byte = 0;
 
-    EXPECT_EQ(0, session().send(&byte, 1, 0));
-    EXPECT_EQ(0, session().recv(&byte, 1));
+    EXPECT_EQ(session().send(&byte, 1, 0), 0);
+    EXPECT_EQ(session().recv(&byte, 1), 0);
 }
 
 // What the plugin was given.
@@ -636,8 +625,8 @@ TEST_F(scanner_test, callbacks_return_the_bytes_moved_unchanged)
     bus.script("scanner", 0x02, fake_usb::ends_with(LIBUSB_SUCCESS, 3));
     std::vector<unsigned char> buffer(5);
 
-    EXPECT_EQ(2, plugin_s_reader(buffer.data(), 5));
-    EXPECT_EQ(3, plugin_s_writer(buffer.data(), 5));
+    EXPECT_EQ(plugin_s_reader(buffer.data(), 5), 2);
+    EXPECT_EQ(plugin_s_writer(buffer.data(), 5), 3);
 }
 
 TEST_F(scanner_test, callbacks_return_0_while_there_is_no_connection)
@@ -647,9 +636,9 @@ TEST_F(scanner_test, callbacks_return_0_while_there_is_no_connection)
     forget_what_happened();
     unsigned char byte = 0;
 
-    EXPECT_EQ(0, plugin_s_reader(&byte, 1));
-    EXPECT_EQ(0, plugin_s_writer(&byte, 1));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(plugin_s_reader(&byte, 1), 0);
+    EXPECT_EQ(plugin_s_writer(&byte, 1), 0);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, callback_keeps_the_connection_object_alive_until_its_transfer_returns)
@@ -666,7 +655,7 @@ TEST_F(scanner_test, callback_keeps_the_connection_object_alive_until_its_transf
 
     EXPECT_TRUE(was_alive);
     EXPECT_TRUE(connection.expired());
-    EXPECT_EQ(lines{"bulk_transfer scanner 0x81 1 60000: the handle is not open"}, bus.take_misuses());
+    EXPECT_EQ(bus.take_misuses(), lines{"bulk_transfer scanner 0x81 1 60000: the handle is not open"});
 }
 
 TEST_F(scanner_test, no_exception_passes_through_a_callback)
@@ -674,7 +663,7 @@ TEST_F(scanner_test, no_exception_passes_through_a_callback)
     open_session("plugin_good");
     bus.before_call("bulk_transfer", 1, [] { throw std::bad_alloc(); });
 
-    EXPECT_EQ(200, send({1}));
+    EXPECT_EQ(send({1}), 200);
 }
 
 // Closing.
@@ -684,7 +673,7 @@ TEST_F(scanner_test, close_stops_and_unloads_the_plugin_before_it_closes_the_dev
     open_session("plugin_good");
     session().close();
 
-    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}));
     EXPECT_FALSE(session().usb_con());
 }
 
@@ -693,10 +682,9 @@ TEST_F(scanner_test, plugin_reaches_the_device_while_it_is_stopped)
     open_session("plugin_talking");
     session().close();
 
-    EXPECT_EQ(text({{"plugin_talking dtor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
-                     "plugin_talking sent 1", "plugin_talking unloaded"},
-                    connection_gone}),
-              happened());
+    EXPECT_EQ(happened(), text({{"plugin_talking dtor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
+                                 "plugin_talking sent 1", "plugin_talking unloaded"},
+                                connection_gone}));
 }
 
 TEST_F(scanner_test, close_leaves_the_connection_object_to_whoever_shares_it)
@@ -704,11 +692,11 @@ TEST_F(scanner_test, close_leaves_the_connection_object_to_whoever_shares_it)
     open_session("plugin_good");
     std::shared_ptr<usb_transceiver> shared = session().usb_con();
     session().close();
-    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_closed}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good dtor", "plugin_good unloaded"}, connection_closed}));
 
     EXPECT_FALSE(shared->is_open());
     shared.reset();
-    EXPECT_EQ("exit\n", happened());
+    EXPECT_EQ(happened(), "exit\n");
 }
 
 TEST_F(scanner_test, second_close_does_nothing)
@@ -718,14 +706,14 @@ TEST_F(scanner_test, second_close_does_nothing)
     forget_what_happened();
     session().close();
 
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, close_without_any_open_does_nothing)
 {
     session().close();
 
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(scanner_test, send_and_recv_after_close_tell_that_no_plugin_runs)
@@ -734,8 +722,8 @@ TEST_F(scanner_test, send_and_recv_after_close_tell_that_no_plugin_runs)
     session().close();
     unsigned char byte = 0;
 
-    EXPECT_EQ(1, session().send(&byte, 1, 0));
-    EXPECT_EQ(1, session().recv(&byte, 1));
+    EXPECT_EQ(session().send(&byte, 1, 0), 1);
+    EXPECT_EQ(session().recv(&byte, 1), 1);
 }
 
 TEST_F(scanner_test, destruction_closes)
@@ -748,7 +736,7 @@ TEST_F(scanner_test, destruction_closes)
         forget_what_happened();
     }
 
-    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good dtor", "plugin_good unloaded"}, connection_gone}));
 }
 
 TEST_F(scanner_test, end_of_the_process_closes_the_session)
@@ -807,12 +795,11 @@ TEST_F(scanner_test_of_reopening, replaces_connection_and_plugin_and_does_not_st
     support::install_plugin("plugin_odd", other_plugin_file);
 
     EXPECT_TRUE(session().open(other_udi));
-    EXPECT_EQ(text({{"INFO open " + other_udi},
-                    plugin_loaded("plugin_odd", other_plugin_file),
-                    {"INFO usb_transceiver start"}, // the context is still there
-                    other_attempt,
-                    {"plugin_odd ctor", "plugin_good unloaded"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
+                                plugin_loaded("plugin_odd", other_plugin_file),
+                                {"INFO usb_transceiver start"}, // the context is still there
+                                other_attempt,
+                                {"plugin_odd ctor", "plugin_good unloaded"}}));
 }
 
 TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_device_cannot_be_connected)
@@ -824,7 +811,7 @@ TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_device_canno
     EXPECT_EQ(before, session().usb_con());
     forget_what_happened();
     session().close();
-    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}}), happened());
+    EXPECT_EQ(happened(), text({{"plugin_good dtor", "plugin_good unloaded"}}));
 }
 
 TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_new_plugin_is_missing)
@@ -853,13 +840,12 @@ TEST_F(scanner_test_of_reopening, drops_the_old_connection_and_keeps_the_old_plu
     support::install_plugin("plugin_refusing", other_plugin_file);
 
     EXPECT_FALSE(session().open(other_udi));
-    EXPECT_EQ(text({{"INFO open " + other_udi},
-                    plugin_loaded("plugin_refusing", other_plugin_file),
-                    {"INFO usb_transceiver start"},
-                    other_attempt,
-                    {"plugin_refusing ctor", "release_interface other 0 -> 0", "close other", "exit",
-                     "INFO usb ctor failer.", "plugin_refusing unloaded"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
+                                plugin_loaded("plugin_refusing", other_plugin_file),
+                                {"INFO usb_transceiver start"},
+                                other_attempt,
+                                {"plugin_refusing ctor", "release_interface other 0 -> 0", "close other",
+                                 "exit", "INFO usb ctor failer.", "plugin_refusing unloaded"}}));
     EXPECT_FALSE(session().usb_con());
 }
 
@@ -871,11 +857,11 @@ TEST_F(scanner_test_of_reopening, old_plugin_left_without_a_connection_moves_not
     session().open(other_udi);
     forget_what_happened();
 
-    EXPECT_EQ(200, send({1}));
-    EXPECT_EQ("plugin_good writer 1\n", happened());
+    EXPECT_EQ(send({1}), 200);
+    EXPECT_EQ(happened(), "plugin_good writer 1\n");
     session().close();
-    EXPECT_EQ(text({{"plugin_good dtor", "plugin_good unloaded"}}), happened());
-    EXPECT_EQ(1, send({1}));
+    EXPECT_EQ(happened(), text({{"plugin_good dtor", "plugin_good unloaded"}}));
+    EXPECT_EQ(send({1}), 1);
 }
 
 // The log.

@@ -97,10 +97,10 @@ TEST_F(usb_test, construction_initialises_libusb_and_sets_its_message_level)
 {
     connect();
 
-    EXPECT_EQ(text({construction}), happened());
-    EXPECT_NE(nullptr, open_book::sm_ctx);
+    EXPECT_EQ(happened(), text({construction}));
+    EXPECT_NE(open_book::sm_ctx, nullptr);
     EXPECT_TRUE(open_book::sm_isInitialized);
-    EXPECT_EQ(1, open_book::sm_nConnectionCount);
+    EXPECT_EQ(open_book::sm_nConnectionCount, 1);
 }
 
 TEST_F(usb_test, destruction_of_the_only_object_gives_the_context_back)
@@ -109,25 +109,25 @@ TEST_F(usb_test, destruction_of_the_only_object_gives_the_context_back)
     forget_what_happened();
     usb.reset();
 
-    EXPECT_EQ("exit\n", happened());
-    EXPECT_EQ(nullptr, open_book::sm_ctx);
+    EXPECT_EQ(happened(), "exit\n");
+    EXPECT_EQ(open_book::sm_ctx, nullptr);
     EXPECT_FALSE(open_book::sm_isInitialized);
-    EXPECT_EQ(0, open_book::sm_nConnectionCount);
+    EXPECT_EQ(open_book::sm_nConnectionCount, 0);
 }
 
 TEST_F(usb_test, two_objects_share_one_context_until_the_second_is_destroyed)
 {
     connect();
     auto second = std::make_unique<usb_transceiver>();
-    EXPECT_EQ(text({construction, {"INFO usb_transceiver start"}}), happened());
-    EXPECT_EQ(2, open_book::sm_nConnectionCount);
+    EXPECT_EQ(happened(), text({construction, {"INFO usb_transceiver start"}}));
+    EXPECT_EQ(open_book::sm_nConnectionCount, 2);
 
     usb.reset();
-    EXPECT_EQ("", happened());
-    EXPECT_NE(nullptr, open_book::sm_ctx);
+    EXPECT_EQ(happened(), "");
+    EXPECT_NE(open_book::sm_ctx, nullptr);
 
     second.reset();
-    EXPECT_EQ("exit\n", happened());
+    EXPECT_EQ(happened(), "exit\n");
 }
 
 TEST_F(usb_test, an_object_after_all_others_are_gone_initialises_a_fresh_context)
@@ -137,7 +137,7 @@ TEST_F(usb_test, an_object_after_all_others_are_gone_initialises_a_fresh_context
     forget_what_happened();
     connect();
 
-    EXPECT_EQ(text({construction}), happened());
+    EXPECT_EQ(happened(), text({construction}));
 }
 
 TEST_F(usb_test, construction_leaves_the_object_closed_and_its_members_at_their_initial_values)
@@ -145,15 +145,15 @@ TEST_F(usb_test, construction_leaves_the_object_closed_and_its_members_at_their_
     connect();
 
     EXPECT_FALSE(usb->is_open());
-    EXPECT_EQ(nullptr, usb->m_handle);
-    EXPECT_EQ(0, usb->m_nVendorId);
-    EXPECT_EQ(0, usb->m_nProductId);
-    EXPECT_EQ(-1, usb->m_nConfiguration);
-    EXPECT_EQ(-1, usb->m_nInterface);
+    EXPECT_EQ(usb->m_handle, nullptr);
+    EXPECT_EQ(usb->m_nVendorId, 0);
+    EXPECT_EQ(usb->m_nProductId, 0);
+    EXPECT_EQ(usb->m_nConfiguration, -1);
+    EXPECT_EQ(usb->m_nInterface, -1);
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(-1, usb->m_nBulkIn);
-    EXPECT_EQ(-1, usb->m_nBulkOut);
-    EXPECT_EQ(60000, open_book::sm_nDefaultTimeout);
+    EXPECT_EQ(usb->m_nBulkIn, -1);
+    EXPECT_EQ(usb->m_nBulkOut, -1);
+    EXPECT_EQ(open_book::sm_nDefaultTimeout, 60000);
 }
 
 TEST_F(usb_test, construction_throws_the_name_of_the_error_when_libusb_cannot_be_initialised)
@@ -164,7 +164,7 @@ TEST_F(usb_test, construction_throws_the_name_of_the_error_when_libusb_cannot_be
         connect();
         FAIL() << "constructed";
     } catch (const std::runtime_error& error) {
-        EXPECT_STREQ("libusb_init: LIBUSB_ERROR_OTHER", error.what());
+        EXPECT_STREQ(error.what(), "libusb_init: LIBUSB_ERROR_OTHER");
     }
 }
 
@@ -173,12 +173,11 @@ TEST_F(usb_test, failed_initialisation_is_logged_and_leaves_nothing_behind)
     bus.fail("init", LIBUSB_ERROR_NO_MEM);
 
     EXPECT_THROW(connect(), std::runtime_error);
-    EXPECT_EQ(text({{"INFO usb_transceiver start", "init -> LIBUSB_ERROR_NO_MEM",
-                     "INFO libusb error = LIBUSB_ERROR_NO_MEM"}}),
-              happened());
-    EXPECT_EQ(nullptr, open_book::sm_ctx);
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver start", "init -> LIBUSB_ERROR_NO_MEM",
+                                 "INFO libusb error = LIBUSB_ERROR_NO_MEM"}}));
+    EXPECT_EQ(open_book::sm_ctx, nullptr);
     EXPECT_FALSE(open_book::sm_isInitialized);
-    EXPECT_EQ(0, open_book::sm_nConnectionCount);
+    EXPECT_EQ(open_book::sm_nConnectionCount, 0);
 }
 
 TEST_F(usb_test, construction_tries_again_after_a_failed_initialisation)
@@ -188,29 +187,29 @@ TEST_F(usb_test, construction_tries_again_after_a_failed_initialisation)
     forget_what_happened();
     connect();
 
-    EXPECT_EQ(text({construction}), happened());
-    EXPECT_EQ(1, open_book::sm_nConnectionCount);
+    EXPECT_EQ(happened(), text({construction}));
+    EXPECT_EQ(open_book::sm_nConnectionCount, 1);
 }
 
 // Addresses.
 
 TEST_F(usb_test, getpid_yields_the_product_id_without_libusb_or_log)
 {
-    EXPECT_EQ(0x0A71, usb_transceiver::getpid("usb:1a2b:0a71"));
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(usb_transceiver::getpid("usb:1a2b:0a71"), 0x0A71);
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(usb_test, getpid_yields_the_greatest_product_id_as_a_positive_number)
 {
-    EXPECT_EQ(0xFFFF, usb_transceiver::getpid("usb:1a2b:ffff"));
+    EXPECT_EQ(usb_transceiver::getpid("usb:1a2b:ffff"), 0xFFFF);
 }
 
 class usb_test_with_invalid_udi : public usb_test, public testing::WithParamInterface<std::string> {};
 
 TEST_P(usb_test_with_invalid_udi, getpid_yields_minus_1_and_logs_the_udi)
 {
-    EXPECT_EQ(-1, usb_transceiver::getpid(GetParam()));
-    EXPECT_EQ("INFO machine: invalid UDI '" + GetParam() + "'\n", happened());
+    EXPECT_EQ(usb_transceiver::getpid(GetParam()), -1);
+    EXPECT_EQ(happened(), "INFO machine: invalid UDI '" + GetParam() + "'\n");
 }
 
 TEST_P(usb_test_with_invalid_udi, open_fails_and_touches_nothing)
@@ -218,7 +217,7 @@ TEST_P(usb_test_with_invalid_udi, open_fails_and_touches_nothing)
     connect_to(scanner_device());
 
     EXPECT_FALSE(usb->open(GetParam()));
-    EXPECT_EQ("INFO machine: invalid UDI '" + GetParam() + "'\n", happened());
+    EXPECT_EQ(happened(), "INFO machine: invalid UDI '" + GetParam() + "'\n");
     EXPECT_FALSE(usb->is_open());
 }
 
@@ -234,7 +233,7 @@ TEST_F(usb_test, open_without_a_serial_opens_the_first_device_with_the_ids)
 
     EXPECT_TRUE(usb->open(by_ids));
     EXPECT_TRUE(usb->is_open());
-    EXPECT_EQ(text({ids_search, first_questions, first_configuration, interface_0_chosen}), happened());
+    EXPECT_EQ(happened(), text({ids_search, first_questions, first_configuration, interface_0_chosen}));
 }
 
 TEST_F(usb_test, open_without_a_serial_makes_all_tries_with_pauses_and_fails_when_there_is_no_device)
@@ -244,10 +243,9 @@ TEST_F(usb_test, open_without_a_serial_makes_all_tries_with_pauses_and_fails_whe
 
     EXPECT_FALSE(usb->open(by_ids));
     EXPECT_FALSE(usb->is_open());
-    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
-                    support::repeated(usb_transceiver::kOpenTries, try_in_vain),
-                    {"INFO usb_transceiver open fails"}}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
+                                support::repeated(usb_transceiver::kOpenTries, try_in_vain),
+                                {"INFO usb_transceiver open fails"}}));
 }
 
 TEST_F(usb_test, open_without_a_serial_finds_a_device_that_appears_at_the_third_try)
@@ -257,13 +255,12 @@ TEST_F(usb_test, open_without_a_serial_finds_a_device_that_appears_at_the_third_
     connect_to(late);
 
     EXPECT_TRUE(usb->open(by_ids));
-    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
-                    support::repeated(2, try_in_vain),
-                    {"open_device_with_vid_pid 1a2b:3c4d -> scanner"},
-                    first_questions,
-                    first_configuration,
-                    interface_0_chosen}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
+                                support::repeated(2, try_in_vain),
+                                {"open_device_with_vid_pid 1a2b:3c4d -> scanner"},
+                                first_questions,
+                                first_configuration,
+                                interface_0_chosen}));
 }
 
 /// Two scanners of one model, told apart by their serial.
@@ -304,12 +301,11 @@ TEST_F(usb_test_with_twins, open_by_serial_opens_the_first_in_the_list_and_looks
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    examined("left"),
-                    {"INFO found device", "open left -> 0"},
-                    list_freed,
-                    chosen("left")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                examined("left"),
+                                {"INFO found device", "open left -> 0"},
+                                list_freed,
+                                chosen("left")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_opens_the_second_in_the_list)
@@ -320,13 +316,12 @@ TEST_F(usb_test_with_twins, open_by_serial_opens_the_second_in_the_list)
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    examined("left"),
-                    examined("right"),
-                    {"INFO found device", "open right -> 0"},
-                    list_freed,
-                    chosen("right")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                examined("left"),
+                                examined("right"),
+                                {"INFO found device", "open right -> 0"},
+                                list_freed,
+                                chosen("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_passes_over_devices_with_other_ids_without_opening_them)
@@ -339,13 +334,12 @@ TEST_F(usb_test_with_twins, open_by_serial_passes_over_devices_with_other_ids_wi
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    {"get_device_descriptor left -> 0"},
-                    examined("right"),
-                    {"INFO found device", "open right -> 0"},
-                    list_freed,
-                    chosen("right")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                {"get_device_descriptor left -> 0"},
+                                examined("right"),
+                                {"INFO found device", "open right -> 0"},
+                                list_freed,
+                                chosen("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_no_device_has_the_serial)
@@ -356,13 +350,12 @@ TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_no_device_
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    examined("left"),
-                    examined("right"),
-                    list_freed,
-                    {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
-                    chosen("left")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                examined("left"),
+                                examined("right"),
+                                list_freed,
+                                {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
+                                chosen("left")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_goes_on_with_the_next_device_when_the_found_one_cannot_be_opened)
@@ -375,14 +368,13 @@ TEST_F(usb_test_with_twins, open_by_serial_goes_on_with_the_next_device_when_the
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_ACCESS",
-                     "INFO found device", "open left -> LIBUSB_ERROR_ACCESS"},
-                    examined("right"),
-                    {"INFO found device", "open right -> 0"},
-                    list_freed,
-                    chosen("right")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_ACCESS",
+                                 "INFO found device", "open left -> LIBUSB_ERROR_ACCESS"},
+                                examined("right"),
+                                {"INFO found device", "open right -> 0"},
+                                list_freed,
+                                chosen("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_takes_a_device_that_only_opens_the_second_time)
@@ -394,12 +386,11 @@ TEST_F(usb_test_with_twins, open_by_serial_takes_a_device_that_only_opens_the_se
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_BUSY", "INFO found device",
-                     "open left -> 0"},
-                    list_freed,
-                    chosen("left")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_BUSY",
+                                 "INFO found device", "open left -> 0"},
+                                list_freed,
+                                chosen("left")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_goes_on_when_an_open_succeeds_without_a_handle)
@@ -411,14 +402,13 @@ TEST_F(usb_test_with_twins, open_by_serial_goes_on_when_an_open_succeeds_without
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({serial_search,
-                    examined("left"),
-                    {"INFO found device", "open left -> 0"},
-                    examined("right"),
-                    {"INFO found device", "open right -> 0"},
-                    list_freed,
-                    chosen("right")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                examined("left"),
+                                {"INFO found device", "open left -> 0"},
+                                examined("right"),
+                                {"INFO found device", "open right -> 0"},
+                                list_freed,
+                                chosen("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_the_devices_cannot_be_listed)
@@ -429,11 +419,10 @@ TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_the_device
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
-                     "get_device_list -> LIBUSB_ERROR_NO_MEM", "INFO not found retry",
-                     "open_device_with_vid_pid 1a2b:3c4d -> left"},
-                    chosen("left")}),
-              happened());
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
+                                 "get_device_list -> LIBUSB_ERROR_NO_MEM", "INFO not found retry",
+                                 "open_device_with_vid_pid 1a2b:3c4d -> left"},
+                                chosen("left")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_fails_on_an_empty_bus_with_its_empty_list_freed)
@@ -442,13 +431,12 @@ TEST_F(usb_test_with_twins, open_by_serial_fails_on_an_empty_bus_with_its_empty_
     forget_what_happened();
 
     EXPECT_FALSE(usb->open(by_serial));
-    EXPECT_EQ(
-        text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042", "get_device_list -> 0"},
-              list_freed,
-              {"INFO not found retry"},
-              support::repeated(usb_transceiver::kOpenTries, try_in_vain),
-              {"INFO usb_transceiver open fails"}}),
-        happened());
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
+                                 "get_device_list -> 0"},
+                                list_freed,
+                                {"INFO not found retry"},
+                                support::repeated(usb_transceiver::kOpenTries, try_in_vain),
+                                {"INFO usb_transceiver open fails"}}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_accepts_a_serial_with_its_terminator)
@@ -459,13 +447,12 @@ TEST_F(usb_test_with_twins, open_by_serial_accepts_a_serial_with_its_terminator)
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_serial + "\0"s));
-    EXPECT_EQ(text({serial_search,
-                    examined("left"),
-                    examined("right"),
-                    {"INFO found device", "open right -> 0"},
-                    list_freed,
-                    chosen("right")}),
-              happened());
+    EXPECT_EQ(happened(), text({serial_search,
+                                examined("left"),
+                                examined("right"),
+                                {"INFO found device", "open right -> 0"},
+                                list_freed,
+                                chosen("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_with_bus_and_device_number_takes_the_bus_number_for_a_serial)
@@ -475,13 +462,12 @@ TEST_F(usb_test_with_twins, open_with_bus_and_device_number_takes_the_bus_number
     forget_what_happened();
 
     EXPECT_TRUE(usb->open("usb:1a2b:3c4d:002:005"));
-    EXPECT_EQ(
-        text({{"INFO usb_transceiver open start", "INFO usb_transceiver open 002", "get_device_list -> 1"},
-              examined("left"),
-              list_freed,
-              {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
-              chosen("left")}),
-        happened());
+    EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open 002",
+                                 "get_device_list -> 1"},
+                                examined("left"),
+                                list_freed,
+                                {"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> left"},
+                                chosen("left")}));
 }
 
 // The choice of the interface.
@@ -534,21 +520,20 @@ TEST_F(usb_test_of_choice, open_keeps_what_it_chose)
     scanner.configurations[0].value = 1;
 
     EXPECT_TRUE(open(scanner));
-    EXPECT_EQ(1, usb->m_nConfiguration);
-    EXPECT_EQ(4, usb->m_nInterface);
+    EXPECT_EQ(usb->m_nConfiguration, 1);
+    EXPECT_EQ(usb->m_nInterface, 4);
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(0x83, usb->m_nBulkIn);
-    EXPECT_EQ(0x05, usb->m_nBulkOut);
+    EXPECT_EQ(usb->m_nBulkIn, 0x83);
+    EXPECT_EQ(usb->m_nBulkOut, 0x05);
 }
 
 TEST_F(usb_test_of_choice, interface_is_claimed_by_its_number_not_by_its_position)
 {
     EXPECT_TRUE(open(with_interfaces({{setting(4, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 4 -> 0", "claim_interface scanner 4 -> 0",
-                                    "free_config_descriptor scanner 0"}}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 4 -> 0", "claim_interface scanner 4 -> 0",
+                                     "free_config_descriptor scanner 0"}}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_handle_has_no_device)
@@ -557,9 +542,8 @@ TEST_F(usb_test_of_choice, open_fails_when_the_handle_has_no_device)
 
     EXPECT_FALSE(open(scanner_device()));
     EXPECT_FALSE(usb->is_open());
-    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> null"},
-                       {no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(), expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> null"},
+                                   {no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_device_descriptor_cannot_be_read)
@@ -567,10 +551,10 @@ TEST_F(usb_test_of_choice, open_fails_when_the_device_descriptor_cannot_be_read)
     bus.fail("get_device_descriptor", LIBUSB_ERROR_IO);
 
     EXPECT_FALSE(open(scanner_device()));
-    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+    EXPECT_EQ(happened(),
+              expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
                         "get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
-                       {no_interface_chosen}),
-              happened());
+                       {no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_active_configuration_cannot_be_read)
@@ -578,11 +562,10 @@ TEST_F(usb_test_of_choice, open_fails_when_the_active_configuration_cannot_be_re
     bus.fail("get_configuration", LIBUSB_ERROR_NO_DEVICE);
 
     EXPECT_FALSE(open(scanner_device()));
-    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
-                        "get_device_descriptor scanner -> 0",
-                        "get_configuration scanner -> LIBUSB_ERROR_NO_DEVICE"},
-                       {no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(), expected({"INFO usb_transceiver set_bulk_endpoints",
+                                    "get_device scanner -> scanner", "get_device_descriptor scanner -> 0",
+                                    "get_configuration scanner -> LIBUSB_ERROR_NO_DEVICE"},
+                                   {no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_configuration_descriptor_cannot_be_read)
@@ -590,9 +573,9 @@ TEST_F(usb_test_of_choice, open_fails_when_the_configuration_descriptor_cannot_b
     bus.fail("get_config_descriptor", LIBUSB_ERROR_NOT_FOUND);
 
     EXPECT_FALSE(open(scanner_device()));
-    EXPECT_EQ(expected(first_questions,
-                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_NOT_FOUND"}, no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(),
+              expected(first_questions,
+                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_NOT_FOUND"}, no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_looks_at_no_further_configuration_after_an_unreadable_one)
@@ -602,9 +585,8 @@ TEST_F(usb_test_of_choice, open_looks_at_no_further_configuration_after_an_unrea
     bus.fail("get_config_descriptor", LIBUSB_ERROR_IO).times(1);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(expected(first_questions,
-                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"}, no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(), expected(first_questions, {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"},
+                                                     no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_on_a_device_without_configurations)
@@ -613,7 +595,7 @@ TEST_F(usb_test_of_choice, open_fails_on_a_device_without_configurations)
     scanner.configurations.clear();
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(expected(first_questions, {no_interface_chosen}), happened());
+    EXPECT_EQ(happened(), expected(first_questions, {no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, configuration_1_is_set_when_another_is_active_whatever_the_first_one_s_value)
@@ -624,11 +606,11 @@ TEST_F(usb_test_of_choice, configuration_1_is_set_when_another_is_active_whateve
     scanner.active_configuration = 3;
 
     EXPECT_TRUE(open(scanner));
-    EXPECT_EQ(2, usb->m_nConfiguration);
-    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+    EXPECT_EQ(usb->m_nConfiguration, 2);
+    EXPECT_EQ(happened(),
+              expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
                         "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (3)"},
-                       {first_configuration, {"set_configuration scanner 1 -> 0"}, interface_0_chosen}),
-              happened());
+                       {first_configuration, {"set_configuration scanner 1 -> 0"}, interface_0_chosen}));
 }
 
 TEST_F(usb_test_of_choice, active_configuration_is_compared_as_first_read_for_all_configurations)
@@ -638,14 +620,14 @@ TEST_F(usb_test_of_choice, active_configuration_is_compared_as_first_read_for_al
     scanner.active_configuration = 2;
 
     EXPECT_TRUE(open(scanner));
-    EXPECT_EQ(expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+    EXPECT_EQ(happened(),
+              expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
                         "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
                        {{"get_config_descriptor scanner 0 -> 0", "set_configuration scanner 1 -> 0",
                          "free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
                          "set_configuration scanner 1 -> 0", "free_config_descriptor scanner 1",
                          "get_config_descriptor scanner 2 -> 0", "kernel_driver_active scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 2"}}),
-              happened());
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 2"}}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_configuration_1_cannot_be_set_and_looks_no_further)
@@ -658,12 +640,12 @@ TEST_F(usb_test_of_choice, open_fails_when_configuration_1_cannot_be_set_and_loo
 
     EXPECT_FALSE(open(scanner));
     EXPECT_EQ(
+        happened(),
         expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
                   "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
                  {first_configuration,
                   {"set_configuration scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
-                  no_interface_chosen}),
-        happened());
+                  no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, second_configuration_is_searched_when_the_first_has_no_fitting_interface)
@@ -672,60 +654,57 @@ TEST_F(usb_test_of_choice, second_configuration_is_searched_when_the_first_has_n
     scanner.configurations = {{1, {{printer()}}}, {2, scanner.configurations[0].interfaces}};
 
     EXPECT_TRUE(open(scanner));
-    EXPECT_EQ(2, usb->m_nConfiguration);
-    EXPECT_EQ(expected(first_questions,
+    EXPECT_EQ(usb->m_nConfiguration, 2);
+    EXPECT_EQ(happened(),
+              expected(first_questions,
                        {first_configuration,
                         {"free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
                          "set_configuration scanner 1 -> 0", "kernel_driver_active scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 1"}}),
-              happened());
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 1"}}));
 }
 
 TEST_F(usb_test_of_choice, interface_of_another_class_is_never_considered)
 {
     EXPECT_FALSE(open(with_interfaces({{printer()}})));
-    EXPECT_EQ(expected(first_questions,
-                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(),
+              expected(first_questions,
+                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, second_interface_is_taken_when_the_first_is_not_vendor_specific)
 {
     EXPECT_TRUE(open(with_interfaces({{printer()}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> 0",
-                                    "free_config_descriptor scanner 0"}}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> 0",
+                                     "free_config_descriptor scanner 0"}}));
 }
 
 TEST_F(usb_test_of_choice, first_fitting_interface_is_taken_and_no_further_one_touched)
 {
     EXPECT_TRUE(
         open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(expected(first_questions, {first_configuration, interface_0_chosen}), happened());
+    EXPECT_EQ(happened(), expected(first_questions, {first_configuration, interface_0_chosen}));
 }
 
 TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_is_released_and_open_fails)
 {
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}})));
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                   no_interface_chosen}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                    no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, bulk_out_without_bulk_in_is_released_and_open_fails)
 {
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_out})}})));
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                   no_interface_chosen}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                    no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_gets_its_kernel_driver_back)
@@ -734,13 +713,13 @@ TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_gets_its_kernel_driver_back)
     scanner.kernel_drivers = {0};
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(expected(first_questions,
+    EXPECT_EQ(happened(),
+              expected(first_questions,
                        {first_configuration,
                         {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
                          "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
                          "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                        no_interface_chosen}),
-              happened());
+                        no_interface_chosen}));
     EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
 }
 
@@ -753,14 +732,13 @@ TEST_F(usb_test_of_choice, endpoints_of_two_interfaces_are_not_put_together)
 TEST_F(usb_test_of_choice, second_setting_of_an_interface_is_taken_when_the_first_lacks_an_endpoint)
 {
     EXPECT_TRUE(open(with_interfaces({{setting(0, {bulk_in}), setting(0, {{0x84}, {0x05}})}})));
-    EXPECT_EQ(0x84, usb->m_nBulkIn);
-    EXPECT_EQ(0x05, usb->m_nBulkOut);
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                    "release_interface scanner 0 -> 0"},
-                                   interface_0_chosen}),
-        happened());
+    EXPECT_EQ(usb->m_nBulkIn, 0x84);
+    EXPECT_EQ(usb->m_nBulkOut, 0x05);
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                     "release_interface scanner 0 -> 0"},
+                                    interface_0_chosen}));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_goes_and_comes_back_between_two_settings_of_an_interface)
@@ -770,14 +748,14 @@ TEST_F(usb_test_of_choice, kernel_driver_goes_and_comes_back_between_two_setting
 
     EXPECT_TRUE(open(scanner));
     EXPECT_TRUE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(expected(first_questions,
+    EXPECT_EQ(happened(),
+              expected(first_questions,
                        {first_configuration,
                         {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
                          "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
                          "attach_kernel_driver scanner 0 -> 0", "kernel_driver_active scanner 0 -> 1",
                          "detach_kernel_driver scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                         "free_config_descriptor scanner 0"}}),
-              happened());
+                         "free_config_descriptor scanner 0"}}));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_of_a_refused_interface_is_not_remembered_for_the_chosen_one)
@@ -795,12 +773,11 @@ TEST_F(usb_test_of_choice, setting_whose_endpoint_array_is_null_has_none)
     broken.is_endpoint_array_null = true;
 
     EXPECT_FALSE(open(with_interfaces({{broken}})));
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                   no_interface_chosen}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
+                                    no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_is_detached_for_the_session_and_attached_again_by_close)
@@ -810,16 +787,15 @@ TEST_F(usb_test_of_choice, kernel_driver_is_detached_for_the_session_and_attache
 
     EXPECT_TRUE(open(scanner));
     EXPECT_TRUE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(expected(first_questions,
+    EXPECT_EQ(happened(),
+              expected(first_questions,
                        {first_configuration,
                         {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}),
-              happened());
+                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}));
 
     usb->close();
-    EXPECT_EQ(
-        text({{"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0", "close scanner"}}),
-        happened());
+    EXPECT_EQ(happened(), text({{"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0",
+                                 "close scanner"}}));
     EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
 }
 
@@ -829,11 +805,10 @@ TEST_F(usb_test_of_choice, failed_question_for_the_kernel_driver_counts_as_no_dr
 
     EXPECT_TRUE(open(scanner_device()));
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(
-        expected(first_questions, {first_configuration,
-                                   {"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED",
-                                    "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}),
-        happened());
+    EXPECT_EQ(happened(), expected(first_questions,
+                                   {first_configuration,
+                                    {"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED",
+                                     "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}));
 }
 
 TEST_F(usb_test_of_choice, answer_other_than_1_to_the_question_for_the_kernel_driver_counts_as_no_driver)
@@ -852,12 +827,11 @@ TEST_F(usb_test_of_choice, open_fails_at_once_when_the_kernel_driver_cannot_be_d
     bus.fail("detach_kernel_driver", LIBUSB_ERROR_ACCESS);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(expected(first_questions, {first_configuration,
-                                         {"kernel_driver_active scanner 0 -> 1",
-                                          "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS",
-                                          "free_config_descriptor scanner 0"},
-                                         no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(), expected(first_questions, {first_configuration,
+                                                     {"kernel_driver_active scanner 0 -> 1",
+                                                      "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS",
+                                                      "free_config_descriptor scanner 0"},
+                                                     no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_at_once_when_the_interface_cannot_be_claimed)
@@ -866,12 +840,11 @@ TEST_F(usb_test_of_choice, open_fails_at_once_when_the_interface_cannot_be_claim
 
     EXPECT_FALSE(
         open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(expected(first_questions, {first_configuration,
-                                         {"kernel_driver_active scanner 0 -> 0",
-                                          "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
-                                          "free_config_descriptor scanner 0"},
-                                         no_interface_chosen}),
-              happened());
+    EXPECT_EQ(happened(), expected(first_questions, {first_configuration,
+                                                     {"kernel_driver_active scanner 0 -> 0",
+                                                      "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+                                                      "free_config_descriptor scanner 0"},
+                                                     no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, failed_claim_after_a_refused_interface_leaves_the_object_closed)
@@ -880,13 +853,13 @@ TEST_F(usb_test_of_choice, failed_claim_after_a_refused_interface_leaves_the_obj
 
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_in, bulk_out})}})));
     EXPECT_EQ(
+        happened(),
         expected(first_questions,
                  {first_configuration,
                   {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
                    "release_interface scanner 0 -> 0", "kernel_driver_active scanner 1 -> 0",
                    "claim_interface scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
-                  no_interface_chosen}),
-        happened());
+                  no_interface_chosen}));
 }
 
 TEST_F(usb_test_of_choice, failed_claim_gives_the_kernel_driver_back)
@@ -896,13 +869,13 @@ TEST_F(usb_test_of_choice, failed_claim_gives_the_kernel_driver_back)
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(expected(first_questions,
+    EXPECT_EQ(happened(),
+              expected(first_questions,
                        {first_configuration,
                         {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
                          "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
                          "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                        no_interface_chosen}),
-              happened());
+                        no_interface_chosen}));
     EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
 }
 
@@ -943,90 +916,86 @@ protected:
 
 TEST_F(usb_test_of_transfers, write_is_one_bulk_transfer_of_all_bytes)
 {
-    EXPECT_EQ(3, write({1, 0, 255}));
-    EXPECT_EQ("bulk_transfer scanner 0x02 3 60000 -> 0 (3)\n", happened());
-    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), bus.written("scanner", 0x02));
+    EXPECT_EQ(write({1, 0, 255}), 3);
+    EXPECT_EQ(happened(), "bulk_transfer scanner 0x02 3 60000 -> 0 (3)\n");
+    EXPECT_EQ(bus.written("scanner", 0x02), (std::vector<unsigned char>{1, 0, 255}));
 }
 
 TEST_F(usb_test_of_transfers, read_is_one_bulk_transfer_into_the_caller_s_buffer)
 {
     bus.script("scanner", 0x81, fake_usb::brings({1, 0, 255}));
 
-    EXPECT_EQ(3, read(3));
-    EXPECT_EQ("bulk_transfer scanner 0x81 3 60000 -> 0 (3)\n", happened());
-    EXPECT_EQ((std::vector<unsigned char>{1, 0, 255}), buffer);
+    EXPECT_EQ(read(3), 3);
+    EXPECT_EQ(happened(), "bulk_transfer scanner 0x81 3 60000 -> 0 (3)\n");
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{1, 0, 255}));
 }
 
 TEST_F(usb_test_of_transfers, a_mebibyte_is_read_in_one_piece)
 {
     constexpr int kMebibyte = 1024 * 1024;
 
-    EXPECT_EQ(kMebibyte, read(kMebibyte));
-    EXPECT_EQ("bulk_transfer scanner 0x81 1048576 60000 -> 0 (1048576)\n", happened());
+    EXPECT_EQ(read(kMebibyte), kMebibyte);
+    EXPECT_EQ(happened(), "bulk_transfer scanner 0x81 1048576 60000 -> 0 (1048576)\n");
     for (std::size_t i = 0; i < buffer.size(); ++i)
         ASSERT_EQ(fake_usb::pattern_byte(i), buffer[i]) << "at " << i;
 }
 
 TEST_F(usb_test_of_transfers, transfers_of_nothing_are_still_transfers)
 {
-    EXPECT_EQ(0, read(0));
-    EXPECT_EQ(0, write({}));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 0 60000 -> 0 (0)",
-                     "bulk_transfer scanner 0x02 0 60000 -> 0 (0)"}}),
-              happened());
+    EXPECT_EQ(read(0), 0);
+    EXPECT_EQ(write({}), 0);
+    EXPECT_EQ(happened(), text({{"bulk_transfer scanner 0x81 0 60000 -> 0 (0)",
+                                 "bulk_transfer scanner 0x02 0 60000 -> 0 (0)"}}));
 }
 
 TEST_F(usb_test_of_transfers, short_read_is_logged_and_its_count_returned)
 {
     bus.script("scanner", 0x81, fake_usb::brings({1, 2}));
 
-    EXPECT_EQ(2, read(5));
-    EXPECT_EQ(
-        text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (2)", "INFO usb read : transferred 2 of 5 bytes"}}),
-        happened());
-    EXPECT_EQ((std::vector<unsigned char>{1, 2, 0xEE, 0xEE, 0xEE}), buffer);
+    EXPECT_EQ(read(5), 2);
+    EXPECT_EQ(happened(), text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (2)",
+                                 "INFO usb read : transferred 2 of 5 bytes"}}));
+    EXPECT_EQ(buffer, (std::vector<unsigned char>{1, 2, 0xEE, 0xEE, 0xEE}));
 }
 
 TEST_F(usb_test_of_transfers, empty_packet_is_read_as_0_bytes)
 {
     bus.script("scanner", 0x81, fake_usb::brings({}));
 
-    EXPECT_EQ(0, read(5));
-    EXPECT_EQ(
-        text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (0)", "INFO usb read : transferred 0 of 5 bytes"}}),
-        happened());
+    EXPECT_EQ(read(5), 0);
+    EXPECT_EQ(happened(), text({{"bulk_transfer scanner 0x81 5 60000 -> 0 (0)",
+                                 "INFO usb read : transferred 0 of 5 bytes"}}));
 }
 
 TEST_F(usb_test_of_transfers, short_write_is_logged_and_its_count_returned)
 {
     bus.script("scanner", 0x02, ends_with(LIBUSB_SUCCESS, 2));
 
-    EXPECT_EQ(2, write({1, 2, 3}));
-    EXPECT_EQ(
-        text({{"bulk_transfer scanner 0x02 3 60000 -> 0 (2)", "INFO usb write : transferred 2 of 3 bytes"}}),
-        happened());
+    EXPECT_EQ(write({1, 2, 3}), 2);
+    EXPECT_EQ(happened(), text({{"bulk_transfer scanner 0x02 3 60000 -> 0 (2)",
+                                 "INFO usb write : transferred 2 of 3 bytes"}}));
 }
 
 TEST_F(usb_test_of_transfers, write_that_stalls_before_any_byte_logs_three_lines_and_clears_the_halt)
 {
     bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
 
-    EXPECT_EQ(0, write({1, 2, 3}));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
+    EXPECT_EQ(write({1, 2, 3}), 0);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
                      "INFO usb write : transferred 0 of 3 bytes", "clear_halt scanner 0x02 -> 0",
-                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}),
-              happened());
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}));
 }
 
 TEST_F(usb_test_of_transfers, read_that_stalls_midway_clears_the_halt_and_returns_what_came)
 {
     bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 2));
 
-    EXPECT_EQ(2, read(5));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_PIPE (2)",
+    EXPECT_EQ(read(5), 2);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_PIPE (2)",
                      "INFO usb read : transferred 2 of 5 bytes", "clear_halt scanner 0x81 -> 0",
-                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb read : LIBUSB_ERROR_PIPE"}}),
-              happened());
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb read : LIBUSB_ERROR_PIPE"}}));
 }
 
 TEST_F(usb_test_of_transfers, next_read_works_after_a_stall)
@@ -1034,7 +1003,7 @@ TEST_F(usb_test_of_transfers, next_read_works_after_a_stall)
     bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 0));
     read(5);
 
-    EXPECT_EQ(5, read(5));
+    EXPECT_EQ(read(5), 5);
 }
 
 TEST_F(usb_test_of_transfers, next_write_works_after_a_stall)
@@ -1042,7 +1011,7 @@ TEST_F(usb_test_of_transfers, next_write_works_after_a_stall)
     bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
     write({1});
 
-    EXPECT_EQ(1, write({1}));
+    EXPECT_EQ(write({1}), 1);
 }
 
 TEST_F(usb_test_of_transfers, failed_clearing_of_a_halt_changes_nothing_in_log_and_result)
@@ -1050,75 +1019,74 @@ TEST_F(usb_test_of_transfers, failed_clearing_of_a_halt_changes_nothing_in_log_a
     bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_PIPE, 0));
     bus.fail("clear_halt", LIBUSB_ERROR_NO_DEVICE);
 
-    EXPECT_EQ(0, write({1, 2, 3}));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
+    EXPECT_EQ(write({1, 2, 3}), 0);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x02 3 60000 -> LIBUSB_ERROR_PIPE (0)",
                      "INFO usb write : transferred 0 of 3 bytes",
                      "clear_halt scanner 0x02 -> LIBUSB_ERROR_NO_DEVICE",
-                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}),
-              happened());
+                     "INFO clearing halt: LIBUSB_ERROR_PIPE", "INFO usb write : LIBUSB_ERROR_PIPE"}}));
 }
 
 TEST_F(usb_test_of_transfers, read_that_times_out_is_logged_and_returns_what_came_before)
 {
     bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_TIMEOUT, 4));
 
-    EXPECT_EQ(4, read(5));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_TIMEOUT (4)",
-                     "INFO usb read : transferred 4 of 5 bytes", "INFO usb read : LIBUSB_ERROR_TIMEOUT"}}),
-              happened());
+    EXPECT_EQ(read(5), 4);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_TIMEOUT (4)",
+                     "INFO usb read : transferred 4 of 5 bytes", "INFO usb read : LIBUSB_ERROR_TIMEOUT"}}));
 }
 
 TEST_F(usb_test_of_transfers, write_that_times_out_is_logged_and_returns_what_went_before)
 {
     bus.script("scanner", 0x02, ends_with(LIBUSB_ERROR_TIMEOUT, 1));
 
-    EXPECT_EQ(1, write({1, 2}));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 2 60000 -> LIBUSB_ERROR_TIMEOUT (1)",
-                     "INFO usb write : transferred 1 of 2 bytes", "INFO usb write : LIBUSB_ERROR_TIMEOUT"}}),
-              happened());
+    EXPECT_EQ(write({1, 2}), 1);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x02 2 60000 -> LIBUSB_ERROR_TIMEOUT (1)",
+                     "INFO usb write : transferred 1 of 2 bytes", "INFO usb write : LIBUSB_ERROR_TIMEOUT"}}));
 }
 
 TEST_F(usb_test_of_transfers, error_after_all_bytes_is_logged_by_name_alone)
 {
     bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_OVERFLOW, 5));
 
-    EXPECT_EQ(5, read(5));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_OVERFLOW (5)",
-                     "INFO usb read : LIBUSB_ERROR_OVERFLOW"}}),
-              happened());
+    EXPECT_EQ(read(5), 5);
+    EXPECT_EQ(happened(), text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_OVERFLOW (5)",
+                                 "INFO usb read : LIBUSB_ERROR_OVERFLOW"}}));
 }
 
 TEST_F(usb_test_of_transfers, read_that_libusb_does_not_even_submit_returns_0)
 {
     bus.script("scanner", 0x81, fake_usb::refused_with(LIBUSB_ERROR_NO_MEM));
 
-    EXPECT_EQ(0, read(5));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_MEM (-)",
-                     "INFO usb read : transferred 0 of 5 bytes", "INFO usb read : LIBUSB_ERROR_NO_MEM"}}),
-              happened());
+    EXPECT_EQ(read(5), 0);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_MEM (-)",
+                     "INFO usb read : transferred 0 of 5 bytes", "INFO usb read : LIBUSB_ERROR_NO_MEM"}}));
 }
 
 TEST_F(usb_test_of_transfers, write_that_libusb_does_not_even_submit_returns_0)
 {
     bus.script("scanner", 0x02, fake_usb::refused_with(LIBUSB_ERROR_IO));
 
-    EXPECT_EQ(0, write({1}));
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x02 1 60000 -> LIBUSB_ERROR_IO (-)",
-                     "INFO usb write : transferred 0 of 1 bytes", "INFO usb write : LIBUSB_ERROR_IO"}}),
-              happened());
+    EXPECT_EQ(write({1}), 0);
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x02 1 60000 -> LIBUSB_ERROR_IO (-)",
+                     "INFO usb write : transferred 0 of 1 bytes", "INFO usb write : LIBUSB_ERROR_IO"}}));
 }
 
 TEST_F(usb_test_of_transfers, unplugged_device_ends_a_read_and_is_closed_in_order)
 {
     bus.unplug("scanner");
 
-    EXPECT_EQ(0, read(5));
+    EXPECT_EQ(read(5), 0);
     EXPECT_TRUE(usb->is_open());
     usb->close();
-    EXPECT_EQ(text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_DEVICE (-)",
+    EXPECT_EQ(happened(),
+              text({{"bulk_transfer scanner 0x81 5 60000 -> LIBUSB_ERROR_NO_DEVICE (-)",
                      "INFO usb read : transferred 0 of 5 bytes", "INFO usb read : LIBUSB_ERROR_NO_DEVICE",
-                     "release_interface scanner 0 -> LIBUSB_ERROR_NO_DEVICE", "close scanner"}}),
-              happened());
+                     "release_interface scanner 0 -> LIBUSB_ERROR_NO_DEVICE", "close scanner"}}));
 }
 
 TEST_F(usb_test_of_transfers, transfers_use_the_endpoints_of_the_chosen_setting)
@@ -1133,9 +1101,8 @@ TEST_F(usb_test_of_transfers, transfers_use_the_endpoints_of_the_chosen_setting)
 
     read(1);
     write({1});
-    EXPECT_EQ(
-        text({{"bulk_transfer other 0x86 1 60000 -> 0 (1)", "bulk_transfer other 0x07 1 60000 -> 0 (1)"}}),
-        happened());
+    EXPECT_EQ(happened(), text({{"bulk_transfer other 0x86 1 60000 -> 0 (1)",
+                                 "bulk_transfer other 0x07 1 60000 -> 0 (1)"}}));
 }
 
 // Closing.
@@ -1144,12 +1111,12 @@ TEST_F(usb_test_of_transfers, close_releases_the_interface_and_closes_the_handle
 {
     usb->close();
 
-    EXPECT_EQ(text({interface_0_released}), happened());
+    EXPECT_EQ(happened(), text({interface_0_released}));
     EXPECT_FALSE(usb->is_open());
-    EXPECT_EQ(-1, usb->m_nConfiguration);
-    EXPECT_EQ(-1, usb->m_nInterface);
-    EXPECT_EQ(-1, usb->m_nBulkIn);
-    EXPECT_EQ(-1, usb->m_nBulkOut);
+    EXPECT_EQ(usb->m_nConfiguration, -1);
+    EXPECT_EQ(usb->m_nInterface, -1);
+    EXPECT_EQ(usb->m_nBulkIn, -1);
+    EXPECT_EQ(usb->m_nBulkOut, -1);
 }
 
 TEST_F(usb_test_of_choice, close_keeps_the_flag_of_the_kernel_driver_and_the_next_open_rewrites_it)
@@ -1174,7 +1141,7 @@ TEST_F(usb_test_of_transfers, second_close_does_nothing)
     forget_what_happened();
     usb->close();
 
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(usb_test, close_of_an_object_never_opened_does_nothing)
@@ -1183,14 +1150,14 @@ TEST_F(usb_test, close_of_an_object_never_opened_does_nothing)
     forget_what_happened();
     usb->close();
 
-    EXPECT_EQ("", happened());
+    EXPECT_EQ(happened(), "");
 }
 
 TEST_F(usb_test_of_transfers, destruction_closes_before_it_gives_the_context_back)
 {
     usb.reset();
 
-    EXPECT_EQ(text({interface_0_released, {"exit"}}), happened());
+    EXPECT_EQ(happened(), text({interface_0_released, {"exit"}}));
 }
 
 TEST_F(usb_test_of_transfers, destruction_beside_another_object_closes_and_keeps_the_context)
@@ -1199,7 +1166,7 @@ TEST_F(usb_test_of_transfers, destruction_beside_another_object_closes_and_keeps
     forget_what_happened();
     usb.reset();
 
-    EXPECT_EQ(text({interface_0_released}), happened());
+    EXPECT_EQ(happened(), text({interface_0_released}));
 }
 
 TEST_F(usb_test_of_transfers, closed_object_can_be_opened_again)
@@ -1208,13 +1175,13 @@ TEST_F(usb_test_of_transfers, closed_object_can_be_opened_again)
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_ids));
-    EXPECT_EQ(text({ids_search, first_questions, first_configuration, interface_0_chosen}), happened());
+    EXPECT_EQ(happened(), text({ids_search, first_questions, first_configuration, interface_0_chosen}));
 }
 
 TEST_F(usb_test_of_transfers, open_does_not_fill_in_the_ids_so_that_close_resets_no_device)
 {
-    EXPECT_EQ(0, usb->m_nVendorId);
-    EXPECT_EQ(0, usb->m_nProductId);
+    EXPECT_EQ(usb->m_nVendorId, 0);
+    EXPECT_EQ(usb->m_nProductId, 0);
 }
 
 TEST_F(usb_test_of_transfers, close_resets_the_device_of_some_models_before_all_else)
@@ -1222,8 +1189,8 @@ TEST_F(usb_test_of_transfers, close_resets_the_device_of_some_models_before_all_
     usb->m_nProductId = 0x0A71;
     usb->close();
 
-    EXPECT_EQ(text({{"INFO libusb reset device", "reset_device scanner -> 0"}, interface_0_released}),
-              happened());
+    EXPECT_EQ(happened(),
+              text({{"INFO libusb reset device", "reset_device scanner -> 0"}, interface_0_released}));
     usb->m_nProductId = 0;
 }
 
@@ -1232,7 +1199,7 @@ TEST_F(usb_test_of_transfers, close_resets_no_device_of_another_model)
     usb->m_nProductId = 0x0A70;
     usb->close();
 
-    EXPECT_EQ(text({interface_0_released}), happened());
+    EXPECT_EQ(happened(), text({interface_0_released}));
     usb->m_nProductId = 0;
 }
 
@@ -1242,9 +1209,9 @@ TEST_F(usb_test_of_transfers, failed_reset_does_not_keep_close_from_closing)
     usb->m_nProductId = 0x0A71;
     usb->close();
 
-    EXPECT_EQ(text({{"INFO libusb reset device", "reset_device scanner -> LIBUSB_ERROR_NOT_FOUND"},
-                    interface_0_released}),
-              happened());
+    EXPECT_EQ(happened(),
+              text({{"INFO libusb reset device", "reset_device scanner -> LIBUSB_ERROR_NOT_FOUND"},
+                    interface_0_released}));
     usb->m_nProductId = 0;
 }
 
@@ -1255,10 +1222,9 @@ TEST_F(usb_test, close_resets_such_a_model_without_asking_whether_it_is_open)
     usb->m_nProductId = 0x0A8C;
     usb->close();
 
-    EXPECT_EQ(lines{"reset_device null: the handle is null"}, bus.take_misuses());
-    EXPECT_EQ(text({{"INFO libusb reset device", "MISUSE: reset_device null: the handle is null",
-                     "reset_device null -> LIBUSB_ERROR_NO_DEVICE"}}),
-              happened());
+    EXPECT_EQ(bus.take_misuses(), lines{"reset_device null: the handle is null"});
+    EXPECT_EQ(happened(), text({{"INFO libusb reset device", "MISUSE: reset_device null: the handle is null",
+                                 "reset_device null -> LIBUSB_ERROR_NO_DEVICE"}}));
     usb->m_nProductId = 0;
 }
 
@@ -1280,7 +1246,7 @@ TEST_F(usb_test, every_line_is_logged_as_coming_from_usb)
 
     lines messages;
     for (const support::log_line& line : support::log_lines()) {
-        EXPECT_EQ("usb", support::source_of(line.message)) << line.message;
+        EXPECT_EQ(support::source_of(line.message), "usb") << line.message;
         messages.push_back(line.level + " " + support::without_source(line.message));
     }
     EXPECT_EQ(text({{"INFO usb_transceiver start", "INFO usb_transceiver open start",
