@@ -84,18 +84,6 @@ std::string text(const std::vector<std::string>& lines)
     return all;
 }
 
-std::vector<std::string> repeated(int times, const std::vector<std::string>& lines,
-                                  const std::vector<std::string>& between)
-{
-    std::vector<std::string> all;
-    for (int i = 0; i < times; ++i) {
-        if (i > 0)
-            all.insert(all.end(), between.begin(), between.end());
-        all.insert(all.end(), lines.begin(), lines.end());
-    }
-    return all;
-}
-
 } // namespace support
 
 void support_record_line(const char* line)

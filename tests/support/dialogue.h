@@ -30,10 +30,6 @@ void merge_into_dialogue(std::function<std::vector<std::string>()> source);
 /// The lines of one text, so that a failed comparison shows as a readable difference.
 std::string text(const std::vector<std::string>& lines);
 
-/// What happens several times, and what happens between two of them.
-std::vector<std::string> repeated(int times, const std::vector<std::string>& lines,
-                                  const std::vector<std::string>& between = {});
-
 } // namespace support
 
 extern "C" {

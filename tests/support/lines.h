@@ -1,6 +1,5 @@
 #pragma once
 
-#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,25 +9,29 @@
 namespace support {
 
 /// Lines of a log or of a dialogue, put together from pieces with +.
-class lines {
+class lines : public std::vector<std::string> {
 public:
-    lines() = default;
-    lines(std::initializer_list<std::string> all) : m_all(all) {}
-    explicit lines(std::vector<std::string> all) : m_all(std::move(all)) {}
+    using std::vector<std::string>::vector;
+    lines(std::vector<std::string> all) : vector(std::move(all)) {}
 
     lines& operator+=(const lines& more)
     {
-        m_all.insert(m_all.end(), more.m_all.begin(), more.m_all.end());
+        insert(end(), more.begin(), more.end());
         return *this;
     }
     friend lines operator+(lines first, const lines& second) { return first += second; }
 
-    const std::vector<std::string>& all() const { return m_all; }
     /// One text, so that a failed comparison shows as a readable difference.
-    std::string text() const { return support::text(m_all); }
-
-private:
-    std::vector<std::string> m_all;
+    std::string text() const { return support::text(*this); }
 };
+
+/// What happens several times, and what happens between two of them.
+inline lines repeated(int times, const lines& each, const lines& between = {})
+{
+    lines all;
+    for (int i = 0; i < times; ++i)
+        all += i > 0 ? between + each : each;
+    return all;
+}
 
 } // namespace support

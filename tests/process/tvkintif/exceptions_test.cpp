@@ -93,7 +93,7 @@ TEST_F(exceptions, exception_in_the_loop_is_logged_after_the_device_was_closed)
     open();
     close();
     expect_end({1});
-    const std::vector<std::string> all = usb().all();
+    const lines all = usb();
     const auto begin = std::find(all.begin(), all.end(), "log INFO enter close");
     EXPECT_EQ(
         support::text({begin, all.end()}),

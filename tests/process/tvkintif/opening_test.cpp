@@ -160,15 +160,15 @@ TEST_F(opening, device_that_is_missing_is_looked_for_in_all_attempts_with_pauses
 {
     const planned_open what = vain_opening("usb:1a2b:3c4d", attempt::finds_no_device);
     const std::string short_pause = "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds);
-    const std::vector<std::string> searches = support::repeated(
-        usb_transceiver::kOpenTries, {"open_device_with_vid_pid 1a2b:3c4d -> null", short_pause});
+    const lines searches = support::repeated(usb_transceiver::kOpenTries,
+                                             {"open_device_with_vid_pid 1a2b:3c4d -> null", short_pause});
     with_bus("clock recorded\n");
     start_connected();
     expect_answer(open_request(what.udi), ng_reply());
     expect_end();
     expect_log(announced + open_served(what) + left);
     expect_usb(lines{"plugin_good loaded", "init -> 0", "set_debug 3"} +
-               lines(support::repeated(scanner::kConnectionAttempts, searches, pause.all())) +
+               support::repeated(scanner::kConnectionAttempts, searches, pause) +
                lines{"exit", "plugin_good unloaded", "end of process"});
 }
 

@@ -100,7 +100,7 @@ void program_test::TearDown()
     if (!m_program)
         return;
     const lines dialogue = usb();
-    for (const std::string& line : dialogue.all())
+    for (const std::string& line : dialogue)
         if (line.rfind("LEFT BEHIND", 0) == 0 || line.rfind("MISUSE", 0) == 0)
             ADD_FAILURE() << "on the USB bus: " << line;
     if (HasFailure())
@@ -214,7 +214,7 @@ void program_test::wait_until_in(long system_call)
 
 void program_test::wait_for_log_end(const lines& end)
 {
-    ASSERT_TRUE(support::wait_until(kPatience, [&] { return ends_with(support::log_dialogue(), end.all()); }))
+    ASSERT_TRUE(support::wait_until(kPatience, [&] { return ends_with(support::log_dialogue(), end); }))
         << "the log does not come to end in\n"
         << end.text();
 }

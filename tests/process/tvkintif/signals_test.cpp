@@ -57,7 +57,7 @@ protected:
     /// Waits until the call for the whole payload has returned with a part of it.
     void wait_until_writing_the_rest()
     {
-        const std::string whole = writing(kMoreThanSocketsHold).all().front();
+        const std::string whole = writing(kMoreThanSocketsHold).front();
         const std::string any = whole.substr(0, whole.rfind(' '));
         ASSERT_TRUE(support::wait_until(kPatience, [&] {
             const std::string last = support::log_dialogue().back();

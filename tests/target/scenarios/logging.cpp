@@ -141,7 +141,7 @@ TEST_F(logging, midnight_in_a_session_begins_the_next_days_file)
     expect_whole_log();
     const std::string first = support::read_file(log_file_of(day - 1));
     const std::string second = support::read_file(log_file_of(day));
-    EXPECT_EQ(static_cast<std::size_t>(std::count(first.begin(), first.end(), '\n')), before.all().size());
+    EXPECT_EQ(static_cast<std::size_t>(std::count(first.begin(), first.end(), '\n')), before.size());
     EXPECT_EQ(second.rfind("[00:00:", 0), 0U) << second.substr(0, 40);
     EXPECT_EQ(first + second, support::raw_log()) << "there is a third file";
 }
@@ -155,10 +155,9 @@ TEST_F(logging, full_disk_cuts_the_log_and_nothing_else)
     EXPECT_EQ(support::raw_log().size(), kRoom);
     std::vector<std::string> written = support::log_dialogue();
     written.pop_back(); // cut somewhere
-    ASSERT_LT(written.size(), log().all().size());
+    ASSERT_LT(written.size(), log().size());
     EXPECT_EQ(support::text(written),
-              support::text(
-                  {log().all().begin(), log().all().begin() + static_cast<std::ptrdiff_t>(written.size())}));
+              support::text({log().begin(), log().begin() + static_cast<std::ptrdiff_t>(written.size())}));
 }
 
 TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)

@@ -270,7 +270,7 @@ void scanner_session::wait_until_in(long system_call, const support::lines& so_f
 {
     const pid_t pid = m_program->process().pid();
     EXPECT_TRUE(support::wait_until(
-        kStepLimit, [&] { return log_so_far() == so_far.all() && support::is_waiting_in(pid, system_call); }))
+        kStepLimit, [&] { return log_so_far() == so_far && support::is_waiting_in(pid, system_call); }))
         << "the program did not come to wait in system call " << system_call;
 }
 

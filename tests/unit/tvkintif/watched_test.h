@@ -8,11 +8,12 @@
 
 #include "fake_usb/checked_bus.h"
 #include "support/dialogue.h"
+#include "support/lines.h"
 #include "support/log_reader.h"
 #include "support/open_log.h"
 #include "support/private_paths.h"
 
-using lines = std::vector<std::string>;
+using support::lines;
 
 /// A test at the fake USB bus in which everything falls into one dialogue: libusb's calls, the log's lines,
 /// pauses, and what plugins do. Ends by failing for whatever is left behind on the bus.
@@ -44,7 +45,7 @@ protected:
     {
         std::string all;
         for (const lines& part : parts)
-            all += support::text(part);
+            all += part.text();
         return all;
     }
 
