@@ -1,8 +1,6 @@
 #include "process/wire.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
 
 namespace process_test {
 
@@ -26,57 +24,12 @@ constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 
 } // namespace
 
-bytes from_hex(const std::string& text)
-{
-    std::string digits;
-    std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
-                 [](unsigned char c) { return std::isxdigit(c) != 0; });
-    bytes result;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
-        result.push_back(static_cast<unsigned char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-    return result;
-}
-
-std::string to_hex(const bytes& data)
-{
-    constexpr std::size_t kMost = 64;
-    std::string text;
-    for (std::size_t i = 0; i < std::min(kMost, data.size()); ++i) {
-        char pair[8];
-        std::snprintf(pair, sizeof pair, "%02x%s", data[i], i % 4 == 3 ? "  " : " ");
-        text += pair;
-    }
-    return data.size() <= kMost ? text : text + "... (" + std::to_string(data.size()) + " bytes)";
-}
-
-bytes pattern(std::size_t size, unsigned int seed)
-{
-    bytes result(size);
-    std::uint32_t state = seed;
-    std::generate(result.begin(), result.end(), [&] {
-        state = state * 1664525U + 1013904223U;
-        return static_cast<unsigned char>(state >> 24U);
-    });
-    return result;
-}
-
 bytes device_bytes(std::size_t size)
 {
     bytes result(size);
     std::size_t position = 0;
     std::generate(result.begin(), result.end(), [&] { return static_cast<unsigned char>(position++ % 251); });
     return result;
-}
-
-bytes text_bytes(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
-bytes operator+(bytes first, const bytes& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
 }
 
 bytes frame(std::uint32_t id, std::uint32_t code, std::uint32_t value, const bytes& payload)
@@ -91,7 +44,7 @@ bytes bare_header(std::uint32_t id, std::uint32_t code, std::uint32_t size, std:
 
 bytes open_request(const std::string& udi)
 {
-    return frame(0, 4, 0, text_bytes(udi));
+    return frame(0, 4, 0, bytes_of(udi));
 }
 
 bytes close_request()

@@ -3,24 +3,20 @@
 #include <cstdint>
 #include <string>
 
-#include "front_end/src/bytes.h"
+#include "support/bytes.h"
 
 /// Requests and replies as they travel.
 namespace process_test {
 
-using tarvik::bytes;
+using support::bytes;
+using support::bytes_of;
+using support::from_hex;
+using support::hex;
+using support::pattern;
+using support::operator+;
 
-/// Bytes from text: pairs of hexadecimal digits, blanks between them as it reads best.
-bytes from_hex(const std::string& text);
-/// The other way round, in groups of four; of what is long only the beginning and the length.
-std::string to_hex(const bytes& data);
-
-/// `size` bytes in which a lost, doubled or exchanged piece shows.
-bytes pattern(std::size_t size, unsigned int seed = 1);
 /// What the fake USB device gives in its first `size` bytes.
 bytes device_bytes(std::size_t size);
-bytes text_bytes(const std::string& text);
-bytes operator+(bytes first, const bytes& second);
 
 /// A request; its size field is the payload's length.
 bytes frame(std::uint32_t id, std::uint32_t code, std::uint32_t value = 0, const bytes& payload = {});

@@ -34,15 +34,6 @@ void bound_waits(int socket)
     throw std::runtime_error("scripted peer: " + what);
 }
 
-unsigned char digit(char c)
-{
-    const std::string digits = "0123456789abcdef";
-    const std::size_t value = digits.find(c);
-    if (value == std::string::npos)
-        throw std::invalid_argument("not a lower-case hexadecimal digit: " + std::string(1, c));
-    return static_cast<unsigned char>(value);
-}
-
 /// As recv(), of which a signal may not make a failure: the tests start and end processes.
 ssize_t receive(int socket, void* buffer, std::size_t size)
 {
@@ -67,33 +58,6 @@ bytes received(int socket, std::size_t size)
 }
 
 } // namespace
-
-bytes hex(const std::string& text)
-{
-    bytes data;
-    bool is_second = false;
-    for (const char c : text) {
-        if (c == ' ')
-            continue;
-        if (is_second)
-            data.back() = static_cast<unsigned char>(data.back() << 4 | digit(c));
-        else
-            data.push_back(digit(c));
-        is_second = !is_second;
-    }
-    return data;
-}
-
-bytes pattern(std::size_t size)
-{
-    bytes data(size);
-    std::uint32_t state = 1;
-    for (unsigned char& byte : data) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<unsigned char>(state >> 24);
-    }
-    return data;
-}
 
 std::string word(std::uint32_t number)
 {

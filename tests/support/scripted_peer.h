@@ -10,12 +10,7 @@
 
 #include "common/process/unique_fd.h"
 #include "front_end/src/bytes.h"
-
-/// The bytes that a text of hexadecimal digits stands for; blanks are free.
-tarvik::bytes hex(const std::string& text);
-
-/// `size` bytes in which every stretch differs from its neighbours.
-tarvik::bytes pattern(std::size_t size);
+#include "support/bytes.h"
 
 /// Thirty-two bits, big-endian, as hexadecimal digits.
 std::string word(std::uint32_t number);

@@ -361,7 +361,7 @@ TEST_F(tvkctl_run_test, a_port_where_nobody_listens_is_told)
 
 TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
 {
-    const bytes open = frame(1, 4, 0, text_bytes(kUdi));
+    const bytes open = frame(1, 4, 0, bytes_of(kUdi));
     scripted_peer program({expects(open), answers(ok_reply({}, 7))});
     const tvkctl_result result = run_steps({"--connect", std::to_string(program.port()), "send 01"});
     EXPECT_EQ(result.status, 16);

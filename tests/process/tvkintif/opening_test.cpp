@@ -116,7 +116,7 @@ TEST_P(entry_point, that_crashes_takes_the_process_with_it_and_the_next_one_work
                                       : close_request());
     }
     EXPECT_EQ(program().wait_for_exit(kPatience), tarvik::exit_status::killed_by(SIGABRT));
-    EXPECT_EQ(to_hex(wire().read_to_end()), "") << "a reply";
+    EXPECT_EQ(hex(wire().read_to_end()), "") << "a reply";
     with_plugin("plugin_good");
     expect_served("usb:1a2b:3c4d");
 }

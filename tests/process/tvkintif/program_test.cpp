@@ -238,8 +238,12 @@ void program_test::tell(const bytes& request)
 void program_test::expect_reply(const bytes& expected)
 {
     const bytes reply = m_wire->read(expected.size());
-    EXPECT_EQ(to_hex(reply), to_hex(expected));
-    EXPECT_TRUE(reply == expected) << "the reply differs, perhaps behind what is shown above";
+    const auto beginning = [](const bytes& all) { // as much as can be read in a message
+        return hex(
+            {all.begin(), all.begin() + std::min<std::ptrdiff_t>(64, std::distance(all.begin(), all.end()))});
+    };
+    EXPECT_TRUE(reply == expected) << reply.size() << " bytes: " << beginning(reply) << "\ninstead of "
+                                   << expected.size() << ": " << beginning(expected);
 }
 
 void program_test::expect_answer(const bytes& request, const bytes& reply)
@@ -257,7 +261,7 @@ void program_test::expect_end(const ending& expected)
 {
     EXPECT_EQ(m_program->wait_for_exit(kPatience), tarvik::exit_status::exited(expected.status));
     if (m_wire) {
-        EXPECT_EQ(to_hex(m_wire->read_to_end()), "") << "bytes after the last reply";
+        EXPECT_EQ(hex(m_wire->read_to_end()), "") << "bytes after the last reply";
     }
     EXPECT_EQ(m_program->standard_output(kPatience), expected.output.value_or(std::to_string(m_port) + "\n"));
     EXPECT_EQ(m_program->standard_error(), expected.errors);

@@ -32,7 +32,7 @@ bool is_byte(const std::string& line, std::size_t at)
 }
 
 /// The bytes at the beginning of a line; two blanks or more set off what they mean.
-bytes bytes_of(const std::string& line)
+bytes leading_bytes(const std::string& line)
 {
     std::size_t end = 0;
     while (is_byte(line, end))
@@ -57,7 +57,7 @@ step read_step(std::ifstream& page, move what)
     step result{what, {}};
     for (std::string line; std::getline(page, line) && line != "```";)
         if (what != move::end)
-            result.data = std::move(result.data) + bytes_of(line);
+            result.data = std::move(result.data) + leading_bytes(line);
     return result;
 }
 

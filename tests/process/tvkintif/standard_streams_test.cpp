@@ -48,7 +48,7 @@ TEST_P(closed_streams, take_nothing_from_the_session)
     connect();
     open();
     expect_answer(send_request(from_hex("01")), ok_reply());
-    expect_answer(recv_request(3), ok_reply(text_bytes("xxx")));
+    expect_answer(recv_request(3), ok_reply(bytes_of("xxx")));
     close();
     ending expected;
     expected.output = is_closed(STDOUT_FILENO) ? "" : std::to_string(port()) + "\n" + printed("out\n");

@@ -13,6 +13,8 @@
 #include "support/scripted_peer.h"
 
 using namespace std::chrono_literals;
+using support::from_hex;
+using support::pattern;
 using support::raw_connection;
 using tarvik::bytes;
 using tarvik::failure;
@@ -58,10 +60,10 @@ TEST(connection, connecting_gives_up_when_nobody_takes_the_connection)
 
 TEST(connection, written_bytes_reach_the_peer)
 {
-    scripted_peer peer({expects(hex("00 01 02"))});
+    scripted_peer peer({expects(from_hex("00 01 02"))});
     raw_connection wire(peer.port());
-    wire.write(hex("00 01"));
-    wire.write(hex("02"));
+    wire.write(from_hex("00 01"));
+    wire.write(from_hex("02"));
 }
 
 TEST(connection, write_moves_more_than_the_kernel_buffers)
@@ -84,9 +86,9 @@ TEST(connection, write_gives_up_when_the_peer_does_not_read)
 
 TEST(connection, write_to_a_peer_that_reset_the_connection_is_told)
 {
-    scripted_peer peer({expects(hex("01")), resets()});
+    scripted_peer peer({expects(from_hex("01")), resets()});
     raw_connection wire(peer.port());
-    wire.write(hex("01"));
+    wire.write(from_hex("01"));
     wait_for_reset(wire);
     const auto error = error_of([&] { wire.write("x"); });
     EXPECT_EQ(error.came(), "Connection reset by peer after 0 bytes");
@@ -103,25 +105,25 @@ TEST(connection, write_to_a_broken_connection_raises_no_signal)
 
 TEST(connection, read_takes_exactly_the_size)
 {
-    scripted_peer peer({answers(hex("01 02 03"))});
+    scripted_peer peer({answers(from_hex("01 02 03"))});
     raw_connection wire(peer.port());
-    EXPECT_EQ(wire.read(2), hex("01 02"));
+    EXPECT_EQ(wire.read(2), from_hex("01 02"));
 }
 
 TEST(connection, read_joins_what_comes_in_parts)
 {
-    scripted_peer peer({answers(hex("01")), expects(hex("aa")), answers(hex("02 03"))});
+    scripted_peer peer({answers(from_hex("01")), expects(from_hex("aa")), answers(from_hex("02 03"))});
     raw_connection wire(peer.port());
     bytes all = wire.read(1);
-    wire.write(hex("aa"));
+    wire.write(from_hex("aa"));
     for (const unsigned char byte : wire.read(2))
         all.push_back(byte);
-    EXPECT_EQ(all, hex("01 02 03"));
+    EXPECT_EQ(all, from_hex("01 02 03"));
 }
 
 TEST(connection, read_tells_at_which_byte_the_stream_ended)
 {
-    scripted_peer peer({answers(hex("01 02 03")), closes()});
+    scripted_peer peer({answers(from_hex("01 02 03")), closes()});
     raw_connection wire(peer.port());
     const auto error = error_of([&] { wire.read(5); });
     EXPECT_STREQ(error.what(), "read: expected 5 bytes, got the end of the stream after 3 bytes");
@@ -129,7 +131,7 @@ TEST(connection, read_tells_at_which_byte_the_stream_ended)
 
 TEST(connection, read_tells_how_far_it_came_when_time_is_up)
 {
-    scripted_peer peer({answers(hex("01"))});
+    scripted_peer peer({answers(from_hex("01"))});
     raw_connection wire(peer.port());
     const auto error = error_of([&] { wire.read(5, 100ms); });
     EXPECT_EQ(error.came(), "1 byte and then nothing until the 100 ms were up");
@@ -137,9 +139,9 @@ TEST(connection, read_tells_how_far_it_came_when_time_is_up)
 
 TEST(connection, read_tells_that_the_peer_reset_the_connection)
 {
-    scripted_peer peer({expects(hex("01")), resets()});
+    scripted_peer peer({expects(from_hex("01")), resets()});
     raw_connection wire(peer.port());
-    wire.write(hex("01"));
+    wire.write(from_hex("01"));
     const auto error = error_of([&] { wire.read(1); });
     EXPECT_EQ(error.came(), "Connection reset by peer after 0 bytes");
 }
@@ -154,24 +156,24 @@ TEST(connection, read_to_end_returns_everything)
 
 TEST(connection, half_close_ends_this_side_and_leaves_the_other)
 {
-    scripted_peer peer({expects(hex("01")), expects_end(), answers(hex("02"))});
+    scripted_peer peer({expects(from_hex("01")), expects_end(), answers(from_hex("02"))});
     raw_connection wire(peer.port());
-    wire.write(hex("01"));
+    wire.write(from_hex("01"));
     wire.half_close();
-    EXPECT_EQ(wire.read(1), hex("02"));
+    EXPECT_EQ(wire.read(1), from_hex("02"));
 }
 
 TEST(connection, reset_reaches_the_peer_as_one)
 {
-    scripted_peer peer({expects(hex("01")), expects_reset()});
+    scripted_peer peer({expects(from_hex("01")), expects_reset()});
     raw_connection wire(peer.port());
-    wire.write(hex("01"));
+    wire.write(from_hex("01"));
     wire.end_with_reset();
 }
 
 TEST(connection, close_reaches_the_peer_as_the_end_of_the_stream)
 {
-    scripted_peer peer({expects(hex("01")), expects_end()});
+    scripted_peer peer({expects(from_hex("01")), expects_end()});
     raw_connection wire(peer.port());
-    wire.write(hex("01"));
+    wire.write(from_hex("01"));
 }

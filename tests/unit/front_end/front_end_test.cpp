@@ -18,6 +18,8 @@
 #include "support/scripted_peer.h"
 
 using namespace std::chrono_literals;
+using support::from_hex;
+using support::pattern;
 using tarvik::byte_view;
 using tarvik::bytes;
 using tarvik::exit_status;
@@ -37,9 +39,9 @@ tarvik::front_end_error error_of(Action action)
 
 constexpr auto kSoon = 10s;
 
-const bytes kOk = hex("00000001 00000000 00000000 00000000 00000000");
-const bytes kNg = hex("00000001 00000000 ffffffff 00000000 00000000");
-const bytes kNak = hex("00000001 00000000 ffffffff 00000001 00000000 15");
+const bytes kOk = from_hex("00000001 00000000 00000000 00000000 00000000");
+const bytes kNg = from_hex("00000001 00000000 ffffffff 00000000 00000000");
+const bytes kNak = from_hex("00000001 00000000 ffffffff 00000001 00000000 15");
 
 launch shell(const std::string& script)
 {
@@ -63,7 +65,7 @@ std::string head(std::uint32_t code, std::uint32_t size, std::uint32_t value)
 
 bytes recv_request(std::uint32_t count)
 {
-    return hex(head(7, 0, count));
+    return from_hex(head(7, 0, count));
 }
 
 bytes joined(bytes first, const bytes& second)
@@ -75,7 +77,7 @@ bytes joined(bytes first, const bytes& second)
 bytes ok_with(const bytes& payload)
 {
     const auto size = static_cast<std::uint32_t>(payload.size());
-    return joined(hex(word(1) + word(0) + word(0) + word(size) + word(0)), payload);
+    return joined(from_hex(word(1) + word(0) + word(0) + word(size) + word(0)), payload);
 }
 
 /// A front-end that is connected to a peer which goes through `steps`.
@@ -265,20 +267,20 @@ TEST(front_end_connect, descriptors_are_closed_by_exec)
 
 TEST(front_end_open, sends_the_address_with_code_4)
 {
-    talk session({expects(hex("00000001 00000004 00000000 00000003 00000000 616263")), answers(kOk)});
+    talk session({expects(from_hex("00000001 00000004 00000000 00000003 00000000 616263")), answers(kOk)});
     EXPECT_TRUE(session->open("abc"));
 }
 
 TEST(front_end_open, returns_ng)
 {
-    talk session({expects(hex(head(4, 1, 0) + "61")), answers(kNg)});
+    talk session({expects(from_hex(head(4, 1, 0) + "61")), answers(kNg)});
     EXPECT_EQ(session->open("a").kind, reply::verdict::ng);
 }
 
 TEST(front_end_open, reply_must_carry_id_1)
 {
-    talk session(
-        {expects(hex(head(4, 1, 0) + "61")), answers(hex("00000002 00000000 00000000 00000000 00000000"))});
+    talk session({expects(from_hex(head(4, 1, 0) + "61")),
+                  answers(from_hex("00000002 00000000 00000000 00000000 00000000"))});
     const auto error = error_of([&] { session->open("a"); });
     EXPECT_STREQ(error.what(),
                  "open \"a\": expected a reply with id 1, got a header with id 2, code 0, error 0, "
@@ -287,8 +289,8 @@ TEST(front_end_open, reply_must_carry_id_1)
 
 TEST(front_end_send, sends_the_bytes_with_code_6)
 {
-    talk session({expects(hex("00000001 00000006 00000000 00000002 00000000 00ff")), answers(kOk)});
-    EXPECT_TRUE(session->send(hex("00ff")));
+    talk session({expects(from_hex("00000001 00000006 00000000 00000002 00000000 00ff")), answers(kOk)});
+    EXPECT_TRUE(session->send(from_hex("00ff")));
 }
 
 TEST(front_end_send, header_and_payload_go_out_together)
@@ -303,8 +305,8 @@ TEST(front_end_send, header_and_payload_go_out_together)
         segments = info.tcpi_data_segs_in;
     };
     {
-        talk session({expects(hex(head(6, 2, 0) + "00ff")), counts_segments, answers(kOk)});
-        session->send(hex("00ff"));
+        talk session({expects(from_hex(head(6, 2, 0) + "00ff")), counts_segments, answers(kOk)});
+        session->send(from_hex("00ff"));
     }
     if (!is_known)
         GTEST_SKIP()
@@ -315,20 +317,20 @@ TEST(front_end_send, header_and_payload_go_out_together)
 TEST(front_end_send, moves_a_payload_larger_than_the_kernel_buffers)
 {
     const bytes much = pattern(8'000'000);
-    talk session({expects(hex(head(6, 8'000'000, 0))), expects(much), answers(kOk)});
+    talk session({expects(from_hex(head(6, 8'000'000, 0))), expects(much), answers(kOk)});
     EXPECT_TRUE(session->send(much));
 }
 
 TEST(front_end_send, without_bytes_sends_a_bare_header)
 {
-    talk session({expects(hex(head(6, 0, 0))), answers(kNg)});
+    talk session({expects(from_hex(head(6, 0, 0))), answers(kNg)});
     EXPECT_EQ(session->send({}).kind, reply::verdict::ng);
 }
 
 TEST(front_end_recv, asks_with_code_7_and_the_count_as_value)
 {
     talk session(
-        {expects(hex("00000001 00000007 00000000 00000000 00000200")), answers(ok_with(pattern(512)))});
+        {expects(from_hex("00000001 00000007 00000000 00000000 00000200")), answers(ok_with(pattern(512)))});
     EXPECT_EQ(session->recv(512).payload, pattern(512));
 }
 
@@ -341,14 +343,14 @@ TEST(front_end_recv, returns_a_payload_of_many_pieces_whole)
 
 TEST(front_end_query, asks_with_code_8_and_the_selector_as_value)
 {
-    talk session(
-        {expects(hex("00000001 00000008 00000000 00000000 00000002")), answers(ok_with(hex("00000000")))});
-    EXPECT_EQ(session->query(2).payload, hex("00000000"));
+    talk session({expects(from_hex("00000001 00000008 00000000 00000000 00000002")),
+                  answers(ok_with(from_hex("00000000")))});
+    EXPECT_EQ(session->query(2).payload, from_hex("00000000"));
 }
 
 TEST(front_end_close, sends_code_5_and_waits_for_nothing)
 {
-    talk session({expects(hex("00000001 00000005 00000000 00000000 00000000"))});
+    talk session({expects(from_hex("00000001 00000005 00000000 00000000 00000000"))});
     session->close();
 }
 
@@ -366,7 +368,7 @@ TEST(front_end_send, payload_that_no_size_field_can_tell_is_refused)
 TEST(front_end_reply, nak_has_its_byte_as_payload)
 {
     talk session({expects(recv_request(5)), answers(kNak)});
-    EXPECT_EQ(session->recv(5).payload, hex("15"));
+    EXPECT_EQ(session->recv(5).payload, from_hex("15"));
 }
 
 TEST(front_end_reply, ng_has_no_payload)
@@ -384,7 +386,8 @@ TEST(front_end_reply, ok_with_fewer_bytes_than_asked_for_is_unexpected)
 
 TEST(front_end_reply, failure_without_a_byte_of_nak_is_unexpected)
 {
-    talk session({expects(recv_request(5)), answers(hex("00000001 00000000 ffffffff 00000001 00000000 06"))});
+    talk session(
+        {expects(recv_request(5)), answers(from_hex("00000001 00000000 ffffffff 00000001 00000000 06"))});
     const auto error = error_of([&] { session->recv(5); });
     EXPECT_EQ(error.came(), "the byte 6");
 }
@@ -393,7 +396,7 @@ class malformed_reply : public testing::TestWithParam<const char*> {};
 
 TEST_P(malformed_reply, is_unexpected)
 {
-    talk session({expects(hex(head(4, 1, 0) + "61")), answers(hex(GetParam()))});
+    talk session({expects(from_hex(head(4, 1, 0) + "61")), answers(from_hex(GetParam()))});
     const auto error = error_of([&] { session->open("a"); });
     EXPECT_EQ(error.cause(), failure::unexpected_reply);
 }
@@ -408,7 +411,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(front_end_reply, end_of_the_stream_in_the_header_is_told_with_its_place)
 {
-    talk session({expects(recv_request(5)), answers(hex("00000001 00000000 0000")), closes()});
+    talk session({expects(recv_request(5)), answers(from_hex("00000001 00000000 0000")), closes()});
     const auto error = error_of([&] { session->recv(5); });
     EXPECT_STREQ(error.what(),
                  "recv 5 bytes: expected a reply's header of 20 bytes, got the end of the stream "
@@ -606,7 +609,7 @@ INSTANTIATE_TEST_SUITE_P(front_end_error, every_failure,
 
 TEST(text_in_quotes, shows_control_bytes_as_numbers)
 {
-    EXPECT_EQ(tarvik::in_quotes(hex("41 00 7f ff")), "\"A\\x00\\x7f\\xff\"");
+    EXPECT_EQ(tarvik::in_quotes(from_hex("41 00 7f ff")), "\"A\\x00\\x7f\\xff\"");
 }
 
 TEST(text_in_quotes, is_cut_when_it_is_long)

@@ -28,6 +28,7 @@
 #include "unit/tvkintif/system_calls.h"
 #include "unit/tvkintif/watched_test.h"
 
+using support::operator+;
 using unit::bytes;
 using unit::bytes_of;
 using unit::hex;
@@ -50,12 +51,6 @@ constexpr std::uint8_t kBulkOut = 0x02;
 
 constexpr const char* kAddress = "usb:1a2b:3c4d";
 constexpr const char* kNoAddress = "nonsense";
-
-bytes operator+(bytes first, const bytes& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 bytes message(std::uint32_t id, std::uint32_t code, std::uint32_t error, std::uint32_t value,
               const bytes& payload)

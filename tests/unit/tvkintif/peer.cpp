@@ -60,23 +60,6 @@ bool send_to(int socket, const bytes& data)
 
 } // namespace
 
-std::string hex(const bytes& data)
-{
-    std::string text;
-    for (const unsigned char byte : data) {
-        std::array<char, 4> pair{};
-        std::snprintf(pair.data(), pair.size(), "%s%02x", text.empty() ? "" : " ",
-                      static_cast<unsigned>(byte));
-        text += pair.data();
-    }
-    return text;
-}
-
-bytes bytes_of(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
 peer::peer(int port, const std::string& address) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     set_deadline(m_socket);

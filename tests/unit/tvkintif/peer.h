@@ -4,15 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "support/bytes.h"
+
 namespace unit {
 
-using bytes = std::vector<unsigned char>;
-
-/// "00 0a ff"
-std::string hex(const bytes& data);
-
-/// The bytes of a text, without a terminator.
-bytes bytes_of(const std::string& text);
+using support::bytes;
+using support::bytes_of;
+using support::hex;
 
 /// The other end of a connection on this machine, for tests. Owns its socket. Waits at most ten seconds for
 /// anything, so that a test whose other side is silent fails and does not hang.
