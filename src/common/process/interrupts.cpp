@@ -10,34 +10,34 @@ namespace tarvik {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t g_interrupted = 0;
 
 extern "C" void note_interrupt(int)
 {
-    interrupted = 1;
+    g_interrupted = 1;
 }
 
 } // namespace
 
 interrupt_watch::interrupt_watch()
 {
-    interrupted = 0;
+    g_interrupted = 0;
     struct sigaction once = {};
     once.sa_handler = note_interrupt;
     once.sa_flags = static_cast<int>(SA_RESETHAND); // the macro is unsigned, the field is not
-    sigaction(SIGINT, &once, &m_on_interrupt);
-    sigaction(SIGTERM, &once, &m_on_terminate);
+    sigaction(SIGINT, &once, &m_onInterrupt);
+    sigaction(SIGTERM, &once, &m_onTerminate);
 }
 
 interrupt_watch::~interrupt_watch()
 {
-    sigaction(SIGINT, &m_on_interrupt, nullptr);
-    sigaction(SIGTERM, &m_on_terminate, nullptr);
+    sigaction(SIGINT, &m_onInterrupt, nullptr);
+    sigaction(SIGTERM, &m_onTerminate, nullptr);
 }
 
 bool interrupt_watch::was_interrupted()
 {
-    return interrupted != 0;
+    return g_interrupted != 0;
 }
 
 bool interrupt_watch::pause(std::chrono::milliseconds time)

@@ -20,8 +20,8 @@ public:
     static bool pause(std::chrono::milliseconds time);
 
 private:
-    struct sigaction m_on_interrupt = {}; ///< what was in force before
-    struct sigaction m_on_terminate = {};
+    struct sigaction m_onInterrupt = {}; ///< what was in force before
+    struct sigaction m_onTerminate = {};
 };
 
 } // namespace tarvik

@@ -102,8 +102,8 @@ bool log_filter::passes(const std::string& text)
 {
     // A line of an unknown level is never held back: nobody could ask for it.
     if (const auto line = parse_log_line(text))
-        m_is_passing = !line->level || *line->level >= m_least;
-    return m_is_passing;
+        m_isPassing = !line->level || *line->level >= m_least;
+    return m_isPassing;
 }
 
 } // namespace tarvik::tvkctl

@@ -38,7 +38,7 @@ public:
 
 private:
     log_level m_least;
-    bool m_is_passing = true; ///< what holds for lines without header
+    bool m_isPassing = true; ///< what holds for lines without header
 };
 
 } // namespace tarvik::tvkctl

@@ -14,7 +14,7 @@ namespace {
 
 class text_run_report final : public run_report {
 public:
-    text_run_report(console& io, bool is_verbose) : m_io(io), m_is_verbose(is_verbose), m_dump(io.out()) {}
+    text_run_report(console& io, bool is_verbose) : m_io(io), m_isVerbose(is_verbose), m_dump(io.out()) {}
 
     void begin(const std::string& step) override
     {
@@ -49,7 +49,7 @@ public:
         if (m_order && !m_order->file.empty())
             m_io.out() << count_of(result.moved, "byte") << " in " << m_order->file << '\n';
         m_io.out().flush();
-        if (m_is_verbose)
+        if (m_isVerbose)
             m_io.note(m_step + ": " + (result.answer.empty() ? "" : result.answer + ", ") + time_of(result));
     }
 
@@ -72,7 +72,7 @@ private:
     }
 
     console& m_io;
-    bool m_is_verbose;
+    bool m_isVerbose;
     hex_dump m_dump;
     std::string m_step;
     std::optional<receive_order> m_order; ///< of this step, if it receives
@@ -98,7 +98,7 @@ public:
         m_step = {{"step", step}};
         m_data.clear();
         m_order.reset();
-        m_is_in_step = true;
+        m_isInStep = true;
     }
 
     void sending(byte_view data) override
@@ -132,7 +132,7 @@ public:
     void succeeded() override { write(nullptr); }
     void failed(const std::string& reason) override
     {
-        if (m_is_in_step) {
+        if (m_isInStep) {
             close_step();
             m_document["steps"].push_back(m_step);
         }
@@ -142,7 +142,7 @@ public:
 private:
     void close_step()
     {
-        m_is_in_step = false;
+        m_isInStep = false;
         if (!m_order)
             return;
         m_step["count"] = m_count;
@@ -164,7 +164,7 @@ private:
     std::string m_data; ///< of this step, in hexadecimal
     std::uint64_t m_count = 0;
     std::optional<receive_order> m_order;
-    bool m_is_in_step = false;
+    bool m_isInStep = false;
 };
 
 } // namespace

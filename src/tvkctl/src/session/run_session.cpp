@@ -68,7 +68,7 @@ private:
     {
         const std::string place = "step " + std::to_string(number) + ", " + in_quotes(step.text) + ": ";
         m_moved = 0;
-        m_kept_in.clear();
+        m_keptIn.clear();
         try {
             stop_if_interrupted();
             const auto answer = timed(step.text, [&] {
@@ -106,7 +106,7 @@ private:
         std::optional<receive_file> file;
         if (!step.file.empty())
             file.emplace(step.file, step.is_appended);
-        m_kept_in = step.file;
+        m_keptIn = step.file;
         m_report.receiving({step.size, step.file});
         const auto take = [&](byte_view piece) {
             if (file)
@@ -166,16 +166,16 @@ private:
     /// Where the bytes are that a failed receive has brought.
     std::string what_is_left() const
     {
-        if (m_kept_in.empty())
+        if (m_keptIn.empty())
             return m_moved == 0 ? "" : " after " + count_of(m_moved, "byte");
-        return "; " + m_kept_in + " keeps the " + count_of(m_moved, "byte") + " that came";
+        return "; " + m_keptIn + " keeps the " + count_of(m_moved, "byte") + " that came";
     }
 
     const session_plan& m_plan;
     run_report& m_report;
     front_end m_scanner;
     std::uint64_t m_moved = 0; ///< bytes of this step
-    std::string m_kept_in;     ///< file of this step's receive
+    std::string m_keptIn;      ///< file of this step's receive
 };
 
 } // namespace

@@ -24,7 +24,7 @@ progress_line::progress_line(std::ostream& to, std::uint64_t total, clock now)
 
 progress_line::~progress_line()
 {
-    if (m_is_shown)
+    if (m_isShown)
         m_to << kWipe << std::flush;
 }
 
@@ -47,7 +47,7 @@ void progress_line::show(std::chrono::steady_clock::time_point now)
     m_to << kWipe << size_text(m_done) << " of " << size_text(m_total) << ", "
          << size_text(static_cast<std::uint64_t>(rate)) << "/s, " << std::llround(seconds_left) << " s left"
          << std::flush;
-    m_is_shown = true;
+    m_isShown = true;
 }
 
 } // namespace tarvik::tvkctl

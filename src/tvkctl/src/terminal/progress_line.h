@@ -31,7 +31,7 @@ private:
     clock m_now;
     std::chrono::steady_clock::time_point m_start;
     std::chrono::steady_clock::time_point m_next; ///< before that nothing is shown
-    bool m_is_shown = false;
+    bool m_isShown = false;
 };
 
 } // namespace tarvik::tvkctl
