@@ -29,7 +29,7 @@ namespace {
 
 constexpr std::size_t kPathBufferSize = 260; ///< of the program's own path
 constexpr std::size_t kMessageBufferSize = 1024;
-constexpr std::size_t kMostSettings = 64 * 1024; ///< bytes of the settings file that are read
+constexpr std::size_t kMostSettings = std::size_t{64} * 1024; ///< bytes of the settings file that are read
 
 bool is_space(char c)
 {
@@ -125,7 +125,7 @@ clock_text clock_now()
 
 bool may_hold_log(const std::string& directory)
 {
-    return judge_directory(directory) == distrust::none;
+    return judge_directory(directory) == EDistrust::none;
 }
 
 } // namespace
@@ -151,7 +151,7 @@ void init_log(void*, const std::string& name, const std::string& config_file)
 void logConfigure::set_config_file(const std::string& path)
 {
     settings.clear();
-    const trusted_file file(path.c_str(), O_RDONLY);
+    const TrustedFile file(path.c_str(), O_RDONLY);
     if (file) {
         std::istringstream lines(read_beginning(file.descriptor()));
         for (std::string text; std::getline(lines, text);) {
@@ -162,7 +162,7 @@ void logConfigure::set_config_file(const std::string& path)
             if (!key.empty() && !value.empty())
                 settings.emplace(lower_case(key), value);
         }
-    } else if (file.reason() == distrust::absent && is_directory(directory_part(path))) {
+    } else if (file.reason() == EDistrust::absent && is_directory(directory_part(path))) {
         settings[kLevelKey] = "1";
     }
     verbose = is_enabled(ESeveryLevel::trace);
@@ -246,7 +246,7 @@ void Logger::put(const char* text)
     const std::lock_guard<std::mutex> lock(log_mtx);
     logConfigure::path_buffer path{};
     logConfigure::instance_.format_logfile(path);
-    const trusted_file log(path.data(), O_WRONLY | O_APPEND | O_CREAT);
+    const TrustedFile log(path.data(), O_WRONLY | O_APPEND | O_CREAT);
     if (!log)
         return;
     const std::string_view header(m_header.data(), m_headerSize);

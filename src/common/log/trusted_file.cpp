@@ -37,22 +37,22 @@ int directory_length(const char* path)
 
 /// Puts the name that a link leads to into `target`. Owner and name are asked of one descriptor: nobody can
 /// exchange the link in between.
-distrust read_link(const char* path, path_text& target)
+EDistrust read_link(const char* path, path_text& target)
 {
     const int link = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (link < 0)
-        return distrust::absent;
+        return EDistrust::absent;
     struct stat status = {};
     path_text name{};
     const bool is_read = fstat(link, &status) == 0 && readlinkat(link, "", name.data(), name.size() - 1) > 0;
     close(link);
     if (!is_read)
-        return distrust::absent;
+        return EDistrust::absent;
     if (!is_trusted_user(status.st_uid))
-        return distrust::foreign_link;
+        return EDistrust::foreign_link;
     const int kept = name.front() == '/' ? 0 : directory_length(path);
     const int length = std::snprintf(target.data(), target.size(), "%.*s%s", kept, path, name.data());
-    return length < static_cast<int>(target.size()) ? distrust::none : distrust::absent;
+    return length < static_cast<int>(target.size()) ? EDistrust::none : EDistrust::absent;
 }
 
 /// Whether the own user alone can give a file in the directory of `path` another name.
@@ -64,64 +64,64 @@ bool is_own_directory(const char* path)
     return stat(directory.data(), &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-distrust judge(int descriptor, const char* path)
+EDistrust judge(int descriptor, const char* path)
 {
     struct stat status = {};
     if (fstat(descriptor, &status) != 0)
-        return distrust::absent;
+        return EDistrust::absent;
     const bool is_file = S_ISREG(status.st_mode);
     if (!is_file && !S_ISCHR(status.st_mode) && !S_ISBLK(status.st_mode))
-        return distrust::wrong_kind;
+        return EDistrust::wrong_kind;
     if (!is_trusted_user(status.st_uid))
-        return distrust::foreign_owner;
+        return EDistrust::foreign_owner;
     if (is_file && status.st_nlink > 1 && (status.st_uid != geteuid() || !is_own_directory(path)))
-        return distrust::several_names;
-    return distrust::none;
+        return EDistrust::several_names;
+    return EDistrust::none;
 }
 
 } // namespace
 
-trusted_file::~trusted_file()
+TrustedFile::~TrustedFile()
 {
     if (m_descriptor >= 0)
         close(m_descriptor);
 }
 
-void trusted_file::open_at(const char* path, int flags, int links)
+void TrustedFile::open_at(const char* path, int flags, int links)
 {
     const int descriptor = open_without_following(path, flags);
     if (descriptor >= 0) {
         m_reason = judge(descriptor, path);
-        if (m_reason == distrust::none)
+        if (m_reason == EDistrust::none)
             m_descriptor = descriptor;
         else
             close(descriptor);
         return;
     }
     // What a FIFO without a reader, or a socket, says to who wants to write.
-    m_reason = errno == ENXIO ? distrust::wrong_kind : distrust::absent;
+    m_reason = errno == ENXIO ? EDistrust::wrong_kind : EDistrust::absent;
     if (errno != ELOOP || links == kMostLinks)
         return;
     path_text target{};
     m_reason = read_link(path, target);
-    if (m_reason == distrust::none)
+    if (m_reason == EDistrust::none)
         open_at(target.data(), flags, links + 1);
 }
 
-distrust judge_directory(const std::string& path)
+EDistrust judge_directory(const std::string& path)
 {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0)
-        return distrust::absent;
+        return EDistrust::absent;
     if (S_ISLNK(status.st_mode)) {
         if (!is_trusted_user(status.st_uid))
-            return distrust::foreign_link;
+            return EDistrust::foreign_link;
         if (stat(path.c_str(), &status) != 0)
-            return distrust::absent;
+            return EDistrust::absent;
     }
     if (!S_ISDIR(status.st_mode))
-        return distrust::wrong_kind;
-    return is_trusted_user(status.st_uid) ? distrust::none : distrust::foreign_owner;
+        return EDistrust::wrong_kind;
+    return is_trusted_user(status.st_uid) ? EDistrust::none : EDistrust::foreign_owner;
 }
 
 } // namespace vl::common::log

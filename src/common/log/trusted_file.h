@@ -6,7 +6,7 @@ namespace vl::common::log {
 
 /// Why something in the place of the log is not used. The log lies below /tmp, where anybody may have put
 /// what stands there.
-enum class distrust {
+enum class EDistrust {
     none,
     absent,        ///< it is not there or cannot be opened: `errno` says why
     foreign_owner, ///< it belongs neither to root nor to the own (effective) user
@@ -20,26 +20,26 @@ enum class distrust {
 /// where nobody else may write. Opening never blocks.
 ///
 /// Owns the descriptor, which is closed by exec. Throws nothing and allocates nothing.
-class trusted_file {
+class TrustedFile {
 public:
     /// `flags` as for open(); a file that O_CREAT makes gets mode 0666 less the umask.
-    trusted_file(const char* path, int flags) { open_at(path, flags, 0); }
-    trusted_file(const trusted_file&) = delete;
-    trusted_file& operator=(const trusted_file&) = delete;
-    ~trusted_file();
+    TrustedFile(const char* path, int flags) { open_at(path, flags, 0); }
+    TrustedFile(const TrustedFile&) = delete;
+    TrustedFile& operator=(const TrustedFile&) = delete;
+    ~TrustedFile();
 
     explicit operator bool() const { return m_descriptor >= 0; }
     int descriptor() const { return m_descriptor; } ///< -1: not opened
-    distrust reason() const { return m_reason; }    ///< why it was not opened
+    EDistrust reason() const { return m_reason; }   ///< why it was not opened
 
 private:
     void open_at(const char* path, int flags, int links);
 
     int m_descriptor = -1;
-    distrust m_reason = distrust::none;
+    EDistrust m_reason = EDistrust::none;
 };
 
 /// Whether the log may be in this directory: it and a link that leads to it belong to root or the own user.
-distrust judge_directory(const std::string& path);
+EDistrust judge_directory(const std::string& path);
 
 } // namespace vl::common::log
