@@ -6,7 +6,7 @@ import collections, contextlib, select, socket, struct, subprocess, sys, threadi
 HEADER = struct.Struct(">IIiII")  # id, code, error, size, value
 OPEN, SEND, RECV = 4, 6, 7
 PIECE = 65536  # bytes asked for at a time, which is what a failure can lose
-START_TIME, ANSWER_TIME = 10, 180  # s; a plugin may make several transfers of 60 s for one request
+START_TIME, ANSWER_TIME = 10, 180  # s; a plugin may make several transfers for one request, each up to its time-out
 
 
 class FrontEnd:

@@ -19,7 +19,8 @@ namespace tarvik {
 /// Starting takes a moment; an emulated machine under load is slow.
 constexpr milliseconds kStartTimeout{20'000};
 constexpr milliseconds kConnectTimeout{10'000};
-/// An open without a device takes 12 s, a transfer without an answer 60 s, and a plugin may do several.
+/// Longer than an open without a device, and than one transfer without an answer, of which a plugin may make
+/// several (docs/protocol.md has the times).
 constexpr milliseconds kRequestTimeout{180'000};
 /// The program ends after the request in hand, and a plugin may talk to the device when it is closed.
 constexpr milliseconds kExitTimeout{180'000};

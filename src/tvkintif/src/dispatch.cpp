@@ -18,7 +18,6 @@ std::atomic<int> do_cleanup{0};
 namespace {
 
 constexpr const char* kUnit = "dispatch";
-constexpr std::size_t kInitialPayloadSize = 1024;
 constexpr std::chrono::milliseconds kFirstPause{10}; ///< between reads that fail at once
 constexpr unsigned int kConnectionId = 1; ///< handed out by the open reply, asked of every later request
 

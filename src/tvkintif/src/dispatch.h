@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -25,6 +26,9 @@ static_assert(std::atomic<int>::is_always_lock_free, "a signal handler stores in
 /// Threads: one. Signal handlers touch do_cleanup only.
 class dispatch {
 public:
+    /// Bytes in the payload buffer before the first request, which an empty one passes on.
+    static constexpr std::size_t kInitialPayloadSize = 1024;
+
     dispatch();
     dispatch(const dispatch&) = delete;
     dispatch& operator=(const dispatch&) = delete;

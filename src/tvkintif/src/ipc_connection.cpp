@@ -21,7 +21,6 @@ namespace {
 
 constexpr const char* kUnit = "ipc_connection";
 constexpr int kAnyPort = 0;
-constexpr unsigned int kTimeoutSeconds = 300;
 constexpr std::int32_t kErrorOk = 0;
 constexpr std::int32_t kErrorFailed = -1;
 constexpr unsigned char kNak = 0x15;

@@ -20,6 +20,9 @@ public:
     static constexpr int kFailed = -1;
     static constexpr int kPeerClosed = -2;
 
+    /// How long nothing may come, or be taken, before a transfer ends.
+    static constexpr unsigned int kTimeoutSeconds = 300;
+
     /// Waits on a port that the kernel chooses.
     ipc_connection();
     /// Waits on the given port.

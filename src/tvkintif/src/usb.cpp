@@ -83,7 +83,7 @@ libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_
 libusb_context* usb_transceiver::sm_ctx = nullptr;
 bool usb_transceiver::sm_isInitialized = false;
 int usb_transceiver::sm_nConnectionCount = 0;
-int usb_transceiver::sm_nDefaultTimeout = 60000;
+int usb_transceiver::sm_nDefaultTimeout = usb_transceiver::kTransferMilliseconds;
 
 usb_transceiver::usb_transceiver()
 {

@@ -30,6 +30,8 @@ public:
     /// How often open() looks for a device by its ids, and how long it waits after each try in vain.
     static constexpr int kOpenTries = 5;
     static constexpr useconds_t kOpenPauseMicroseconds = 100;
+    /// When a bulk transfer without an answer ends.
+    static constexpr int kTransferMilliseconds = 60'000;
 
     /// Throws std::runtime_error when libusb cannot be initialised.
     usb_transceiver();

@@ -15,9 +15,9 @@
 #include "common/process/unique_fd.h"
 #include "process/tvkctl/explain_test.h"
 #include "process/tvkctl/usb_paths.h"
+#include "support/expect_on_page.h"
 #include "support/files.h"
 #include "support/log_reader.h"
-#include "support/pages.h"
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
 
@@ -27,6 +27,7 @@ namespace process_test {
 
 namespace {
 
+using support::expect_on_page;
 using support::page_part;
 
 const std::string guide = SOURCE_FOLDER "/docs/tvkctl.md";
@@ -58,14 +59,6 @@ std::vector<row> all_matches(const std::string& text, const std::string& pattern
     for (std::sregex_iterator match(text.begin(), text.end(), expression), end; match != end; ++match)
         all.emplace_back(match->begin(), match->end());
     return all;
-}
-
-void expect_on_page(const page_part& shown, const std::string& made)
-{
-    if (support::renew(shown, made))
-        return;
-    EXPECT_EQ(shown.text, made) << shown.page << " shows something else at \"" << shown.name
-                                << "\"; if what is made now is right, run scripts/pages";
 }
 
 /// The examples that this machine can play; an ARM machine plays the others.

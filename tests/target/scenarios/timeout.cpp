@@ -13,7 +13,7 @@ class timeout : public target::scanner_session {};
 
 } // namespace
 
-TEST_F(timeout, transfer_that_stays_unfinished_ends_after_60_seconds_with_what_came)
+TEST_F(timeout, transfer_that_stays_unfinished_ends_after_its_time_out_with_what_came)
 {
     constexpr std::chrono::seconds kTransferLimit{60};
     constexpr tarvik::milliseconds kPatience{90'000};

@@ -42,6 +42,8 @@ using lines = std::vector<std::string>;
 
 constexpr std::chrono::seconds kDeadline{10};
 constexpr int kHeaderSize = 20;
+const std::string kSetTimeOut =
+    "setsockopt #1 SOL_SOCKET SO_RCVTIMEO " + std::to_string(ipc_connection::kTimeoutSeconds) + " s";
 
 static_assert(!std::is_copy_constructible_v<ipc_connection> && !std::is_copy_assignable_v<ipc_connection>);
 
@@ -239,19 +241,19 @@ TEST_F(ipc_connection_test, port_can_be_asked_for)
     EXPECT_EQ(connection.port(), port);
 }
 
-TEST_F(ipc_connection_test, time_out_is_300_seconds)
+TEST_F(ipc_connection_test, time_out_is_set_before_anybody_connects)
 {
     system_calls calls;
     ipc_connection().port();
-    EXPECT_EQ(calls.lines().at(4), "setsockopt #1 SOL_SOCKET SO_RCVTIMEO 300 s");
+    EXPECT_EQ(calls.lines().at(4), kSetTimeOut);
 }
 
-TEST_F(ipc_connection_test, time_out_is_300_seconds_on_a_given_port_too)
+TEST_F(ipc_connection_test, time_out_is_the_same_on_a_given_port)
 {
     const int port = free_port();
     system_calls calls;
     ipc_connection(port).port();
-    EXPECT_EQ(calls.lines().at(4), "setsockopt #1 SOL_SOCKET SO_RCVTIMEO 300 s");
+    EXPECT_EQ(calls.lines().at(4), kSetTimeOut);
 }
 
 TEST_F(ipc_connection_test, destruction_ends_the_connection)
