@@ -56,33 +56,6 @@ json to_json(const device_node& node)
             {"group", node.group.name}, {"mode", node.mode_text()}, {"may_open", node.may_open}};
 }
 
-json to_json(const listed_device& listed)
-{
-    const usb_device& device = listed.device;
-    return {{"udi", or_null(listed.udi)},
-            {"vendor_id", hexadecimal(device.vendor_id, 4)},
-            {"product_id", hexadecimal(device.product_id, 4)},
-            {"serial", or_null(device.serial)},
-            {"manufacturer", or_null(device.manufacturer)},
-            {"product", or_null(device.product)},
-            {"bus", device.bus},
-            {"address", device.address},
-            {"port", device.port_path},
-            {"interface", listed.interface ? to_json(*listed.interface) : json()},
-            {"plugin", listed.plugin ? to_json(*listed.plugin) : json()},
-            {"node", to_json(device.node)},
-            {"kernel_driver", or_null(listed.driver)},
-            {"warnings", listed.warnings}};
-}
-
-void write_json(const std::vector<listed_device>& devices, console& io)
-{
-    json document = {{"devices", json::array()}};
-    for (const listed_device& listed : devices)
-        document["devices"].push_back(to_json(listed));
-    io.write(document);
-}
-
 using cell = text_table::cell;
 
 cell address_cell(const listed_device& listed)
@@ -92,8 +65,9 @@ cell address_cell(const listed_device& listed)
     return {listed.udi.empty() ? "-" : shell_word(listed.udi), style::bold};
 }
 
-cell name_cell(const usb_device& device)
+cell name_cell(const listed_device& listed)
 {
+    const usb_device& device = listed.device;
     const std::string gap = device.manufacturer.empty() || device.product.empty() ? "" : " ";
     const std::string name = device.manufacturer + gap + device.product;
     return {name.empty() ? "-" : name};
@@ -115,31 +89,90 @@ cell state_cell(const listed_device& listed)
     return listed.plugin->is_loadable ? cell{"loadable", style::good} : cell{"not loadable", style::bad};
 }
 
-cell rights_cell(const device_node& node)
+cell node_cell(const listed_device& listed)
 {
+    return {listed.device.node.path};
+}
+
+cell rights_cell(const listed_device& listed)
+{
+    const device_node& node = listed.device.node;
     if (!node.exists)
         return {"no node", style::bad};
     return {node.mode_text() + " " + node.owner.name + ":" + node.group.name};
 }
 
-cell open_cell(const device_node& node)
+cell open_cell(const listed_device& listed)
 {
-    return node.may_open ? cell{"yes", style::good} : cell{"no", style::bad};
+    return listed.device.node.may_open ? cell{"yes", style::good} : cell{"no", style::bad};
+}
+
+cell driver_cell(const listed_device& listed)
+{
+    return {listed.driver.empty() ? "-" : listed.driver};
+}
+
+/// Something that is known of a device: for people a column, for programs a member, or both.
+struct fact {
+    const char* title; ///< of the column; null: there is none
+    cell (*shown)(const listed_device&);
+    const char* key; ///< of the member; null: there is none
+    json (*value)(const listed_device&);
+};
+
+/// All of them, in the order of the columns and of the members.
+const std::vector<fact>& facts()
+{
+    using listed = listed_device;
+    static const std::vector<fact> all = {
+        {"UDI", address_cell, "udi", [](const listed& l) { return or_null(l.udi); }},
+        {{}, {}, "vendor_id", [](const listed& l) { return json(hexadecimal(l.device.vendor_id, 4)); }},
+        {{}, {}, "product_id", [](const listed& l) { return json(hexadecimal(l.device.product_id, 4)); }},
+        {"NAME", name_cell, {}, {}},
+        {{}, {}, "serial", [](const listed& l) { return or_null(l.device.serial); }},
+        {{}, {}, "manufacturer", [](const listed& l) { return or_null(l.device.manufacturer); }},
+        {{}, {}, "product", [](const listed& l) { return or_null(l.device.product); }},
+        {{}, {}, "bus", [](const listed& l) { return json(l.device.bus); }},
+        {{}, {}, "address", [](const listed& l) { return json(l.device.address); }},
+        {{}, {}, "port", [](const listed& l) { return json(l.device.port_path); }},
+        {{}, {}, "interface", [](const listed& l) { return l.interface ? to_json(*l.interface) : json(); }},
+        {"PLUGIN", plugin_cell, "plugin",
+         [](const listed& l) { return l.plugin ? to_json(*l.plugin) : json(); }},
+        {"STATE", state_cell, {}, {}},
+        {"NODE", node_cell, "node", [](const listed& l) { return to_json(l.device.node); }},
+        {"RIGHTS", rights_cell, {}, {}},
+        {"MAY OPEN", open_cell, {}, {}},
+        {"DRIVER", driver_cell, "kernel_driver", [](const listed& l) { return or_null(l.driver); }},
+        {{}, {}, "warnings", [](const listed& l) { return json(l.warnings); }},
+    };
+    return all;
+}
+
+void write_json(const std::vector<listed_device>& devices, console& io)
+{
+    json document = {{"devices", json::array()}};
+    for (const listed_device& listed : devices) {
+        json& device = document["devices"].emplace_back(json::object());
+        for (const fact& each : facts())
+            if (each.key != nullptr)
+                device[each.key] = each.value(listed);
+    }
+    io.write(document);
 }
 
 void write_table(const std::vector<listed_device>& devices, console& io)
 {
-    text_table table({"UDI", "NAME", "PLUGIN", "STATE", "NODE", "RIGHTS", "MAY OPEN", "DRIVER"});
+    std::vector<std::string> titles;
+    for (const fact& each : facts())
+        if (each.title != nullptr)
+            titles.emplace_back(each.title);
+    text_table table(titles);
     for (const listed_device& listed : devices) {
-        const device_node& node = listed.device.node;
-        table.add({address_cell(listed),
-                   name_cell(listed.device),
-                   plugin_cell(listed),
-                   state_cell(listed),
-                   {node.path},
-                   rights_cell(node),
-                   open_cell(node),
-                   {listed.driver.empty() ? "-" : listed.driver}});
+        std::vector<cell> row;
+        for (const fact& each : facts())
+            if (each.title != nullptr)
+                row.push_back(each.shown(listed));
+        table.add(row);
     }
     table.write(io);
 }
