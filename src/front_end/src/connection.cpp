@@ -27,8 +27,8 @@ std::string system_text(int cause)
 [[noreturn]] void throw_time_up(const transfer& what)
 {
     throw front_end_error(failure::timed_out, what.step, what.expected,
-                          count_of(what.moved, "byte") + " and then nothing until the " +
-                              std::to_string(what.until.timeout().count()) + " ms were up");
+                          count_of(what.moved, "byte") + " and nothing more within " +
+                              std::to_string(what.until.timeout().count()) + " ms");
 }
 
 [[noreturn]] void throw_lost(const transfer& what, int cause)
@@ -117,7 +117,8 @@ connection::connection(int port, milliseconds timeout) : m_socket(new_socket())
 {
     const std::string step = "connect to port " + std::to_string(port);
     if (port < 1 || port > kLargestPort)
-        throw front_end_error(failure::connect_failed, step, "a port from 1 to 65535", std::to_string(port));
+        throw front_end_error(failure::connect_failed, step,
+                              "a port from 1 to " + std::to_string(kLargestPort), std::to_string(port));
     const char* expected = "a listener on 127.0.0.1";
     int cause = start_connecting(m_socket.get(), port);
     if (cause == EINPROGRESS || cause == EINTR) {

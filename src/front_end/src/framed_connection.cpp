@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "common/text/text.h"
 #include "front_end/src/front_end_error.h"
 
 namespace tarvik {
@@ -51,7 +52,8 @@ std::optional<front_end_error> fault_of(const frame_header& header, std::uint32_
 void check_nak(byte_view payload, const std::string& step)
 {
     if (payload.data[0] != kNak)
-        throw front_end_error(failure::unexpected_reply, step, "the byte 21 as a nak's payload",
+        throw front_end_error(failure::unexpected_reply, step,
+                              "the byte " + std::to_string(kNak) + " as a nak's payload",
                               "the byte " + std::to_string(payload.data[0]));
 }
 
@@ -96,7 +98,7 @@ frame_header framed_connection::take_header(std::uint32_t ok_size, const std::st
                                             const deadline& until)
 {
     wire_header head = {};
-    transfer what = {step, "a reply's header of 20 bytes", until};
+    transfer what = {step, "a reply's header of " + count_of(head.size(), "byte"), until};
     m_wire.read(head.data(), head.size(), what);
     const frame_header header = from_wire(head);
     if (const auto fault = fault_of(header, ok_size, step))

@@ -58,7 +58,8 @@ private:
     [[noreturn]] void fail(failure cause, const std::string& came)
     {
         const std::string errors = m_process.standard_error();
-        throw front_end_error(cause, "read the port line of " + m_process.path(), "a port from 1 to 65535",
+        throw front_end_error(cause, "read the port line of " + m_process.path(),
+                              "a port from 1 to " + std::to_string(kLargestPort),
                               came + (errors.empty() ? "" : "; its standard error: " + in_quotes(errors)));
     }
 
@@ -66,7 +67,7 @@ private:
     std::string ending()
     {
         const auto status = m_process.try_wait_for_exit(m_until.left());
-        return status ? status->text() : "the end of its output, though it runs on";
+        return status ? status->text() : "the end of its output while it runs on";
     }
 
     child_process& m_process;

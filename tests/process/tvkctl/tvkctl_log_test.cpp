@@ -173,7 +173,7 @@ TEST_F(tvkctl_log_test, off_tells_what_it_did)
     append(line_of("INFO", "kept"));
     EXPECT_EQ(run({"log", "off"}).out,
               "set loglevel = 5 in /tmp/velnor/tvkintif/setting.ini; the logs stay\n"
-              "programs that run now keep logging until they end\n"
+              "programs that are running keep logging until they end\n"
               "Logging is off: /tmp/velnor/tvkintif/setting.ini sets a loglevel above that of FATAL\n"
               "  directory  /tmp/velnor/tvkintif, owner root, mode 0755\n"
               "  settings   /tmp/velnor/tvkintif/setting.ini\n"

@@ -412,7 +412,7 @@ INSTANTIATE_TEST_SUITE_P(
                          "no steps are given. Give some, such as 'recv 512', or a file with --script."},
         bad_command_line{"steps_twice",
                          {"run", kUdi, "send 01", "--script", "a"},
-                         "steps are given twice, by --script and as arguments. Leave one of them out."},
+                         "steps are given both by --script and as arguments. Leave one of them out."},
         bad_command_line{"bad_chunk",
                          {"run", kUdi, "--chunk", "0", "recv 1"},
                          "invalid size \"0\" for --chunk. Write 512, 0x200, 64KiB, 1MiB or 2GiB, less than "

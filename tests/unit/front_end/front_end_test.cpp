@@ -166,7 +166,7 @@ TEST(front_end_start, minus_1_is_a_refusal)
 TEST(front_end_start, end_of_output_of_a_program_that_runs_on_is_told)
 {
     const auto error = error_of([] { front_end program(shell("exec >&-; exec sleep 600"), 200ms); });
-    EXPECT_EQ(error.came(), "no line and then the end of its output, though it runs on");
+    EXPECT_EQ(error.came(), "no line and then the end of its output while it runs on");
 }
 
 TEST(front_end_start, silence_is_told_when_time_is_up)
@@ -433,7 +433,7 @@ TEST(front_end_reply, silence_is_told_when_time_is_up)
 {
     talk session({expects(recv_request(5))});
     const auto error = error_of([&] { session->recv(5, 50ms); });
-    EXPECT_EQ(error.came(), "0 bytes and then nothing until the 50 ms were up");
+    EXPECT_EQ(error.came(), "0 bytes and nothing more within 50 ms");
 }
 
 TEST(front_end_reply, end_of_the_stream_tells_how_the_program_ended)

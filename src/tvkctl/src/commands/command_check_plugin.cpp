@@ -83,7 +83,8 @@ plugin_target target_of(const check_plugin_options& options)
         throw usage_error("--sysroot does not go with a plugin that is judged for this machine",
                           "Leave it out, or add --for armhf.");
     if (options.glibc.find_first_not_of("0123456789.") != std::string::npos || options.glibc.empty())
-        throw usage_error("--glibc: " + in_quotes(options.glibc) + " is no version", "Write it as 2.36.");
+        throw usage_error("invalid version " + in_quotes(options.glibc) + " for --glibc",
+                          "Write it as 2.36.");
     return is_native ? native_target() : armhf_target(options.sysroot, options.glibc);
 }
 
@@ -98,7 +99,7 @@ std::string advice_for(elf_error::reason why)
     case elf_error::reason::unreadable:
         return "Check the name and the rights of the file.";
     case elf_error::reason::not_elf:
-        return "Name the shared library that the linker made.";
+        return "Give the shared library that the linker produced.";
     case elf_error::reason::damaged:
         break;
     }
@@ -130,8 +131,7 @@ int count_of(const std::string& text)
 {
     const auto count = parse_size(text);
     if (!count || *count == 0 || *count > kMostBytes)
-        throw usage_error("--recv: " + in_quotes(text) + " is no number of bytes to receive",
-                          "Write 1 to 64MiB.");
+        throw usage_error("invalid size " + in_quotes(text) + " for --recv", "Write 1 to 64MiB.");
     return static_cast<int>(*count);
 }
 
@@ -139,7 +139,8 @@ milliseconds timeout_of(const std::string& text)
 {
     const auto time = parse_duration(text);
     if (!time || time->count() == 0)
-        throw usage_error("--timeout: " + in_quotes(text) + " is no time", "Write 2, 0.5, 3s or 250ms.");
+        throw usage_error("invalid time " + in_quotes(text) + " for --timeout",
+                          std::string("Write ") + kTimeForms + ".");
     return *time;
 }
 
@@ -175,7 +176,7 @@ std::vector<check_result> obstacles(const elf_file& file, const std::vector<chec
     if (std::any_of(results.begin(), results.end(), is_fatal))
         return {{outcome::not_checked,
                  cause{"not_runnable"},
-                 "such a file cannot be started",
+                 "a file like this cannot be run",
                  {},
                  {"Correct what failed above."},
                  "run"}};

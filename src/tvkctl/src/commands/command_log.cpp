@@ -139,7 +139,8 @@ void show_directory(const log_state& state, const log_place& place, console& io)
         return;
     io.out() << "  directory  " << place.directory() << ", owner " << state.owner.name << ", mode "
              << octal(state.mode) << '\n'
-             << "  settings   " << (state.has_settings ? place.settings() : "none, which means INFO") << '\n'
+             << "  settings   " << (state.has_settings ? place.settings() : "none, so the level is INFO")
+             << '\n'
              << "  today      " << state.file << (state.has_file ? "" : " (nothing yet)") << '\n';
 }
 
@@ -376,7 +377,7 @@ void add_log_command(CLI::App& app, cli& shared)
     CLI::App& command =
         add_command(app, shared, {"log", "Turn logging on or off, show or follow the log", kLogExamples},
                     [options, &shared] { return log(*options, shared); });
-    command.add_option("action", options->action, "Without one, tell the state")
+    command.add_option("action", options->action, "Without one, show the state")
         ->check(CLI::IsMember({"on", "off", "show", "follow"}));
     command.add_option("--level", options->level, "Lowest level: " + level_choice() + " (on, show, follow)")
         ->type_name("LEVEL");

@@ -98,7 +98,7 @@ std::vector<run_step> read_script_file(const std::string& name)
 std::vector<run_step> steps_of(const run_options& options)
 {
     if (!options.script.empty() && !options.steps.empty())
-        throw usage_error("steps are given twice, by --script and as arguments", "Leave one of them out.");
+        throw usage_error("steps are given both by --script and as arguments", "Leave one of them out.");
     std::vector<run_step> steps =
         options.script.empty() ? parse_steps(options.steps) : read_script_file(options.script);
     if (steps.empty())

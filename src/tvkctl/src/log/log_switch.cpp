@@ -83,7 +83,7 @@ public:
     {
         struct stat found = {};
         if (fstat(m_descriptor.get(), &found) != 0)
-            refuse("cannot be looked at: " + cause_text());
+            refuse("cannot be examined: " + cause_text());
         return found;
     }
 
@@ -190,7 +190,7 @@ void write_settings(const directory_handle& directory, const std::string& text)
     const auto refuse = [&](const char* what) {
         const std::string cause = cause_text(); // before anything else can fail
         directory.refuse(
-            std::string("takes no settings file: ") + what + ": " + cause,
+            std::string("cannot take a settings file: ") + what + ": " + cause,
             {{tool_step::turn_log_on_for, user_of(geteuid()).name, "Turn logging on for this user"}});
     };
     const std::string replacement = std::string(kSettingsFile) + ".new";
@@ -288,7 +288,7 @@ log_change silence(const directory_handle& directory)
     set_level(directory, kLevelThatNothingReaches);
     return {"set loglevel = " + std::to_string(kLevelThatNothingReaches) + " in " + directory.path() + "/" +
                 kSettingsFile + "; the logs stay",
-            "programs that run now keep logging until they end"};
+            "programs that are running keep logging until they end"};
 }
 
 log_change purge(const directory_handle& root, const directory_handle& directory, const log_place& place)
@@ -302,7 +302,7 @@ log_change purge(const directory_handle& root, const directory_handle& directory
         done.push_back("removed " + place.directory());
         return done;
     }
-    done.push_back(place.directory() + " stays: it holds files that are no logs");
+    done.push_back(place.directory() + " stays: it holds files that are not logs");
     const log_change silenced = silence(directory);
     done.insert(done.end(), silenced.begin(), silenced.end());
     return done;

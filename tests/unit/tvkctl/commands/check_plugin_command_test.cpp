@@ -126,7 +126,7 @@ TEST_F(check_plugin_command, has_a_code_for_a_plugin_without_an_entry_point)
 TEST_F(check_plugin_command, does_not_run_a_plugin_without_an_entry_point)
 {
     EXPECT_EQ(check_run("cpp_names"), exit_code::plugin_incomplete);
-    EXPECT_TRUE(tells("cannot be started")) << out();
+    EXPECT_TRUE(tells("cannot be run")) << out();
 }
 
 TEST_F(check_plugin_command, has_a_code_for_a_plugin_that_lacks_a_library)

@@ -279,7 +279,7 @@ TEST_F(log_switch_test, on_refuses_when_the_settings_have_no_room)
     with_directory();
     const no_room_in_files here;
     EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " takes no settings file: write: File too large");
+              place.directory() + " cannot take a settings file: write: File too large");
     EXPECT_FALSE(fs::exists(place.settings()));
 }
 
@@ -287,7 +287,7 @@ TEST_F(log_switch_test, on_refuses_a_directory_in_place_of_the_settings)
 {
     fs::create_directories(place.settings());
     EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " takes no settings file: rename: Is a directory");
+              place.directory() + " cannot take a settings file: rename: Is a directory");
 }
 
 TEST_F(log_switch_test, off_without_directory_does_nothing)
@@ -429,7 +429,7 @@ TEST_F(log_of_others_test, a_user_cannot_set_the_level_of_root)
     with_directory();
     become_somebody();
     EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " takes no settings file: create: Permission denied");
+              place.directory() + " cannot take a settings file: create: Permission denied");
 }
 
 TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_told)
