@@ -2,6 +2,7 @@
 
 #include "target/scenarios/plugin_folder.h"
 #include "target/scenarios/scanner_session.h"
+#include "tvkintif/src/usb.h"
 
 using virtual_scanner::bytes;
 using virtual_scanner::command_code;
@@ -15,7 +16,7 @@ class timeout : public target::scanner_session {};
 
 TEST_F(timeout, transfer_that_stays_unfinished_ends_after_its_time_out_with_what_came)
 {
-    constexpr std::chrono::seconds kTransferLimit{60};
+    constexpr std::chrono::milliseconds kTransferLimit{usb_transceiver::kTransferMilliseconds};
     constexpr tarvik::milliseconds kPatience{90'000};
     constexpr std::uint32_t kGiven = 512; // a whole packet, which does not end a transfer
     constexpr std::uint32_t kAsked = 1024;
