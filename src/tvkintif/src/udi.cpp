@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <utility>
+#include <vector>
+
+#include "common/text/text.h"
 
 namespace {
 
@@ -31,7 +33,7 @@ std::uint8_t location_in(const std::string& field)
 
 udi::udi(std::string address) : text(std::move(address))
 {
-    std::vector<std::string> fields = udi_fields(text);
+    std::vector<std::string> fields = tarvik::split(text, ':');
     const bool has_location = fields.size() >= kFields;
     fields.resize(std::max(fields.size(), kFields)); // an absent field reads as an empty one
     if (text.rfind(kPrefix, 0) == 0) {
@@ -43,15 +45,6 @@ udi::udi(std::string address) : text(std::move(address))
         bus_number = location_in(fields[3]);
         device_number = location_in(fields[4]);
     }
-}
-
-std::vector<std::string> udi_fields(const std::string& address)
-{
-    std::vector<std::string> fields;
-    std::istringstream input(address);
-    for (std::string field; std::getline(input, field, ':');)
-        fields.push_back(field);
-    return fields;
 }
 
 std::uint16_t get_vid(const std::string& address)

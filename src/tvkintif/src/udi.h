@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 /// The USB address of a scanner, one of
 ///
@@ -24,10 +23,6 @@ struct udi {
     std::uint8_t bus_number = 0;    ///< low 8 bits of field 3, in an address that also has a field 4
     std::uint8_t device_number = 0; ///< low 8 bits of field 4
 };
-
-/// The texts between the colons of an address, "usb" being field 0. A colon at the very end begins no further
-/// field.
-std::vector<std::string> udi_fields(const std::string& address);
 
 // One value of an address, for whoever needs no more than that.
 

@@ -115,26 +115,4 @@ TEST_P(udi_test, is_valid_when_both_ids_could_be_read)
 INSTANTIATE_TEST_SUITE_P(of, udi_test, testing::ValuesIn(all_udis()),
                          [](const auto& chosen) { return chosen.param.name; });
 
-using fields = std::vector<std::string>;
-
-TEST(udi_fields, lie_between_the_colons)
-{
-    EXPECT_EQ(udi_fields("usb:1a2b:3c4d:2:5"), (fields{"usb", "1a2b", "3c4d", "2", "5"}));
-}
-
-TEST(udi_fields, may_be_empty)
-{
-    EXPECT_EQ(udi_fields("usb::3c4d"), (fields{"usb", "", "3c4d"}));
-}
-
-TEST(udi_fields, end_before_a_colon_at_the_very_end)
-{
-    EXPECT_EQ(udi_fields("usb:1a2b:"), (fields{"usb", "1a2b"}));
-}
-
-TEST(udi_fields, of_nothing_are_none)
-{
-    EXPECT_EQ(udi_fields(""), fields{});
-}
-
 } // namespace

@@ -118,7 +118,7 @@ std::string program_of(const run_options& options, const host& machine)
 
 session_plan plan_of(const run_options& options, const host& machine)
 {
-    if (!is_udi(options.udi))
+    if (!udi(options.udi).is_valid())
         throw usage_error("invalid scanner address " + in_quotes(options.udi), kUdiForms);
     session_plan plan;
     plan.udi = options.udi;

@@ -25,12 +25,12 @@ std::string flaw_of_id(const char* name, const std::vector<std::string>& fields,
     return who + ", is " + in_quotes(fields[index]) + " and not 1 to 4 hexadecimal digits other than 0";
 }
 
-std::vector<std::string> flaws_of(const std::string& udi, const std::vector<std::string>& fields)
+std::vector<std::string> flaws_of(const udi& address, const std::vector<std::string>& fields)
 {
-    if (udi.rfind("usb:", 0) != 0)
+    if (address.text.rfind("usb:", 0) != 0)
         return {"it does not begin with usb: in lower case"};
-    std::vector<std::string> flaws = {flaw_of_id("vendor id", fields, 1, get_vid(udi)),
-                                      flaw_of_id("product id", fields, 2, get_pid(udi))};
+    std::vector<std::string> flaws = {flaw_of_id("vendor id", fields, 1, address.vendor_id),
+                                      flaw_of_id("product id", fields, 2, address.product_id)};
     flaws.erase(std::remove(flaws.begin(), flaws.end(), ""), flaws.end());
     return flaws;
 }
@@ -45,27 +45,27 @@ check_result bad_address(const std::vector<std::string>& flaws)
              "    usb:VENDOR:PRODUCT:SERIAL", "    usb:VENDOR:PRODUCT:BUS:DEVICE", tool_step::list_devices}};
 }
 
-std::string summary_of(const std::string& udi)
+std::string summary_of(const udi& address)
 {
-    const std::string serial = get_device_serial(udi);
-    return "vendor " + hexadecimal(get_vid(udi), 4) + ", product " + hexadecimal(get_pid(udi), 4) +
-           (serial.empty() ? ", any serial number" : ", serial number " + in_quotes(serial));
+    return "vendor " + hexadecimal(address.vendor_id, 4) + ", product " + hexadecimal(address.product_id, 4) +
+           (address.serial.empty() ? ", any serial number" : ", serial number " + in_quotes(address.serial));
 }
 
 } // namespace
 
 check_result check_address(check_context& context)
 {
-    const std::vector<std::string> fields = split(context.udi, ':'); // as the program does
-    if (const auto flaws = flaws_of(context.udi, fields); !flaws.empty())
+    const udi address(context.udi);
+    const std::vector<std::string> fields = split(address.text, ':'); // as the program does
+    if (const auto flaws = flaws_of(address, fields); !flaws.empty())
         return bad_address(flaws);
-    check_result result{outcome::ok, {}, summary_of(context.udi)};
+    check_result result{outcome::ok, {}, summary_of(address)};
     if (fields.size() <= kDeviceField)
         return result;
     result.came_out = outcome::warning;
     result.why = cause{"location_ignored"};
-    result.evidence = {"bus " + hexadecimal(get_bus_number(context.udi)) + " and device " +
-                           hexadecimal(get_device_number(context.udi)) + " are read, but choose no device",
+    result.evidence = {"bus " + hexadecimal(address.bus_number) + " and device " +
+                           hexadecimal(address.device_number) + " are read, but choose no device",
                        "field 3 is looked for as a serial number; when no device has it, the ids decide"};
     if (fields.size() > kDeviceField + 1)
         result.evidence.push_back("what follows field 4 is ignored");

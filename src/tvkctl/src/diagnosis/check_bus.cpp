@@ -31,12 +31,12 @@ std::vector<std::string> descriptions_of(const std::vector<const usb_device*>& d
 }
 
 /// Devices of which the address may have meant one.
-std::vector<std::string> near_misses(const check_context& context)
+std::vector<std::string> near_misses(const udi& address, const std::vector<usb_device>& devices)
 {
     std::vector<std::string> all;
-    for (const usb_device& device : context.devices) {
-        const bool is_vendor = device.vendor_id == get_vid(context.udi);
-        const bool is_product = device.product_id == get_pid(context.udi);
+    for (const usb_device& device : devices) {
+        const bool is_vendor = device.vendor_id == address.vendor_id;
+        const bool is_product = device.product_id == address.product_id;
         if (is_vendor || is_product)
             all.push_back(std::string("same ") + (is_vendor ? "vendor" : "product id, other vendor") + ": " +
                           description_of(device));
@@ -44,28 +44,29 @@ std::vector<std::string> near_misses(const check_context& context)
     return all;
 }
 
-std::string ids_in(const std::string& udi)
+std::string ids_in(const udi& address)
 {
     usb_device wanted;
-    wanted.vendor_id = get_vid(udi);
-    wanted.product_id = get_pid(udi);
+    wanted.vendor_id = address.vendor_id;
+    wanted.product_id = address.product_id;
     return ids_of(wanted);
 }
 
-check_result absent(const check_context& context)
+check_result absent(const udi& address, const check_context& context)
 {
     check_result result{outcome::failed, cause{"absent"},
-                        "no USB device is " + ids_in(context.udi) +
+                        "no USB device is " + ids_in(address) +
                             " (devices on the bus: " + std::to_string(context.devices.size()) + ")"};
-    result.evidence = near_misses(context);
+    result.evidence = near_misses(address, context.devices);
     result.next = {"switch the scanner on and check its cable", tool_step::list_all_devices};
     return result;
 }
 
-check_result other_serial(const check_context& context, const std::vector<const usb_device*>& fitting)
+check_result other_serial(const udi& address, const check_context& context,
+                          const std::vector<const usb_device*>& fitting)
 {
     check_result result{outcome::warning, cause{"other_serial"},
-                        "no device has serial number " + in_quotes(get_device_serial(context.udi)) +
+                        "no device has serial number " + in_quotes(address.serial) +
                             ": the program opens the first with these ids, " +
                             description_of(*context.device)};
     if (fitting.size() > 1)
@@ -74,22 +75,16 @@ check_result other_serial(const check_context& context, const std::vector<const 
     return result;
 }
 
-bool names_location(const std::string& udi)
-{
-    return get_device_number(udi) != 0;
-}
-
 /// For an address with bus and device number, which the program does not compare.
-check_result by_location(const check_context& context)
+check_result by_location(const udi& address, const usb_device& device)
 {
-    const usb_device& device = *context.device;
-    if (get_bus_number(context.udi) == device.bus && get_device_number(context.udi) == device.address)
+    if (address.bus_number == device.bus && address.device_number == device.address)
         return {outcome::ok, {}, description_of(device)};
     return {outcome::warning,
             cause{"other_location"},
             "the program opens the first device with these ids, " + description_of(device),
-            {"the address names bus " + std::to_string(get_bus_number(context.udi)) + " device " +
-             std::to_string(get_device_number(context.udi))},
+            {"the address names bus " + std::to_string(address.bus_number) + " device " +
+             std::to_string(address.device_number)},
             {tool_step::list_devices}};
 }
 
@@ -112,13 +107,14 @@ check_result ambiguous(const check_context& context, const std::vector<const usb
 check_result check_bus(check_context& context)
 {
     context.devices = scan_usb(context.machine);
-    const std::vector<const usb_device*> fitting = devices_fitting(context.udi, context.devices);
+    const udi address(context.udi);
+    const std::vector<const usb_device*> fitting = devices_fitting(address, context.devices);
     if (fitting.empty())
-        return absent(context);
+        return absent(address, context);
     context.device = fitting.front();
-    const std::string serial = get_device_serial(context.udi);
-    if (!serial.empty() && context.device->serial != serial)
-        return names_location(context.udi) ? by_location(context) : other_serial(context, fitting);
+    if (!address.serial.empty() && context.device->serial != address.serial)
+        return address.device_number != 0 ? by_location(address, *context.device)
+                                          : other_serial(address, context, fitting);
     if (fitting.size() > 1)
         return ambiguous(context, fitting);
     return {outcome::ok, {}, description_of(*context.device)};

@@ -41,15 +41,15 @@ std::string names_of(const std::vector<const usb_device*>& devices)
 
 std::vector<std::string> warnings_about(const usb_device& device, const std::vector<usb_device>& all)
 {
-    const std::string udi = udi_of(device);
-    if (udi.empty())
+    const std::string address = udi_of(device);
+    if (address.empty())
         return {device.node.path + " has no address: its vendor or product id is 0"};
     std::vector<std::string> warnings;
     if (device.serial.find(':') != std::string::npos)
         warnings.push_back(device.node.path +
                            " has a serial number with a colon, which no address can carry");
-    if (const auto fitting = devices_fitting(udi, all); fitting.size() > 1)
-        warnings.push_back(udi + " fits " + names_of(fitting) +
+    if (const auto fitting = devices_fitting(udi(address), all); fitting.size() > 1)
+        warnings.push_back(address + " fits " + names_of(fitting) +
                            ": which of them is opened depends on their order on the bus");
     return warnings;
 }

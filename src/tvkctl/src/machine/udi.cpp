@@ -2,14 +2,7 @@
 
 #include <algorithm>
 
-#include "tvkintif/src/udi.h"
-
 namespace tarvik::tvkctl {
-
-bool is_udi(const std::string& text)
-{
-    return get_vid(text) != 0 && get_pid(text) != 0;
-}
 
 std::string udi_of(const usb_device& device)
 {
@@ -30,16 +23,16 @@ std::string shell_word(const std::string& text)
     return word + "'";
 }
 
-std::vector<const usb_device*> devices_fitting(const std::string& udi, const std::vector<usb_device>& all)
+std::vector<const usb_device*> devices_fitting(const udi& address, const std::vector<usb_device>& all)
 {
     std::vector<const usb_device*> by_ids;
     for (const usb_device& device : all)
-        if (device.vendor_id == get_vid(udi) && device.product_id == get_pid(udi))
+        if (device.vendor_id == address.vendor_id && device.product_id == address.product_id)
             by_ids.push_back(&device);
-    const std::string serial = get_device_serial(udi);
     std::vector<const usb_device*> by_serial;
-    std::copy_if(by_ids.begin(), by_ids.end(), std::back_inserter(by_serial),
-                 [&](const usb_device* device) { return !serial.empty() && device->serial == serial; });
+    std::copy_if(by_ids.begin(), by_ids.end(), std::back_inserter(by_serial), [&](const usb_device* device) {
+        return !address.serial.empty() && device->serial == address.serial;
+    });
     return by_serial.empty() ? by_ids : by_serial;
 }
 
