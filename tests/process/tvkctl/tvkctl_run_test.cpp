@@ -234,7 +234,7 @@ TEST_F(tvkctl_run_test, a_refused_step_is_the_last_and_the_scanner_is_parked)
 
 TEST_F(tvkctl_run_test, a_refused_query_has_the_same_status)
 {
-    EXPECT_EQ(run_steps({"query 3"}).status, 13);
+    EXPECT_EQ(run_steps({"query 0xFFFFFFFF"}).status, 13);
 }
 
 TEST_F(tvkctl_run_test, a_refused_open_says_who_knows_why)

@@ -67,6 +67,9 @@ bytes request(std::uint32_t id, std::uint32_t code, std::uint32_t value = 0, con
     return message(id, code, 0, value, payload);
 }
 
+/// A request that is always answered ng.
+const bytes kRefused = request(1, kQuery, 0xFFFFFFFF);
+
 bytes open_request(const std::string& udi = kAddress, std::uint32_t id = 0)
 {
     return request(id, kOpen, 0, bytes_of(udi));
@@ -340,7 +343,7 @@ TEST_F(dispatch_test, session_is_closed_after_the_last_line_of_the_loop)
 
 TEST_F(dispatch_test, requests_are_answered_one_by_one_in_their_order)
 {
-    EXPECT_EQ(serve(request(1, kQuery, 1) + request(1, kQuery, 3) + request(2, kQuery, 1) + open_request() +
+    EXPECT_EQ(serve(request(1, kQuery, 1) + kRefused + request(2, kQuery, 1) + open_request() +
                     request(1, kRecv, 2)),
               hex(ok(1, bytes(4, 0)) + ng(1) + nak(2) + ok(1) + ok(1, device_bytes(2))));
 }
@@ -383,7 +386,7 @@ TEST_F(dispatch_test, request_that_was_read_ends_a_row_of_failures)
     system_calls calls;
     calls.fail("read", EINTR, 1);
     calls.fail("read", EINTR, 3);
-    m_front_end->send(request(1, kQuery, 3));
+    m_front_end->send(kRefused);
     m_front_end->end_stream();
     m_dispatch->run();
     EXPECT_EQ(starting_with("usleep ", support::take_dialogue()), lines());
@@ -433,7 +436,7 @@ TEST_F(dispatch_test, request_after_a_read_that_failed_is_served)
 {
     system_calls calls;
     calls.fail("read", EINTR);
-    m_front_end->send(request(1, kQuery, 3));
+    m_front_end->send(kRefused);
     m_front_end->end_stream();
     m_dispatch->run();
     EXPECT_EQ(replies(), hex(ng(1)));
@@ -443,7 +446,7 @@ TEST_F(dispatch_test, request_after_a_reply_that_could_not_be_written_is_served)
 {
     system_calls calls;
     calls.fail("write", EPIPE);
-    m_front_end->send(request(1, kQuery, 1) + request(1, kQuery, 3));
+    m_front_end->send(request(1, kQuery, 1) + kRefused);
     m_front_end->end_stream();
     m_dispatch->run();
     EXPECT_EQ(replies(), hex(ng(1)));
@@ -454,7 +457,7 @@ TEST_F(dispatch_test, request_that_a_signal_came_with_is_served_and_then_the_loo
     const termination_handler handler;
     system_calls calls;
     calls.before("read", [] { std::raise(SIGTERM); });
-    m_front_end->send(request(1, kQuery, 3) + request(1, kQuery, 1));
+    m_front_end->send(kRefused + request(1, kQuery, 1));
     m_dispatch->run();
     EXPECT_EQ(replies(), hex(ng(1)));
 }
@@ -622,12 +625,12 @@ INSTANTIATE_TEST_SUITE_P(dispatch_test, wrong_id,
 
 TEST_F(dispatch_test, refused_request_leaves_the_loop_running)
 {
-    EXPECT_EQ(serve(request(2, kSend) + request(1, kQuery, 3)), hex(nak(2) + ng(1)));
+    EXPECT_EQ(serve(request(2, kSend) + kRefused), hex(nak(2) + ng(1)));
 }
 
 TEST_F(dispatch_test, refused_close_ends_the_loop_all_the_same)
 {
-    EXPECT_EQ(serve_open_ended(request(2, kClose) + request(1, kQuery, 3)), hex(nak(2)));
+    EXPECT_EQ(serve_open_ended(request(2, kClose) + kRefused), hex(nak(2)));
     EXPECT_EQ(do_cleanup, 1);
 }
 
@@ -702,14 +705,13 @@ TEST_F(dispatch_test, value_of_a_send_does_not_matter)
 
 TEST_F(dispatch_test, send_before_an_open_is_ng_and_the_loop_goes_on)
 {
-    EXPECT_EQ(serve(request(1, kSend, 0, {1, 2, 3}) + request(1, kQuery, 3)), hex(ng(1) + ng(1)));
+    EXPECT_EQ(serve(request(1, kSend, 0, {1, 2, 3}) + kRefused), hex(ng(1) + ng(1)));
 }
 
 TEST_F(dispatch_test, send_that_the_plugin_fails_is_ng_and_the_loop_goes_on)
 {
     use_plugin("plugin_failing");
-    EXPECT_EQ(serve(open_request() + request(1, kSend, 0, {1, 2, 3}) + request(1, kQuery, 3)),
-              hex(ok(1) + ng(1) + ng(1)));
+    EXPECT_EQ(serve(open_request() + request(1, kSend, 0, {1, 2, 3}) + kRefused), hex(ok(1) + ng(1) + ng(1)));
 }
 
 // Receiving
@@ -745,14 +747,13 @@ TEST_F(dispatch_test, receive_of_a_million_bytes_arrives_whole)
 
 TEST_F(dispatch_test, receive_before_an_open_is_ng_and_the_loop_goes_on)
 {
-    EXPECT_EQ(serve(request(1, kRecv, 3) + request(1, kQuery, 3)), hex(ng(1) + ng(1)));
+    EXPECT_EQ(serve(request(1, kRecv, 3) + kRefused), hex(ng(1) + ng(1)));
 }
 
 TEST_F(dispatch_test, receive_that_the_plugin_fails_is_ng_and_the_loop_goes_on)
 {
     use_plugin("plugin_failing");
-    EXPECT_EQ(serve(open_request() + request(1, kRecv, 3) + request(1, kQuery, 3)),
-              hex(ok(1) + ng(1) + ng(1)));
+    EXPECT_EQ(serve(open_request() + request(1, kRecv, 3) + kRefused), hex(ok(1) + ng(1) + ng(1)));
 }
 
 TEST_F(dispatch_test, receive_of_nothing_is_ng_without_the_plugin)

@@ -19,6 +19,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/lines.h"
 #include "support/log_reader.h"
 #include "support/open_log.h"
 #include "support/private_paths.h"
@@ -29,16 +30,16 @@
 #include "unit/tvkintif/peer.h"
 #include "unit/tvkintif/system_calls.h"
 
+using support::lines;
 using unit::bytes;
 using unit::bytes_of;
 using unit::hex;
 using unit::interruptions;
+using support::operator+;
 using unit::peer;
 using unit::system_calls;
 
 namespace {
-
-using lines = std::vector<std::string>;
 
 constexpr std::chrono::seconds kDeadline{10};
 constexpr int kHeaderSize = 20;
@@ -46,18 +47,6 @@ const std::string kSetTimeOut =
     "setsockopt #1 SOL_SOCKET SO_RCVTIMEO " + std::to_string(ipc_connection::kTimeoutSeconds) + " s";
 
 static_assert(!std::is_copy_constructible_v<ipc_connection> && !std::is_copy_assignable_v<ipc_connection>);
-
-lines operator+(lines first, const lines& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-bytes operator+(bytes first, const bytes& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 void append_big_endian(bytes& wire, std::uint32_t field)
 {

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "support/dialogue.h"
+#include "support/lines.h"
 #include "support/log_reader.h"
 #include "support/open_log.h"
 #include "support/private_paths.h"
@@ -30,6 +31,7 @@
 #include "unit/tvkintif/peer.h"
 #include "unit/tvkintif/system_calls.h"
 
+using support::lines;
 using unit::bytes;
 using unit::bytes_of;
 using unit::interruptions;
@@ -38,8 +40,6 @@ using unit::peer;
 using unit::system_calls;
 
 namespace {
-
-using lines = std::vector<std::string>;
 
 constexpr std::chrono::seconds kDeadline{10};
 constexpr unsigned int kTimeout = 300;
@@ -53,12 +53,6 @@ lines all_options(const std::string& descriptor)
     const std::string start = "setsockopt " + descriptor + " SOL_SOCKET ";
     return {start + "SO_REUSEADDR 1", start + "SO_KEEPALIVE 0", start + "SO_RCVTIMEO 300 s",
             start + "SO_SNDTIMEO 300 s"};
-}
-
-lines operator+(lines first, const lines& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
 }
 
 /// What bind() does to ask for `port` with a time-out of 300 seconds.

@@ -480,7 +480,7 @@ TEST_F(log_of_others_test, a_user_cannot_remove_the_directory_of_root)
               place.directory() + " cannot be removed: Permission denied");
 }
 
-TEST_F(log_of_others_test, a_user_cannot_purge_what_is_roots)
+TEST_F(log_of_others_test, a_user_cannot_purge_files_of_root)
 {
     with_directory();
     with_log("tvkintif_20261115.log");
