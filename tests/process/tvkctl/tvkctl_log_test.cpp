@@ -118,13 +118,13 @@ TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_71)
               std::string::npos);
 }
 
-TEST_F(tvkctl_log_test, a_directory_of_another_user_is_warned_of)
+TEST_F(tvkctl_log_test, a_directory_of_another_user_is_off_with_its_remedy)
 {
     support::make_log_directory();
     ASSERT_EQ(chown(support::log_directory.c_str(), 65534, 65534), 0);
-    EXPECT_EQ(run({"log"}).err,
-              "tvkctl: warning: /tmp/velnor/tvkintif belongs to nobody, who could redirect what "
-              "this user's programs log\n");
+    EXPECT_EQ(run({"log"}).out,
+              "Logging is off: /tmp/velnor/tvkintif belongs neither to root nor to this user\n"
+              "See who put it there (ls -ld /tmp/velnor/tvkintif) and have root remove it.\n");
 }
 
 TEST_F(tvkctl_log_test, json_tells_the_state)

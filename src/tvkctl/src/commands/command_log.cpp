@@ -93,18 +93,10 @@ std::string octal(mode_t mode)
     return text.data();
 }
 
-/// Whoever owns the directory decides what a file in it really is.
-std::string danger_of(const log_state& state, const log_place& place)
-{
-    const bool has_directory = !state.owner.name.empty();
-    if (!has_directory || state.owner.id == 0 || state.owner.id == geteuid())
-        return {};
-    return place.directory() + " belongs to " + state.owner.name +
-           ", who could redirect what this user's programs log";
-}
-
 std::string advice_on(const log_state& state)
 {
+    if (const std::string remedy = remedy_for_distrust(state); !remedy.empty())
+        return remedy;
     if (!state.is_on())
         return "Turn it on with: tvkctl log on.";
     return "Have root hand it over with: sudo tvkctl log on --for " + user_of(geteuid()).name + ".";
@@ -157,8 +149,6 @@ void show_state(const log_state& state, const log_place& place, console& io)
     show_directory(state, place, io);
     if (!state.reaches_file())
         io.out() << advice_on(state) << '\n';
-    if (const std::string danger = danger_of(state, place); !danger.empty())
-        io.warning(danger);
 }
 
 /// The common end of everything that looks at the switch or turns it.

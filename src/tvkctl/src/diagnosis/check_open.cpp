@@ -64,6 +64,8 @@ std::vector<advice> advice_on_logging(const check_context& context)
 {
     const log_state state = look_at_log(context.log, std::time(nullptr));
     const advice again(tool_step::explain, context.udi, "then tells the reason");
+    if (const std::string remedy = remedy_for_distrust(state); !remedy.empty())
+        return {remedy};
     if (!state.is_on())
         return {tool_step::turn_log_on, again};
     if (!state.may_write)

@@ -19,6 +19,7 @@ namespace tarvik::tvkctl {
 
 namespace {
 
+using vl::common::log::EDistrust;
 using vl::common::log::kLevelKey;
 using vl::common::log::kLevels;
 using vl::common::log::kLogFolder;
@@ -56,6 +57,33 @@ void read_level(const log_place& place, log_state& state)
         const bool has_level = settings.is_enabled(static_cast<log_level>(INT_MAX));
         state.why = has_level ? log_state::reason::level_too_high : log_state::reason::no_level;
     }
+}
+
+/// Whether the program may have its log in a directory, or below it; `state` is told why not.
+bool may_hold_log(const std::string& directory, log_state& state)
+{
+    const EDistrust found = vl::common::log::judge_directory(directory);
+    if (found == EDistrust::none)
+        return true;
+    if (found == EDistrust::wrong_kind)
+        state.why = log_state::reason::not_directory;
+    if (found == EDistrust::foreign_owner || found == EDistrust::foreign_link) {
+        state.why = log_state::reason::distrusted;
+        state.distrust = found;
+        state.strange_path = directory;
+    }
+    return false;
+}
+
+/// Whether the program passes over a file though it is there; `state` is told why.
+bool is_distrusted(const std::string& path, int flags, log_state& state)
+{
+    const EDistrust found = vl::common::log::TrustedFile(path.c_str(), flags).reason();
+    if (found == EDistrust::none || found == EDistrust::absent)
+        return false;
+    state.distrust = found;
+    state.strange_path = path;
+    return true;
 }
 
 /// Who made what lies below /tmp decides whether it can be trusted with what is logged.
@@ -314,13 +342,11 @@ log_state look_at_log(const log_place& place, std::time_t now)
 {
     log_state state;
     state.file = place.directory() + "/" + kProgramName + "_" + day_of(now) + ".log";
+    if (!may_hold_log(place.root, state) || !may_hold_log(place.directory(), state))
+        return state;
     struct stat found = {};
     if (stat(place.directory().c_str(), &found) != 0)
         return state;
-    if (!S_ISDIR(found.st_mode)) {
-        state.why = log_state::reason::not_directory;
-        return state;
-    }
     state.owner = user_of(found.st_uid);
     state.mode = found.st_mode & ~static_cast<mode_t>(S_IFMT);
     state.has_settings = may_access(place.settings(), R_OK);
@@ -328,11 +354,28 @@ log_state look_at_log(const log_place& place, std::time_t now)
     state.may_write = may_access(place.directory(), X_OK) &&
                       may_access(state.has_file ? state.file : place.directory(), W_OK);
     read_level(place, state);
+    if (is_distrusted(place.settings(), O_RDONLY, state))
+        state.why = log_state::reason::distrusted;
+    else if (is_distrusted(state.file, O_WRONLY | O_APPEND, state))
+        state.may_write = false;
     return state;
 }
 
 std::string why_not_logged(const log_state& state, const log_place& place)
 {
+    switch (state.distrust) {
+    case EDistrust::foreign_owner:
+        return state.strange_path + " belongs neither to root nor to this user";
+    case EDistrust::foreign_link:
+        return state.strange_path + " is a link that belongs neither to root nor to this user";
+    case EDistrust::wrong_kind:
+        return state.strange_path + " is neither a regular file nor a device";
+    case EDistrust::several_names:
+        return state.strange_path + " has other names (hard links), which others may have made";
+    case EDistrust::none:
+    case EDistrust::absent:
+        break;
+    }
     switch (state.why) {
     case log_state::reason::no_directory:
         return place.directory() + " does not exist";
@@ -342,6 +385,7 @@ std::string why_not_logged(const log_state& state, const log_place& place)
         return place.settings() + " sets no loglevel";
     case log_state::reason::level_too_high:
         return place.settings() + " sets a loglevel above that of FATAL";
+    case log_state::reason::distrusted:
     case log_state::reason::on:
         break;
     }
@@ -349,6 +393,13 @@ std::string why_not_logged(const log_state& state, const log_place& place)
         return {};
     return (state.has_file ? state.file : place.directory()) + " is not writable by " +
            user_of(geteuid()).name;
+}
+
+std::string remedy_for_distrust(const log_state& state)
+{
+    if (state.distrust == EDistrust::none)
+        return {};
+    return "See who put it there (ls -ld " + state.strange_path + ") and have root remove it.";
 }
 
 log_change turn_log_on(const log_place& place, std::optional<log_level> least,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/log/trusted_file.h"
 #include "tvkctl/src/log/log_files.h"
 #include "tvkctl/src/log/log_line.h"
 #include "tvkctl/src/machine/accounts.h"
@@ -20,6 +21,7 @@ struct log_state {
         on,
         no_directory,  ///< which is the switch
         not_directory, ///< something else has its name
+        distrusted,    ///< the program does not trust the directory or the settings
         no_level,      ///< the settings file names none
         level_too_high ///< the settings file names one above FATAL
     };
@@ -36,11 +38,16 @@ struct log_state {
     mode_t mode = 0;                     ///< of the directory
     std::string file = {};               ///< today's, whether it is there or not
     bool has_file = false;
+    /// Why the program passes over `strange_path`: directory, settings or today's file.
+    vl::common::log::EDistrust distrust = vl::common::log::EDistrust::none;
+    std::string strange_path = {};
 };
 
 log_state look_at_log(const log_place& place, std::time_t now);
 /// One sentence without full stop: why nothing is logged. Empty when this user's programs log.
 std::string why_not_logged(const log_state& state, const log_place& place);
+/// What to do about something that the program does not trust, a sentence. Empty when it trusts all of it.
+std::string remedy_for_distrust(const log_state& state);
 
 inline constexpr cause kLogRefused{"log_refused"}; ///< the directory cannot be trusted or changed
 

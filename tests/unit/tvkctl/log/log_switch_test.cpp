@@ -361,6 +361,62 @@ protected:
     const account somebody{kSomebody, std::to_string(kSomebody)};
 };
 
+TEST_F(log_switch_test, settings_that_are_no_file_turn_it_off)
+{
+    with_directory();
+    ASSERT_EQ(mkfifo(place.settings().c_str(), 0600), 0);
+    EXPECT_EQ(state().why, log_state::reason::distrusted);
+    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " is neither a regular file nor a device");
+    EXPECT_EQ(remedy_for_distrust(state()),
+              "See who put it there (ls -ld " + place.settings() + ") and have root remove it.");
+}
+
+TEST_F(log_switch_test, log_that_is_no_file_takes_no_lines)
+{
+    with_directory();
+    ASSERT_EQ(mkfifo(state().file.c_str(), 0600), 0);
+    EXPECT_TRUE(state().is_on());
+    EXPECT_FALSE(state().reaches_file());
+    EXPECT_EQ(why_not_logged(state(), place), state().file + " is neither a regular file nor a device");
+}
+
+TEST_F(log_switch_test, log_with_other_names_takes_no_lines_where_others_may_write)
+{
+    with_directory(01777);
+    folder.append("velnor/other", "line\n");
+    fs::create_hard_link(folder / "velnor/other", state().file);
+    EXPECT_FALSE(state().reaches_file());
+    EXPECT_EQ(why_not_logged(state(), place),
+              state().file + " has other names (hard links), which others may have made");
+}
+
+TEST_F(log_switch_test, what_is_trusted_needs_no_remedy)
+{
+    with_directory();
+    EXPECT_EQ(remedy_for_distrust(state()), "");
+}
+
+TEST_F(log_of_others_test, both_levels_are_off_when_they_belong_to_another_user)
+{
+    with_directory();
+    for (const std::string& path : {place.root, place.directory()}) {
+        give(path);
+        EXPECT_EQ(state().why, log_state::reason::distrusted);
+        EXPECT_EQ(why_not_logged(state(), place), path + " belongs neither to root nor to this user");
+        ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
+    }
+}
+
+TEST_F(log_of_others_test, link_of_another_user_takes_no_lines)
+{
+    with_directory();
+    fs::create_symlink(folder / "target", state().file);
+    ASSERT_EQ(lchown(state().file.c_str(), kSomebody, kSomebody), 0);
+    EXPECT_FALSE(state().reaches_file());
+    EXPECT_EQ(why_not_logged(state(), place),
+              state().file + " is a link that belongs neither to root nor to this user");
+}
+
 TEST_F(log_of_others_test, on_refuses_a_root_of_another_user)
 {
     fs::create_directory(place.root);
