@@ -6,6 +6,8 @@ add_library(tvkintif_hardening INTERFACE)
 target_compile_options(tvkintif_hardening INTERFACE
   -fstack-protector-strong
   -fstack-clash-protection
+  -D_GLIBCXX_ASSERTIONS
+  "$<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>"
   # Fortified calls need an optimising build.
   "$<$<CONFIG:RelWithDebInfo,Release,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>"
   # Assertions guard against programming errors in shipped builds too: a null context handed to libusb
