@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
 
 #include "support/proc_files.h"
+#include "unit/tvkintif/allocation_seam.h"
 
 namespace {
 
@@ -110,7 +110,10 @@ TEST(payload_buffer_test, may_be_empty)
 TEST(payload_buffer_test, throws_when_there_is_no_such_memory_and_serves_on)
 {
     payload_buffer buffer(3);
-    EXPECT_THROW(buffer.resize(SIZE_MAX / 2 + 1), std::bad_alloc);
+    {
+        const unit::allocation_limit limit(0x100000);
+        EXPECT_THROW(buffer.resize(0x100001), std::bad_alloc);
+    }
     EXPECT_EQ(buffer.size(), 0U);
     buffer.resize(2);
     EXPECT_EQ(shown(buffer), zeros(2));
