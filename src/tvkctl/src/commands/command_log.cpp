@@ -95,7 +95,7 @@ std::string octal(mode_t mode)
 
 std::string advice_on(const log_state& state)
 {
-    if (const std::string remedy = remedy_for_distrust(state); !remedy.empty())
+    if (std::string remedy = remedy_for_distrust(state); !remedy.empty())
         return remedy;
     if (!state.is_on())
         return "Turn it on with: tvkctl log on.";
