@@ -498,6 +498,9 @@ TEST_F(plugin_check_test, a_plugin_that_hangs_when_it_is_loaded_is_given_up)
 
 TEST_F(plugin_check_test, a_plugin_that_throws_an_exception_when_it_is_loaded_is_told)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer's own dlopen() lets no exception pass: such a plugin ends the process";
+#endif
     install("plugin_throwing_when_loaded");
     const check_result result = check_installed_plugin(context);
     EXPECT_EQ(result.why.word, "crash");
