@@ -7,14 +7,15 @@
 #include <vector>
 
 #include "support/files.h"
+#include "support/plugin_files.h"
 #include "tvkctl/src/commands/cli.h"
 #include "tvkctl/src/plugin/elf_file.h"
-#include "unit/tvkctl/plugin/checked_plugins.h"
+#include "unit/tvkctl/plugin/armhf_plugin.h"
 #include "unit/tvkctl/plugin/scratch_file.h"
 
 using check_plugin_test::armhf_plugin;
-using check_plugin_test::checked_plugin;
 using check_plugin_test::scratch_file;
+using support::built_plugin;
 using tarvik::tvkctl::exit_code;
 
 namespace {
@@ -31,7 +32,7 @@ protected:
 
     exit_code check_run(const std::string& plugin)
     {
-        return check({checked_plugin(plugin), "--run", "--timeout", "30"});
+        return check({built_plugin(plugin), "--run", "--timeout", "30"});
     }
 
     std::string out() const { return m_out.str(); }
@@ -52,19 +53,19 @@ private:
 
 TEST_F(check_plugin_command, ends_well_for_a_good_plugin)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--for", "native"}), exit_code::ok);
+    EXPECT_EQ(check({built_plugin("passing"), "--for", "native"}), exit_code::ok);
     EXPECT_EQ(err(), "");
 }
 
 TEST_F(check_plugin_command, judges_for_armhf_unless_told_otherwise)
 {
-    check({checked_plugin("passing")});
+    check({built_plugin("passing")});
     EXPECT_TRUE(tells("judged for armhf (32-bit ARM, hard float)")) << out();
 }
 
 TEST_F(check_plugin_command, judges_for_this_machine_when_it_runs_the_plugin)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--run"}), exit_code::ok) << err();
+    EXPECT_EQ(check({built_plugin("passing"), "--run"}), exit_code::ok) << err();
     EXPECT_TRUE(tells("judged for native")) << out();
 }
 
@@ -104,7 +105,7 @@ TEST_F(check_plugin_command, complains_of_a_file_that_is_no_elf_file)
 
 TEST_F(check_plugin_command, complains_of_a_file_that_is_cut_off)
 {
-    const std::string whole = support::read_file(checked_plugin("passing"));
+    const std::string whole = support::read_file(built_plugin("passing"));
     const scratch_file half(whole.substr(0, whole.size() / 2));
     EXPECT_EQ(check({half.path()}), exit_code::plugin_not_a_library);
     EXPECT_TRUE(complains_in_one_line_of("cut off")) << err();
@@ -114,13 +115,13 @@ TEST_F(check_plugin_command, has_a_code_for_a_plugin_of_another_machine)
 {
     if (tarvik::tvkctl::own_identity() == tarvik::tvkctl::armhf_identity())
         GTEST_SKIP() << "this is the machine that is judged for";
-    EXPECT_EQ(check({checked_plugin("passing"), "--for", "armhf"}), exit_code::plugin_wrong_machine);
+    EXPECT_EQ(check({built_plugin("passing"), "--for", "armhf"}), exit_code::plugin_wrong_machine);
     EXPECT_TRUE(complains_in_one_line_of("Build it with arm-linux-gnueabihf-gcc")) << err();
 }
 
 TEST_F(check_plugin_command, has_a_code_for_a_plugin_without_an_entry_point)
 {
-    EXPECT_EQ(check({checked_plugin("cpp_names"), "--for", "native"}), exit_code::plugin_incomplete);
+    EXPECT_EQ(check({built_plugin("cpp_names"), "--for", "native"}), exit_code::plugin_incomplete);
 }
 
 TEST_F(check_plugin_command, does_not_run_a_plugin_without_an_entry_point)
@@ -131,7 +132,7 @@ TEST_F(check_plugin_command, does_not_run_a_plugin_without_an_entry_point)
 
 TEST_F(check_plugin_command, has_a_code_for_a_plugin_that_lacks_a_library)
 {
-    EXPECT_EQ(check({checked_plugin("needing_absent_library"), "--for", "native"}),
+    EXPECT_EQ(check({built_plugin("needing_absent_library"), "--for", "native"}),
               exit_code::plugin_needs_missing);
 }
 
@@ -148,7 +149,7 @@ TEST_F(check_plugin_command, has_a_code_for_a_plugin_that_throws)
 
 TEST_F(check_plugin_command, has_a_code_for_a_plugin_that_hangs)
 {
-    EXPECT_EQ(check({checked_plugin("hanging"), "--run", "--timeout", "100ms"}), exit_code::plugin_hung);
+    EXPECT_EQ(check({built_plugin("hanging"), "--run", "--timeout", "100ms"}), exit_code::plugin_hung);
     EXPECT_TRUE(complains_in_one_line_of("did not return within 0.100 s")) << err();
 }
 
@@ -171,7 +172,7 @@ TEST_F(check_plugin_command, only_warns_of_output)
 
 TEST_F(check_plugin_command, only_warns_of_a_plugin_that_refuses_what_a_scripted_device_answers)
 {
-    EXPECT_EQ(check_run("refusing"), exit_code::ok);
+    EXPECT_EQ(check_run("plugin_refusing"), exit_code::ok);
     EXPECT_TRUE(tells("refused to start")) << out();
 }
 
@@ -197,7 +198,7 @@ TEST_F(check_plugin_command, tells_what_the_loader_says_when_it_runs_a_plugin_th
 
 TEST_F(check_plugin_command, only_warns_of_a_plugin_that_gives_up_when_half_of_the_bytes_move)
 {
-    EXPECT_EQ(check_run("failing"), exit_code::ok);
+    EXPECT_EQ(check_run("plugin_failing"), exit_code::ok);
     EXPECT_TRUE(tells("Go on with the rest when a transfer moves less than was asked.")) << out();
 }
 
@@ -221,7 +222,7 @@ TEST_F(check_plugin_command, only_warns_of_a_process_that_is_left)
 
 TEST_F(check_plugin_command, writes_all_of_it_as_json)
 {
-    const exit_code code = check({checked_plugin("crashing_in_ctor"), "--run", "--json"});
+    const exit_code code = check({built_plugin("crashing_in_ctor"), "--run", "--json"});
     const auto document = nlohmann::json::parse(out());
     EXPECT_EQ(document.at("for"), "native");
     EXPECT_EQ(document.at("ok"), false);
@@ -241,31 +242,31 @@ TEST_F(check_plugin_command, sends_and_answers_what_it_is_told)
 
 TEST_F(check_plugin_command, refuses_bytes_that_are_none)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--run", "--send", "xyz"}), exit_code::usage);
+    EXPECT_EQ(check({built_plugin("passing"), "--run", "--send", "xyz"}), exit_code::usage);
     EXPECT_TRUE(complains_in_one_line_of("--send")) << err();
 }
 
 TEST_F(check_plugin_command, refuses_to_send_a_file_that_is_not_there)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--run", "--send", "@/nonexistent"}), exit_code::input_file);
+    EXPECT_EQ(check({built_plugin("passing"), "--run", "--send", "@/nonexistent"}), exit_code::input_file);
 }
 
 TEST_F(check_plugin_command, refuses_to_receive_nothing)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--run", "--recv", "0"}), exit_code::usage);
+    EXPECT_EQ(check({built_plugin("passing"), "--run", "--recv", "0"}), exit_code::usage);
 }
 
 TEST_F(check_plugin_command, refuses_a_time_that_is_none)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--run", "--timeout", "soon"}), exit_code::usage);
+    EXPECT_EQ(check({built_plugin("passing"), "--run", "--timeout", "soon"}), exit_code::usage);
 }
 
 TEST_F(check_plugin_command, refuses_a_version_that_is_none)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--glibc", "new"}), exit_code::usage);
+    EXPECT_EQ(check({built_plugin("passing"), "--glibc", "new"}), exit_code::usage);
 }
 
 TEST_F(check_plugin_command, refuses_a_sysroot_for_this_machine)
 {
-    EXPECT_EQ(check({checked_plugin("passing"), "--for", "native", "--sysroot", "/"}), exit_code::usage);
+    EXPECT_EQ(check({built_plugin("passing"), "--for", "native", "--sysroot", "/"}), exit_code::usage);
 }

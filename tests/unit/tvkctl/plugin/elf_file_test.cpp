@@ -12,15 +12,16 @@
 #include <string>
 
 #include "support/files.h"
+#include "support/plugin_files.h"
+#include "unit/tvkctl/plugin/armhf_plugin.h"
 #include "unit/tvkctl/plugin/bare_elf_file.h"
-#include "unit/tvkctl/plugin/checked_plugins.h"
 #include "unit/tvkctl/plugin/scratch_file.h"
 
 using check_plugin_test::armhf_plugin;
 using check_plugin_test::bare_arm_file;
 using check_plugin_test::bare_elf_file;
-using check_plugin_test::checked_plugin;
 using check_plugin_test::scratch_file;
+using support::built_plugin;
 using tarvik::tvkctl::elf_error;
 using tarvik::tvkctl::elf_file;
 using tarvik::tvkctl::float_abi;
@@ -58,7 +59,7 @@ tarvik::tvkctl::elf_identity identity_of(const std::string& content)
 
 std::string passing_content()
 {
-    return support::read_file(checked_plugin("passing"));
+    return support::read_file(built_plugin("passing"));
 }
 
 /// An object of an ELF file, to be read and changed in a copy of the file.
@@ -110,8 +111,7 @@ bool contains(const std::vector<std::string>& all, const std::string& one)
 
 TEST(elf_file, has_the_identity_of_the_program_for_what_was_built_along_with_it)
 {
-    EXPECT_EQ(read_elf_file(checked_plugin("passing")).identity.text(),
-              tarvik::tvkctl::own_identity().text());
+    EXPECT_EQ(read_elf_file(built_plugin("passing")).identity.text(), tarvik::tvkctl::own_identity().text());
 }
 
 TEST(elf_file, tells_a_hard_float_arm_library)
@@ -166,18 +166,18 @@ TEST(elf_identity, does_not_accept_a_library_of_the_other_float_abi)
 
 TEST(elf_file, lists_the_libraries_that_are_needed)
 {
-    EXPECT_TRUE(contains(read_elf_file(checked_plugin("needing_neighbour")).needed, "other_library.so"));
+    EXPECT_TRUE(contains(read_elf_file(built_plugin("needing_neighbour")).needed, "other_library.so"));
 }
 
 TEST(elf_file, lists_the_folders_in_which_a_library_looks_for_others)
 {
-    EXPECT_EQ(read_elf_file(checked_plugin("needing_neighbour")).search_path,
+    EXPECT_EQ(read_elf_file(built_plugin("needing_neighbour")).search_path,
               std::vector<std::string>{"$ORIGIN"});
 }
 
 TEST(elf_file, lists_the_versions_that_are_needed_of_the_c_library)
 {
-    const auto needs = read_elf_file(checked_plugin("printing")).version_needs;
+    const auto needs = read_elf_file(built_plugin("printing")).version_needs;
     EXPECT_TRUE(std::any_of(needs.begin(), needs.end(), [](const tarvik::tvkctl::elf_version_need& need) {
         return need.library == "libc.so.6" && need.version.rfind("GLIBC_2.", 0) == 0;
     }));
@@ -185,7 +185,7 @@ TEST(elf_file, lists_the_versions_that_are_needed_of_the_c_library)
 
 TEST(elf_file, finds_an_exported_function)
 {
-    const elf_file file = read_elf_file(checked_plugin("passing"));
+    const elf_file file = read_elf_file(built_plugin("passing"));
     const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_ctor");
     ASSERT_NE(symbol, nullptr);
     EXPECT_TRUE(symbol->is_function && symbol->is_exported);
@@ -193,7 +193,7 @@ TEST(elf_file, finds_an_exported_function)
 
 TEST(elf_file, tells_a_variable_from_a_function)
 {
-    const elf_file file = read_elf_file(checked_plugin("odd_symbols"));
+    const elf_file file = read_elf_file(built_plugin("odd_symbols"));
     const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_ctor");
     ASSERT_NE(symbol, nullptr);
     EXPECT_FALSE(symbol->is_function);
@@ -201,7 +201,7 @@ TEST(elf_file, tells_a_variable_from_a_function)
 
 TEST(elf_file, tells_a_symbol_that_is_only_used)
 {
-    const elf_file file = read_elf_file(checked_plugin("odd_symbols"));
+    const elf_file file = read_elf_file(built_plugin("odd_symbols"));
     const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_writer");
     ASSERT_NE(symbol, nullptr);
     EXPECT_FALSE(symbol->is_defined);
@@ -209,20 +209,20 @@ TEST(elf_file, tells_a_symbol_that_is_only_used)
 
 TEST(elf_file, tells_a_library_from_a_program)
 {
-    EXPECT_EQ(read_elf_file(checked_plugin("passing")).type, elf_file::kind::shared_library);
+    EXPECT_EQ(read_elf_file(built_plugin("passing")).type, elf_file::kind::shared_library);
     EXPECT_EQ(read_elf_file("/proc/self/exe").type, elf_file::kind::program);
 }
 
 TEST(elf_file, tells_an_executable_stack)
 {
-    EXPECT_TRUE(read_elf_file(checked_plugin("with_executable_stack")).wants_executable_stack);
-    EXPECT_FALSE(read_elf_file(checked_plugin("passing")).wants_executable_stack);
+    EXPECT_TRUE(read_elf_file(built_plugin("with_executable_stack")).wants_executable_stack);
+    EXPECT_FALSE(read_elf_file(built_plugin("passing")).wants_executable_stack);
 }
 
 TEST(elf_file, tells_relocations_in_the_code)
 {
-    EXPECT_TRUE(read_elf_file(checked_plugin("with_text_relocation")).has_text_relocations);
-    EXPECT_FALSE(read_elf_file(checked_plugin("passing")).has_text_relocations);
+    EXPECT_TRUE(read_elf_file(built_plugin("with_text_relocation")).has_text_relocations);
+    EXPECT_FALSE(read_elf_file(built_plugin("passing")).has_text_relocations);
 }
 
 TEST(elf_file, is_unreadable_when_it_is_missing)
@@ -232,7 +232,7 @@ TEST(elf_file, is_unreadable_when_it_is_missing)
 
 TEST(elf_file, is_unreadable_when_it_is_a_folder)
 {
-    EXPECT_EQ(failure_of_path(CHECKED_PLUGIN_DIR), "unreadable");
+    EXPECT_EQ(failure_of_path("/"), "unreadable");
 }
 
 TEST(elf_file, is_unreadable_when_it_is_a_pipe_that_nobody_writes_to)
@@ -315,7 +315,7 @@ TEST(elf_file, is_damaged_when_it_has_no_room_for_its_program_headers)
 
 TEST(elf_file, is_damaged_when_the_name_of_a_library_is_outside_of_all_tables)
 {
-    std::string content = support::read_file(checked_plugin("printing"));
+    std::string content = support::read_file(built_plugin("printing"));
     const std::size_t need = first_need_of(content);
     part<ElfW(Dyn)>(content, need)->d_un.d_val = static_cast<ElfW(Addr)>(-1);
     EXPECT_EQ(failure_of(content), "damaged");
@@ -323,7 +323,7 @@ TEST(elf_file, is_damaged_when_the_name_of_a_library_is_outside_of_all_tables)
 
 TEST(elf_file, is_damaged_when_its_table_of_versions_leads_outside)
 {
-    std::string content = support::read_file(checked_plugin("printing"));
+    std::string content = support::read_file(built_plugin("printing"));
     const std::size_t versions = section_of(content, SHT_GNU_verneed);
     part<ElfW(Verneed)>(content, versions)->vn_aux = 0x10000000;
     EXPECT_EQ(failure_of(content), "damaged");

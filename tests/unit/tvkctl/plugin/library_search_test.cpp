@@ -7,14 +7,14 @@
 #include <fstream>
 #include <string>
 
+#include "support/plugin_files.h"
 #include "unit/tvkctl/plugin/bare_elf_file.h"
-#include "unit/tvkctl/plugin/checked_plugins.h"
 #include "unit/tvkctl/plugin/scratch_file.h"
 
 using check_plugin_test::bare_arm_file;
 using check_plugin_test::bare_elf_file;
-using check_plugin_test::checked_plugin;
 using check_plugin_test::scratch_file;
+using support::built_plugin;
 using tarvik::tvkctl::elf_file;
 using tarvik::tvkctl::elf_identity;
 using tarvik::tvkctl::float_abi;
@@ -160,11 +160,12 @@ TEST_F(library_search_test, takes_a_name_with_a_slash_for_a_path)
 
 TEST_F(library_search_test, heeds_ld_library_path_on_this_machine_alone)
 {
-    setenv("LD_LIBRARY_PATH", "/nonexistent::" CHECKED_PLUGIN_DIR, 1);
+    const std::string library = built_plugin("other_library");
+    setenv("LD_LIBRARY_PATH", ("/nonexistent::" + fs::path(library).parent_path().string()).c_str(), 1);
     const auto here = library_search(tarvik::tvkctl::own_identity(), "").find("other_library.so", m_user);
     const auto there =
         library_search(tarvik::tvkctl::own_identity(), root()).find("other_library.so", m_user);
     unsetenv("LD_LIBRARY_PATH");
-    EXPECT_EQ(here, checked_plugin("other_library"));
+    EXPECT_EQ(here, library);
     EXPECT_EQ(there, std::nullopt);
 }

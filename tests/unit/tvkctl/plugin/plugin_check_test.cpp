@@ -8,11 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "support/plugin_files.h"
 #include "tvkctl/src/plugin/plugin_cause.h"
-#include "unit/tvkctl/plugin/checked_plugins.h"
+#include "unit/tvkctl/plugin/armhf_plugin.h"
 
 using check_plugin_test::armhf_plugin;
-using check_plugin_test::checked_plugin;
+using support::built_plugin;
 using tarvik::tvkctl::cause;
 using tarvik::tvkctl::check_plugin;
 using tarvik::tvkctl::check_result;
@@ -37,7 +38,7 @@ check_result line_of(const std::string& check, const elf_file& file,
 
 check_result line_of(const std::string& check, const std::string& plugin)
 {
-    return line_of(check, read_elf_file(checked_plugin(plugin)));
+    return line_of(check, read_elf_file(built_plugin(plugin)));
 }
 
 void expect_failed(const check_result& line, cause why, const std::string& part_of_summary)
@@ -50,7 +51,7 @@ void expect_failed(const check_result& line, cause why, const std::string& part_
 
 elf_file arm_file(float_abi floats)
 {
-    elf_file file = read_elf_file(checked_plugin("printing"));
+    elf_file file = read_elf_file(built_plugin("printing"));
     file.identity = tarvik::tvkctl::armhf_identity();
     file.identity.floats = floats;
     return file;
@@ -68,7 +69,7 @@ plugin_target foreign_target()
 TEST(plugin_check, finds_nothing_wrong_with_a_good_plugin)
 {
     for (const check_result& line :
-         check_plugin(read_elf_file(checked_plugin("passing")), tarvik::tvkctl::native_target()))
+         check_plugin(read_elf_file(built_plugin("passing")), tarvik::tvkctl::native_target()))
         EXPECT_EQ(line.came_out, check_outcome::ok) << line.check << ": " << line.summary;
 }
 
@@ -81,21 +82,21 @@ TEST(plugin_check, finds_nothing_wrong_with_a_good_arm_plugin_as_far_as_it_can_b
 
 TEST(plugin_check, is_bad_for_a_plugin_of_another_class)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.identity.bits = file.identity.bits == 64 ? 32 : 64;
     expect_failed(line_of("class", file), plugin_cause::kWrongMachine, "a process there is");
 }
 
 TEST(plugin_check, is_bad_for_a_plugin_of_the_other_byte_order)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.identity.is_big_endian = true;
     expect_failed(line_of("class", file), plugin_cause::kWrongMachine, "big-endian");
 }
 
 TEST(plugin_check, is_bad_for_a_plugin_of_another_machine)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.identity.machine = EM_RISCV;
     expect_failed(line_of("machine", file), plugin_cause::kWrongMachine, "RISC-V");
 }
@@ -119,7 +120,7 @@ TEST(plugin_check, is_bad_for_a_program)
 
 TEST(plugin_check, is_bad_for_an_object_file)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.type = elf_file::kind::other;
     expect_failed(line_of("kind", file), plugin_cause::kNotALibrary, "object file");
 }
@@ -162,13 +163,13 @@ TEST(plugin_check, is_bad_when_the_c_library_of_the_machine_is_too_old)
 {
     plugin_target target = tarvik::tvkctl::native_target();
     target.glibc = "2.1";
-    expect_failed(line_of("glibc", read_elf_file(checked_plugin("printing")), target),
+    expect_failed(line_of("glibc", read_elf_file(built_plugin("printing")), target),
                   plugin_cause::kNeedsMissing, "there is only 2.1");
 }
 
 TEST(plugin_check, compares_versions_by_number)
 {
-    elf_file file = read_elf_file(checked_plugin("printing"));
+    elf_file file = read_elf_file(built_plugin("printing"));
     file.version_needs = {
         {"libc.so.6", "GLIBC_2.4"}, {"libc.so.6", "GLIBC_2.34"}, {"libc.so.6", "GLIBC_2.9"}};
     plugin_target target = tarvik::tvkctl::native_target();
@@ -178,21 +179,21 @@ TEST(plugin_check, compares_versions_by_number)
 
 TEST(plugin_check, warns_of_the_insides_of_the_c_library)
 {
-    elf_file file = read_elf_file(checked_plugin("printing"));
+    elf_file file = read_elf_file(built_plugin("printing"));
     file.version_needs = {{"libc.so.6", "GLIBC_PRIVATE"}};
     EXPECT_EQ(line_of("glibc", file).came_out, check_outcome::warning);
 }
 
 TEST(plugin_check, is_bad_when_a_library_lacks_a_version)
 {
-    elf_file file = read_elf_file(checked_plugin("printing"));
+    elf_file file = read_elf_file(built_plugin("printing"));
     file.version_needs = {{"libc.so.6", "GLIBC_9.99"}};
     expect_failed(line_of("versions", file), plugin_cause::kNeedsMissing, "GLIBC_9.99 of libc.so.6");
 }
 
 TEST(plugin_check, does_not_miss_the_versions_of_a_library_that_is_missing_itself)
 {
-    elf_file file = read_elf_file(checked_plugin("needing_absent_library"));
+    elf_file file = read_elf_file(built_plugin("needing_absent_library"));
     file.version_needs.push_back({"other_library.so", "OTHER_1"});
     EXPECT_EQ(line_of("versions", file).came_out, check_outcome::ok);
 }
@@ -215,7 +216,7 @@ TEST(plugin_check, is_bad_for_an_entry_point_that_is_only_used)
 
 TEST(plugin_check, is_bad_for_an_entry_point_that_only_its_own_file_can_use)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     for (tarvik::tvkctl::elf_symbol& symbol : file.symbols)
         symbol.is_exported = symbol.is_exported && symbol.name != "interpreter_ctor";
     expect_failed(line_of("interpreter_ctor", file), plugin_cause::kIncomplete, "not visible from outside");
@@ -233,7 +234,7 @@ TEST(plugin_check, is_bad_for_a_symbol_that_is_nowhere)
 
 TEST(plugin_check, names_five_symbols_that_are_nowhere_and_counts_the_others)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     for (const char* name : {"one", "two", "three", "four", "five", "six", "seven"})
         file.symbols.push_back({std::string("nowhere_") + name, false, true, false, false});
     expect_failed(line_of("symbols", file), plugin_cause::kNeedsMissing, "nowhere_five and 2 more");
@@ -241,7 +242,7 @@ TEST(plugin_check, names_five_symbols_that_are_nowhere_and_counts_the_others)
 
 TEST(plugin_check, warns_of_a_symbol_that_only_the_program_brings_along)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.symbols.push_back({"libusb_init", false, true, false, false});
     const check_result line = line_of("symbols", file);
     EXPECT_EQ(line.came_out, check_outcome::warning);
@@ -250,7 +251,7 @@ TEST(plugin_check, warns_of_a_symbol_that_only_the_program_brings_along)
 
 TEST(plugin_check, is_good_when_only_a_weak_symbol_is_missing)
 {
-    elf_file file = read_elf_file(checked_plugin("passing"));
+    elf_file file = read_elf_file(built_plugin("passing"));
     file.symbols.push_back({"optional_helper", false, true, true, false});
     EXPECT_EQ(line_of("symbols", file).came_out, check_outcome::ok);
 }

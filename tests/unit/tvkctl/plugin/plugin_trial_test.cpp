@@ -12,9 +12,8 @@
 
 #include "support/plugin_files.h"
 #include "support/process_limits.h"
-#include "unit/tvkctl/plugin/checked_plugins.h"
 
-using check_plugin_test::checked_plugin;
+using support::built_plugin;
 using tarvik::exit_status;
 using tarvik::tvkctl::transfer_script;
 using tarvik::tvkctl::trial_extent;
@@ -36,7 +35,7 @@ trial_report try_one(const std::string& plugin, transfer_script script = transfe
                      milliseconds timeout = kPlenty)
 {
     trial_plan plan;
-    plan.path = checked_plugin(plugin);
+    plan.path = built_plugin(plugin);
     plan.script = script;
     plan.timeout = timeout;
     return try_plugin(plan);
@@ -132,7 +131,7 @@ TEST(plugin_trial, takes_a_bare_file_name_for_a_file_and_not_for_a_library_to_se
 
 TEST(plugin_trial, unloads_a_plugin_that_refuses_to_start)
 {
-    const trial_report report = try_one("refusing");
+    const trial_report report = try_one("plugin_refusing");
     EXPECT_EQ(report.end, outcome::refused);
     EXPECT_EQ(result_of(report, trial_step::dtor), -1) << "interpreter_dtor must not be called";
     EXPECT_EQ(result_of(report, trial_step::unload), 0);
@@ -154,7 +153,7 @@ TEST(plugin_trial, does_not_load_a_plugin_without_an_entry_point)
 
 TEST(plugin_trial, of_the_load_alone_calls_nothing)
 {
-    const trial_report report = only_load(checked_plugin("passing"));
+    const trial_report report = only_load(built_plugin("passing"));
     EXPECT_EQ(report.end, outcome::completed);
     EXPECT_EQ(report.last, trial_step::done);
     EXPECT_EQ(report.calls.size(), 2U) << "load, unload";
@@ -163,22 +162,22 @@ TEST(plugin_trial, of_the_load_alone_calls_nothing)
 
 TEST(plugin_trial, of_the_load_alone_names_each_function_that_is_missing)
 {
-    const trial_report report = only_load(support::built_plugin("plugin_without_reader"));
+    const trial_report report = only_load(built_plugin("plugin_without_reader"));
     EXPECT_EQ(report.end, outcome::completed);
     EXPECT_EQ(report.missing, std::vector<std::string>{"interpreter_reader"});
-    EXPECT_EQ(only_load(checked_plugin("cpp_names")).missing.size(), 4U);
+    EXPECT_EQ(only_load(built_plugin("cpp_names")).missing.size(), 4U);
 }
 
 TEST(plugin_trial, of_the_load_alone_tells_a_crash_while_unloading)
 {
-    const trial_report report = only_load(checked_plugin("crashing_at_unload"));
+    const trial_report report = only_load(built_plugin("crashing_at_unload"));
     EXPECT_EQ(report.end, outcome::died);
     EXPECT_EQ(report.last, trial_step::unload);
 }
 
 TEST(plugin_trial, of_the_load_alone_ends_a_plugin_that_hangs_and_what_it_started)
 {
-    const trial_report report = only_load(support::built_plugin("plugin_hanging_when_loaded"), kShort);
+    const trial_report report = only_load(built_plugin("plugin_hanging_when_loaded"), kShort);
     EXPECT_EQ(report.end, outcome::hung);
     EXPECT_EQ(report.last, trial_step::load);
     EXPECT_TRUE(report.has_left_processes);
@@ -242,7 +241,7 @@ TEST(plugin_trial, tells_a_plugin_that_writes_beyond_its_buffer)
 TEST(plugin_trial, tells_a_plugin_that_writes_in_front_of_a_buffer_that_fills_its_pages)
 {
     trial_plan plan;
-    plan.path = checked_plugin("underrunning");
+    plan.path = built_plugin("underrunning");
     plan.received = 64 * 1024; // where a page begins, whatever its size
     EXPECT_EQ(try_plugin(plan).words, "before the beginning of the buffer that it was lent");
 }

@@ -6,12 +6,6 @@
 
 namespace check_plugin_test {
 
-/// Path of a plugin that CMakeLists.txt builds for these tests, by its name there.
-inline std::string checked_plugin(const std::string& name)
-{
-    return std::string(CHECKED_PLUGIN_DIR) + "/" + name + ".so";
-}
-
 /// Path of the sample plugin, built for armhf by the cross compiler; empty where there is none.
 inline std::string armhf_plugin()
 {
