@@ -1,5 +1,5 @@
 /*
- * What a scanner plugin and the process that loads it owe each other.
+ * The contract between a scanner plugin and the process that loads it.
  *
  * A plugin is a shared library that speaks the command protocol of one scanner model. tvkintif picks it by
  * the USB product id, loads it, and passes a front-end's bytes to it; whatever crosses the USB bus, the
@@ -8,14 +8,14 @@
  * Order of calls: load, interpreter_ctor; if that returned non-zero, any number of interpreter_writer and
  * interpreter_reader in any order, then interpreter_dtor; unload. There are two exceptions. A plugin that
  * refused is unloaded without interpreter_dtor. And when a device was lost and is opened again, the plugin is
- * not stopped before it is started anew: a second interpreter_ctor has to forget whatever the first one left.
+ * not stopped before it is started again: a second interpreter_ctor has to forget what the first one left.
  *
  * Threads: the process makes all calls from one thread, never one while another is under way. A plugin may
  * have threads of its own; they must have ended when interpreter_dtor returns, because the code that they run
  * is unmapped next.
  *
  * Time: a call may take as long as it needs. The front-end waits for it, and so does everything else that the
- * process does, its end included.
+ * process does, including its end.
  *
  * The process: standard output belongs to the front-end, which reads one line from it at the start and
  * perhaps nothing afterwards: a plugin that fills that pipe waits for ever. Signals 1, 2 and 15 have

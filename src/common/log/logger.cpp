@@ -99,7 +99,7 @@ std::string read_beginning(int descriptor)
     return text;
 }
 
-/// One system call, so that nothing comes between the parts. What a full disk has no room for is lost.
+/// One system call, so that nothing comes between the parts. What does not fit on a full disk is lost.
 void write_line(int descriptor, std::string_view header, std::string_view text)
 {
     std::array<iovec, 2> parts = {{

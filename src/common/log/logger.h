@@ -42,7 +42,7 @@ extern std::mutex log_mtx;
 
 /// Finds the log directory (kLogRoot, then "/" and `name` unless it is empty), reads `config_file` from it
 /// and fixes the stem of the daily log file. Logging stays off, silently, when the directory does not exist,
-/// or belongs to neither root nor the own user: creating it is the switch, and not a stranger's. Call once,
+/// or belongs to neither root nor this user: creating it turns logging on, and no stranger may. Call once,
 /// before any record is to be written. The first argument is not used.
 void init_log(void*, const std::string& name, const std::string& config_file);
 
@@ -53,13 +53,13 @@ void init_log(void*, const std::string& name, const std::string& config_file);
 /// log_mtx; from then on it only reads. output_logfile() is called under log_mtx.
 class logConfigure {
 public:
-    /// The one object that records ask.
+    /// The one object that records consult.
     static logConfigure instance_;
 
     logConfigure() = default;
     logConfigure(const logConfigure&) = delete;
     logConfigure& operator=(const logConfigure&) = delete;
-    // The cached level lasts as long as the object: whoever needs fresh settings moves in a new one.
+    // The cached level lasts as long as the object: whoever needs fresh settings assigns a new one.
     logConfigure(logConfigure&&) = default;
     logConfigure& operator=(logConfigure&&) = default;
     ~logConfigure() = default;
@@ -178,7 +178,7 @@ Logger& Logger::operator<<(const T& value)
         return *this;
     try {
         std::ostringstream text;
-        text.exceptions(std::ios::badbit); // or a value that memory is too short for would be written in part
+        text.exceptions(std::ios::badbit); // else, when memory runs out, a value would be written in part
         text << value;
         put(text.str().c_str());
     } catch (const std::bad_alloc&) {

@@ -55,7 +55,7 @@ EDistrust read_link(const char* path, path_text& target)
     return length < static_cast<int>(target.size()) ? EDistrust::none : EDistrust::absent;
 }
 
-/// Whether the own user alone can give a file in the directory of `path` another name.
+/// Whether only this user can give a file in the directory of `path` another name.
 bool is_own_directory(const char* path)
 {
     path_text directory{};
@@ -98,7 +98,7 @@ void TrustedFile::open_at(const char* path, int flags, int links)
             close(descriptor);
         return;
     }
-    // What a FIFO without a reader, or a socket, says to who wants to write.
+    // What a FIFO without a reader, or a socket, answers a writer.
     m_reason = errno == ENXIO ? EDistrust::wrong_kind : EDistrust::absent;
     if (errno != ELOOP || links == kMostLinks)
         return;

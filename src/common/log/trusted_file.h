@@ -9,15 +9,15 @@ namespace vl::common::log {
 enum class EDistrust {
     none,
     absent,        ///< it is not there or cannot be opened: `errno` says why
-    foreign_owner, ///< it belongs neither to root nor to the own (effective) user
+    foreign_owner, ///< it belongs neither to root nor to this (effective) user
     foreign_link,  ///< a link that leads to it belongs to neither of them
     wrong_kind,    ///< neither a regular file nor a device, or no directory
-    several_names, ///< hard links to a file that is not the own user's, or that others can make
+    several_names, ///< hard links to a file that is not this user's, or that others can make
 };
 
 /// A file of the log, opened if it can be trusted: it is a regular file or a device, it belongs to root or
-/// the own user, and so does each link that leads to it; one with several names is the own user's and stands
-/// where nobody else may write. Opening never blocks.
+/// this user, and so does each link that leads to it; one with several names is this user's and lies where
+/// nobody else may write. Opening never blocks.
 ///
 /// Owns the descriptor, which is closed by exec. Throws nothing and allocates nothing.
 class TrustedFile {
@@ -39,7 +39,7 @@ private:
     EDistrust m_reason = EDistrust::none;
 };
 
-/// Whether the log may be in this directory: it and a link that leads to it belong to root or the own user.
+/// Whether the log may be in this directory: it and a link that leads to it belong to root or to this user.
 EDistrust judge_directory(const std::string& path);
 
 } // namespace vl::common::log

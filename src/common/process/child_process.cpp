@@ -81,7 +81,7 @@ std::vector<char*> pointers_to(std::vector<std::string>& strings)
     return pointers;
 }
 
-/// Whether a start failed for want of a process, and not because of the program.
+/// Whether a start failed because no process could be made, and not because of the program.
 bool is_shortage(int error)
 {
     return error == EAGAIN || error == ENOMEM;

@@ -81,7 +81,7 @@ private:
     std::string m_path;
     output_collector m_output;
     std::optional<output_collector> m_errors; ///< none: inherited
-    process_handle m_process;                 ///< ends before nobody reads what it writes
+    process_handle m_process;                 ///< last, so that it ends while its output is still read
 };
 
 } // namespace tarvik

@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kPieceSize = 4096;
 constexpr int kPiecesAtOnce = 16; // a pipe's capacity
 
-/// Signals are the business of the threads that the rest of the process knows of.
+/// Signals are left to the threads that the rest of the process knows of.
 class all_signals_blocked {
 public:
     all_signals_blocked()

@@ -5,7 +5,7 @@
 
 namespace tarvik {
 
-/// A step that did not go as it must. what() reads "STEP: expected EXPECTED, got CAME".
+/// A step that failed. what() reads "STEP: expected EXPECTED, got CAME".
 class step_error : public std::runtime_error {
 public:
     step_error(const std::string& step, const std::string& expected, const std::string& came);
@@ -21,7 +21,7 @@ private:
     std::string m_came;
 };
 
-/// A child process that did not do what it must.
+/// A child process that did not do what it had to.
 class process_error : public step_error {
 public:
     enum class failure {

@@ -31,7 +31,7 @@ public:
     /// Kills the process, should it still run, and returns how it ended.
     exit_status end();
 
-    /// Still its own after it has been reaped, though no longer reserved for it.
+    /// The same after it has been reaped, though another process may have it by then.
     pid_t pid() const { return m_pid; }
 
 private:

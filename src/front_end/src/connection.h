@@ -13,7 +13,7 @@ namespace tarvik {
 constexpr int kLargestPort = 65535;
 
 /// One move of bytes, in as many system calls as it takes: what it is for, how long it may take, how far it
-/// came. A failure tells all of it.
+/// got. Errors say all of it.
 struct transfer {
     std::string step;      ///< "recv 512 bytes"
     std::string expected;  ///< "a reply's header of 20 bytes"

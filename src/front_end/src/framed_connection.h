@@ -15,7 +15,7 @@ namespace tarvik {
 using byte_sink = std::function<void(byte_view)>;
 
 /// Requests and replies on one connection: puts headers before payloads, tells ok, ng and nak apart, checks
-/// what comes against what must.
+/// that replies are as they must be.
 ///
 /// Owns the connection. Failures are front_end_error with the caller's `step`, after which the connection
 /// stands in the middle of a message. What a sink throws reaches the caller.

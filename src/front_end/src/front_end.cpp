@@ -12,9 +12,9 @@ namespace tarvik {
 
 namespace {
 
-/// For how long a process that is told to end may take until it is killed.
+/// How long a process that is told to end may take before it is killed.
 constexpr milliseconds kGrace{1000};
-/// A process that dies breaks its connection a moment before its exit status can be had.
+/// A process that dies breaks its connection a moment before its exit status is known.
 constexpr milliseconds kExitNotice{500};
 constexpr std::uint32_t kQueryAnswerSize = 4; ///< bytes
 
@@ -63,7 +63,7 @@ front_end::~front_end()
         if (m_process->signal(SIGTERM))
             m_process->try_wait_for_exit(kGrace);
     } catch (const std::system_error&) {
-        // The process's own destructor ends it the hard way.
+        // The process's own destructor kills it.
     }
 }
 

@@ -25,7 +25,7 @@ constexpr milliseconds kRequestTimeout{180'000};
 /// The program ends after the request in hand, and a plugin may talk to the device when it is closed.
 constexpr milliseconds kExitTimeout{180'000};
 
-/// The front-end's side of the program: starts it (or finds it running), speaks the protocol with it, ends
+/// The front-end's side of the program: starts it (or joins a running one), speaks the protocol with it, ends
 /// it.
 ///
 ///     front_end scanner(launch{"/usr/bin/tvkintif"});
@@ -39,8 +39,8 @@ constexpr milliseconds kExitTimeout{180'000};
 /// connection and is told to end; if it has not after a second, it is killed. An attached process belongs to
 /// somebody else and is left alone but for its connection.
 ///
-/// Errors: ng and nak are replies, and returned. Whatever is no reply (time is up, the stream ends, a reply
-/// that cannot be) throws front_end_error; the connection is then in the middle of something, and of no more
+/// Errors: ng and nak are replies, and returned. Anything else (time is up, the stream ends, a reply breaks
+/// the protocol) throws front_end_error; the connection is then in the middle of something, and of no more
 /// use. Requests without connect() throw std::logic_error.
 ///
 /// Threads: one at a time.

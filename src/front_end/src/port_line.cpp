@@ -26,7 +26,7 @@ int port_of(const std::string& text)
     return is_port ? number : -1;
 }
 
-/// The reading of one port line: knows until when, and words what came instead.
+/// The reading of one port line: knows its deadline, and can say what came instead.
 class port_line_reader {
 public:
     port_line_reader(child_process& process, milliseconds timeout) : m_process(process), m_until(timeout) {}

@@ -17,7 +17,7 @@ public:
     failure_pause& operator=(const failure_pause&) = delete;
 
     /// Pauses if this failure, which was at `now`, follows another one closely. One that took longer than any
-    /// pause, as a time-out does, harms nobody and begins anew.
+    /// pause, as a time-out does, does no harm and begins a new row.
     void failed(clock::time_point now = clock::now());
     void succeeded() { m_isInARow = false; }
 

@@ -24,7 +24,7 @@ inline constexpr const char* kDefaultPlugin = "libryo-mora-hk-t210.so";
 const char* plugin_name(int product_id);
 
 /// Installed path of the plugin library with the bare file name `name`; empty when the name has a
-/// directory part, which is refused on purpose. Nobody looks whether the file exists.
+/// directory part, which is refused on purpose. Does not check that the file exists.
 std::string lib_path(std::string name);
 
 /// Tells plugins, through this process's environment, where their firmware files are.

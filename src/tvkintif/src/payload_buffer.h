@@ -26,7 +26,7 @@ public:
     /// Makes all bytes zero.
     void clear() { m_stored = 0; }
 
-    /// Where bytes can be stored from the beginning, without a look at those that are there.
+    /// Where bytes can be stored from the beginning; what is there may be anything.
     unsigned char* storage() { return m_memory.get(); }
     /// The first `count` bytes were stored; those behind them are zero.
     void store(std::size_t count);

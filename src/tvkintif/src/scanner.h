@@ -35,7 +35,7 @@ public:
 
     /// Connects the device whose address (udi.h) `text` is and starts the plugin of its model. True when a
     /// device is connected and a plugin runs afterwards; at once so when one was connected before, whatever
-    /// `text` says. For want of a device it fails after all its attempts.
+    /// `text` says. Without a device it fails after all its attempts.
     bool open(const std::string& text);
 
     /// Stops and unloads the plugin, then closes the device. Harmless when nothing is open.

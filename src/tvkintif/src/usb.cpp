@@ -13,7 +13,7 @@
 #include "tvkintif/src/models.h"
 
 #ifdef NDEBUG
-#error "The assertions here guard libusb against programming errors and belong into shipped builds too."
+#error "The assertions here guard libusb against programming errors and belong in shipped builds too."
 #endif
 
 using vl::common::log::ESeveryLevel;

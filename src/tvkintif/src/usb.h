@@ -27,7 +27,7 @@ libusb_device_handle* open_device_with_vid_pid(libusb_context* ctx, std::uint16_
 /// Threads: all objects on one thread.
 class usb_transceiver {
 public:
-    /// How often open() looks for a device by its ids, and how long it waits after each try in vain.
+    /// How often open() looks for a device by its ids, and how long it waits after each failed try.
     static constexpr int kOpenTries = 5;
     static constexpr useconds_t kOpenPauseMicroseconds = 100;
     /// When a bulk transfer without an answer ends.
@@ -82,7 +82,7 @@ private:
     /// Opens the first device that matches; false leaves the search by ids to the caller.
     bool open_by_serial(const udi& address);
     /// Claims what of a configuration is to be claimed, and keeps the interface that is used. False when one
-    /// of them could not be had.
+    /// of them could not be claimed.
     bool search_interfaces(const usb_configuration& configuration);
     /// Claims an interface in place of the kernel driver that may be bound to it.
     bool claim(int number);

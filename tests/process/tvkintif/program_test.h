@@ -73,7 +73,7 @@ protected:
     void start_without_port_line();
     /// A start that is to fail: no port is awaited.
     void start_in_vain();
-    /// A start, and a connection, with no single piece of memory to be had that is larger than about this.
+    /// A start, and a connection, in which every single allocation that is larger than about this fails.
     void start_with_memory_for(std::size_t most);
     void send_signal(int number);
     /// Waits until a SIGSTOP has stopped the program.

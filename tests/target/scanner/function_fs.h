@@ -26,7 +26,7 @@ public:
 /// The function of one configuration, as FunctionFS shows it to its server: tells the kernel the descriptors,
 /// then moves bytes on the endpoints that a scanner's host uses. It does so over a link, which lasts until
 /// the device goes off the bus, is reset, or gets another configuration. Failures are link_lost, or
-/// std::system_error for anything that the next link does not cure.
+/// std::system_error for anything that the next link cannot repair.
 class function_fs {
 public:
     /// OUT transfers are taken in multiples of this, so that no packet is larger than the room for it.

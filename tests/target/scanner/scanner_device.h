@@ -29,7 +29,7 @@ public:
     scanner_device(const scanner_device&) = delete;
     scanner_device& operator=(const scanner_device&) = delete;
 
-    /// Serves until an error that plugging in again does not cure, which it throws.
+    /// Serves until an error that plugging in again cannot repair, which it throws.
     [[noreturn]] void serve();
 
     /// An order: a fault that strikes with the next command that has not begun.

@@ -7,7 +7,7 @@
 
 namespace tarvik::tvkctl {
 
-/// An advice as one line: in words, or as a shell takes it, with what it is good for behind it.
+/// A piece of advice as one line: in words, or as a shell takes it, followed by what it is good for.
 std::string text_of(const advice& what);
 
 /// All of them as sentences, in one line.

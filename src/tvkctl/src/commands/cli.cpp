@@ -56,7 +56,7 @@ exit_code tell(const CLI::ParseError& problem, const CLI::App& app, console& io)
     return exit_code::usage;
 }
 
-/// Nobody must take a result for complete that a full disk cut off.
+/// A result that a full disk cut off must not pass for complete.
 exit_code after_flushing(console& io, exit_code code)
 {
     if (io.out().flush() || code != exit_code::ok)

@@ -23,7 +23,7 @@ struct cli {
     std::function<exit_code()> chosen; ///< the work of the command that was named
 };
 
-/// What a command says of itself.
+/// What a command says about itself.
 struct command_text {
     std::string name;
     std::string summary;  ///< one line, in the list of commands
@@ -41,7 +41,7 @@ constexpr const char* kProgramHelp =
 ///     CLI::App& command = add_command(app, shared, {"list", ...}, [=, &shared] { return list(*wanted,
 ///     shared); }); command.add_flag("--all", wanted->all, "...");
 ///
-/// The work throws command_error; tool_error, front_end_error and others are told as well.
+/// The work throws command_error; tool_error, front_end_error and others are reported as well.
 CLI::App& add_command(CLI::App& app, cli& shared, const command_text& text, std::function<exit_code()> work);
 
 /// Adds every command to `app`.

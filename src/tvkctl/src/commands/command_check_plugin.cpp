@@ -44,7 +44,7 @@ a plugin that means harm. Bytes are written as for tvkctl run: hexadecimal,
 
 /// glibc of the Debian 12 that the armhf machine has.
 constexpr const char* kArmhfGlibc = "2.36";
-constexpr std::uint64_t kMostBytes = 64U << 20U; // a trial is no load test
+constexpr std::uint64_t kMostBytes = 64U << 20U; // a trial is not a load test
 
 struct script_row {
     transfer_script script;
@@ -183,7 +183,7 @@ std::vector<check_result> obstacles(const elf_file& file, const std::vector<chec
     return {};
 }
 
-/// Takes the plan even when nothing is run: a bad option is told in any case.
+/// Reads the plan even when nothing is run: a bad option is reported in any case.
 std::vector<section> examine(const check_plugin_options& options, const plugin_target& target,
                              trial_plan plan)
 {

@@ -26,7 +26,7 @@ private:
     std::string m_advice;
 };
 
-/// Of a command line that cannot be understood.
+/// For a command line that cannot be understood.
 inline command_error usage_error(const std::string& message, const std::string& advice)
 {
     return command_error(exit_code::usage, message, advice);

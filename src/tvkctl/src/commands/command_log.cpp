@@ -70,7 +70,7 @@ std::string dashed(const log_day& day)
     return day.substr(0, 4) + "-" + day.substr(4, 2) + "-" + day.substr(6);
 }
 
-/// Each option belongs to some of the actions; elsewhere it would be ignored in silence.
+/// Each option belongs to some of the actions; the others would silently ignore it.
 void check_combination(const log_options& options)
 {
     const auto expect = [&](bool is_given, const char* option, std::initializer_list<const char*> actions) {

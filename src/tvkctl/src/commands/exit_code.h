@@ -9,7 +9,7 @@ namespace tarvik::tvkctl {
 
 struct check;
 
-/// Exit statuses of tvkctl. Scripts decide by them: a number that was released keeps its meaning.
+/// Exit statuses of tvkctl. Scripts rely on them: a number that was released keeps its meaning.
 enum class exit_code : int {
     ok = 0,
     internal_error = 1,
@@ -51,7 +51,7 @@ enum class exit_code : int {
 };
 
 /// What a command ends with for this cause of an error or of a failed check; internal_error where
-/// the cause has no number of its own.
+/// no row of the table has the cause.
 exit_code exit_code_of(cause why);
 /// When a check of explain fails.
 exit_code exit_code_of(const check& failed);

@@ -80,7 +80,7 @@ std::optional<check_result> look_at_file(const std::string& path, const usb_devi
     return std::nullopt;
 }
 
-/// What a look into the file shows; only that of weight, which is all that a person wants to read here.
+/// What a look into the file shows, but for what is fine: a person wants to read only about the rest here.
 std::vector<check_result> flaws_of(const std::string& path)
 {
     std::vector<check_result> flaws;
@@ -137,7 +137,7 @@ std::optional<check_result> judge(const trial_report& report, const trial_plan& 
                         path + " lacks " + name_list(report.missing)};
 }
 
-/// The check of a file advises the plugin's author; who only wants to scan can take another file.
+/// The check of a file advises the plugin's author; somebody who only wants to scan can take another file.
 std::vector<advice> advice_on(const check_result& flaw)
 {
     if (flaw.why == plugin_cause::kWrongMachine)

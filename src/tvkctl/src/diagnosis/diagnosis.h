@@ -51,7 +51,7 @@ check_result check_open(check_context& context);
 /// A row of the table that help, man page and guides show.
 struct check {
     const char* name;
-    int number;          ///< its own for good, wherever it stands: scripts know it by an exit status
+    int number;          ///< never changes, even if rows move: the exit status follows from it
     const char* failure; ///< what is wrong when it fails
     check_result (*look)(check_context&);
 };

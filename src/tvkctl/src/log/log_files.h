@@ -26,10 +26,10 @@ using log_day = std::string;
 
 using wall_clock = std::function<std::time_t()>;
 log_day day_of(std::time_t moment);
-/// The day that "2026-11-15" or "20261115" means; nullopt for what is no day.
+/// The day that "2026-11-15" or "20261115" means; nullopt for anything that is not a day.
 std::optional<log_day> day_named(const std::string& text);
 
-/// The day in the name of a daily log file ("tvkintif_20261115.log"); nullopt when it is no such name.
+/// The day in the name of a daily log file ("tvkintif_20261115.log"); nullopt for any other name.
 std::optional<log_day> day_of_file(const std::string& name);
 
 /// Names of the daily log files in a directory, oldest first. Empty when the directory cannot be read.
@@ -38,11 +38,11 @@ std::vector<std::string> log_file_names(const std::string& directory);
 /// Takes a line, without its newline.
 using line_sink = std::function<void(const std::string&)>;
 
-/// Hands the lines of a log file on, a last one without newline included. None when it cannot be read or is
-/// no regular file: symbolic links are not followed, for anybody may write below /tmp.
+/// Hands on the lines of a log file, even a last one without newline. None when it cannot be read or is not
+/// a regular file: symbolic links are not followed, for anybody may write below /tmp.
 void read_log_file(const std::string& path, const line_sink& take);
 
-/// Reads the daily log files of a directory on and on: first what is there, then what is added, from one
+/// Follows the daily log files of a directory: first what is there, then what is added, from one
 /// day's file to the next. Files may come, go and be replaced at any time. Symbolic links are not followed.
 ///
 /// Threads: one at a time.

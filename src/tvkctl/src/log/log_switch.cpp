@@ -130,7 +130,7 @@ public:
                       {tool_step::purge_log, "", "Or remove it"}});
     }
 
-    /// In a sticky directory as /tmp itself nobody can exchange what is another's.
+    /// In a sticky directory such as /tmp itself nobody can replace another user's files.
     void expect_no_exchange_by_others() const
     {
         const mode_t mode = status().st_mode;

@@ -16,7 +16,7 @@ std::string udi_of(const usb_device& device);
 std::string shell_word(const std::string& text);
 
 /// The devices that `address` fits, in the order in which the program tries them. A serial number that no
-/// device has counts for nothing, on purpose of the program: then the ids decide.
+/// device has is ignored, as the program does on purpose: then the ids decide.
 std::vector<const usb_device*> devices_fitting(const udi& address, const std::vector<usb_device>& all);
 
 } // namespace tarvik::tvkctl

@@ -23,7 +23,7 @@ using lent_buffers = std::array<buffer_bounds, 2>;
 /// and `lent` must live as long as the process.
 void note_crashes(trial_notes& notes, const lent_buffers& lent);
 
-/// Tells which object is the plugin: an address inside of it.
+/// Names the plugin by an address inside it.
 void set_plugin_address(const void* address);
 
 /// Writes `words` into a text of the notes, cut to fit.

@@ -34,7 +34,7 @@ namespace {
 
 /// A plugin may print without end.
 constexpr std::size_t kOutputKept = 4096;
-/// For a process that hangs to say where, before it is ended without being asked.
+/// How long a process that hangs may take to write down where, before it is killed.
 constexpr milliseconds kLastWords{1000};
 
 [[noreturn]] void throw_system_error(const char* call)
@@ -130,7 +130,7 @@ exit_status trial_process::end_by_force()
 bool trial_process::end_left_processes() const
 {
     const pid_t group = m_leader.pid();
-    while (waitpid(-group, nullptr, WNOHANG) > 0) { // those that have ended are no trouble
+    while (waitpid(-group, nullptr, WNOHANG) > 0) { // those that have ended do not count
     }
     const bool has_left_some = kill(-group, SIGKILL) == 0;
     while (waitpid(-group, nullptr, 0) > 0) {

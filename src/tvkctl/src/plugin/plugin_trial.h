@@ -64,7 +64,7 @@ struct trial_report {
     std::uint32_t writes = 0;
     std::uint32_t bad_transfers = 0;    ///< of these, with a null buffer or a length below 1
     std::uint32_t late_transfers = 0;   ///< of these, after interpreter_dtor returned
-    bool left_buffer_untouched = false; ///< though the reader told success
+    bool left_buffer_untouched = false; ///< though the reader reported success
 
     std::string output;            ///< the beginning of what it wrote to standard output
     std::uint64_t output_size = 0; ///< all of it

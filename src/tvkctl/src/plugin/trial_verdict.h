@@ -8,7 +8,7 @@
 namespace tarvik::tvkctl {
 
 /// Judges what came of a trial, in the order in which it happened. What a plugin may do when it does not get
-/// its own device's answers is no fault.
+/// its own device's answers is not a fault.
 std::vector<check_result> judge_trial(const trial_plan& plan, const trial_report& report);
 
 } // namespace tarvik::tvkctl

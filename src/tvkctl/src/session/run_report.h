@@ -41,7 +41,7 @@ public:
     virtual void received(byte_view piece) = 0;
     virtual void end(const step_result& result) = 0;
 
-    /// The session is over, for better or worse.
+    /// The session is over, whether it succeeded or failed.
     virtual void succeeded() = 0;
     virtual void failed(const std::string& reason) = 0;
 };
@@ -50,7 +50,7 @@ public:
 /// `is_verbose`. The console must outlive it.
 std::unique_ptr<run_report> text_report(console& io, bool is_verbose);
 
-/// One JSON document at the end, whatever the end is.
+/// One JSON document at the end, however the session ends.
 std::unique_ptr<run_report> json_report(console& io, const std::string& udi);
 
 } // namespace tarvik::tvkctl

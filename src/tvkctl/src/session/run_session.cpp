@@ -50,7 +50,7 @@ private:
         try {
             m_scanner.finish();
         } catch (const front_end_error&) {
-            // What ended the session matters more than that the program hangs on.
+            // What ended the session matters more than a program that is still running.
         }
     }
 

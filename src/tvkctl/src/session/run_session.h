@@ -25,7 +25,7 @@ struct session_plan {
 /// late in it loses little. Sends go out whole.
 constexpr std::uint32_t kReceiveChunk = 65536;
 
-// What ends a session early, besides what the front-end library and the files have.
+// What ends a session early, besides errors of the front-end library and of files.
 inline constexpr cause kOpenRefused{"open_refused"};
 inline constexpr cause kRequestRefused{"request_refused"};
 inline constexpr cause kProgramFailed{"program_failed"}; ///< it ended with another status than 0

@@ -46,7 +46,7 @@ public:
     void error(const std::string& message, const std::string& advice = {});
     /// As error(), for what does not end the command: "tvkctl: warning: MESSAGE".
     void warning(const std::string& message);
-    /// As error(), for what is nobody's fault: "tvkctl: MESSAGE".
+    /// As error(), for something that is not an error: "tvkctl: MESSAGE".
     void note(const std::string& message);
 
 private:
