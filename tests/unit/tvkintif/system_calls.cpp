@@ -75,6 +75,14 @@ int system_calls::descriptor(const std::string& name) const
     return found == m_descriptors.end() ? -1 : found->second;
 }
 
+void system_calls::close_forgotten()
+{
+    const std::map<int, std::string> open = m_names;
+    for (const auto& [descriptor, name] : open)
+        if (descriptor > STDERR_FILENO)
+            ::close(descriptor);
+}
+
 system_calls* system_calls::watching()
 {
     return current != nullptr && !current->m_is_acting ? current : nullptr;

@@ -44,6 +44,8 @@ public:
     std::vector<std::string> take_lines();
     /// The descriptor behind a name ("#1"), also when it is closed by now; -1 when there was none.
     int descriptor(const std::string& name) const;
+    /// Closes every descriptor with a name that is still open, those of the standard streams apart.
+    void close_forgotten();
 
     // For the functions that stand in front of the system's.
 

@@ -100,24 +100,21 @@ std::string bound_address(int descriptor)
     return text.data();
 }
 
-/// A failed step's socket, which the object forgot and which is therefore the test's to close.
-class forgotten_socket {
-public:
-    explicit forgotten_socket(int descriptor) : m_descriptor(descriptor) {}
-    forgotten_socket(const forgotten_socket&) = delete;
-    forgotten_socket& operator=(const forgotten_socket&) = delete;
-    ~forgotten_socket() { ::close(m_descriptor); }
-
-private:
-    int m_descriptor;
-};
-
+/// A server that nobody asked for anything yet, its system calls watched. A socket that a failed step made
+/// the object forget is closed at the end.
 class transceiver_test : public testing::Test {
 protected:
+    ~transceiver_test() override
+    {
+        m_server.close();
+        m_calls.close_forgotten();
+    }
+
     void SetUp() override
     {
         SUPPORT_REQUIRE_PRIVATE_PATHS();
         support::open_log(1);
+        m_calls.take_lines();
     }
 
     void TearDown() override
@@ -125,9 +122,12 @@ protected:
         if (support::have_private_paths())
             support::close_log();
     }
+
+    system_calls m_calls;
+    transceiver m_server{0, kTimeout};
 };
 
-/// A server that has accepted its peer.
+/// A server that listens on #1 and has accepted its peer, which is #2, as #3.
 class connected_transceiver : public transceiver_test {
 protected:
     void SetUp() override
@@ -138,6 +138,7 @@ protected:
         m_peer = std::make_unique<peer>(m_server.port());
         ASSERT_TRUE(m_peer->is_connected()) << "the accept would wait for nobody";
         ASSERT_TRUE(m_server.accept());
+        m_calls.take_lines();
     }
 
     peer& other() { return *m_peer; }
@@ -148,10 +149,15 @@ protected:
         return poll(&waiting, 1, 10000) == 1;
     }
 
-    transceiver m_server{0, kTimeout};
-
 private:
     std::unique_ptr<peer> m_peer;
+};
+
+/// A client whose peer listens on #1.
+class client_transceiver : public transceiver_test {
+protected:
+    listener m_listener;
+    transceiver m_client{"127.0.0.1", m_listener.port(), kTimeout};
 };
 
 } // namespace
@@ -160,10 +166,9 @@ private:
 
 TEST_F(transceiver_test, construction_makes_no_system_call)
 {
-    system_calls calls;
     const transceiver server(0, kTimeout);
     const transceiver client("localhost", 1, kTimeout);
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, time_out_is_as_constructed)
@@ -176,273 +181,215 @@ TEST_F(transceiver_test, time_out_is_as_constructed)
 
 TEST_F(transceiver_test, port_of_a_fresh_server_is_chosen_by_the_kernel)
 {
-    transceiver server(0, kTimeout);
-    EXPECT_GT(server.port(), 0);
+    EXPECT_GT(m_server.port(), 0);
 }
 
 TEST_F(transceiver_test, bind_makes_the_listening_socket_step_by_step)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    EXPECT_TRUE(server.bind());
-    EXPECT_EQ(calls.lines(), binding(0));
+    EXPECT_TRUE(m_server.bind());
+    EXPECT_EQ(m_calls.lines(), binding(0));
 }
 
 TEST_F(transceiver_test, bind_without_a_time_out_sets_none)
 {
-    system_calls calls;
     transceiver server(0, 0);
     server.bind();
-    EXPECT_EQ(calls.lines_of("setsockopt"),
+    EXPECT_EQ(m_calls.lines_of("setsockopt"),
               (lines{"setsockopt #1 SOL_SOCKET SO_REUSEADDR 1", "setsockopt #1 SOL_SOCKET SO_KEEPALIVE 0"}));
 }
 
 TEST_F(transceiver_test, bind_asks_for_the_port_that_it_was_given)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE); // whether this machine has it to spare is another matter
+    m_calls.fail("bind", EADDRINUSE); // whether this machine has it to spare is another matter
     transceiver server(4711, kTimeout);
     server.bind();
-    EXPECT_EQ(calls.lines_of("bind"), lines{"bind #1 127.0.0.1:4711 -> -1"});
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    EXPECT_EQ(m_calls.lines_of("bind"), lines{"bind #1 127.0.0.1:4711 -> -1"});
 }
 
 TEST_F(transceiver_test, listening_socket_is_bound_to_the_loopback_address)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.bind();
-    EXPECT_EQ(bound_address(calls.descriptor("#1")), "127.0.0.1");
+    m_server.bind();
+    EXPECT_EQ(bound_address(m_calls.descriptor("#1")), "127.0.0.1");
 }
 
 TEST_F(transceiver_test, another_address_of_this_machine_is_refused)
 {
-    transceiver server(0, kTimeout);
-    const peer stranger(server.port(), "127.0.0.2");
+    const peer stranger(m_server.port(), "127.0.0.2");
     EXPECT_EQ(stranger.error(), ECONNREFUSED);
 }
 
 TEST_F(transceiver_test, listening_socket_is_close_on_exec)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.bind();
-    EXPECT_EQ(fcntl(calls.descriptor("#1"), F_GETFD), FD_CLOEXEC);
+    m_server.bind();
+    EXPECT_EQ(fcntl(m_calls.descriptor("#1"), F_GETFD), FD_CLOEXEC);
 }
 
 TEST_F(transceiver_test, port_asked_again_is_the_same_without_a_new_socket)
 {
-    transceiver server(0, kTimeout);
-    const int port = server.port();
-    system_calls calls;
-    EXPECT_EQ(server.port(), port);
-    EXPECT_EQ(calls.lines(), lines());
+    const int port = m_server.port();
+    m_calls.take_lines();
+    EXPECT_EQ(m_server.port(), port);
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, peer_can_connect_as_soon_as_the_port_is_known)
 {
-    transceiver server(0, kTimeout);
-    const peer early(server.port());
+    const peer early(m_server.port());
     EXPECT_EQ(early.error(), 0);
 }
 
 TEST_F(transceiver_test, bind_succeeds_though_listening_fails)
 {
-    system_calls calls;
-    calls.fail("listen", EADDRINUSE);
-    transceiver server(0, kTimeout);
-    EXPECT_TRUE(server.bind());
+    m_calls.fail("listen", EADDRINUSE);
+    EXPECT_TRUE(m_server.bind());
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
 TEST_F(transceiver_test, accept_listens_for_itself_when_bind_could_not)
 {
     std::optional<peer> late;
-    transceiver server(0, kTimeout);
-    system_calls calls;
-    calls.fail("listen", EADDRINUSE);
-    const int port = server.port();
-    calls.before("accept", [&] { late.emplace(port); });
-    EXPECT_TRUE(server.accept());
+    m_calls.fail("listen", EADDRINUSE);
+    const int port = m_server.port();
+    m_calls.before("accept", [&] { late.emplace(port); });
+    EXPECT_TRUE(m_server.accept());
 }
 
 TEST_F(transceiver_test, socket_that_cannot_be_made_fails_the_bind)
 {
-    system_calls calls;
-    calls.fail("socket", EMFILE);
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.bind());
+    m_calls.fail("socket", EMFILE);
+    EXPECT_FALSE(m_server.bind());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO bind socket fails"});
 }
 
 TEST_F(transceiver_test, socket_that_cannot_be_made_is_not_used_further)
 {
-    system_calls calls;
-    calls.fail("socket", EMFILE);
-    transceiver server(0, kTimeout);
-    server.bind();
-    EXPECT_EQ(calls.lines(), lines{"socket AF_INET SOCK_STREAM 0 -> -1"});
+    m_calls.fail("socket", EMFILE);
+    m_server.bind();
+    EXPECT_EQ(m_calls.lines(), lines{"socket AF_INET SOCK_STREAM 0 -> -1"});
 }
 
 TEST_F(transceiver_test, address_that_cannot_be_bound_fails_the_bind)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.bind());
+    m_calls.fail("bind", EADDRINUSE);
+    EXPECT_FALSE(m_server.bind());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO bind fails"});
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, port_that_another_socket_listens_on_fails_the_bind)
 {
     const listener other;
-    system_calls calls;
     transceiver server(other.port(), kTimeout);
     EXPECT_FALSE(server.bind());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO bind fails"});
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, socket_of_a_failed_bind_is_forgotten_and_not_closed)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
+    m_calls.fail("bind", EADDRINUSE);
     {
         transceiver server(0, kTimeout);
         server.bind();
     }
-    EXPECT_TRUE(is_open(calls.descriptor("#1")));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    EXPECT_TRUE(is_open(m_calls.descriptor("#1")));
 }
 
 TEST_F(transceiver_test, binds_that_go_on_failing_forget_a_socket_a_second)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE, 0);
-    transceiver server(0, kTimeout);
+    m_calls.fail("bind", EADDRINUSE, 0);
     support::take_dialogue();
     for (int attempt = 0; attempt < 3; ++attempt)
-        server.bind();
+        m_server.bind();
     EXPECT_EQ(support::take_dialogue(), (lines{"usleep 1000000", "usleep 1000000"}));
-    for (const char* name : {"#1", "#2", "#3"})
-        const forgotten_socket forgotten(calls.descriptor(name));
 }
 
 TEST_F(transceiver_test, bind_that_succeeds_lets_the_next_failure_pass_without_a_pause)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
-    transceiver server(0, kTimeout);
-    server.bind();
-    ASSERT_TRUE(server.bind());
-    server.close();
-    calls.fail("bind", EADDRINUSE);
+    m_calls.fail("bind", EADDRINUSE);
+    m_server.bind();
+    ASSERT_TRUE(m_server.bind());
+    m_server.close();
+    m_calls.fail("bind", EADDRINUSE);
     support::take_dialogue();
-    server.bind();
+    m_server.bind();
     EXPECT_EQ(support::take_dialogue(), lines());
-    for (const char* name : {"#1", "#3"})
-        const forgotten_socket forgotten(calls.descriptor(name));
 }
 
 TEST_F(transceiver_test, bind_after_a_failed_one_starts_with_a_new_socket)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
-    transceiver server(0, kTimeout);
-    server.bind();
-    calls.take_lines();
-    EXPECT_TRUE(server.bind());
-    EXPECT_EQ(calls.lines(), binding(0, "#2"));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    m_calls.fail("bind", EADDRINUSE);
+    m_server.bind();
+    m_calls.take_lines();
+    EXPECT_TRUE(m_server.bind());
+    EXPECT_EQ(m_calls.lines(), binding(0, "#2"));
 }
 
 TEST_F(transceiver_test, port_after_a_failed_bind_is_the_one_asked_for)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
+    m_calls.fail("bind", EADDRINUSE);
     transceiver server(4711, kTimeout);
     EXPECT_EQ(server.port(), 4711);
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, unknown_bound_address_fails_the_bind)
 {
-    system_calls calls;
-    calls.fail("getsockname", ENOBUFS);
-    transceiver server(0, kTimeout);
+    m_calls.fail("getsockname", ENOBUFS);
     testing::internal::CaptureStderr();
-    EXPECT_FALSE(server.bind());
+    EXPECT_FALSE(m_server.bind());
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(support::log_dialogue(), lines{"INFO getsockname fails"});
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, unknown_bound_address_is_explained_on_standard_error)
 {
-    system_calls calls;
-    calls.fail("getsockname", ENOBUFS);
-    transceiver server(0, kTimeout);
+    m_calls.fail("getsockname", ENOBUFS);
     testing::internal::CaptureStderr();
-    server.bind();
+    m_server.bind();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(std::strerror(ENOBUFS)) + "\n");
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, socket_with_an_unknown_bound_address_is_forgotten_and_not_closed)
 {
-    system_calls calls;
-    calls.fail("getsockname", ENOBUFS);
+    m_calls.fail("getsockname", ENOBUFS);
     testing::internal::CaptureStderr();
     {
         transceiver server(0, kTimeout);
         server.bind();
     }
     testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(is_open(calls.descriptor("#1")));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    EXPECT_TRUE(is_open(m_calls.descriptor("#1")));
 }
 
 TEST_F(transceiver_test, bind_after_an_unknown_bound_address_starts_with_a_new_socket)
 {
-    system_calls calls;
-    calls.fail("getsockname", ENOBUFS);
-    transceiver server(0, kTimeout);
+    m_calls.fail("getsockname", ENOBUFS);
     testing::internal::CaptureStderr();
-    server.bind();
+    m_server.bind();
     testing::internal::GetCapturedStderr();
-    calls.take_lines();
-    EXPECT_TRUE(server.bind());
-    EXPECT_EQ(calls.lines(), binding(0, "#2"));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    m_calls.take_lines();
+    EXPECT_TRUE(m_server.bind());
+    EXPECT_EQ(m_calls.lines(), binding(0, "#2"));
 }
 
 class failing_option : public transceiver_test, public testing::WithParamInterface<int> {};
 
 TEST_P(failing_option, ends_the_setting_of_options)
 {
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, GetParam());
-    transceiver server(0, kTimeout);
-    server.bind();
-    EXPECT_EQ(calls.lines_of("setsockopt").size(), static_cast<std::size_t>(GetParam()));
+    m_calls.fail("setsockopt", ENOMEM, GetParam());
+    m_server.bind();
+    EXPECT_EQ(m_calls.lines_of("setsockopt").size(), static_cast<std::size_t>(GetParam()));
 }
 
 TEST_P(failing_option, is_logged_as_an_error)
 {
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, GetParam());
-    transceiver server(0, kTimeout);
-    server.bind();
+    m_calls.fail("setsockopt", ENOMEM, GetParam());
+    m_server.bind();
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: setsockopt failed"});
 }
 
 TEST_P(failing_option, does_not_fail_the_bind)
 {
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, GetParam());
-    transceiver server(0, kTimeout);
-    EXPECT_TRUE(server.bind());
+    m_calls.fail("setsockopt", ENOMEM, GetParam());
+    EXPECT_TRUE(m_server.bind());
 }
 
 INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_option, testing::Values(1, 2, 3, 4),
@@ -450,10 +397,8 @@ INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_option, testing::Values(1, 2,
 
 TEST_F(transceiver_test, close_on_exec_that_cannot_be_set_does_not_fail_the_bind)
 {
-    system_calls calls;
-    calls.fail("fcntl", EINVAL);
-    transceiver server(0, kTimeout);
-    EXPECT_TRUE(server.bind());
+    m_calls.fail("fcntl", EINVAL);
+    EXPECT_TRUE(m_server.bind());
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
@@ -461,31 +406,26 @@ TEST_F(transceiver_test, close_on_exec_that_cannot_be_set_does_not_fail_the_bind
 
 TEST_F(transceiver_test, accept_without_a_listening_socket_fails_at_once)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.accept());
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_FALSE(m_server.accept());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, accept_takes_the_peer_and_closes_the_listening_socket_step_by_step)
 {
-    transceiver server(0, kTimeout);
-    system_calls calls;
-    const int port = server.port();
+    const int port = m_server.port();
     std::optional<peer> other;
-    calls.before("accept", [&] { other.emplace(port); });
-    calls.take_lines();
-    EXPECT_TRUE(server.accept());
-    EXPECT_EQ(calls.lines(),
+    m_calls.before("accept", [&] { other.emplace(port); });
+    m_calls.take_lines();
+    EXPECT_TRUE(m_server.accept());
+    EXPECT_EQ(m_calls.lines(),
               (lines{"listen #1 5", "accept #1 -> #2", "fcntl #2 F_SETFD FD_CLOEXEC"} + all_options("#1") +
                lines{"close #1"} + all_options("#2") + lines{"setsockopt #2 IPPROTO_TCP TCP_NODELAY 1"}));
 }
 
 TEST_F(transceiver_test, accept_logs_nothing)
 {
-    transceiver server(0, kTimeout);
-    const peer other(server.port());
-    server.accept();
+    const peer other(m_server.port());
+    m_server.accept();
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
@@ -532,19 +472,17 @@ TEST_F(connected_transceiver, second_peer_is_refused)
 
 TEST_F(connected_transceiver, accept_and_bind_do_nothing_more)
 {
-    system_calls calls;
     EXPECT_TRUE(m_server.bind());
     EXPECT_TRUE(m_server.accept());
     EXPECT_TRUE(m_server.establish());
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, second_peer_in_the_queue_is_cut_off_by_the_accept_of_the_first)
 {
-    transceiver server(0, kTimeout);
-    const peer first(server.port());
-    peer second(server.port());
-    server.accept();
+    const peer first(m_server.port());
+    peer second(m_server.port());
+    m_server.accept();
     EXPECT_TRUE(second.is_cut_off());
 }
 
@@ -559,60 +497,51 @@ TEST_F(transceiver_test, time_out_of_0_leaves_the_connected_socket_without_one)
 
 TEST_F(transceiver_test, option_that_fails_on_the_connected_socket_is_logged_and_no_more)
 {
-    transceiver server(0, kTimeout);
-    const peer other(server.port());
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, 5); // the first four are for the listening socket
-    EXPECT_TRUE(server.accept());
+    const peer other(m_server.port());
+    m_calls.fail("setsockopt", ENOMEM, 5); // the first four are for the listening socket
+    EXPECT_TRUE(m_server.accept());
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: setsockopt failed"});
 }
 
 TEST_F(transceiver_test, option_that_fails_on_the_listening_socket_is_logged_and_no_more)
 {
-    transceiver server(0, kTimeout);
-    const peer other(server.port());
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, 1);
-    EXPECT_TRUE(server.accept());
+    const peer other(m_server.port());
+    m_calls.fail("setsockopt", ENOMEM, 1);
+    EXPECT_TRUE(m_server.accept());
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: setsockopt failed"});
 }
 
 TEST_F(transceiver_test, delay_that_cannot_be_switched_off_is_not_even_logged)
 {
-    transceiver server(0, kTimeout);
-    const peer other(server.port());
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, 9); // after four for either socket
-    EXPECT_TRUE(server.accept());
-    EXPECT_EQ(calls.lines().back(), "setsockopt #1 IPPROTO_TCP TCP_NODELAY 1 -> -1")
+    const peer other(m_server.port());
+    m_calls.fail("setsockopt", ENOMEM, 9); // after four for either socket
+    EXPECT_TRUE(m_server.accept());
+    EXPECT_EQ(m_calls.lines().back(), "setsockopt #3 IPPROTO_TCP TCP_NODELAY 1 -> -1")
         << "the call that fails here is to be the one that switches the delay off";
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
 TEST_F(transceiver_test, failed_accept_exchanges_the_listening_socket_for_another_one_on_its_port)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    const int port = server.port();
-    calls.take_lines();
-    calls.fail("accept", ECONNABORTED);
-    EXPECT_FALSE(server.accept());
-    EXPECT_EQ(calls.lines(), (lines{"listen #1 5", "accept #1 -> -1"} + all_options("#1") +
-                              lines{"socket AF_INET SOCK_STREAM 0 -> #2", "fcntl #2 F_SETFD FD_CLOEXEC"} +
-                              all_options("#2") +
-                              // Nothing between these two, or somebody else might get the port.
-                              lines{"close #1", "bind #2 127.0.0.1:" + std::to_string(port), "listen #2 5"}));
+    const int port = m_server.port();
+    m_calls.take_lines();
+    m_calls.fail("accept", ECONNABORTED);
+    EXPECT_FALSE(m_server.accept());
+    EXPECT_EQ(m_calls.lines(),
+              (lines{"listen #1 5", "accept #1 -> -1"} + all_options("#1") +
+               lines{"socket AF_INET SOCK_STREAM 0 -> #2", "fcntl #2 F_SETFD FD_CLOEXEC"} +
+               all_options("#2") +
+               // Nothing between these two, or somebody else might get the port.
+               lines{"close #1", "bind #2 127.0.0.1:" + std::to_string(port), "listen #2 5"}));
 }
 
 TEST_F(transceiver_test, accept_that_a_signal_ends_leaves_no_listening_socket)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.bind();
-    calls.take_lines();
-    calls.fail("accept", EINTR);
-    EXPECT_FALSE(server.accept());
-    EXPECT_EQ(calls.lines(),
+    m_server.bind();
+    m_calls.take_lines();
+    m_calls.fail("accept", EINTR);
+    EXPECT_FALSE(m_server.accept());
+    EXPECT_EQ(m_calls.lines(),
               (lines{"listen #1 5", "accept #1 -> -1"} + all_options("#1") + lines{"close #1"}));
 }
 
@@ -620,14 +549,12 @@ class failing_exchange : public transceiver_test, public testing::WithParamInter
 
 TEST_P(failing_exchange, of_the_listening_socket_is_left_to_the_next_bind)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    const int port = server.port();
-    calls.fail("accept", ECONNABORTED);
-    calls.fail(GetParam(), EADDRINUSE, 1);
-    EXPECT_FALSE(server.accept());
+    const int port = m_server.port();
+    m_calls.fail("accept", ECONNABORTED);
+    m_calls.fail(GetParam(), EADDRINUSE, 1);
+    EXPECT_FALSE(m_server.accept());
     EXPECT_EQ(support::log_dialogue(), lines());
-    EXPECT_EQ(server.port(), port);
+    EXPECT_EQ(m_server.port(), port);
     const peer late(port);
     EXPECT_TRUE(late.is_connected());
 }
@@ -637,31 +564,25 @@ INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_exchange, testing::Values("so
 
 TEST_F(transceiver_test, socket_that_could_not_be_bound_in_the_exchange_is_closed)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.bind();
-    calls.fail("accept", ECONNABORTED);
-    calls.fail("bind", EADDRINUSE, 1);
-    server.accept();
-    EXPECT_EQ(calls.lines_of("close"), (lines{"close #1", "close #2"}));
+    m_server.bind();
+    m_calls.fail("accept", ECONNABORTED);
+    m_calls.fail("bind", EADDRINUSE, 1);
+    m_server.accept();
+    EXPECT_EQ(m_calls.lines_of("close"), (lines{"close #1", "close #2"}));
 }
 
 TEST_F(transceiver_test, failed_accept_logs_nothing)
 {
-    system_calls calls;
-    calls.fail("accept", ECONNABORTED);
-    transceiver server(0, kTimeout);
-    server.establish();
+    m_calls.fail("accept", ECONNABORTED);
+    m_server.establish();
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
 TEST_F(transceiver_test, listening_socket_that_closes_badly_after_the_accept_is_not_logged)
 {
-    transceiver server(0, kTimeout);
-    const peer other(server.port());
-    system_calls calls;
-    calls.fail("close", EIO);
-    EXPECT_TRUE(server.accept());
+    const peer other(m_server.port());
+    m_calls.fail("close", EIO);
+    EXPECT_TRUE(m_server.accept());
     EXPECT_EQ(support::log_dialogue(), lines());
 }
 
@@ -679,23 +600,19 @@ TEST_F(transceiver_test, accept_gives_up_after_the_time_out)
 
 TEST_F(transceiver_test, failure_of_another_kind_is_no_time_out)
 {
-    system_calls calls;
-    calls.fail("accept", ECONNABORTED);
-    transceiver server(0, kTimeout);
-    server.establish();
-    EXPECT_FALSE(server.has_timed_out());
+    m_calls.fail("accept", ECONNABORTED);
+    m_server.establish();
+    EXPECT_FALSE(m_server.has_timed_out());
 }
 
 TEST_F(transceiver_test, peer_that_came_after_a_time_out_ends_it)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    calls.fail("accept", EAGAIN, 1);
-    server.establish();
-    EXPECT_TRUE(server.has_timed_out());
-    const peer late(server.port());
-    EXPECT_TRUE(server.establish());
-    EXPECT_FALSE(server.has_timed_out());
+    m_calls.fail("accept", EAGAIN, 1);
+    m_server.establish();
+    EXPECT_TRUE(m_server.has_timed_out());
+    const peer late(m_server.port());
+    EXPECT_TRUE(m_server.establish());
+    EXPECT_FALSE(m_server.has_timed_out());
 }
 
 TEST_F(transceiver_test, peer_that_comes_after_a_time_out_is_accepted_on_the_same_port)
@@ -710,143 +627,117 @@ TEST_F(transceiver_test, peer_that_comes_after_a_time_out_is_accepted_on_the_sam
 
 TEST_F(transceiver_test, signal_ends_the_accept)
 {
-    transceiver server(0, kTimeout);
-    server.bind();
+    m_server.bind();
     const interruptions hangups(SIGHUP);
-    EXPECT_FALSE(server.accept());
+    EXPECT_FALSE(m_server.accept());
 }
 
 TEST_F(transceiver_test, peer_that_comes_after_a_signal_is_accepted_on_the_same_port)
 {
-    transceiver server(0, kTimeout);
-    const int port = server.port();
+    const int port = m_server.port();
     {
         const interruptions hangups(SIGHUP);
-        ASSERT_FALSE(server.accept());
+        ASSERT_FALSE(m_server.accept());
     }
-    ASSERT_EQ(server.port(), port);
+    ASSERT_EQ(m_server.port(), port);
     const peer late(port);
-    EXPECT_TRUE(server.accept());
+    EXPECT_TRUE(m_server.accept());
 }
 
 TEST_F(transceiver_test, establish_binds_and_accepts)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
     std::optional<peer> other;
-    calls.before("accept", [&] { other.emplace(server.port()); });
-    EXPECT_TRUE(server.establish());
-    EXPECT_EQ(calls.lines_of("listen"), (lines{"listen #1 5", "listen #1 5"}));
+    m_calls.before("accept", [&] { other.emplace(m_server.port()); });
+    EXPECT_TRUE(m_server.establish());
+    EXPECT_EQ(m_calls.lines_of("listen"), (lines{"listen #1 5", "listen #1 5"}));
 }
 
 TEST_F(transceiver_test, descriptor_of_a_server_is_that_of_the_accepted_connection)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
     std::optional<peer> other;
-    calls.before("accept", [&] { other.emplace(server.port()); });
-    const int descriptor = server;
+    m_calls.before("accept", [&] { other.emplace(m_server.port()); });
+    const int descriptor = m_server;
     EXPECT_GT(descriptor, 0);
-    EXPECT_EQ(descriptor, calls.descriptor("#2"));
+    EXPECT_EQ(descriptor, m_calls.descriptor("#2"));
 }
 
 TEST_F(transceiver_test, descriptor_is_minus_1_when_nothing_could_be_accepted)
 {
-    system_calls calls;
-    calls.fail("accept", EMFILE);
-    transceiver server(0, kTimeout);
-    EXPECT_EQ(static_cast<int>(server), -1);
+    m_calls.fail("accept", EMFILE);
+    EXPECT_EQ(static_cast<int>(m_server), -1);
 }
 
 TEST_F(transceiver_test, descriptor_is_minus_1_when_nothing_could_be_bound)
 {
-    system_calls calls;
-    calls.fail("bind", EADDRINUSE);
-    transceiver server(0, kTimeout);
-    EXPECT_EQ(static_cast<int>(server), -1);
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    m_calls.fail("bind", EADDRINUSE);
+    EXPECT_EQ(static_cast<int>(m_server), -1);
 }
 
 TEST_F(transceiver_test, server_does_not_connect)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.connect());
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_FALSE(m_server.connect());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, server_asked_to_connect_logs_that_it_was_asked)
 {
-    transceiver server(0, kTimeout);
-    server.connect();
+    m_server.connect();
     EXPECT_EQ(support::log_dialogue(), lines{"INFO connect"});
 }
 
 TEST_F(transceiver_test, connected_descriptor_0_counts_as_none)
 {
-    transceiver server(0, kTimeout);
-    system_calls calls;
-    server.bind();
-    calls.answer("accept", 0);
-    calls.answer("fcntl", 0); // standard input stays as it is
-    server.accept();
-    calls.take_lines();
-    EXPECT_TRUE(server.bind());
-    EXPECT_EQ(calls.lines_of("socket"), lines{"socket AF_INET SOCK_STREAM 0 -> #3"});
+    m_server.bind();
+    m_calls.answer("accept", 0);
+    m_calls.answer("fcntl", 0); // standard input stays as it is
+    m_server.accept();
+    m_calls.take_lines();
+    EXPECT_TRUE(m_server.bind());
+    EXPECT_EQ(m_calls.lines_of("socket"), lines{"socket AF_INET SOCK_STREAM 0 -> #3"});
 }
 
 TEST_F(transceiver_test, connected_descriptor_0_is_not_closed)
 {
-    transceiver server(0, kTimeout);
-    system_calls calls;
-    server.bind();
-    calls.answer("accept", 0);
-    calls.answer("fcntl", 0); // standard input stays as it is
-    server.accept();
-    calls.take_lines();
-    server.close();
-    EXPECT_EQ(calls.lines(), lines());
+    m_server.bind();
+    m_calls.answer("accept", 0);
+    m_calls.answer("fcntl", 0); // standard input stays as it is
+    m_server.accept();
+    m_calls.take_lines();
+    m_server.close();
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 // Client form
 
-TEST_F(transceiver_test, client_connects_step_by_step)
+TEST_F(client_transceiver, client_connects_step_by_step)
 {
-    const listener server;
-    system_calls calls;
-    transceiver client("localhost", server.port(), kTimeout);
+    transceiver client("localhost", m_listener.port(), kTimeout);
     EXPECT_TRUE(client.connect());
-    EXPECT_EQ(calls.lines(), (lines{"socket AF_INET SOCK_STREAM 0 -> #1", "fcntl #1 F_SETFD FD_CLOEXEC"} +
-                              all_options("#1") +
-                              lines{"setsockopt #1 IPPROTO_TCP TCP_NODELAY 1", "gethostbyname localhost",
-                                    "connect #1 127.0.0.1:" + std::to_string(server.port())}));
+    EXPECT_EQ(m_calls.lines(), (lines{"socket AF_INET SOCK_STREAM 0 -> #2", "fcntl #2 F_SETFD FD_CLOEXEC"} +
+                                all_options("#2") +
+                                lines{"setsockopt #2 IPPROTO_TCP TCP_NODELAY 1", "gethostbyname localhost",
+                                      "connect #2 127.0.0.1:" + std::to_string(m_listener.port())}));
 }
 
-TEST_F(transceiver_test, client_logs_the_connect_and_its_success)
+TEST_F(client_transceiver, client_logs_the_connect_and_its_success)
 {
-    const listener server;
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    client.connect();
+    m_client.connect();
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", "INFO connect ok"}));
 }
 
-TEST_F(transceiver_test, client_connected_already_logs_the_connect_and_does_nothing)
+TEST_F(client_transceiver, client_connected_already_logs_the_connect_and_does_nothing)
 {
-    const listener server;
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    client.connect();
+    m_client.connect();
     support::open_log(1);
-    system_calls calls;
-    EXPECT_TRUE(client.connect());
-    EXPECT_EQ(calls.lines(), lines());
+    m_calls.take_lines();
+    EXPECT_TRUE(m_client.connect());
+    EXPECT_EQ(m_calls.lines(), lines());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO connect"});
 }
 
-TEST_F(transceiver_test, client_socket_has_every_option)
+TEST_F(client_transceiver, client_socket_has_every_option)
 {
-    const listener server;
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    const int descriptor = client;
+    const int descriptor = m_client;
     EXPECT_EQ(int_option(descriptor, SOL_SOCKET, SO_REUSEADDR), 1);
     EXPECT_EQ(int_option(descriptor, SOL_SOCKET, SO_KEEPALIVE), 0);
     EXPECT_EQ(time_option(descriptor, SO_RCVTIMEO), "300 s 0 us");
@@ -857,18 +748,16 @@ TEST_F(transceiver_test, client_socket_has_every_option)
 
 TEST_F(transceiver_test, client_does_not_bind)
 {
-    system_calls calls;
     transceiver client("127.0.0.1", 1, kTimeout);
     EXPECT_FALSE(client.bind());
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, client_does_not_accept)
 {
-    system_calls calls;
     transceiver client("127.0.0.1", 1, kTimeout);
     EXPECT_FALSE(client.accept());
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, port_of_a_client_is_the_one_to_connect_to)
@@ -879,46 +768,38 @@ TEST_F(transceiver_test, port_of_a_client_is_the_one_to_connect_to)
 
 TEST_F(transceiver_test, client_without_a_socket_fails)
 {
-    system_calls calls;
-    calls.fail("socket", EMFILE);
+    m_calls.fail("socket", EMFILE);
     transceiver client("127.0.0.1", 1, kTimeout);
     EXPECT_FALSE(client.connect());
-    EXPECT_EQ(calls.lines(), lines{"socket AF_INET SOCK_STREAM 0 -> -1"});
+    EXPECT_EQ(m_calls.lines(), lines{"socket AF_INET SOCK_STREAM 0 -> -1"});
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", "INFO socket fails"}));
 }
 
-TEST_F(transceiver_test, client_option_that_fails_is_logged_and_no_more)
+TEST_F(client_transceiver, client_option_that_fails_is_logged_and_no_more)
 {
-    const listener server;
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, 1);
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    EXPECT_TRUE(client.connect());
+    m_calls.fail("setsockopt", ENOMEM, 1);
+    EXPECT_TRUE(m_client.connect());
     EXPECT_EQ(support::log_dialogue(),
               (lines{"INFO connect", "ERROR ERROR: setsockopt failed", "INFO connect ok"}));
 }
 
 TEST_F(transceiver_test, host_that_nobody_knows_fails_the_connect)
 {
-    system_calls calls;
-    calls.fail("gethostbyname", 0);
+    m_calls.fail("gethostbyname", 0);
     transceiver client("nobody.invalid", 1, kTimeout);
     EXPECT_FALSE(client.connect());
-    EXPECT_EQ(calls.lines_of("connect"), lines());
+    EXPECT_EQ(m_calls.lines_of("connect"), lines());
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", "INFO gethostbyname fails"}));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, socket_of_a_failed_name_lookup_is_forgotten_and_not_closed)
 {
-    system_calls calls;
-    calls.fail("gethostbyname", 0);
+    m_calls.fail("gethostbyname", 0);
     {
         transceiver client("nobody.invalid", 1, kTimeout);
         client.connect();
     }
-    EXPECT_TRUE(is_open(calls.descriptor("#1")));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    EXPECT_TRUE(is_open(m_calls.descriptor("#1")));
 }
 
 TEST_F(transceiver_test, refused_connection_fails_the_connect)
@@ -926,63 +807,49 @@ TEST_F(transceiver_test, refused_connection_fails_the_connect)
     transceiver nobody(0, kTimeout);
     const int port = nobody.port();
     nobody.close();
-    system_calls calls;
     transceiver client("127.0.0.1", port, kTimeout);
     EXPECT_FALSE(client.connect());
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", "INFO connect fails"}));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
 TEST_F(transceiver_test, socket_of_a_failed_connect_is_forgotten_and_not_closed)
 {
-    system_calls calls;
-    calls.fail("connect", ECONNREFUSED);
+    m_calls.fail("connect", ECONNREFUSED);
     {
         transceiver client("127.0.0.1", 1, kTimeout);
         client.connect();
     }
-    EXPECT_TRUE(is_open(calls.descriptor("#1")));
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    EXPECT_TRUE(is_open(m_calls.descriptor("#1")));
 }
 
-TEST_F(transceiver_test, connect_after_a_failed_one_starts_with_a_new_socket)
+TEST_F(client_transceiver, connect_after_a_failed_one_starts_with_a_new_socket)
 {
-    const listener server;
-    system_calls calls;
-    calls.fail("connect", ECONNREFUSED);
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    client.connect();
-    calls.take_lines();
-    EXPECT_TRUE(client.connect());
-    EXPECT_EQ(calls.lines().front(), "socket AF_INET SOCK_STREAM 0 -> #2");
-    const forgotten_socket forgotten(calls.descriptor("#1"));
+    m_calls.fail("connect", ECONNREFUSED);
+    m_client.connect();
+    m_calls.take_lines();
+    EXPECT_TRUE(m_client.connect());
+    EXPECT_EQ(m_calls.lines().front(), "socket AF_INET SOCK_STREAM 0 -> #3");
 }
 
 TEST_F(transceiver_test, descriptor_of_a_client_that_cannot_connect_is_minus_1)
 {
-    system_calls calls;
-    calls.fail("connect", ECONNREFUSED);
+    m_calls.fail("connect", ECONNREFUSED);
     transceiver client("127.0.0.1", 1, kTimeout);
     EXPECT_EQ(static_cast<int>(client), -1);
-    const forgotten_socket forgotten(calls.descriptor("#1"));
 }
 
-TEST_F(transceiver_test, establish_of_a_client_connects)
+TEST_F(client_transceiver, establish_of_a_client_connects)
 {
-    const listener server;
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    EXPECT_TRUE(client.establish());
+    EXPECT_TRUE(m_client.establish());
 }
 
-TEST_F(transceiver_test, client_sends_and_receives_over_the_connection_that_it_makes_first)
+TEST_F(client_transceiver, client_sends_and_receives_over_the_connection_that_it_makes_first)
 {
-    listener server;
     bytes received;
-    std::thread serving([&] { received = server.serve(4, bytes_of("pong")); });
-    transceiver client("127.0.0.1", server.port(), kTimeout);
-    EXPECT_TRUE(client.send("ping", 4));
+    std::thread serving([&] { received = m_listener.serve(4, bytes_of("pong")); });
+    EXPECT_TRUE(m_client.send("ping", 4));
     std::array<char, 5> answer{};
-    EXPECT_TRUE(client.recv(answer.data(), 4, false));
+    EXPECT_TRUE(m_client.recv(answer.data(), 4, false));
     serving.join();
     EXPECT_EQ(received, bytes_of("ping"));
     EXPECT_STREQ(answer.data(), "pong");
@@ -990,14 +857,11 @@ TEST_F(transceiver_test, client_sends_and_receives_over_the_connection_that_it_m
 
 TEST_F(transceiver_test, client_that_cannot_connect_neither_sends_nor_receives)
 {
-    system_calls calls;
-    calls.fail("connect", ECONNREFUSED, 0);
+    m_calls.fail("connect", ECONNREFUSED, 0);
     transceiver client("127.0.0.1", 1, kTimeout);
     std::array<char, 1> byte{};
     EXPECT_FALSE(client.send(byte.data(), 1));
     EXPECT_FALSE(client.recv(byte.data(), 1, false));
-    const forgotten_socket first(calls.descriptor("#1"));
-    const forgotten_socket second(calls.descriptor("#2"));
 }
 
 // Sending
@@ -1021,38 +885,32 @@ TEST_F(connected_transceiver, send_goes_on_until_everything_is_written)
 
 TEST_F(connected_transceiver, send_of_nothing_writes_nothing)
 {
-    system_calls calls;
     EXPECT_TRUE(m_server.send(nullptr, 0));
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, send_of_nothing_waits_for_the_peer_all_the_same)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
     std::optional<peer> other;
-    calls.before("accept", [&] { other.emplace(server.port()); });
-    EXPECT_TRUE(server.send(nullptr, 0));
-    EXPECT_EQ(calls.lines_of("accept"), lines{"accept #1 -> #2"});
+    m_calls.before("accept", [&] { other.emplace(m_server.port()); });
+    EXPECT_TRUE(m_server.send(nullptr, 0));
+    EXPECT_EQ(m_calls.lines_of("accept"), lines{"accept #1 -> #2"});
 }
 
 TEST_F(transceiver_test, send_of_nothing_fails_without_a_connection)
 {
-    system_calls calls;
-    calls.fail("accept", EMFILE);
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.send(nullptr, 0));
+    m_calls.fail("accept", EMFILE);
+    EXPECT_FALSE(m_server.send(nullptr, 0));
 }
 
 class failing_write : public connected_transceiver, public testing::WithParamInterface<int> {};
 
 TEST_P(failing_write, ends_the_send_without_another_try)
 {
-    system_calls calls;
-    calls.limit("write", 2);
-    calls.fail("write", GetParam(), 2);
+    m_calls.limit("write", 2);
+    m_calls.fail("write", GetParam(), 2);
     EXPECT_FALSE(m_server.send("hello", 5));
-    EXPECT_EQ(calls.lines_of("write").size(), 2U);
+    EXPECT_EQ(m_calls.lines_of("write").size(), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_write, testing::Values(EINTR, EAGAIN, EPIPE),
@@ -1060,10 +918,9 @@ INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_write, testing::Values(EINTR,
 
 TEST_F(connected_transceiver, write_that_moves_nothing_ends_the_send)
 {
-    system_calls calls;
-    calls.answer("write", 0);
+    m_calls.answer("write", 0);
     EXPECT_FALSE(m_server.send("hello", 5));
-    EXPECT_EQ(calls.lines_of("write").size(), 1U);
+    EXPECT_EQ(m_calls.lines_of("write").size(), 1U);
 }
 
 // Receiving
@@ -1078,13 +935,11 @@ TEST_F(connected_transceiver, recv_brings_exactly_the_bytes_asked_for)
 
 TEST_F(connected_transceiver, recv_goes_on_until_everything_has_arrived)
 {
-    system_calls calls;
-    calls.name_new(m_server);
-    calls.before("read", [&] { other().send({'x'}); });
+    m_calls.before("read", [&] { other().send({'x'}); });
     std::array<char, 8> buffer{};
     EXPECT_TRUE(m_server.recv(buffer.data(), 3, false));
     EXPECT_STREQ(buffer.data(), "xxx");
-    EXPECT_EQ(calls.lines(), (lines{"read #1 3 -> 1", "read #1 2 -> 1", "read #1 1 -> 1"}));
+    EXPECT_EQ(m_calls.lines(), (lines{"read #3 3 -> 1", "read #3 2 -> 1", "read #3 1 -> 1"}));
 }
 
 TEST_F(connected_transceiver, recv_fails_when_the_stream_ends_early)
@@ -1097,28 +952,23 @@ TEST_F(connected_transceiver, recv_fails_when_the_stream_ends_early)
 
 TEST_F(connected_transceiver, recv_of_nothing_reads_nothing)
 {
-    system_calls calls;
     EXPECT_TRUE(m_server.recv(nullptr, 0, false));
     EXPECT_TRUE(m_server.recv(nullptr, 0, true));
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, recv_of_nothing_waits_for_the_peer_all_the_same)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
     std::optional<peer> other;
-    calls.before("accept", [&] { other.emplace(server.port()); });
-    EXPECT_TRUE(server.recv(nullptr, 0, false));
-    EXPECT_EQ(calls.lines_of("accept"), lines{"accept #1 -> #2"});
+    m_calls.before("accept", [&] { other.emplace(m_server.port()); });
+    EXPECT_TRUE(m_server.recv(nullptr, 0, false));
+    EXPECT_EQ(m_calls.lines_of("accept"), lines{"accept #1 -> #2"});
 }
 
 TEST_F(transceiver_test, recv_of_nothing_fails_without_a_connection)
 {
-    system_calls calls;
-    calls.fail("accept", EMFILE);
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.recv(nullptr, 0, false));
+    m_calls.fail("accept", EMFILE);
+    EXPECT_FALSE(m_server.recv(nullptr, 0, false));
 }
 
 class failing_read : public connected_transceiver, public testing::WithParamInterface<int> {};
@@ -1126,23 +976,21 @@ class failing_read : public connected_transceiver, public testing::WithParamInte
 TEST_P(failing_read, ends_the_recv_without_another_try)
 {
     other().send(bytes_of("hello"));
-    system_calls calls;
-    calls.limit("read", 2);
-    calls.fail("read", GetParam(), 2);
+    m_calls.limit("read", 2);
+    m_calls.fail("read", GetParam(), 2);
     std::array<char, 8> buffer{};
     EXPECT_FALSE(m_server.recv(buffer.data(), 5, false));
-    EXPECT_EQ(calls.lines_of("read").size(), 2U);
+    EXPECT_EQ(m_calls.lines_of("read").size(), 2U);
 }
 
 TEST_P(failing_read, ends_the_peek_without_another_try)
 {
     other().send(bytes_of("hello"));
-    system_calls calls;
-    calls.limit("recv", 2);
-    calls.fail("recv", GetParam(), 2);
+    m_calls.limit("recv", 2);
+    m_calls.fail("recv", GetParam(), 2);
     std::array<char, 8> buffer{};
     EXPECT_FALSE(m_server.recv(buffer.data(), 5, true));
-    EXPECT_EQ(calls.lines_of("recv").size(), 2U);
+    EXPECT_EQ(m_calls.lines_of("recv").size(), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_read, testing::Values(EINTR, EAGAIN, ECONNRESET),
@@ -1175,8 +1023,7 @@ TEST_F(connected_transceiver, peek_shows_the_bytes_and_leaves_them_queued)
 TEST_F(connected_transceiver, peek_in_several_calls_repeats_the_head_of_the_queue)
 {
     other().send(bytes_of("hello"));
-    system_calls calls;
-    calls.limit("recv", 2);
+    m_calls.limit("recv", 2);
     std::array<char, 8> buffer{};
     EXPECT_TRUE(m_server.recv(buffer.data(), 5, true));
     EXPECT_STREQ(buffer.data(), "heheh");
@@ -1222,11 +1069,9 @@ TEST_F(connected_transceiver, cannot_recv_after_the_peer_closed)
 
 TEST_F(connected_transceiver, can_recv_asks_without_waiting_and_restores_the_flags)
 {
-    system_calls calls;
-    calls.name_new(m_server);
     m_server.can_recv();
-    EXPECT_EQ(calls.lines(), (lines{"fcntl #1 F_GETFL -> 2", "fcntl #1 F_SETFL non-blocking",
-                                    "recv #1 1 MSG_PEEK -> -1", "fcntl #1 F_SETFL blocking"}));
+    EXPECT_EQ(m_calls.lines(), (lines{"fcntl #3 F_GETFL -> 2", "fcntl #3 F_SETFL non-blocking",
+                                      "recv #3 1 MSG_PEEK -> -1", "fcntl #3 F_SETFL blocking"}));
 }
 
 TEST_F(connected_transceiver, can_recv_leaves_the_socket_blocking)
@@ -1252,10 +1097,9 @@ TEST_F(connected_transceiver, cannot_recv_when_the_flags_cannot_be_read)
 {
     other().send({'x'});
     ASSERT_TRUE(has_arrived());
-    system_calls calls;
-    calls.fail("fcntl", EIO, 1);
+    m_calls.fail("fcntl", EIO, 1);
     EXPECT_FALSE(m_server.can_recv());
-    EXPECT_EQ(calls.lines().size(), 1U);
+    EXPECT_EQ(m_calls.lines().size(), 1U);
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO can_recv", std::string("ERROR ") + std::strerror(EIO)}));
 }
 
@@ -1263,10 +1107,9 @@ TEST_F(connected_transceiver, cannot_recv_when_the_flags_cannot_be_set)
 {
     other().send({'x'});
     ASSERT_TRUE(has_arrived());
-    system_calls calls;
-    calls.fail("fcntl", EIO, 2);
+    m_calls.fail("fcntl", EIO, 2);
     EXPECT_FALSE(m_server.can_recv());
-    EXPECT_EQ(calls.lines_of("recv"), lines());
+    EXPECT_EQ(m_calls.lines_of("recv"), lines());
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO can_recv", std::string("ERROR ") + std::strerror(EIO)}));
 }
 
@@ -1274,47 +1117,40 @@ TEST_F(connected_transceiver, can_recv_whether_or_not_the_flags_can_be_restored)
 {
     other().send({'x'});
     ASSERT_TRUE(has_arrived());
-    system_calls calls;
-    calls.fail("fcntl", EIO, 3);
+    m_calls.fail("fcntl", EIO, 3);
     EXPECT_TRUE(m_server.can_recv());
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO can_recv", std::string("ERROR ") + std::strerror(EIO)}));
 }
 
 TEST_F(connected_transceiver, cannot_recv_when_the_look_itself_fails)
 {
-    system_calls calls;
-    calls.fail("recv", ECONNRESET);
+    m_calls.fail("recv", ECONNRESET);
     EXPECT_FALSE(m_server.can_recv());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO can_recv"});
 }
 
 TEST_F(transceiver_test, cannot_recv_without_a_connection)
 {
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.can_recv());
+    EXPECT_FALSE(m_server.can_recv());
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO can_recv", kNoSocket}));
 }
 
 TEST_F(transceiver_test, can_recv_makes_no_connection)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.can_recv();
-    EXPECT_EQ(calls.lines(), lines{"fcntl -1 F_GETFL -> -1"});
+    m_server.can_recv();
+    EXPECT_EQ(m_calls.lines(), lines{"fcntl -1 F_GETFL -> -1"});
 }
 
 TEST_F(transceiver_test, cannot_recv_on_descriptor_0)
 {
-    transceiver server(0, kTimeout);
-    system_calls calls;
-    server.bind();
-    calls.answer("accept", 0);
-    calls.fail("setsockopt", ENOTSOCK, 0);
-    server.accept();
+    m_server.bind();
+    m_calls.answer("accept", 0);
+    m_calls.fail("setsockopt", ENOTSOCK, 0);
+    m_server.accept();
     support::open_log(1);
-    calls.take_lines();
-    EXPECT_FALSE(server.can_recv());
-    EXPECT_EQ(calls.lines(), lines());
+    m_calls.take_lines();
+    EXPECT_FALSE(m_server.can_recv());
+    EXPECT_EQ(m_calls.lines(), lines());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO can_recv"});
 }
 
@@ -1330,11 +1166,9 @@ TEST_F(connected_transceiver, set_timeout_stores_and_applies_it)
 
 TEST_F(connected_transceiver, set_timeout_of_0_sets_the_other_two_options)
 {
-    system_calls calls;
-    calls.name_new(m_server);
     EXPECT_TRUE(m_server.set_timeout(0));
-    EXPECT_EQ(calls.lines(),
-              (lines{"setsockopt #1 SOL_SOCKET SO_REUSEADDR 1", "setsockopt #1 SOL_SOCKET SO_KEEPALIVE 0"}));
+    EXPECT_EQ(m_calls.lines(),
+              (lines{"setsockopt #3 SOL_SOCKET SO_REUSEADDR 1", "setsockopt #3 SOL_SOCKET SO_KEEPALIVE 0"}));
 }
 
 TEST_F(connected_transceiver, set_timeout_of_0_leaves_the_time_outs_unchanged)
@@ -1354,17 +1188,15 @@ TEST_F(connected_transceiver, set_timeout_of_0_clears_keep_alive_again)
 
 TEST_F(connected_transceiver, set_timeout_that_fails_says_so)
 {
-    system_calls calls;
-    calls.fail("setsockopt", ENOMEM, 3);
+    m_calls.fail("setsockopt", ENOMEM, 3);
     EXPECT_FALSE(m_server.set_timeout(7));
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: setsockopt failed"});
 }
 
 TEST_F(transceiver_test, set_timeout_without_a_connection_fails_and_stores_it)
 {
-    transceiver server(0, kTimeout);
-    EXPECT_FALSE(server.set_timeout(7));
-    EXPECT_EQ(server.get_timeout(), 7U);
+    EXPECT_FALSE(m_server.set_timeout(7));
+    EXPECT_EQ(m_server.get_timeout(), 7U);
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: setsockopt failed"});
 }
 
@@ -1386,87 +1218,76 @@ TEST_F(connected_transceiver, close_closes_the_connected_socket)
 TEST_F(connected_transceiver, second_close_does_nothing)
 {
     m_server.close();
-    system_calls calls;
+    m_calls.take_lines();
     m_server.close();
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(connected_transceiver, close_that_fails_is_logged_as_an_error)
 {
-    system_calls calls;
-    calls.fail("close", EIO);
+    m_calls.fail("close", EIO);
     m_server.close();
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: socket close failed"});
 }
 
 TEST_F(connected_transceiver, second_close_does_nothing_even_after_one_that_failed)
 {
-    system_calls calls;
-    calls.fail("close", EIO);
+    m_calls.fail("close", EIO);
     m_server.close();
-    calls.take_lines();
+    m_calls.take_lines();
     m_server.close();
-    EXPECT_EQ(calls.lines(), lines());
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, close_closes_the_listening_socket)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.bind();
-    calls.take_lines();
-    server.close();
-    EXPECT_EQ(calls.lines(), lines{"close #1"});
+    m_server.bind();
+    m_calls.take_lines();
+    m_server.close();
+    EXPECT_EQ(m_calls.lines(), lines{"close #1"});
 }
 
 TEST_F(transceiver_test, close_of_the_listening_socket_that_fails_is_logged_as_an_error)
 {
-    system_calls calls;
-    calls.fail("close", EIO);
-    transceiver server(0, kTimeout);
-    server.bind();
-    server.close();
+    m_calls.fail("close", EIO);
+    m_server.bind();
+    m_server.close();
     EXPECT_EQ(support::log_dialogue(), lines{"ERROR ERROR: socket close failed"});
 }
 
 TEST_F(transceiver_test, close_without_sockets_does_nothing)
 {
-    system_calls calls;
-    transceiver server(0, kTimeout);
-    server.close();
-    EXPECT_EQ(calls.lines(), lines());
+    m_server.close();
+    EXPECT_EQ(m_calls.lines(), lines());
 }
 
 TEST_F(transceiver_test, destruction_closes_the_listening_socket)
 {
-    system_calls calls;
     {
         transceiver server(0, kTimeout);
         server.bind();
-        calls.take_lines();
+        m_calls.take_lines();
     }
-    EXPECT_EQ(calls.lines(), lines{"close #1"});
+    EXPECT_EQ(m_calls.lines(), lines{"close #1"});
 }
 
 TEST_F(transceiver_test, destruction_closes_the_connected_socket)
 {
     std::optional<peer> other;
-    system_calls calls;
     {
         transceiver server(0, kTimeout);
-        calls.before("accept", [&] { other.emplace(server.port()); });
+        m_calls.before("accept", [&] { other.emplace(server.port()); });
         server.establish();
-        calls.take_lines();
+        m_calls.take_lines();
     }
-    EXPECT_EQ(calls.lines(), lines{"close #2"});
+    EXPECT_EQ(m_calls.lines(), lines{"close #2"});
 }
 
 TEST_F(transceiver_test, server_listens_on_the_same_port_again_after_close)
 {
-    transceiver server(0, kTimeout);
-    const int port = server.port();
-    server.close();
-    EXPECT_EQ(server.port(), port);
+    const int port = m_server.port();
+    m_server.close();
+    EXPECT_EQ(m_server.port(), port);
     EXPECT_TRUE(peer(port).is_connected());
 }
 
@@ -1476,10 +1297,9 @@ TEST_F(transceiver_test, every_line_names_its_unit)
 {
     support::open_log(0);
     testing::internal::CaptureStderr();
-    transceiver server(0, kTimeout);
-    server.connect();
-    server.can_recv();
-    server.set_timeout(7);
+    m_server.connect();
+    m_server.can_recv();
+    m_server.set_timeout(7);
     testing::internal::GetCapturedStderr();
     lines units;
     for (const support::log_line& line : support::log_lines())
