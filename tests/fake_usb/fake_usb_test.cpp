@@ -171,7 +171,7 @@ TEST_F(fake_usb_test, checked_bus_fails_the_test_for_a_misuse)
         "libusb was misused: exit: the context is not alive");
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_closed_handle)
+TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_closed_handle)
 {
     begin_session();
     end_session();
@@ -180,7 +180,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_closed_handle)
     EXPECT_EQ(bus.misuses(), lines{"claim_interface scanner 0: the handle is not open"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_second_close_of_a_handle)
+TEST_F(fake_usb_at_a_scanner, reports_the_second_close_of_a_handle)
 {
     begin_session();
     end_session();
@@ -189,13 +189,13 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_close_of_a_handle)
     EXPECT_EQ(bus.misuses(), lines{"close scanner: the handle is not open"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_null_handle)
+TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_null_handle)
 {
     EXPECT_EQ(libusb_reset_device(nullptr), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(bus.misuses(), lines{"reset_device null: the handle is null"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_a_close_with_a_claim)
+TEST_F(fake_usb_at_a_scanner, reports_a_close_with_a_claim)
 {
     begin_session();
     libusb_close(handle);
@@ -203,7 +203,7 @@ TEST_F(fake_usb_at_a_scanner, tells_a_close_with_a_claim)
     EXPECT_EQ(bus.misuses(), lines{"close scanner: interface 0 is still claimed"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_an_exit_with_an_open_handle)
+TEST_F(fake_usb_at_a_scanner, reports_an_exit_with_an_open_handle)
 {
     begin_session();
     libusb_exit(context);
@@ -211,7 +211,7 @@ TEST_F(fake_usb_at_a_scanner, tells_an_exit_with_an_open_handle)
     EXPECT_EQ(bus.misuses(), lines{"exit: a handle of scanner is still open"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_context_whose_initialisation_failed)
+TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_context_whose_initialisation_failed)
 {
     bus.fail("init", LIBUSB_ERROR_OTHER);
     libusb_init(&context);
@@ -220,7 +220,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_context_whose_initialisation_fa
     EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_second_exit_of_a_context)
+TEST_F(fake_usb_at_a_scanner, reports_the_second_exit_of_a_context)
 {
     libusb_init(&context);
     libusb_exit(context);
@@ -229,7 +229,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_exit_of_a_context)
     EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_list)
+TEST_F(fake_usb_at_a_scanner, reports_the_second_freeing_of_a_list)
 {
     libusb_init(&context);
     libusb_device** list = nullptr;
@@ -240,7 +240,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_list)
     EXPECT_EQ(bus.misuses(), lines{"free_device_list unref: no such list is on loan"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_configuration_descriptor)
+TEST_F(fake_usb_at_a_scanner, reports_the_second_freeing_of_a_configuration_descriptor)
 {
     begin_session();
     libusb_config_descriptor* descriptor = nullptr;
@@ -251,7 +251,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_second_freeing_of_a_configuration_descri
     EXPECT_EQ(bus.misuses(), lines{"free_config_descriptor: no such descriptor is on loan"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_device_whose_list_was_freed)
+TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_device_whose_list_was_freed)
 {
     libusb_init(&context);
     libusb_device** list = nullptr;
@@ -263,7 +263,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_use_of_a_device_whose_list_was_freed)
     EXPECT_EQ(bus.misuses(), lines{"open scanner: nobody holds a reference to the device"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_a_transfer_on_an_unclaimed_interface)
+TEST_F(fake_usb_at_a_scanner, reports_a_transfer_on_an_unclaimed_interface)
 {
     begin_session();
     libusb_release_interface(handle, 0);
@@ -273,7 +273,7 @@ TEST_F(fake_usb_at_a_scanner, tells_a_transfer_on_an_unclaimed_interface)
               lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_the_release_of_an_unclaimed_interface)
+TEST_F(fake_usb_at_a_scanner, reports_the_release_of_an_unclaimed_interface)
 {
     begin_session();
 
@@ -281,7 +281,7 @@ TEST_F(fake_usb_at_a_scanner, tells_the_release_of_an_unclaimed_interface)
     EXPECT_EQ(bus.misuses(), lines{"release_interface scanner 1: the interface is not claimed"});
 }
 
-TEST_F(fake_usb_at_a_scanner, tells_an_attach_before_the_release)
+TEST_F(fake_usb_at_a_scanner, reports_an_attach_before_the_release)
 {
     begin_session();
 

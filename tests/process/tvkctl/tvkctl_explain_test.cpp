@@ -61,7 +61,7 @@ TEST_F(tvkctl_explain_test, when_all_is_well_the_scanner_is_really_opened_and_cl
                   .text());
 }
 
-TEST_F(tvkctl_explain_test, an_address_that_is_none_is_20)
+TEST_F(tvkctl_explain_test, an_invalid_address_is_20)
 {
     const tvkctl_result result = explain("usb:1a2b");
     EXPECT_EQ(result.status, 20);
@@ -145,7 +145,7 @@ TEST_F(tvkctl_explain_test, a_kernel_driver_is_a_warning)
     EXPECT_LINE(result, "warning      driver     kernel driver usblp is bound to interface 0");
 }
 
-TEST_F(tvkctl_explain_test, a_driver_that_cannot_be_told_does_not_end_the_diagnosis)
+TEST_F(tvkctl_explain_test, a_driver_that_cannot_be_found_out_does_not_end_the_diagnosis)
 {
     with_bus("device scanner 1a2b:3c4d\n  place 1 1 2\n"); // of which sysfs knows nothing
     const tvkctl_result result = explain();
@@ -188,7 +188,7 @@ TEST_F(tvkctl_explain_test, the_plugin_is_that_of_the_product)
     EXPECT_LINE(result, "        - product 0a71 is served by libqvintZ4.so");
 }
 
-TEST_F(tvkctl_explain_test, a_plugin_that_is_no_library_is_25)
+TEST_F(tvkctl_explain_test, a_plugin_that_is_not_a_library_is_25)
 {
     with_plugin_file("no library at all\n");
     const tvkctl_result result = explain();
@@ -259,7 +259,7 @@ TEST_F(tvkctl_explain_test, a_program_that_is_not_there_is_26)
     EXPECT_EQ(outcomes(result), all_good_up_to_plugin + "failed       program\n");
 }
 
-TEST_F(tvkctl_explain_test, a_program_that_is_nowhere_is_26)
+TEST_F(tvkctl_explain_test, a_program_that_cannot_be_found_is_26)
 {
     with_environment("PATH", "/nonexistent");
     const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"explain", kUdi}));
@@ -326,7 +326,7 @@ TEST_F(tvkctl_explain_test, an_open_that_is_refused_tells_the_log_of_that_open_a
     EXPECT_EQ(told, support::explained_refusal(plugin_file()));
 }
 
-TEST_F(tvkctl_explain_test, a_log_that_takes_only_errors_is_told)
+TEST_F(tvkctl_explain_test, a_log_that_takes_only_errors_is_reported)
 {
     support::make_log_directory(3);
     with_plugin("plugin_refusing");
@@ -379,7 +379,7 @@ TEST_F(tvkctl_explain_test, a_plugin_that_crashes_at_its_end_is_27)
         "signal 6 (Aborted)");
 }
 
-TEST_F(tvkctl_explain_test, json_tells_each_check)
+TEST_F(tvkctl_explain_test, json_has_each_check)
 {
     with_plugin("plugin_without_reader");
     const tvkctl_result result = explain(kUdi, {"--json"});
@@ -398,7 +398,7 @@ TEST_F(tvkctl_explain_test, json_tells_each_check)
     EXPECT_EQ(failed["next"].back(), "tvkctl check-plugin " + plugin_file());
 }
 
-TEST_F(tvkctl_explain_test, json_tells_that_all_is_well)
+TEST_F(tvkctl_explain_test, json_says_that_all_is_well)
 {
     const json document = json::parse(explain(kUdi, {"--json"}).out);
     EXPECT_EQ(document["opens"], true);

@@ -75,7 +75,7 @@ TEST_F(tvkctl_list_test, json_holds_all_that_is_known)
     EXPECT_EQ(document, expected);
 }
 
-TEST_F(tvkctl_list_node_test, the_rights_of_a_node_are_told)
+TEST_F(tvkctl_list_node_test, the_rights_of_a_node_are_reported)
 {
     const tvkctl_result result = run({"list"});
     EXPECT_NE(result.out.find("/dev/bus/usb/001/001  -rw-rw-rw- root:root  yes       -\n"), std::string::npos)
@@ -109,7 +109,7 @@ TEST_F(tvkctl_list_test, a_plugin_that_cannot_be_loaded_is_warned_of)
         << result.err;
 }
 
-TEST_F(tvkctl_list_test, a_bus_without_scanners_is_no_error)
+TEST_F(tvkctl_list_test, a_bus_without_scanners_is_not_an_error)
 {
     with_bus(kMouse);
     const tvkctl_result result = run({"list"});
@@ -135,7 +135,7 @@ TEST_F(tvkctl_list_test, a_bus_that_cannot_be_searched_has_a_status_of_its_own)
                           "/sys/bus/usb are there.\n");
 }
 
-TEST_F(tvkctl_list_test, a_full_disk_behind_standard_output_is_told)
+TEST_F(tvkctl_list_test, a_full_disk_behind_standard_output_is_reported)
 {
     const tvkctl_result result = run_in_shell("\"$TVKCTL\" list >/dev/full");
     EXPECT_EQ(result.status, 4);

@@ -84,7 +84,7 @@ protected:
     std::unique_ptr<tarvik::child_process> m_follower;
 };
 
-TEST_F(tvkctl_log_test, off_is_told_with_its_reason_and_70)
+TEST_F(tvkctl_log_test, off_is_reported_with_its_reason_and_70)
 {
     const tvkctl_result result = run({"log"});
     EXPECT_EQ(result.status, 70);
@@ -93,7 +93,7 @@ TEST_F(tvkctl_log_test, off_is_told_with_its_reason_and_70)
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(tvkctl_log_test, on_is_told_with_its_level_and_place)
+TEST_F(tvkctl_log_test, on_is_reported_with_its_level_and_place)
 {
     support::make_log_directory(2);
     const tvkctl_result result = run({"log"});
@@ -105,7 +105,7 @@ TEST_F(tvkctl_log_test, on_is_told_with_its_level_and_place)
                               file_of_day() + " (nothing yet)\n");
 }
 
-TEST_F(tvkctl_log_test, a_directory_of_root_is_told_to_other_users_with_71)
+TEST_F(tvkctl_log_test, a_directory_of_root_is_reported_to_other_users_with_71)
 {
     support::make_log_directory();
     const tvkctl_result result = run_as_nobody("log");
@@ -127,7 +127,7 @@ TEST_F(tvkctl_log_test, a_directory_of_another_user_is_off_with_its_remedy)
               "See who put it there (ls -ld /tmp/velnor/tvkintif) and have root remove it.\n");
 }
 
-TEST_F(tvkctl_log_test, json_tells_the_state)
+TEST_F(tvkctl_log_test, json_has_the_state)
 {
     support::make_log_directory(1);
     const json document = json::parse(run({"log", "--json"}).out);
@@ -167,7 +167,7 @@ TEST_F(tvkctl_log_test, what_off_turns_off_is_what_the_program_heeds)
     EXPECT_EQ(support::raw_log(), line_of("INFO", "kept"));
 }
 
-TEST_F(tvkctl_log_test, off_tells_what_it_did)
+TEST_F(tvkctl_log_test, off_says_what_it_did)
 {
     support::make_log_directory();
     append(line_of("INFO", "kept"));
@@ -247,7 +247,7 @@ TEST_F(tvkctl_log_test, show_lets_no_control_byte_through)
     EXPECT_EQ(run({"log", "show"}).out, line_of("INFO", "open usb:\\x1b[2J\\x07"));
 }
 
-TEST_F(tvkctl_log_test, show_tells_lines_as_json)
+TEST_F(tvkctl_log_test, show_writes_lines_as_json)
 {
     support::make_log_directory();
     append(line_of("INFO", "main(93) one") + "and more\n");

@@ -306,12 +306,12 @@ TEST_F(tvkctl_run_test, a_file_that_cannot_be_made_costs_no_transfer)
     EXPECT_EQ(usb_lines_about("plugin_good reader").text(), "");
 }
 
-TEST_F(tvkctl_run_test, a_full_disk_is_told)
+TEST_F(tvkctl_run_test, a_full_disk_is_reported)
 {
     EXPECT_EQ(run_steps({"recv 4 > /dev/full"}).status, 4);
 }
 
-TEST_F(tvkctl_run_test, a_missing_file_to_send_is_told_before_the_scanner_is_opened)
+TEST_F(tvkctl_run_test, a_missing_file_to_send_is_reported_before_the_scanner_is_opened)
 {
     const tvkctl_result result = run_steps({"send @none.bin"});
     EXPECT_EQ(result.status, 3);
@@ -320,14 +320,14 @@ TEST_F(tvkctl_run_test, a_missing_file_to_send_is_told_before_the_scanner_is_ope
     EXPECT_EQ(result.out, "");
 }
 
-TEST_F(tvkctl_run_test, a_program_that_is_none_cannot_be_started)
+TEST_F(tvkctl_run_test, a_file_that_is_not_a_program_cannot_be_started)
 {
     const tvkctl_result result = run_steps({"--program", "/nonexistent", "send 01"});
     EXPECT_EQ(result.status, 10);
     expect_one_line_with(result.err, "/nonexistent");
 }
 
-TEST_F(tvkctl_run_test, a_program_that_is_nowhere_is_told)
+TEST_F(tvkctl_run_test, a_program_that_cannot_be_found_is_reported)
 {
     with_environment("PATH", "/nonexistent");
     const tvkctl_result result = run_launch(launch_of(lonely_tvkctl(), {"run", kUdi, "send 01"}));
@@ -352,7 +352,7 @@ TEST_F(tvkctl_run_test, connect_drives_a_program_that_somebody_else_started)
     EXPECT_EQ(started.finish(), tarvik::exit_status::exited(0));
 }
 
-TEST_F(tvkctl_run_test, a_port_where_nobody_listens_is_told)
+TEST_F(tvkctl_run_test, a_port_where_nobody_listens_is_reported)
 {
     const tvkctl_result result = run_steps({"--connect", "1", "send 01"});
     EXPECT_EQ(result.status, 11);
@@ -368,7 +368,7 @@ TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
     expect_one_line_with(result.err, "id 7");
 }
 
-TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_told)
+TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_reported)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer needs descriptors itself, to look at memory";
@@ -429,7 +429,7 @@ INSTANTIATE_TEST_SUITE_P(
                          "--connect excludes --program. See tvkctl run --help."}),
     [](const auto& which) { return which.param.name; });
 
-TEST_F(tvkctl_run_test, a_step_without_quotes_is_told_with_the_forms_of_all_steps)
+TEST_F(tvkctl_run_test, a_step_without_quotes_is_reported_with_the_forms_of_all_steps)
 {
     const tvkctl_result result = run_steps({"send", "01"});
     EXPECT_EQ(result.status, 2);

@@ -16,7 +16,7 @@ constexpr std::size_t kGibibyte = std::size_t{1} << 30U;
 
 } // namespace
 
-TEST_F(exceptions, dispatcher_that_cannot_be_made_is_told_as_port_minus_1)
+TEST_F(exceptions, dispatcher_that_cannot_be_made_is_reported_as_port_minus_1)
 {
     with_mishap("exhaust signal");
     start_in_vain();
@@ -24,14 +24,14 @@ TEST_F(exceptions, dispatcher_that_cannot_be_made_is_told_as_port_minus_1)
     expect_log(memory_exhausted);
 }
 
-TEST_F(exceptions, settings_that_cannot_be_kept_are_told_as_port_minus_1)
+TEST_F(exceptions, settings_that_cannot_be_kept_are_reported_as_port_minus_1)
 {
     with_mishap("exhaust setlocale");
     start_in_vain();
     expect_end({1});
 }
 
-TEST_F(exceptions, port_that_cannot_be_told_is_told_as_minus_1_and_the_socket_closed)
+TEST_F(exceptions, port_that_cannot_be_found_out_is_reported_as_minus_1_and_the_socket_closed)
 {
     with_mishap("throw print no room for the port");
     with_mishap("record sockets");
@@ -41,7 +41,7 @@ TEST_F(exceptions, port_that_cannot_be_told_is_told_as_minus_1_and_the_socket_cl
     expect_usb_about("close", {"close listening"});
 }
 
-TEST_F(exceptions, exception_of_no_known_kind_at_the_start_leaves_no_error_line)
+TEST_F(exceptions, exception_of_unknown_kind_at_the_start_leaves_no_error_line)
 {
     with_mishap("throw_number print");
     start_in_vain();
@@ -49,7 +49,7 @@ TEST_F(exceptions, exception_of_no_known_kind_at_the_start_leaves_no_error_line)
     expect_log(only_left);
 }
 
-TEST_F(exceptions, start_that_fails_without_logging_still_tells_minus_1)
+TEST_F(exceptions, start_that_fails_without_logging_still_prints_minus_1)
 {
     with_no_log_directory();
     with_mishap("exhaust signal");
@@ -103,7 +103,7 @@ TEST_F(exceptions, exception_in_the_loop_is_logged_after_the_device_was_closed)
             .text());
 }
 
-TEST_F(exceptions, exception_of_no_known_kind_in_the_loop_leaves_no_error_line)
+TEST_F(exceptions, exception_of_unknown_kind_in_the_loop_leaves_no_error_line)
 {
     with_bus("device scanner 1a2b:3c4d\nthrow_number release_interface 1\n");
     start_connected();

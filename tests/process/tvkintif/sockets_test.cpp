@@ -142,7 +142,7 @@ TEST_F(sockets, accept_that_fails_is_tried_again_on_the_same_port)
     expect_log(announced + failed_to_read(kHeaderSize, "Bad file descriptor") + told_to_close);
 }
 
-TEST_F(sockets, socket_that_cannot_be_had_is_tried_again_until_a_signal_comes)
+TEST_F(sockets, socket_that_cannot_be_made_is_tried_again_until_a_signal_comes)
 {
     with_mishap("fail socket " + std::to_string(EMFILE) + " 1000000");
     start_in_vain();
@@ -169,7 +169,7 @@ TEST_F(sockets, address_that_cannot_be_bound_is_logged_and_tried_again)
     expect_first_socket_forgotten();
 }
 
-TEST_F(sockets, port_that_cannot_be_asked_for_is_told_on_standard_error_and_in_the_log)
+TEST_F(sockets, port_that_cannot_be_asked_for_is_reported_on_standard_error_and_in_the_log)
 {
     with_mishap("fail getsockname " + std::to_string(ENOBUFS) + " 1");
     with_mishap("record sockets");

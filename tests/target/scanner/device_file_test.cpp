@@ -182,7 +182,7 @@ TEST(device_file, refuses_two_devices_of_one_name)
     EXPECT_EQ(complaint(kWhole + kWhole), "a.device:5: there is a device \"one\" already");
 }
 
-TEST(device_file, refuses_a_name_that_is_no_file_name)
+TEST(device_file, refuses_a_name_that_cannot_be_a_file_name)
 {
     EXPECT_EQ(complaint("device ../one\n"),
               "a.device:1: a device's name is made of letters, digits, - and _");
@@ -290,13 +290,13 @@ TEST(device_file, refuses_an_answer_without_its_status)
               "a.device:7: \"answer\" takes 2 or more values, not 1");
 }
 
-TEST(device_file, refuses_a_status_of_an_answer_that_is_no_number)
+TEST(device_file, refuses_an_answer_whose_status_is_not_a_number)
 {
     EXPECT_EQ(complaint(kServing + "answer status done\n"),
               "a.device:7: \"done\" is not a number from 0 to 4294967295");
 }
 
-TEST(device_file, refuses_data_of_an_answer_that_are_no_bytes)
+TEST(device_file, refuses_an_answer_whose_data_are_not_bytes)
 {
     EXPECT_EQ(complaint(kServing + "answer status 0 12 100\n"),
               "a.device:7: \"100\" is not a number from 0 to 255 in hexadecimal");
@@ -320,7 +320,7 @@ TEST(device_file, tells_the_firmware)
     EXPECT_EQ(read(kServing + "firmware 0.9 beta\n")[0].firmware, "0.9 beta");
 }
 
-TEST(device_file, has_firmware_of_ours_where_none_is_told)
+TEST(device_file, has_firmware_of_ours_where_none_is_named)
 {
     EXPECT_EQ(read(kServing)[0].firmware, "1.0");
 }

@@ -202,7 +202,7 @@ TEST_F(bus, ends_a_short_answer_of_whole_packets_with_an_empty_packet)
     expect_served();
 }
 
-TEST_F(bus, gives_half_of_the_data_in_a_short_answer_of_no_certain_length)
+TEST_F(bus, gives_half_of_the_data_in_a_short_answer_without_a_length)
 {
     scanner().arm("plain", "short-answer");
     expect_done(send_read_pattern());
@@ -354,7 +354,7 @@ TEST_F(bus, strikes_with_a_fault_that_came_by_command)
     expect_served();
 }
 
-TEST_F(bus, refuses_an_order_to_clear_what_is_in_no_fault)
+TEST_F(bus, refuses_an_order_to_clear_a_device_without_a_fault)
 {
     const std::string reason = refusal([this] { scanner().clear("plain"); });
     EXPECT_NE(reason.find("failed: it is in no fault that can be cleared"), std::string::npos) << reason;
@@ -374,7 +374,7 @@ TEST_F(bus, refuses_an_order_for_a_fault_that_a_device_cannot_have)
         << reason;
 }
 
-TEST_F(bus, refuses_to_plug_in_what_is_plugged_in)
+TEST_F(bus, refuses_to_plug_in_a_device_that_is_plugged_in)
 {
     const std::string reason = refusal([this] { scanner().plug("plain"); });
     EXPECT_NE(reason.find("failed: it is plugged in already"), std::string::npos) << reason;

@@ -175,7 +175,7 @@ TEST_F(endurance, two_hundred_sessions_in_one_process_leave_no_descriptor_memory
     expect_nothing_left_of_sessions(200);
 }
 
-TEST_F(endurance, sessions_in_one_process_that_each_start_libusb_anew_leave_no_descriptor_memory_or_claim)
+TEST_F(endurance, sessions_in_one_process_that_each_start_libusb_leave_no_descriptor_memory_or_claim)
 {
     plug_in("plain");
     expect_nothing_left_of_sessions(20);

@@ -251,7 +251,7 @@ TEST_F(tools, explain_names_the_process_that_has_the_device)
                pid + "   # ends tvkintif\n");
 }
 
-TEST_F(tools, explain_tells_that_the_plugin_is_of_another_machine)
+TEST_F(tools, explain_reports_a_plugin_for_another_machine)
 {
     plug_in("plain");
     const plugin_folder plugins(plugin_of_another_machine(), kDefaultPlugin);
@@ -375,7 +375,7 @@ std::string played(const support::page_part& shown, const fs::path& folder)
 } // namespace
 
 /// The other examples are compared where no ARM machine is needed.
-TEST_F(tools, print_of_plugins_what_their_guide_shows)
+TEST_F(tools, print_what_the_plugin_guide_shows)
 {
     const fs::path folder = folder_of_the_guide();
     std::size_t count = 0;

@@ -43,7 +43,7 @@ TEST(connection, connecting_to_a_port_without_listener_is_refused)
                                 ": expected a listener on 127.0.0.1, got Connection refused");
 }
 
-TEST(connection, connecting_to_a_number_that_is_no_port_fails)
+TEST(connection, connecting_to_an_invalid_port_number_fails)
 {
     const auto error = error_of([] { raw_connection wire(65536); });
     EXPECT_STREQ(error.what(), "connect to port 65536: expected a port from 1 to 65535, got 65536");
@@ -84,7 +84,7 @@ TEST(connection, write_gives_up_when_the_peer_does_not_read)
     EXPECT_EQ(error.cause(), failure::timed_out);
 }
 
-TEST(connection, write_to_a_peer_that_reset_the_connection_is_told)
+TEST(connection, write_to_a_peer_that_reset_the_connection_is_reported)
 {
     scripted_peer peer({expects(from_hex("01")), resets()});
     raw_connection wire(peer.port());

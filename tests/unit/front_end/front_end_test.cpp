@@ -125,7 +125,7 @@ TEST(front_end_start, takes_the_port_from_the_first_line)
     EXPECT_EQ(program.port(), 40001);
 }
 
-TEST(front_end_start, early_exit_is_told_with_its_status)
+TEST(front_end_start, early_exit_is_reported_with_its_status)
 {
     const auto error = error_of([] { front_end program(shell("exit 3")); });
     EXPECT_STREQ(error.what(),
@@ -133,13 +133,13 @@ TEST(front_end_start, early_exit_is_told_with_its_status)
                  "then exit status 3");
 }
 
-TEST(front_end_start, early_death_is_told_with_its_signal)
+TEST(front_end_start, early_death_is_reported_with_its_signal)
 {
     const auto error = error_of([] { front_end program(shell("kill -KILL $$")); });
     EXPECT_EQ(error.came(), "no line and then signal 9 (Killed)");
 }
 
-TEST(front_end_start, early_exit_is_told_with_the_captured_standard_error)
+TEST(front_end_start, early_exit_is_reported_with_the_captured_standard_error)
 {
     const auto error = error_of([] { front_end program(shell("echo no library >&2; exit 127")); });
     EXPECT_EQ(error.came(), "no line and then exit status 127; its standard error: \"no library\\x0a\"");
@@ -151,7 +151,7 @@ TEST(front_end_start, line_without_its_end_is_an_early_exit)
     EXPECT_EQ(error.cause(), failure::exited_early);
 }
 
-TEST(front_end_start, minus_1_is_told_with_the_exit_status)
+TEST(front_end_start, minus_1_is_reported_with_the_exit_status)
 {
     const auto error = error_of([] { front_end program(shell("echo -1; exit 1")); });
     EXPECT_EQ(error.came(), "-1 and then exit status 1");
@@ -163,26 +163,26 @@ TEST(front_end_start, minus_1_is_a_refusal)
     EXPECT_EQ(error.cause(), failure::start_refused);
 }
 
-TEST(front_end_start, end_of_output_of_a_program_that_runs_on_is_told)
+TEST(front_end_start, end_of_output_of_a_program_that_runs_on_is_reported)
 {
     const auto error = error_of([] { front_end program(shell("exec >&-; exec sleep 600"), 200ms); });
     EXPECT_EQ(error.came(), "no line and then the end of its output while it runs on");
 }
 
-TEST(front_end_start, silence_is_told_when_time_is_up)
+TEST(front_end_start, silence_is_reported_when_time_is_up)
 {
     const auto error = error_of([] { front_end program(shell("exec sleep 600"), 50ms); });
     EXPECT_EQ(error.came(), "nothing within 50 ms");
 }
 
-TEST(front_end_start, half_a_line_is_told_when_time_is_up)
+TEST(front_end_start, half_a_line_is_reported_when_time_is_up)
 {
     // Time starts to count when the program executes, so what it prints at once is there in time.
     const auto error = error_of([] { front_end program(shell("printf 400; exec sleep 600"), 2s); });
     EXPECT_EQ(error.came(), "\"400\" within 2000 ms");
 }
 
-TEST(front_end_start, endless_line_is_told_by_its_head)
+TEST(front_end_start, endless_line_is_reported_by_its_head)
 {
     const auto error =
         error_of([] { front_end program(shell("head -c 1000 /dev/zero | tr '\\0' 7; exec sleep 600")); });
@@ -210,7 +210,7 @@ TEST(front_end_start, largest_port_is_taken)
     EXPECT_EQ(program.port(), 65535);
 }
 
-TEST(front_end_start, program_that_cannot_be_executed_is_told)
+TEST(front_end_start, program_that_cannot_be_executed_is_reported)
 {
     const auto error = error_of([] { front_end program(launch{"/nowhere/program"}); });
     EXPECT_EQ(error.cause(), failure::start_failed);
@@ -226,7 +226,7 @@ TEST(front_end_connect, refusal_by_a_program_that_has_ended_tells_how_it_ended)
     EXPECT_EQ(error.came(), "Connection refused; the program ended with exit status 4");
 }
 
-TEST(front_end_connect, refusal_by_a_program_that_runs_is_told_as_it_is)
+TEST(front_end_connect, refusal_by_a_program_that_runs_is_reported_as_it_is)
 {
     const bound_socket silent;
     front_end program(program_on(silent.port()));
@@ -409,7 +409,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "00000001 00000000 fffffffe 00000000 00000000",
                     "00000001 00000000 ffffffff 00000002 00000000")); // too long for a nak
 
-TEST(front_end_reply, end_of_the_stream_in_the_header_is_told_with_its_place)
+TEST(front_end_reply, end_of_the_stream_in_the_header_is_reported_with_its_place)
 {
     talk session({expects(recv_request(5)), answers(from_hex("00000001 00000000 0000")), closes()});
     const auto error = error_of([&] { session->recv(5); });
@@ -418,7 +418,7 @@ TEST(front_end_reply, end_of_the_stream_in_the_header_is_told_with_its_place)
                  "after 10 bytes");
 }
 
-TEST(front_end_reply, end_of_the_stream_in_the_payload_is_told_with_its_place)
+TEST(front_end_reply, end_of_the_stream_in_the_payload_is_reported_with_its_place)
 {
     bytes torn = ok_with(pattern(100'000));
     torn.resize(20 + 70'000);
@@ -429,7 +429,7 @@ TEST(front_end_reply, end_of_the_stream_in_the_payload_is_told_with_its_place)
                  "the stream after 70000 bytes");
 }
 
-TEST(front_end_reply, silence_is_told_when_time_is_up)
+TEST(front_end_reply, silence_is_reported_when_time_is_up)
 {
     talk session({expects(recv_request(5))});
     const auto error = error_of([&] { session->recv(5, 50ms); });

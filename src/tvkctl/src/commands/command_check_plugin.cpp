@@ -80,7 +80,7 @@ plugin_target target_of(const check_plugin_options& options)
 {
     const bool is_native = options.machine.empty() ? options.is_run : options.machine == "native";
     if (is_native && !options.sysroot.empty())
-        throw usage_error("--sysroot does not go with a plugin that is judged for this machine",
+        throw usage_error("--sysroot cannot be used with a plugin that is judged for this machine",
                           "Leave it out, or add --for armhf.");
     if (options.glibc.find_first_not_of("0123456789.") != std::string::npos || options.glibc.empty())
         throw usage_error("invalid version " + in_quotes(options.glibc) + " for --glibc",

@@ -76,7 +76,7 @@ void check_combination(const log_options& options)
     const auto expect = [&](bool is_given, const char* option, std::initializer_list<const char*> actions) {
         const bool is_fitting = std::find(actions.begin(), actions.end(), options.action) != actions.end();
         if (is_given && !is_fitting)
-            throw usage_error(std::string(option) + " does not go with tvkctl log" +
+            throw usage_error(std::string(option) + " cannot be used with tvkctl log" +
                                   (options.action.empty() ? "" : " " + options.action),
                               "See tvkctl log --help.");
     };

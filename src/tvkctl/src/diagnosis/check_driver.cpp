@@ -44,7 +44,7 @@ std::vector<std::string> text_of(const node_holders& holders)
         if (process.pid != getpid())
             all.push_back(text_of(process) + " has the device open");
     if (!holders.is_complete)
-        all.emplace_back("other users' processes cannot be looked into");
+        all.emplace_back("processes of other users could not be examined");
     return all;
 }
 
@@ -81,9 +81,9 @@ check_result held(const node_holders& holders)
 {
     return {outcome::warning,
             cause{"held"},
-            "another process has the device open, though not claimed",
+            "another process has the device open, but has not claimed it",
             text_of(holders),
-            {"keep it in mind when transfers fail"}};
+            {"when transfers fail, it may be the cause"}};
 }
 
 bool is_anybody_else(const node_holders& holders)

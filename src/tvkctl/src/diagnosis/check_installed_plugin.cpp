@@ -125,7 +125,7 @@ std::optional<check_result> judge(const trial_report& report, const trial_plan& 
     case trial_report::outcome::hung:
         return check_result{outcome::failed,
                             plugin_cause::kHung,
-                            path + " does not come to an end when it is " + moment,
+                            path + " hangs when it is " + moment,
                             {"given up after " + std::to_string(plan.timeout.count() / 1000) + " s"}};
     case trial_report::outcome::completed:
     case trial_report::outcome::refused:
@@ -194,7 +194,7 @@ check_result check_installed_plugin(check_context& context)
                 plugin_cause::kNotALibrary,
                 error.what(),
                 {},
-                {"install it anew", {tool_step::check_plugin, path}}};
+                {"install it again", {tool_step::check_plugin, path}}};
     }
 }
 

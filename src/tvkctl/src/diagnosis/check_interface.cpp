@@ -64,7 +64,7 @@ check_result check_interface(check_context& context)
     if (found.configuration != kConfigurationSet) {
         result.came_out = outcome::warning;
         result.why = cause{"other_configuration"};
-        result.evidence = {"it stands in configuration " + std::to_string(found.configuration) +
+        result.evidence = {"it is in configuration " + std::to_string(found.configuration) +
                            ", but the program activates configuration " + std::to_string(kConfigurationSet) +
                            " before it claims it"};
         result.next = {"go on only if configuration " + std::to_string(kConfigurationSet) +

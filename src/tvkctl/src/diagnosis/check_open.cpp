@@ -79,7 +79,7 @@ std::string why_not_told(const check_context& context)
 {
     const log_state state = look_at_log(context.log, std::time(nullptr));
     if (state.reaches_file() && *state.least <= log_level::info)
-        return state.file + " got no line of it: see whether its disk is full";
+        return state.file + " has no line of this open: check whether the disk is full";
     if (state.reaches_file())
         return std::string("the reason is logged at INFO, and the log takes only ") +
                level_name(*state.least) + " and above";

@@ -194,7 +194,7 @@ Elf_Data& elf_reader::data_of(Elf_Scn* section) const
 std::string elf_reader::string_at(std::size_t strings, std::uint64_t offset) const
 {
     if (offset > std::numeric_limits<std::uint32_t>::max())
-        fail_damaged("a name is said to be where no table reaches");
+        fail_damaged("a name lies outside the string table");
     const char* text = elf_strptr(m_elf.get(), strings, static_cast<std::uint32_t>(offset));
     if (text == nullptr)
         fail_damaged(std::string("a name cannot be read: ") + elf_errmsg(-1));
@@ -260,7 +260,7 @@ int elf_reader::next_offset(const Elf_Data& data, int offset, std::uint64_t step
     const auto limit = std::min<std::uint64_t>(data.d_size, std::numeric_limits<int>::max());
     const auto from = static_cast<std::uint64_t>(offset);
     if (step > limit - from)
-        fail_damaged("its table of versions leads outside of itself");
+        fail_damaged("its version table points outside itself");
     return static_cast<int>(from + step);
 }
 

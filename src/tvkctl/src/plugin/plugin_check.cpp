@@ -102,7 +102,7 @@ private:
     const elf_file& m_file;
     const plugin_target& m_target;
     library_search m_search;
-    bool m_hasClosure; ///< whether m_closure could be gathered
+    bool m_hasClosure; ///< m_closure could be gathered
     library_closure m_closure;
 };
 
@@ -186,7 +186,7 @@ check_result examination::floats() const
 check_result examination::without_libraries(const char* check) const
 {
     if (m_target.has_libraries)
-        return not_checked(check, "a file of another kind gets no libraries there", {});
+        return not_checked(check, "the loader there does not take this file", {});
     return not_checked(check, "the libraries of the other machine are not here",
                        {"Name a folder with them: --sysroot DIR."});
 }
@@ -223,8 +223,8 @@ check_result examination::c_library() const
         const std::string number = need.version.substr(prefix.size());
         if (number == "PRIVATE")
             return warning("glibc", cause{"private_symbols"},
-                           "uses insides of glibc that change with each version (GLIBC_PRIVATE)",
-                           "Leave them alone, or build for one version of the system only.");
+                           "uses internals of glibc that change with each version (GLIBC_PRIVATE)",
+                           "Do without them, or build for one version of the system only.");
         if (newest.empty() || is_older(newest, number))
             newest = number;
     }
@@ -272,7 +272,7 @@ check_result examination::entry_point(const std::string& name) const
         return other.name.compare(0, mangled.size(), mangled) == 0;
     };
     if (symbol == nullptr && std::any_of(m_file.symbols.begin(), m_file.symbols.end(), is_mangled))
-        return incomplete("there only under a C++ name",
+        return incomplete("only there under a C++ name",
                           "Include <tarvik/interpreter.h> where it is defined.");
     if (symbol == nullptr)
         return incomplete("not there", "Define it as in <tarvik/interpreter.h>; look for hidden visibility.");

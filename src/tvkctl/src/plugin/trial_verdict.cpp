@@ -156,7 +156,7 @@ void judgement::add_buffer()
 {
     if (m_report.left_buffer_untouched)
         add_failed("buffer", plugin_cause::kUnclean,
-                   "interpreter_reader told success and left the buffer as it was",
+                   "interpreter_reader reported success and left the buffer as it was",
                    "Fill all of the buffer, or return 0.");
 }
 

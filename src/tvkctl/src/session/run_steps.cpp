@@ -144,7 +144,7 @@ send_item parse_item(const token& item)
     case token::kind::behind:
         break;
     }
-    throw step_error("send brings nothing that could go to a file");
+    throw step_error("send receives nothing that could go to a file");
 }
 
 using arguments = std::vector<token>;
@@ -236,7 +236,7 @@ const std::vector<step_kind>& step_kinds()
          R"(\n \r \t \0 \\ \" \xHH, or @FILE; several are joined)",
          parse_as<parse_send>},
         {"recv", "SIZE [> FILE]",
-         std::string("SIZE is ") + kSizeForms + ";\n> FILE writes the file anew; >> FILE adds to its end",
+         std::string("SIZE is ") + kSizeForms + ";\n> FILE replaces the file; >> FILE adds to its end",
          parse_as<parse_recv>},
         {"query", "NUMBER", "asks for the four bytes that selector NUMBER has, 1 or 2",
          parse_as<parse_query>},

@@ -6,12 +6,12 @@ namespace tarvik::tvkctl {
 
 namespace {
 
-TEST(advice_text, words_are_told_as_they_are)
+TEST(advice_text, words_stay_as_they_are)
 {
     EXPECT_EQ(text_of("log in again"), "log in again");
 }
 
-TEST(advice_text, a_step_is_told_as_it_is_typed)
+TEST(advice_text, a_step_is_written_as_it_is_typed)
 {
     EXPECT_EQ(text_of(tool_step::list_all_devices), "tvkctl list --all");
 }
@@ -21,13 +21,13 @@ TEST(advice_text, a_parameter_is_quoted_for_the_shell)
     EXPECT_EQ(text_of({tool_step::check_plugin, "/a plugin.so"}), "tvkctl check-plugin '/a plugin.so'");
 }
 
-TEST(advice_text, what_a_step_is_good_for_is_told_behind_it)
+TEST(advice_text, what_a_step_is_good_for_follows_it)
 {
     EXPECT_EQ(text_of({tool_step::explain, "usb:1a2b:3c4d", "then tells the reason"}),
               "tvkctl explain usb:1a2b:3c4d   # then tells the reason");
 }
 
-TEST(advice_text, several_are_told_as_sentences)
+TEST(advice_text, several_become_sentences)
 {
     EXPECT_EQ(sentences_of({"Ask root.",
                             {tool_step::turn_log_on_for, "guest", "Have only that user's programs log"},

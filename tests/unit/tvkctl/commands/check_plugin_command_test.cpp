@@ -76,7 +76,7 @@ TEST_F(check_plugin_command, runs_the_plugin_with_three_devices)
         << out();
 }
 
-TEST_F(check_plugin_command, takes_an_armhf_plugin_for_good_where_it_cannot_be_loaded)
+TEST_F(check_plugin_command, accepts_an_armhf_plugin_where_it_cannot_be_loaded)
 {
     REQUIRE_ARMHF_PLUGIN();
     EXPECT_EQ(check({armhf_plugin()}), exit_code::ok) << err();
@@ -97,7 +97,7 @@ TEST_F(check_plugin_command, complains_of_a_file_that_is_not_there)
     EXPECT_EQ(out(), "");
 }
 
-TEST_F(check_plugin_command, complains_of_a_file_that_is_no_elf_file)
+TEST_F(check_plugin_command, complains_of_a_file_that_is_not_an_elf_file)
 {
     EXPECT_EQ(check({scratch_file("hello").path()}), exit_code::plugin_not_a_library);
     EXPECT_TRUE(complains_in_one_line_of("not an ELF file")) << err();
@@ -240,7 +240,7 @@ TEST_F(check_plugin_command, sends_and_answers_what_it_is_told)
     EXPECT_FALSE(tells("warning")) << out();
 }
 
-TEST_F(check_plugin_command, refuses_bytes_that_are_none)
+TEST_F(check_plugin_command, refuses_invalid_bytes)
 {
     EXPECT_EQ(check({built_plugin("passing"), "--run", "--send", "xyz"}), exit_code::usage);
     EXPECT_TRUE(complains_in_one_line_of("--send")) << err();
@@ -256,12 +256,12 @@ TEST_F(check_plugin_command, refuses_to_receive_nothing)
     EXPECT_EQ(check({built_plugin("passing"), "--run", "--recv", "0"}), exit_code::usage);
 }
 
-TEST_F(check_plugin_command, refuses_a_time_that_is_none)
+TEST_F(check_plugin_command, refuses_an_invalid_time)
 {
     EXPECT_EQ(check({built_plugin("passing"), "--run", "--timeout", "soon"}), exit_code::usage);
 }
 
-TEST_F(check_plugin_command, refuses_a_version_that_is_none)
+TEST_F(check_plugin_command, refuses_an_invalid_version)
 {
     EXPECT_EQ(check({built_plugin("passing"), "--glibc", "new"}), exit_code::usage);
 }

@@ -84,7 +84,7 @@ TEST_F(listing_test, an_unusable_device_is_listed_only_on_request)
     EXPECT_EQ(list_devices(true, machine).size(), 1U);
 }
 
-TEST_F(listing_test, a_file_that_is_no_library_is_not_loadable)
+TEST_F(listing_test, a_file_that_is_not_a_library_is_not_loadable)
 {
     bus.plug(scanner());
     const std::string path = support::plugin_directory + "/libryo-mora-hk-t210.so";

@@ -59,7 +59,7 @@ TEST(log_day_test, both_ways_to_write_a_day_are_read)
     EXPECT_EQ(day_named("2028-02-29"), "20280229");
 }
 
-TEST(log_day_test, what_is_no_day_is_refused)
+TEST(log_day_test, an_invalid_day_is_refused)
 {
     for (const char* text : {"", "today", "2026-11-31", "2026-02-29", "20261301", "2026-1-15", "2026/11/15",
                              "2026-11-150", "-2026115", "20261115 "})
@@ -80,7 +80,7 @@ protected:
     temporary_folder folder;
 };
 
-TEST_F(log_files_test, names_are_told_oldest_first)
+TEST_F(log_files_test, names_come_oldest_first)
 {
     for (const char* name : {"b_20261114.log", "a_20261116.log", "a_20261114.log", "setting.ini"})
         folder.append(name, "x");
@@ -203,7 +203,7 @@ TEST_F(log_tail_test, earlier_days_do_not_count)
     EXPECT_EQ(new_lines_of(tail), texts{});
 }
 
-TEST_F(log_tail_test, a_file_that_was_moved_away_is_begun_anew)
+TEST_F(log_tail_test, a_file_that_was_moved_away_is_replaced_by_the_new_one)
 {
     folder.append(kToday, "one\n");
     log_tail tail = from_the_beginning();
@@ -223,7 +223,7 @@ TEST_F(log_tail_test, an_unfinished_line_of_a_file_that_was_moved_away_comes_by_
     EXPECT_EQ(new_lines_of(tail), (texts{"one", "two"}));
 }
 
-TEST_F(log_tail_test, a_file_that_was_emptied_is_begun_anew)
+TEST_F(log_tail_test, a_file_that_was_emptied_is_read_from_its_beginning)
 {
     folder.append(kToday, "one and a half\n");
     log_tail tail = from_the_beginning();
@@ -253,7 +253,7 @@ TEST_F(directory_watch_test, a_new_file_wakes)
     EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::change);
 }
 
-TEST_F(directory_watch_test, the_end_of_the_folder_is_told)
+TEST_F(directory_watch_test, the_end_of_the_folder_is_reported)
 {
     fs::create_directory(folder / "log");
     directory_watch watch(folder / "log");

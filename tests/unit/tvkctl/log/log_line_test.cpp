@@ -53,7 +53,7 @@ TEST(log_line_test, an_unknown_level_is_kept_as_text)
     EXPECT_EQ(line->level_name, "");
 }
 
-TEST(log_line_test, what_has_no_header_is_no_line)
+TEST(log_line_test, a_text_without_a_header_is_not_parsed)
 {
     for (const char* text : {"", "text", "[1]", "[1][x](3)[INFO]a", "[1][2](x)[INFO]a", "[1][2](3)INFO",
                              "[1][2][3][INFO]a", "[1][99999999999](3)[INFO]a"})

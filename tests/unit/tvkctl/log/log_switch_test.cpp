@@ -111,7 +111,7 @@ TEST_F(log_switch_test, without_directory_logging_is_off)
     EXPECT_EQ(why_not_logged(state(), place), place.directory() + " does not exist");
 }
 
-TEST_F(log_switch_test, a_file_in_its_place_is_no_directory)
+TEST_F(log_switch_test, a_file_in_its_place_is_not_a_directory)
 {
     fs::create_directory(place.root);
     folder.append("velnor/tvkintif", "");
@@ -199,7 +199,7 @@ TEST_F(log_switch_test, on_without_level_leaves_a_level_that_logs)
     EXPECT_EQ(settings(), "loglevel=3\n");
 }
 
-TEST_F(log_switch_test, on_without_level_cures_settings_that_silence)
+TEST_F(log_switch_test, on_without_level_replaces_settings_that_silence)
 {
     with_settings("loglevel=5\n");
     turn_on();
@@ -327,7 +327,7 @@ TEST_F(log_switch_test, purge_removes_logs_settings_and_directory)
     EXPECT_FALSE(fs::exists(place.directory()));
 }
 
-TEST_F(log_switch_test, purge_keeps_what_is_no_log)
+TEST_F(log_switch_test, purge_keeps_files_that_are_not_logs)
 {
     with_settings("loglevel=1\n");
     with_log("tvkintif_20261114.log");
@@ -371,7 +371,7 @@ TEST_F(log_switch_test, settings_that_are_no_file_turn_it_off)
               "See who put it there (ls -ld " + place.settings() + ") and have root remove it.");
 }
 
-TEST_F(log_switch_test, log_that_is_no_file_takes_no_lines)
+TEST_F(log_switch_test, log_that_is_not_a_file_takes_no_lines)
 {
     with_directory();
     ASSERT_EQ(mkfifo(state().file.c_str(), 0600), 0);
@@ -488,7 +488,7 @@ TEST_F(log_of_others_test, a_user_cannot_set_the_level_of_root)
               place.directory() + " cannot take a settings file: create: Permission denied");
 }
 
-TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_told)
+TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_reported)
 {
     fs::create_directory(place.root);
     ASSERT_EQ(chmod(place.root.c_str(), 0700), 0);
@@ -496,7 +496,7 @@ TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_told)
     EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be opened: Permission denied");
 }
 
-TEST_F(log_of_others_test, a_user_cannot_close_what_is_roots)
+TEST_F(log_of_others_test, a_user_cannot_close_a_directory_of_root)
 {
     with_directory(0777);
     become_somebody();
@@ -545,7 +545,7 @@ TEST_F(log_of_others_test, a_user_cannot_purge_files_of_root)
               place.directory() + " keeps tvkintif_20261115.log, which cannot be removed: Permission denied");
 }
 
-TEST_F(log_of_others_test, root_turns_off_what_is_anybodys)
+TEST_F(log_of_others_test, root_turns_off_the_log_of_any_user)
 {
     with_directory();
     give(place.directory());

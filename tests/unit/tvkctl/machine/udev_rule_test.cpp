@@ -57,7 +57,7 @@ TEST(udev_rule_test, a_group_that_the_user_is_in_comes_before_one_that_the_user_
     EXPECT_TRUE(made.is_member);
 }
 
-TEST(udev_rule_test, a_group_that_the_user_is_not_in_is_told)
+TEST(udev_rule_test, a_group_that_the_user_is_not_in_is_reported)
 {
     EXPECT_FALSE(rule({kScanner}, {kOwn}).is_member);
 }

@@ -21,7 +21,7 @@ TEST_F(usb_scan_test, an_empty_bus_has_no_devices)
     EXPECT_TRUE(scan_usb(machine).empty());
 }
 
-TEST_F(usb_scan_test, a_failing_libusb_is_told_by_its_call_and_error)
+TEST_F(usb_scan_test, a_failing_libusb_is_reported_by_its_call_and_error)
 {
     bus.fail("init", LIBUSB_ERROR_OTHER);
     try {
@@ -160,7 +160,7 @@ TEST_F(usb_scan_test, an_unconfigured_device_has_no_active_configuration)
     EXPECT_EQ(only_device().active_configuration, std::nullopt);
 }
 
-TEST_F(usb_scan_test, a_missing_node_is_told)
+TEST_F(usb_scan_test, a_missing_node_is_reported)
 {
     bus.plug(scanner());
     EXPECT_FALSE(only_device().node.exists);

@@ -114,7 +114,7 @@ TEST(elf_file, has_the_identity_of_the_program_for_what_was_built_along_with_it)
     EXPECT_EQ(read_elf_file(built_plugin("passing")).identity.text(), tarvik::tvkctl::own_identity().text());
 }
 
-TEST(elf_file, tells_a_hard_float_arm_library)
+TEST(elf_file, recognises_a_hard_float_arm_library)
 {
     REQUIRE_ARMHF_PLUGIN();
     EXPECT_EQ(read_elf_file(armhf_plugin()).identity.text(), "32-bit ARM, hard float");
@@ -126,17 +126,17 @@ TEST(elf_file, takes_a_plugin_built_for_armhf_for_what_the_process_is_made_for)
     EXPECT_EQ(read_elf_file(armhf_plugin()).identity, tarvik::tvkctl::armhf_identity());
 }
 
-TEST(elf_file, tells_hard_float_by_its_flag)
+TEST(elf_file, recognises_hard_float_by_its_flag)
 {
     EXPECT_EQ(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_HARD)).floats, float_abi::hard);
 }
 
-TEST(elf_file, tells_soft_float_by_its_flag)
+TEST(elf_file, recognises_soft_float_by_its_flag)
 {
     EXPECT_EQ(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_SOFT)).text(), "32-bit ARM, soft float");
 }
 
-TEST(elf_file, tells_an_arm_file_without_either_flag)
+TEST(elf_file, recognises_an_arm_file_without_either_flag)
 {
     EXPECT_EQ(identity_of(bare_arm_file(0)).floats, float_abi::unmarked);
 }
@@ -199,7 +199,7 @@ TEST(elf_file, tells_a_variable_from_a_function)
     EXPECT_FALSE(symbol->is_function);
 }
 
-TEST(elf_file, tells_a_symbol_that_is_only_used)
+TEST(elf_file, recognises_a_symbol_that_is_only_used)
 {
     const elf_file file = read_elf_file(built_plugin("odd_symbols"));
     const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_writer");
@@ -213,13 +213,13 @@ TEST(elf_file, tells_a_library_from_a_program)
     EXPECT_EQ(read_elf_file("/proc/self/exe").type, elf_file::kind::program);
 }
 
-TEST(elf_file, tells_an_executable_stack)
+TEST(elf_file, recognises_an_executable_stack)
 {
     EXPECT_TRUE(read_elf_file(built_plugin("with_executable_stack")).wants_executable_stack);
     EXPECT_FALSE(read_elf_file(built_plugin("passing")).wants_executable_stack);
 }
 
-TEST(elf_file, tells_relocations_in_the_code)
+TEST(elf_file, recognises_relocations_in_the_code)
 {
     EXPECT_TRUE(read_elf_file(built_plugin("with_text_relocation")).has_text_relocations);
     EXPECT_FALSE(read_elf_file(built_plugin("passing")).has_text_relocations);
@@ -243,7 +243,7 @@ TEST(elf_file, is_unreadable_when_it_is_a_pipe_that_nobody_writes_to)
     EXPECT_EQ(failure_of_path(path), "unreadable");
 }
 
-TEST(elf_file, tells_which_file_it_could_not_read_and_why)
+TEST(elf_file, names_the_file_that_it_could_not_read_and_says_why)
 {
     try {
         read_elf_file("/nonexistent/plugin.so");
@@ -299,7 +299,7 @@ TEST(elf_file, is_damaged_when_its_section_headers_were_removed)
     EXPECT_EQ(failure_of(content), "damaged");
 }
 
-TEST(elf_file, is_damaged_when_its_program_headers_are_said_to_be_behind_its_end)
+TEST(elf_file, is_damaged_when_its_program_headers_lie_beyond_its_end)
 {
     std::string content = passing_content();
     part<ElfW(Ehdr)>(content, 0)->e_phoff = static_cast<ElfW(Off)>(content.size());
@@ -321,7 +321,7 @@ TEST(elf_file, is_damaged_when_the_name_of_a_library_is_outside_of_all_tables)
     EXPECT_EQ(failure_of(content), "damaged");
 }
 
-TEST(elf_file, is_damaged_when_its_table_of_versions_leads_outside)
+TEST(elf_file, is_damaged_when_its_version_table_points_outside_itself)
 {
     std::string content = support::read_file(built_plugin("printing"));
     const std::size_t versions = section_of(content, SHT_GNU_verneed);

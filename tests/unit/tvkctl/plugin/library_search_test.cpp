@@ -101,7 +101,7 @@ TEST_F(library_search_test, passes_over_a_library_of_another_machine)
     EXPECT_EQ(found("libone.so"), "/usr/lib/libone.so");
 }
 
-TEST_F(library_search_test, passes_over_a_file_that_is_no_library)
+TEST_F(library_search_test, passes_over_a_file_that_is_not_a_library)
 {
     write("/lib/libone.so", "INPUT(libtwo.so)\n");
     add_library("/usr/lib/libone.so");

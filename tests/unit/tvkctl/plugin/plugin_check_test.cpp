@@ -130,7 +130,7 @@ TEST(plugin_check, finds_a_library_beside_the_plugin)
     EXPECT_EQ(line_of("libraries", "needing_neighbour").came_out, check_outcome::ok);
 }
 
-TEST(plugin_check, is_bad_when_a_library_is_nowhere)
+TEST(plugin_check, is_bad_when_a_library_cannot_be_found)
 {
     expect_failed(line_of("libraries", "needing_absent_library"), plugin_cause::kNeedsMissing,
                   "other_library.so (needed by");
@@ -177,7 +177,7 @@ TEST(plugin_check, compares_versions_by_number)
     expect_failed(line_of("glibc", file, target), plugin_cause::kNeedsMissing, "2.34 or newer");
 }
 
-TEST(plugin_check, warns_of_the_insides_of_the_c_library)
+TEST(plugin_check, warns_of_the_internals_of_the_c_library)
 {
     elf_file file = read_elf_file(built_plugin("printing"));
     file.version_needs = {{"libc.so.6", "GLIBC_PRIVATE"}};
@@ -227,12 +227,12 @@ TEST(plugin_check, is_bad_for_an_entry_point_with_a_cpp_name)
     expect_failed(line_of("interpreter_ctor", "cpp_names"), plugin_cause::kIncomplete, "C++ name");
 }
 
-TEST(plugin_check, is_bad_for_a_symbol_that_is_nowhere)
+TEST(plugin_check, is_bad_for_a_symbol_that_no_library_has)
 {
     expect_failed(line_of("symbols", "missing_symbol"), plugin_cause::kNeedsMissing, "defined_nowhere");
 }
 
-TEST(plugin_check, names_five_symbols_that_are_nowhere_and_counts_the_others)
+TEST(plugin_check, names_five_missing_symbols_and_counts_the_others)
 {
     elf_file file = read_elf_file(built_plugin("passing"));
     for (const char* name : {"one", "two", "three", "four", "five", "six", "seven"})

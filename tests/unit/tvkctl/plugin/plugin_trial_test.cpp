@@ -151,7 +151,7 @@ TEST(plugin_trial, does_not_load_a_plugin_without_an_entry_point)
     EXPECT_TRUE(contains(report.words, "undefined symbol: interpreter_ctor")) << report.words;
 }
 
-TEST(plugin_trial, of_the_load_alone_calls_nothing)
+TEST(plugin_trial, that_only_loads_calls_nothing)
 {
     const trial_report report = only_load(built_plugin("passing"));
     EXPECT_EQ(report.end, outcome::completed);
@@ -160,7 +160,7 @@ TEST(plugin_trial, of_the_load_alone_calls_nothing)
     EXPECT_EQ(report.missing, std::vector<std::string>());
 }
 
-TEST(plugin_trial, of_the_load_alone_names_each_function_that_is_missing)
+TEST(plugin_trial, that_only_loads_names_each_function_that_is_missing)
 {
     const trial_report report = only_load(built_plugin("plugin_without_reader"));
     EXPECT_EQ(report.end, outcome::completed);
@@ -168,14 +168,14 @@ TEST(plugin_trial, of_the_load_alone_names_each_function_that_is_missing)
     EXPECT_EQ(only_load(built_plugin("cpp_names")).missing.size(), 4U);
 }
 
-TEST(plugin_trial, of_the_load_alone_tells_a_crash_while_unloading)
+TEST(plugin_trial, that_only_loads_reports_a_crash_while_unloading)
 {
     const trial_report report = only_load(built_plugin("crashing_at_unload"));
     EXPECT_EQ(report.end, outcome::died);
     EXPECT_EQ(report.last, trial_step::unload);
 }
 
-TEST(plugin_trial, of_the_load_alone_ends_a_plugin_that_hangs_and_what_it_started)
+TEST(plugin_trial, that_only_loads_ends_a_plugin_that_hangs_and_what_it_started)
 {
     const trial_report report = only_load(built_plugin("plugin_hanging_when_loaded"), kShort);
     EXPECT_EQ(report.end, outcome::hung);
@@ -185,39 +185,39 @@ TEST(plugin_trial, of_the_load_alone_ends_a_plugin_that_hangs_and_what_it_starte
     EXPECT_EQ(errno, ECHILD);
 }
 
-TEST(plugin_trial, tells_a_crash_while_loading)
+TEST(plugin_trial, reports_a_crash_while_loading)
 {
     expect_crash("crashing_at_load", trial_step::load);
 }
-TEST(plugin_trial, tells_a_crash_in_ctor)
+TEST(plugin_trial, reports_a_crash_in_ctor)
 {
     expect_crash("crashing_in_ctor", trial_step::ctor);
 }
-TEST(plugin_trial, tells_a_crash_in_writer)
+TEST(plugin_trial, reports_a_crash_in_writer)
 {
     expect_crash("crashing_in_writer", trial_step::writer);
 }
-TEST(plugin_trial, tells_a_crash_in_reader)
+TEST(plugin_trial, reports_a_crash_in_reader)
 {
     expect_crash("crashing_in_reader", trial_step::reader);
 }
-TEST(plugin_trial, tells_a_crash_in_dtor)
+TEST(plugin_trial, reports_a_crash_in_dtor)
 {
     expect_crash("crashing_in_dtor", trial_step::dtor);
 }
-TEST(plugin_trial, tells_a_crash_while_unloading)
+TEST(plugin_trial, reports_a_crash_while_unloading)
 {
     expect_crash("crashing_at_unload", trial_step::unload);
 }
 
-TEST(plugin_trial, tells_a_crash_by_stack_overflow)
+TEST(plugin_trial, reports_a_crash_by_stack_overflow)
 {
     const trial_report report = try_one("overflowing_stack");
     EXPECT_EQ(report.end, outcome::died);
     EXPECT_TRUE(contains(report.place, "overflowing_stack.so")) << report.place;
 }
 
-TEST(plugin_trial, tells_who_called_a_function_that_aborted)
+TEST(plugin_trial, reports_who_called_a_function_that_aborted)
 {
     const trial_report report = try_one("aborting");
     EXPECT_EQ(report.status, exit_status::killed_by(SIGABRT));
@@ -226,19 +226,19 @@ TEST(plugin_trial, tells_who_called_a_function_that_aborted)
         << report.place;
 }
 
-TEST(plugin_trial, tells_who_called_a_function_that_is_not_there)
+TEST(plugin_trial, reports_who_called_a_function_that_is_not_there)
 {
     const trial_report report = try_one("jumping_nowhere");
     EXPECT_TRUE(contains(report.place, "jumping_nowhere.so")) << report.place;
     EXPECT_EQ(report.words, "through a null pointer");
 }
 
-TEST(plugin_trial, tells_a_plugin_that_writes_beyond_its_buffer)
+TEST(plugin_trial, reports_a_plugin_that_writes_beyond_its_buffer)
 {
     EXPECT_EQ(try_one("overrunning").words, "beyond the end of the buffer that it was lent");
 }
 
-TEST(plugin_trial, tells_a_plugin_that_writes_in_front_of_a_buffer_that_fills_its_pages)
+TEST(plugin_trial, reports_a_plugin_that_writes_in_front_of_a_buffer_that_fills_its_pages)
 {
     trial_plan plan;
     plan.path = built_plugin("underrunning");
@@ -246,12 +246,12 @@ TEST(plugin_trial, tells_a_plugin_that_writes_in_front_of_a_buffer_that_fills_it
     EXPECT_EQ(try_plugin(plan).words, "before the beginning of the buffer that it was lent");
 }
 
-TEST(plugin_trial, tells_a_plugin_that_uses_a_buffer_after_the_call)
+TEST(plugin_trial, reports_a_plugin_that_uses_a_buffer_after_the_call)
 {
     EXPECT_EQ(try_one("keeping_buffer").words, "in the buffer of a call that has returned");
 }
 
-TEST(plugin_trial, tells_a_plugin_that_ends_the_process)
+TEST(plugin_trial, reports_a_plugin_that_ends_the_process)
 {
     const trial_report report = try_one("exiting");
     EXPECT_EQ(report.end, outcome::died);
@@ -259,14 +259,14 @@ TEST(plugin_trial, tells_a_plugin_that_ends_the_process)
     EXPECT_EQ(report.last, trial_step::reader);
 }
 
-TEST(plugin_trial, tells_a_function_that_is_in_no_library)
+TEST(plugin_trial, reports_a_function_that_is_in_no_library)
 {
     const trial_report report = try_one("missing_symbol");
     EXPECT_EQ(report.end, outcome::died);
     EXPECT_TRUE(contains(report.errors, "defined_nowhere")) << report.errors;
 }
 
-TEST(plugin_trial, tells_an_exception)
+TEST(plugin_trial, reports_an_exception)
 {
     const trial_report report = try_one("throwing");
     EXPECT_EQ(report.end, outcome::threw);
@@ -332,7 +332,7 @@ TEST(plugin_trial, finds_nothing_left_behind_by_a_good_plugin)
     EXPECT_TRUE(report.threads.empty() && report.descriptors.empty() && !report.has_left_processes);
 }
 
-TEST(plugin_trial, tells_that_a_process_outlives_the_session)
+TEST(plugin_trial, reports_that_a_process_outlives_the_session)
 {
     EXPECT_TRUE(try_one("leaving_process").has_left_processes);
 }
@@ -378,7 +378,7 @@ TEST(plugin_trial, counts_transfers_after_the_session)
     EXPECT_EQ(try_one("asking_late").late_transfers, 1U);
 }
 
-TEST(plugin_trial, tells_success_that_left_the_buffer_as_it_was)
+TEST(plugin_trial, reports_success_that_left_the_buffer_as_it_was)
 {
     EXPECT_TRUE(try_one("untouching").left_buffer_untouched);
     EXPECT_FALSE(try_one("passing").left_buffer_untouched);

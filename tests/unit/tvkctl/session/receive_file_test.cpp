@@ -68,7 +68,7 @@ TEST_F(receive_file_test, a_file_of_more_than_2_gib_can_be_added_to)
     EXPECT_EQ(status.st_size, size + 1);
 }
 
-TEST_F(receive_file_test, a_file_that_cannot_be_made_is_told_by_name_and_reason)
+TEST_F(receive_file_test, a_file_that_cannot_be_made_is_reported_by_name_and_reason)
 {
     try {
         receive_file("/nonexistent/a.raw", false);
@@ -80,7 +80,7 @@ TEST_F(receive_file_test, a_file_that_cannot_be_made_is_told_by_name_and_reason)
     }
 }
 
-TEST_F(receive_file_test, a_full_disk_is_told)
+TEST_F(receive_file_test, a_full_disk_is_reported)
 {
     receive_file file("/dev/full", false);
     EXPECT_THROW(file.write("a"), tool_error);

@@ -79,7 +79,7 @@ TEST(run_steps, a_comment_ends_a_step)
     EXPECT_EQ(sent_by("send 01 # 02"), bytes{1});
 }
 
-TEST(run_steps, a_hash_inside_a_text_is_no_comment)
+TEST(run_steps, a_hash_inside_a_text_is_not_a_comment)
 {
     EXPECT_EQ(sent_by("send \"#\""), bytes{'#'});
 }
@@ -165,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(
                  R"(in a text, \ must be followed by n, r, t, 0, \, " or xHH)"},
         bad_step{"bad_hex_escape", R"(send "\x4")", R"(\x must be followed by two hexadecimal digits)"},
         bad_step{"file_without_name", "send @", "@ must be followed by the name of a file"},
-        bad_step{"send_to_a_file", "send 01 > a", "send brings nothing that could go to a file"},
+        bad_step{"send_to_a_file", "send 01 > a", "send receives nothing that could go to a file"},
         bad_step{"recv_nothing", "recv",
                  "expected the number of bytes and nothing else; put the whole step in quotes"},
         bad_step{"recv_zero", "recv 0", "invalid size \"0\"; write " + sizes},

@@ -118,7 +118,7 @@ TEST_F(hex_dump_test, shows_the_same_whatever_the_pieces)
                          "00000010  67                                               |g|\n");
 }
 
-TEST_F(hex_dump_test, begins_anew_after_its_end)
+TEST_F(hex_dump_test, begins_again_after_its_end)
 {
     dump.add("a");
     dump.finish();
@@ -202,7 +202,7 @@ TEST(numbers, the_largest_size_is_taken_and_one_more_refused)
     EXPECT_EQ(parse_size("17179869184GiB"), std::nullopt);
 }
 
-TEST(numbers, what_is_no_size_is_refused)
+TEST(numbers, an_invalid_size_is_refused)
 {
     for (const char* text : {"", "KiB", "-1", "+1", " 1", "1 ", "1.5MiB", "0x", "1kib", "1KB", "12a"})
         EXPECT_EQ(parse_size(text), std::nullopt) << text;
@@ -214,7 +214,7 @@ TEST(numbers, a_number_above_its_limit_is_refused)
     EXPECT_EQ(parse_number("65536", 65535), std::nullopt);
 }
 
-TEST(numbers, what_is_no_duration_is_refused)
+TEST(numbers, an_invalid_duration_is_refused)
 {
     for (const char* text : {"", ".", "s", "ms", "1m", "1e3", "-1", "nan", "0x1", "..1", "1..", "1.2.3"})
         EXPECT_EQ(parse_duration(text), std::nullopt) << text;
