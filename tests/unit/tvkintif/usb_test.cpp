@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -36,13 +35,21 @@ const lines ids_search = {"INFO usb_transceiver open start", "INFO usb_transceiv
 const lines try_in_vain = {"open_device_with_vid_pid 1a2b:3c4d -> null",
                            "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds)};
 
-const lines first_questions = {"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
-                               "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (1)"};
+/// What is asked first of a device on which configuration number `active` is in use.
+lines questions(int active)
+{
+    return {"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
+            "get_device_descriptor scanner -> 0",
+            "get_configuration scanner -> 0 (" + std::to_string(active) + ")"};
+}
 
 const lines first_configuration = {"get_config_descriptor scanner 0 -> 0"};
 
 const lines interface_0_chosen = {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
                                   "free_config_descriptor scanner 0"};
+
+const lines interface_0_given_up = {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                    "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"};
 
 const lines no_interface_chosen = {"close scanner", "INFO usb_transceiver set_bulk_endpoints fails"};
 
@@ -80,10 +87,11 @@ protected:
 
     void connect() { usb = std::make_unique<open_book>(); }
 
-    /// A connection on a bus with this device, its construction forgotten.
-    void connect_to(const fake_usb::device& device)
+    /// A connection on a bus with these devices, its construction forgotten.
+    template <typename... Devices>
+    void connect_to(const Devices&... devices)
     {
-        bus.plug(device);
+        (bus.plug(devices), ...);
         connect();
         forget_what_happened();
     }
@@ -105,8 +113,7 @@ TEST_F(usb_test, construction_initialises_libusb_and_sets_its_message_level)
 
 TEST_F(usb_test, destruction_of_the_only_object_gives_the_context_back)
 {
-    connect();
-    forget_what_happened();
+    connect_to();
     usb.reset();
 
     EXPECT_EQ(happened(), "exit\n");
@@ -233,13 +240,12 @@ TEST_F(usb_test, open_without_a_serial_opens_the_first_device_with_the_ids)
 
     EXPECT_TRUE(usb->open(by_ids));
     EXPECT_TRUE(usb->is_open());
-    EXPECT_EQ(happened(), text({ids_search, first_questions, first_configuration, interface_0_chosen}));
+    EXPECT_EQ(happened(), text({ids_search, questions(1), first_configuration, interface_0_chosen}));
 }
 
 TEST_F(usb_test, open_without_a_serial_makes_all_tries_with_pauses_and_fails_when_there_is_no_device)
 {
-    connect();
-    forget_what_happened();
+    connect_to();
 
     EXPECT_FALSE(usb->open(by_ids));
     EXPECT_FALSE(usb->is_open());
@@ -258,7 +264,7 @@ TEST_F(usb_test, open_without_a_serial_finds_a_device_that_appears_at_the_third_
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
                                 support::repeated(2, try_in_vain),
                                 {"open_device_with_vid_pid 1a2b:3c4d -> scanner"},
-                                first_questions,
+                                questions(1),
                                 first_configuration,
                                 interface_0_chosen}));
 }
@@ -288,6 +294,12 @@ protected:
                 "claim_interface " + name + " 0 -> 0",       "free_config_descriptor " + name + " 0"};
     }
 
+    /// What the device of the serial is opened with, once examined.
+    lines found(const std::string& name) const
+    {
+        return lines{"INFO found device", "open " + name + " -> 0"} + list_freed + chosen(name);
+    }
+
     const lines serial_search = {"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
                                  "get_device_list -> 2"};
     const lines list_freed = {"free_device_list unref"};
@@ -295,59 +307,34 @@ protected:
 
 TEST_F(usb_test_with_twins, open_by_serial_opens_the_first_in_the_list_and_looks_no_further)
 {
-    bus.plug(twin("left", "SN0042"));
-    bus.plug(twin("right", "SN0043"));
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0042"), twin("right", "SN0043"));
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(happened(), text({serial_search,
-                                examined("left"),
-                                {"INFO found device", "open left -> 0"},
-                                list_freed,
-                                chosen("left")}));
+    EXPECT_EQ(happened(), text({serial_search, examined("left"), found("left")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_opens_the_second_in_the_list)
 {
-    bus.plug(twin("left", "SN0041"));
-    bus.plug(twin("right", "SN0042"));
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0041"), twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(happened(), text({serial_search,
-                                examined("left"),
-                                examined("right"),
-                                {"INFO found device", "open right -> 0"},
-                                list_freed,
-                                chosen("right")}));
+    EXPECT_EQ(happened(), text({serial_search, examined("left"), examined("right"), found("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_passes_over_devices_with_other_ids_without_opening_them)
 {
     fake_usb::device stranger = twin("left", "SN0042");
     stranger.product_id = 0x3c4e;
-    bus.plug(stranger);
-    bus.plug(twin("right", "SN0042"));
-    connect();
-    forget_what_happened();
+    connect_to(stranger, twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
-    EXPECT_EQ(happened(), text({serial_search,
-                                {"get_device_descriptor left -> 0"},
-                                examined("right"),
-                                {"INFO found device", "open right -> 0"},
-                                list_freed,
-                                chosen("right")}));
+    EXPECT_EQ(happened(),
+              text({serial_search, {"get_device_descriptor left -> 0"}, examined("right"), found("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_no_device_has_the_serial)
 {
-    bus.plug(twin("left", "SN0041"));
-    bus.plug(twin("right", "SN0043"));
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0041"), twin("right", "SN0043"));
 
     EXPECT_TRUE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({serial_search,
@@ -362,28 +349,20 @@ TEST_F(usb_test_with_twins, open_by_serial_goes_on_with_the_next_device_when_the
 {
     fake_usb::device locked = twin("left", "SN0041"); // cannot be asked for its serial, so it counts as found
     locked.open_error = LIBUSB_ERROR_ACCESS;
-    bus.plug(locked);
-    bus.plug(twin("right", "SN0042"));
-    connect();
-    forget_what_happened();
+    connect_to(locked, twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({serial_search,
                                 {"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_ACCESS",
                                  "INFO found device", "open left -> LIBUSB_ERROR_ACCESS"},
                                 examined("right"),
-                                {"INFO found device", "open right -> 0"},
-                                list_freed,
-                                chosen("right")}));
+                                found("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_takes_a_device_that_only_opens_the_second_time)
 {
-    bus.plug(twin("left", "SN0041"));
-    bus.plug(twin("right", "SN0042"));
     bus.fail("open", LIBUSB_ERROR_BUSY).of("left").times(1);
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0041"), twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({serial_search,
@@ -395,28 +374,21 @@ TEST_F(usb_test_with_twins, open_by_serial_takes_a_device_that_only_opens_the_se
 
 TEST_F(usb_test_with_twins, open_by_serial_goes_on_when_an_open_succeeds_without_a_handle)
 {
-    bus.plug(twin("left", "SN0042"));
-    bus.plug(twin("right", "SN0042"));
     bus.fail("open", LIBUSB_SUCCESS).of("left").from_call(2);
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0042"), twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({serial_search,
                                 examined("left"),
                                 {"INFO found device", "open left -> 0"},
                                 examined("right"),
-                                {"INFO found device", "open right -> 0"},
-                                list_freed,
-                                chosen("right")}));
+                                found("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_the_devices_cannot_be_listed)
 {
-    bus.plug(twin("left", "SN0042"));
     bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM);
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
@@ -427,8 +399,7 @@ TEST_F(usb_test_with_twins, open_by_serial_falls_back_to_the_ids_when_the_device
 
 TEST_F(usb_test_with_twins, open_by_serial_fails_on_an_empty_bus_with_its_empty_list_freed)
 {
-    connect();
-    forget_what_happened();
+    connect_to();
 
     EXPECT_FALSE(usb->open(by_serial));
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open SN0042",
@@ -441,25 +412,15 @@ TEST_F(usb_test_with_twins, open_by_serial_fails_on_an_empty_bus_with_its_empty_
 
 TEST_F(usb_test_with_twins, open_by_serial_accepts_a_serial_with_its_terminator)
 {
-    bus.plug(twin("left", "SN0041"));
-    bus.plug(twin("right", "SN0042"));
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0041"), twin("right", "SN0042"));
 
     EXPECT_TRUE(usb->open(by_serial + "\0"s));
-    EXPECT_EQ(happened(), text({serial_search,
-                                examined("left"),
-                                examined("right"),
-                                {"INFO found device", "open right -> 0"},
-                                list_freed,
-                                chosen("right")}));
+    EXPECT_EQ(happened(), text({serial_search, examined("left"), examined("right"), found("right")}));
 }
 
 TEST_F(usb_test_with_twins, open_with_bus_and_device_number_takes_the_bus_number_for_a_serial)
 {
-    bus.plug(twin("left", "SN0041"));
-    connect();
-    forget_what_happened();
+    connect_to(twin("left", "SN0041"));
 
     EXPECT_TRUE(usb->open("usb:1a2b:3c4d:002:005"));
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open 002",
@@ -508,9 +469,18 @@ protected:
         return usb->open(by_ids);
     }
 
-    std::string expected(lines questions, std::initializer_list<lines> then)
+    static std::string expected(const lines& questions, const lines& then)
     {
-        return text({ids_search, questions}) + text(then);
+        return text({ids_search, questions, then});
+    }
+    /// An open that succeeds, or fails, with `steps` once the first configuration was read.
+    static std::string chosen_after(const lines& steps)
+    {
+        return expected(questions(1), first_configuration + steps);
+    }
+    static std::string refused_after(const lines& steps)
+    {
+        return expected(questions(1), first_configuration + steps + no_interface_chosen);
     }
 };
 
@@ -530,10 +500,9 @@ TEST_F(usb_test_of_choice, open_keeps_what_it_chose)
 TEST_F(usb_test_of_choice, interface_is_claimed_by_its_number_not_by_its_position)
 {
     EXPECT_TRUE(open(with_interfaces({{setting(4, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 4 -> 0", "claim_interface scanner 4 -> 0",
-                                     "free_config_descriptor scanner 0"}}));
+    EXPECT_EQ(happened(),
+              chosen_after({"kernel_driver_active scanner 4 -> 0", "claim_interface scanner 4 -> 0",
+                            "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_handle_has_no_device)
@@ -543,7 +512,7 @@ TEST_F(usb_test_of_choice, open_fails_when_the_handle_has_no_device)
     EXPECT_FALSE(open(scanner_device()));
     EXPECT_FALSE(usb->is_open());
     EXPECT_EQ(happened(), expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> null"},
-                                   {no_interface_chosen}));
+                                   no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_device_descriptor_cannot_be_read)
@@ -554,7 +523,7 @@ TEST_F(usb_test_of_choice, open_fails_when_the_device_descriptor_cannot_be_read)
     EXPECT_EQ(happened(),
               expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
                         "get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
-                       {no_interface_chosen}));
+                       no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_active_configuration_cannot_be_read)
@@ -565,7 +534,7 @@ TEST_F(usb_test_of_choice, open_fails_when_the_active_configuration_cannot_be_re
     EXPECT_EQ(happened(), expected({"INFO usb_transceiver set_bulk_endpoints",
                                     "get_device scanner -> scanner", "get_device_descriptor scanner -> 0",
                                     "get_configuration scanner -> LIBUSB_ERROR_NO_DEVICE"},
-                                   {no_interface_chosen}));
+                                   no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_the_configuration_descriptor_cannot_be_read)
@@ -574,8 +543,8 @@ TEST_F(usb_test_of_choice, open_fails_when_the_configuration_descriptor_cannot_b
 
     EXPECT_FALSE(open(scanner_device()));
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_NOT_FOUND"}, no_interface_chosen}));
+              expected(questions(1), lines{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_NOT_FOUND"} +
+                                         no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, open_looks_at_no_further_configuration_after_an_unreadable_one)
@@ -585,8 +554,8 @@ TEST_F(usb_test_of_choice, open_looks_at_no_further_configuration_after_an_unrea
     bus.fail("get_config_descriptor", LIBUSB_ERROR_IO).times(1);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(happened(), expected(first_questions, {{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"},
-                                                     no_interface_chosen}));
+    EXPECT_EQ(happened(), expected(questions(1), lines{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"} +
+                                                     no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, open_fails_on_a_device_without_configurations)
@@ -595,7 +564,7 @@ TEST_F(usb_test_of_choice, open_fails_on_a_device_without_configurations)
     scanner.configurations.clear();
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(happened(), expected(first_questions, {no_interface_chosen}));
+    EXPECT_EQ(happened(), expected(questions(1), no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, configuration_1_is_set_when_another_is_active_whatever_the_first_one_s_value)
@@ -608,9 +577,8 @@ TEST_F(usb_test_of_choice, configuration_1_is_set_when_another_is_active_whateve
     EXPECT_TRUE(open(scanner));
     EXPECT_EQ(usb->m_nConfiguration, 2);
     EXPECT_EQ(happened(),
-              expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
-                        "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (3)"},
-                       {first_configuration, {"set_configuration scanner 1 -> 0"}, interface_0_chosen}));
+              expected(questions(3),
+                       first_configuration + lines{"set_configuration scanner 1 -> 0"} + interface_0_chosen));
 }
 
 TEST_F(usb_test_of_choice, active_configuration_is_compared_as_first_read_for_all_configurations)
@@ -620,14 +588,13 @@ TEST_F(usb_test_of_choice, active_configuration_is_compared_as_first_read_for_al
     scanner.active_configuration = 2;
 
     EXPECT_TRUE(open(scanner));
-    EXPECT_EQ(happened(),
-              expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
-                        "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
-                       {{"get_config_descriptor scanner 0 -> 0", "set_configuration scanner 1 -> 0",
-                         "free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
-                         "set_configuration scanner 1 -> 0", "free_config_descriptor scanner 1",
-                         "get_config_descriptor scanner 2 -> 0", "kernel_driver_active scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 2"}}));
+    EXPECT_EQ(
+        happened(),
+        expected(questions(2), {"get_config_descriptor scanner 0 -> 0", "set_configuration scanner 1 -> 0",
+                                "free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
+                                "set_configuration scanner 1 -> 0", "free_config_descriptor scanner 1",
+                                "get_config_descriptor scanner 2 -> 0", "kernel_driver_active scanner 0 -> 0",
+                                "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 2"}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_when_configuration_1_cannot_be_set_and_looks_no_further)
@@ -639,13 +606,10 @@ TEST_F(usb_test_of_choice, open_fails_when_configuration_1_cannot_be_set_and_loo
     bus.fail("set_configuration", LIBUSB_ERROR_BUSY);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(
-        happened(),
-        expected({"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner",
-                  "get_device_descriptor scanner -> 0", "get_configuration scanner -> 0 (2)"},
-                 {first_configuration,
-                  {"set_configuration scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
-                  no_interface_chosen}));
+    EXPECT_EQ(happened(), expected(questions(2), first_configuration +
+                                                     lines{"set_configuration scanner 1 -> LIBUSB_ERROR_BUSY",
+                                                           "free_config_descriptor scanner 0"} +
+                                                     no_interface_chosen));
 }
 
 TEST_F(usb_test_of_choice, second_configuration_is_searched_when_the_first_has_no_fitting_interface)
@@ -656,55 +620,42 @@ TEST_F(usb_test_of_choice, second_configuration_is_searched_when_the_first_has_n
     EXPECT_TRUE(open(scanner));
     EXPECT_EQ(usb->m_nConfiguration, 2);
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration,
-                        {"free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
-                         "set_configuration scanner 1 -> 0", "kernel_driver_active scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 1"}}));
+              chosen_after({"free_config_descriptor scanner 0", "get_config_descriptor scanner 1 -> 0",
+                            "set_configuration scanner 1 -> 0", "kernel_driver_active scanner 0 -> 0",
+                            "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 1"}));
 }
 
 TEST_F(usb_test_of_choice, interface_of_another_class_is_never_considered)
 {
     EXPECT_FALSE(open(with_interfaces({{printer()}})));
-    EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration, {"free_config_descriptor scanner 0"}, no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after({"free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, second_interface_is_taken_when_the_first_is_not_vendor_specific)
 {
     EXPECT_TRUE(open(with_interfaces({{printer()}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> 0",
-                                     "free_config_descriptor scanner 0"}}));
+    EXPECT_EQ(happened(),
+              chosen_after({"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> 0",
+                            "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, first_fitting_interface_is_taken_and_no_further_one_touched)
 {
     EXPECT_TRUE(
         open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(happened(), expected(first_questions, {first_configuration, interface_0_chosen}));
+    EXPECT_EQ(happened(), chosen_after(interface_0_chosen));
 }
 
 TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_is_released_and_open_fails)
 {
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}})));
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                    no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after(interface_0_given_up));
 }
 
 TEST_F(usb_test_of_choice, bulk_out_without_bulk_in_is_released_and_open_fails)
 {
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_out})}})));
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                    no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after(interface_0_given_up));
 }
 
 TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_gets_its_kernel_driver_back)
@@ -714,12 +665,9 @@ TEST_F(usb_test_of_choice, bulk_in_without_bulk_out_gets_its_kernel_driver_back)
 
     EXPECT_FALSE(open(scanner));
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration,
-                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
-                         "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                        no_interface_chosen}));
+              refused_after({"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                             "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
+                             "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"}));
     EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
 }
 
@@ -734,11 +682,10 @@ TEST_F(usb_test_of_choice, second_setting_of_an_interface_is_taken_when_the_firs
     EXPECT_TRUE(open(with_interfaces({{setting(0, {bulk_in}), setting(0, {{0x84}, {0x05}})}})));
     EXPECT_EQ(usb->m_nBulkIn, 0x84);
     EXPECT_EQ(usb->m_nBulkOut, 0x05);
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                     "release_interface scanner 0 -> 0"},
-                                    interface_0_chosen}));
+    EXPECT_EQ(happened(),
+              chosen_after(lines{"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                                 "release_interface scanner 0 -> 0"} +
+                           interface_0_chosen));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_goes_and_comes_back_between_two_settings_of_an_interface)
@@ -749,13 +696,11 @@ TEST_F(usb_test_of_choice, kernel_driver_goes_and_comes_back_between_two_setting
     EXPECT_TRUE(open(scanner));
     EXPECT_TRUE(usb->m_isKernelDriverDetached);
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration,
-                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
-                         "attach_kernel_driver scanner 0 -> 0", "kernel_driver_active scanner 0 -> 1",
-                         "detach_kernel_driver scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                         "free_config_descriptor scanner 0"}}));
+              chosen_after({"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                            "claim_interface scanner 0 -> 0", "release_interface scanner 0 -> 0",
+                            "attach_kernel_driver scanner 0 -> 0", "kernel_driver_active scanner 0 -> 1",
+                            "detach_kernel_driver scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                            "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_of_a_refused_interface_is_not_remembered_for_the_chosen_one)
@@ -773,11 +718,7 @@ TEST_F(usb_test_of_choice, setting_whose_endpoint_array_is_null_has_none)
     broken.is_endpoint_array_null = true;
 
     EXPECT_FALSE(open(with_interfaces({{broken}})));
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                                     "release_interface scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                                    no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after(interface_0_given_up));
 }
 
 TEST_F(usb_test_of_choice, kernel_driver_is_detached_for_the_session_and_attached_again_by_close)
@@ -788,10 +729,8 @@ TEST_F(usb_test_of_choice, kernel_driver_is_detached_for_the_session_and_attache
     EXPECT_TRUE(open(scanner));
     EXPECT_TRUE(usb->m_isKernelDriverDetached);
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration,
-                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
-                         "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}));
+              chosen_after({"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                            "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}));
 
     usb->close();
     EXPECT_EQ(happened(), text({{"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0",
@@ -805,10 +744,9 @@ TEST_F(usb_test_of_choice, failed_question_for_the_kernel_driver_counts_as_no_dr
 
     EXPECT_TRUE(open(scanner_device()));
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
-    EXPECT_EQ(happened(), expected(first_questions,
-                                   {first_configuration,
-                                    {"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED",
-                                     "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}}));
+    EXPECT_EQ(happened(),
+              chosen_after({"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED",
+                            "claim_interface scanner 0 -> 0", "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, answer_other_than_1_to_the_question_for_the_kernel_driver_counts_as_no_driver)
@@ -827,11 +765,9 @@ TEST_F(usb_test_of_choice, open_fails_at_once_when_the_kernel_driver_cannot_be_d
     bus.fail("detach_kernel_driver", LIBUSB_ERROR_ACCESS);
 
     EXPECT_FALSE(open(scanner));
-    EXPECT_EQ(happened(), expected(first_questions, {first_configuration,
-                                                     {"kernel_driver_active scanner 0 -> 1",
-                                                      "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS",
-                                                      "free_config_descriptor scanner 0"},
-                                                     no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after({"kernel_driver_active scanner 0 -> 1",
+                                         "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS",
+                                         "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, open_fails_at_once_when_the_interface_cannot_be_claimed)
@@ -840,11 +776,9 @@ TEST_F(usb_test_of_choice, open_fails_at_once_when_the_interface_cannot_be_claim
 
     EXPECT_FALSE(
         open(with_interfaces({{setting(0, {bulk_in, bulk_out})}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(happened(), expected(first_questions, {first_configuration,
-                                                     {"kernel_driver_active scanner 0 -> 0",
-                                                      "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
-                                                      "free_config_descriptor scanner 0"},
-                                                     no_interface_chosen}));
+    EXPECT_EQ(happened(), refused_after({"kernel_driver_active scanner 0 -> 0",
+                                         "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+                                         "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, failed_claim_after_a_refused_interface_leaves_the_object_closed)
@@ -852,14 +786,11 @@ TEST_F(usb_test_of_choice, failed_claim_after_a_refused_interface_leaves_the_obj
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY).from_call(2);
 
     EXPECT_FALSE(open(with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_in, bulk_out})}})));
-    EXPECT_EQ(
-        happened(),
-        expected(first_questions,
-                 {first_configuration,
-                  {"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
-                   "release_interface scanner 0 -> 0", "kernel_driver_active scanner 1 -> 0",
-                   "claim_interface scanner 1 -> LIBUSB_ERROR_BUSY", "free_config_descriptor scanner 0"},
-                  no_interface_chosen}));
+    EXPECT_EQ(happened(),
+              refused_after({"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> 0",
+                             "release_interface scanner 0 -> 0", "kernel_driver_active scanner 1 -> 0",
+                             "claim_interface scanner 1 -> LIBUSB_ERROR_BUSY",
+                             "free_config_descriptor scanner 0"}));
 }
 
 TEST_F(usb_test_of_choice, failed_claim_gives_the_kernel_driver_back)
@@ -870,12 +801,9 @@ TEST_F(usb_test_of_choice, failed_claim_gives_the_kernel_driver_back)
 
     EXPECT_FALSE(open(scanner));
     EXPECT_EQ(happened(),
-              expected(first_questions,
-                       {first_configuration,
-                        {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
-                         "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
-                         "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"},
-                        no_interface_chosen}));
+              refused_after({"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0",
+                             "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
+                             "attach_kernel_driver scanner 0 -> 0", "free_config_descriptor scanner 0"}));
     EXPECT_TRUE(bus.is_kernel_driver_bound("scanner", 0));
 }
 
@@ -1146,8 +1074,7 @@ TEST_F(usb_test_of_transfers, second_close_does_nothing)
 
 TEST_F(usb_test, close_of_an_object_never_opened_does_nothing)
 {
-    connect();
-    forget_what_happened();
+    connect_to();
     usb->close();
 
     EXPECT_EQ(happened(), "");
@@ -1175,7 +1102,7 @@ TEST_F(usb_test_of_transfers, closed_object_can_be_opened_again)
     forget_what_happened();
 
     EXPECT_TRUE(usb->open(by_ids));
-    EXPECT_EQ(happened(), text({ids_search, first_questions, first_configuration, interface_0_chosen}));
+    EXPECT_EQ(happened(), text({ids_search, questions(1), first_configuration, interface_0_chosen}));
 }
 
 TEST_F(usb_test_of_transfers, open_does_not_fill_in_the_ids_so_that_close_resets_no_device)
@@ -1217,8 +1144,7 @@ TEST_F(usb_test_of_transfers, failed_reset_does_not_keep_close_from_closing)
 
 TEST_F(usb_test, close_resets_such_a_model_without_asking_whether_it_is_open)
 {
-    connect();
-    forget_what_happened();
+    connect_to();
     usb->m_nProductId = 0x0A8C;
     usb->close();
 
