@@ -86,13 +86,21 @@ const std::string pause_between_tries = "usleep " + std::to_string(usb_transceiv
 /// An attempt to find a device that is not there.
 lines attempt_in_vain()
 {
-    lines all = attempt_begins;
-    const lines tries = support::repeated(
-        usb_transceiver::kOpenTries, {"open_device_with_vid_pid 1a2b:3c4d -> null", pause_between_tries});
-    all.insert(all.end(), tries.begin(), tries.end());
-    all.emplace_back("INFO usb_transceiver open fails");
-    all.emplace_back("INFO connection open isSuccess = 0");
-    return all;
+    const lines one_try = {"open_device_with_vid_pid 1a2b:3c4d -> null", pause_between_tries};
+    return attempt_begins + support::repeated(usb_transceiver::kOpenTries, one_try) +
+           lines{"INFO usb_transceiver open fails", "INFO connection open isSuccess = 0"};
+}
+
+/// An open as far as the search for the device.
+lines search_begun(const std::string& plugin)
+{
+    return lines{"INFO open " + udi} + plugin_loaded(plugin) + connection_made;
+}
+
+/// An open that finds the device at once and starts the plugin.
+lines opened(const std::string& plugin)
+{
+    return search_begun(plugin) + attempt_that_succeeds() + lines{plugin + " ctor"};
 }
 
 const lines pause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
@@ -128,11 +136,17 @@ protected:
     /// Installs a plugin for products that are in no table.
     static void install(const std::string& plugin) { support::install_plugin(plugin, plugin_file); }
 
-    /// An open session with this plugin, its opening forgotten.
-    void open_session(const std::string& plugin)
+    /// Installs a plugin and plugs in the scanner that it is for.
+    void install_and_plug(const std::string& plugin)
     {
         install(plugin);
         bus.plug(scanner_device());
+    }
+
+    /// An open session with this plugin, its opening forgotten.
+    void open_session(const std::string& plugin)
+    {
+        install_and_plug(plugin);
         ASSERT_TRUE(session().open(udi)) << log();
         forget_what_happened();
     }
@@ -152,36 +166,27 @@ TEST_F(scanner_test, instance_is_always_the_same)
 
 TEST_F(scanner_test, open_loads_the_plugin_then_connects_the_device_then_starts_the_plugin)
 {
-    install("plugin_good");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_good");
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_good"),
-                                connection_made,
-                                attempt_that_succeeds(),
-                                {"plugin_good ctor"}}));
+    EXPECT_EQ(happened(), opened("plugin_good").text());
     ASSERT_TRUE(session().usb_con());
     EXPECT_TRUE(session().usb_con()->is_open());
 }
 
 TEST_F(scanner_test, any_result_but_0_of_the_plugin_s_start_opens_the_session)
 {
-    install("plugin_odd");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_odd");
 
     EXPECT_TRUE(session().open(udi));
 }
 
 TEST_F(scanner_test, plugin_reaches_the_device_from_its_start_on)
 {
-    install("plugin_talking");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_talking");
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_talking"),
-                                connection_made,
+    EXPECT_EQ(happened(), text({search_begun("plugin_talking"),
                                 attempt_that_succeeds(),
                                 {"plugin_talking ctor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
                                  "plugin_talking sent 1"}}));
@@ -213,11 +218,7 @@ TEST_F(scanner_test, open_works_again_after_close)
     forget_what_happened();
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_good"),
-                                connection_made,
-                                attempt_that_succeeds(),
-                                {"plugin_good ctor"}}));
+    EXPECT_EQ(happened(), opened("plugin_good").text());
 }
 
 TEST_F(scanner_test, product_with_a_plugin_of_its_own_is_served_by_that)
@@ -245,8 +246,7 @@ void expect_firmware_directories()
 
 TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_loaded)
 {
-    install("plugin_telling_environment");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_telling_environment");
 
     EXPECT_TRUE(session().open(udi));
     EXPECT_EQ(happened(), text({{"INFO open " + udi},
@@ -292,8 +292,7 @@ TEST_F(scanner_test, firmware_directories_are_set_even_when_there_is_no_device)
 
 TEST_F(scanner_test, open_of_an_invalid_address_fails_before_anything_is_loaded)
 {
-    install("plugin_good");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_good");
 
     EXPECT_FALSE(session().open("usb:1a2b:0"));
     EXPECT_EQ(happened(), text({{"INFO open usb:1a2b:0", "INFO machine: invalid UDI 'usb:1a2b:0'",
@@ -344,9 +343,7 @@ TEST_F(scanner_test, open_without_a_device_makes_all_attempts_with_pauses_betwee
     install("plugin_good");
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_good"),
-                                connection_made,
+    EXPECT_EQ(happened(), text({search_begun("plugin_good"),
                                 support::repeated(scanner::kConnectionAttempts, attempt_in_vain(), pause),
                                 {"INFO retry finish", "INFO usb connection failer.", "exit",
                                  "plugin_good unloaded", "INFO open fails"}}));
@@ -361,9 +358,7 @@ TEST_F(scanner_test, open_connects_a_device_that_appears_before_the_third_attemp
     bus.plug(late);
 
     EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_good"),
-                                connection_made,
+    EXPECT_EQ(happened(), text({search_begun("plugin_good"),
                                 support::repeated(2, attempt_in_vain(), pause),
                                 pause,
                                 attempt_that_succeeds(),
@@ -382,16 +377,13 @@ TEST_F(scanner_test, open_connects_at_the_last_attempt)
 
 TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
 {
-    install("plugin_good");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_good");
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
 
     EXPECT_TRUE(session().open(udi));
     EXPECT_EQ(
         happened(),
-        text({{"INFO open " + udi},
-              plugin_loaded("plugin_good"),
-              connection_made,
+        text({search_begun("plugin_good"),
               attempt_begins,
               {"open_device_with_vid_pid 1a2b:3c4d -> scanner", "INFO usb_transceiver set_bulk_endpoints",
                "get_device scanner -> scanner", "get_device_descriptor scanner -> 0",
@@ -406,15 +398,10 @@ TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
 
 TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log_tells_and_never_stops_it)
 {
-    install("plugin_refusing");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_refusing");
 
     EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
-                                plugin_loaded("plugin_refusing"),
-                                connection_made,
-                                attempt_that_succeeds(),
-                                {"plugin_refusing ctor"},
+    EXPECT_EQ(happened(), text({opened("plugin_refusing"),
                                 connection_gone,
                                 {"INFO usb ctor failer.", "plugin_refusing unloaded"}}));
     EXPECT_FALSE(session().usb_con());
@@ -422,8 +409,7 @@ TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log
 
 TEST_F(scanner_test, refusing_plugin_reaches_the_device_before_it_refuses)
 {
-    install("plugin_refusing_after_talk");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_refusing_after_talk");
 
     EXPECT_FALSE(session().open(udi));
     EXPECT_EQ(bus.written("scanner", 0x02), std::vector<unsigned char>{1});
@@ -431,8 +417,7 @@ TEST_F(scanner_test, refusing_plugin_reaches_the_device_before_it_refuses)
 
 TEST_F(scanner_test, open_after_a_refusal_tries_anew)
 {
-    install("plugin_refusing");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_refusing");
     EXPECT_FALSE(session().open(udi));
     install("plugin_good");
 
@@ -441,8 +426,7 @@ TEST_F(scanner_test, open_after_a_refusal_tries_anew)
 
 TEST_F(scanner_test, open_fails_when_libusb_cannot_be_initialised_and_unloads_the_plugin)
 {
-    install("plugin_good");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_good");
     bus.fail("init", LIBUSB_ERROR_OTHER);
 
     EXPECT_FALSE(session().open(udi));
@@ -518,8 +502,7 @@ TEST_F(scanner_test, send_and_recv_before_any_open_tell_that_no_plugin_runs)
 
 TEST_F(scanner_test, send_and_recv_after_a_failed_open_tell_that_no_plugin_runs)
 {
-    install("plugin_refusing");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_refusing");
     session().open(udi);
     unsigned char byte = 0;
 
@@ -728,8 +711,7 @@ TEST_F(scanner_test, send_and_recv_after_close_tell_that_no_plugin_runs)
 
 TEST_F(scanner_test, destruction_closes)
 {
-    install("plugin_good");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_good");
     {
         scanner own;
         ASSERT_TRUE(own.open(udi));
@@ -874,8 +856,7 @@ TEST_F(scanner_test, its_lines_are_logged_as_coming_from_scanner)
     session().open(udi);
     install("plugin_good");
     session().open(udi);
-    install("plugin_refusing");
-    bus.plug(scanner_device());
+    install_and_plug("plugin_refusing");
     session().open(udi);
     testing::internal::GetCapturedStderr();
 
