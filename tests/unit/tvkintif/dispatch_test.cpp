@@ -144,6 +144,16 @@ private:
     void (*m_previous)(int);
 };
 
+/// Has every accept fail, and SIGTERM arrive with call number `last` of them.
+void fail_accepts(system_calls& calls, int error, int last)
+{
+    calls.fail("accept", error, 0);
+    calls.before("accept", [last, attempts = 0]() mutable {
+        if (++attempts == last)
+            std::raise(SIGTERM);
+    });
+}
+
 /// Standard output as a pipe whose reader has gone.
 class unread_output {
 public:
@@ -353,11 +363,7 @@ TEST_F(dispatch_test, failure_to_accept_repeats_until_a_signal_sets_the_flag)
     m_front_end->close();
     const termination_handler handler;
     system_calls calls;
-    calls.fail("accept", EMFILE, 0);
-    calls.before("accept", [attempts = 0]() mutable {
-        if (++attempts == 3)
-            std::raise(SIGTERM);
-    });
+    fail_accepts(calls, EMFILE, 3);
     m_dispatch->run();
     const lines attempt = {"INFO ipc connection read get called = 20",
                            std::string("INFO read failed: ") + std::strerror(EBADF),
@@ -370,11 +376,7 @@ TEST_F(dispatch_test, failures_that_follow_each_other_are_spaced_out)
     m_front_end->close();
     const termination_handler handler;
     system_calls calls;
-    calls.fail("accept", EMFILE, 0);
-    calls.before("accept", [attempts = 0]() mutable {
-        if (++attempts == 10)
-            std::raise(SIGTERM);
-    });
+    fail_accepts(calls, EMFILE, 10);
     m_dispatch->run();
     EXPECT_EQ(starting_with("usleep ", support::take_dialogue()),
               (lines{"usleep 10000", "usleep 20000", "usleep 40000", "usleep 80000", "usleep 160000",
@@ -409,11 +411,7 @@ TEST_F(dispatch_test, loop_goes_on_after_another_failure_though_nobody_reads_the
 {
     const termination_handler handler;
     system_calls calls;
-    calls.fail("accept", ECONNABORTED, 0);
-    calls.before("accept", [attempts = 0]() mutable {
-        if (++attempts == 2)
-            std::raise(SIGTERM);
-    });
+    fail_accepts(calls, ECONNABORTED, 2);
     const unread_output nobody;
     m_dispatch->run();
     EXPECT_EQ(calls.lines_of("accept").size(), 2U);
@@ -423,11 +421,7 @@ TEST_F(dispatch_test, loop_goes_on_after_a_time_out_while_somebody_may_still_rea
 {
     const termination_handler handler;
     system_calls calls;
-    calls.fail("accept", EAGAIN, 0);
-    calls.before("accept", [attempts = 0]() mutable {
-        if (++attempts == 2)
-            std::raise(SIGTERM);
-    });
+    fail_accepts(calls, EAGAIN, 2);
     m_dispatch->run();
     EXPECT_EQ(calls.lines_of("accept").size(), 2U);
 }
