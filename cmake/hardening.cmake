@@ -1,4 +1,4 @@
-# A process that loads closed code and reads foreign bytes is built to fail early and to be hard to bend.
+# A process that loads closed code and reads foreign bytes is built to fail early and to be hard to exploit.
 include(CheckPIESupported)
 check_pie_supported()
 

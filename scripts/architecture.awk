@@ -1,5 +1,5 @@
 # Compares the picture of the rooms with the includes: docs/architecture.md comes first, then the sources. Prints each
-# arrow as a pair, so that tsort can tell of circles.
+# arrow as a pair, so that tsort can find cycles.
 
 # A folder is a room; of the folder of a program itself, each unit is.
 function room(path) {

@@ -19,8 +19,8 @@
 ///     claim_interface scanner 0 -> LIBUSB_ERROR_BUSY
 ///     bulk_transfer scanner 0x81 512 60000 -> 0 (512)
 ///
-/// The bus keeps account of everything handed out, and of calls that a real bus would not forgive. Only
-/// error_name and the questions where a device stands (get_bus_number, get_device_address, get_port_numbers),
+/// The bus keeps track of everything handed out, and of calls that a real bus would not accept. Only
+/// error_name and the questions where a device is (get_bus_number, get_device_address, get_port_numbers),
 /// which change nothing and cannot fail, leave no line.
 namespace fake_usb {
 
@@ -61,7 +61,7 @@ struct device {
     int active_configuration = 1;
     std::set<int> kernel_drivers = {}; ///< numbers of the interfaces that one is bound to
     int open_error = LIBUSB_SUCCESS;   ///< what every open of it fails with
-    int appears_at_search = 1;         ///< the how-manieth search of the bus is the first to find it
+    int appears_at_search = 1;         ///< number of the first search of the bus that finds it
 };
 
 /// A device with one configuration, one vendor-specific interface 0, bulk IN 0x81 and bulk OUT 0x02.
@@ -98,7 +98,7 @@ public:
     failure& from_call(int call);
     failure& times(int calls);
 
-    /// Counts a call that may be meant; its result when it is to fail.
+    /// Counts a call if it is one of these; its result when it is to fail.
     std::optional<int> seen(const std::string& function, const std::string& device_name);
 
 private:
@@ -149,7 +149,7 @@ public:
 
     /// What was handed out and not given back, a line each; empty when all is well.
     std::vector<std::string> leftovers() const;
-    /// Calls that a real bus would not forgive, a line each.
+    /// Calls that a real bus would not accept, a line each.
     const std::vector<std::string>& misuses() const;
     /// As misuses(), and forgets them: a test that expects one takes it.
     std::vector<std::string> take_misuses();

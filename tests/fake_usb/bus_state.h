@@ -62,7 +62,7 @@ struct bus_state {
     std::vector<std::unique_ptr<libusb_device_handle>> handles;
     std::map<libusb_device**, std::unique_ptr<device_list>> lists;
     std::map<libusb_config_descriptor*, std::unique_ptr<config_loan>> configs;
-    std::deque<failure> failures; // references to them stay good
+    std::deque<failure> failures; // references to them stay valid
     std::vector<hook> hooks;
     std::vector<std::string> misuses;
 

@@ -4,8 +4,8 @@
 
 namespace support {
 
-/// The error of this type that `action` throws. That it throws none is one itself, and fails the running
-/// test.
+/// The error of this type that `action` throws. If it throws none, that is an error too, and fails the
+/// running test.
 template <typename Error, typename Action>
 Error caught(Action action)
 {

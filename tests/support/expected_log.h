@@ -62,7 +62,7 @@ struct planned_open {
     bool succeeds() const { return attempts.back() == attempt::reaches_it; }
 };
 
-/// An open of which every attempt that there may be comes to this.
+/// An open of which every attempt, as many as there may be, comes to this.
 planned_open vain_opening(const std::string& udi, attempt each);
 
 /// The handling of an open request up to the reply, and its two parts.

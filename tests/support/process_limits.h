@@ -22,7 +22,7 @@ private:
     bool m_isArranged = false;
 };
 
-/// While it lives, this process may open at most so many more files.
+/// While it lives, this process may open at most this many more files.
 class few_descriptors_left {
 public:
     explicit few_descriptors_left(int count);

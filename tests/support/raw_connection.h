@@ -6,7 +6,7 @@
 
 namespace support {
 
-/// A connection to the program for tests that say on it what no front-end says: part of a frame, several at
+/// A connection to the program for tests that send what no front-end sends: part of a frame, several at
 /// once, nonsense, or its end in the middle. Fails as the connection of the front-end library does, with
 /// front_end_error.
 class raw_connection {

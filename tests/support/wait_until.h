@@ -5,7 +5,7 @@
 
 namespace support {
 
-/// How long anything is waited for that should come at once.
+/// How long to wait for anything that should come at once.
 inline constexpr std::chrono::milliseconds kPatience{30'000};
 
 /// Waits for `condition` to hold, for at most `deadline` from now; false when it never did.

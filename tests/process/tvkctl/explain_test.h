@@ -23,9 +23,9 @@ protected:
 
     std::string node() const { return m_node; }
     static std::string plugin_file();
-    /// Installs what is no plugin in the place of one.
+    /// Installs something that is not a plugin in the place of one.
     static void with_plugin_file(const std::string& content);
-    /// A program of the shell in the place of tvkintif; its path.
+    /// A shell script in the place of tvkintif; its path.
     static std::string program_that(const std::string& script);
 
 private:

@@ -20,7 +20,7 @@
 
 namespace process_test {
 
-using namespace expected; // the words of which tests are made
+using namespace expected; // the vocabulary of the tests
 using support::kPatience;
 
 /// Empty at the start of each test, beside the log directory; the program's working directory.
@@ -52,7 +52,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The machine. The bus in the language of fake_usb/script.h, mishaps in that of mishaps.cpp.
+    // The machine. The bus in the language of fake_usb/script.h, failures in that of mishaps.cpp.
     void with_bus(const std::string& script) { m_bus = script; }
     /// For the script: the device comes in time for this attempt of an open.
     static std::string appears_at_attempt(int number);
