@@ -15,6 +15,8 @@ namespace vl::common::log {
 namespace {
 
 constexpr int kMostLinks = 8; ///< on the way to a file
+/// Of a new file, less the umask.
+constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
 
 using path_text = std::array<char, PATH_MAX>;
 
@@ -25,7 +27,7 @@ bool is_trusted_user(uid_t user)
 
 int open_without_following(const char* path, int flags)
 {
-    return open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    return open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, kMode);
 }
 
 /// Length of the directory part of `path`, with its '/'.
