@@ -43,8 +43,11 @@ namespace {
 
 constexpr std::chrono::seconds kDeadline{10};
 constexpr int kHeaderSize = 20;
-const std::string kSetTimeOut =
-    "setsockopt #1 SOL_SOCKET SO_RCVTIMEO " + std::to_string(ipc_connection::kTimeoutSeconds) + " s";
+std::string time_out_set(const std::string& descriptor)
+{
+    return "setsockopt " + descriptor + " SOL_SOCKET SO_RCVTIMEO " +
+           std::to_string(ipc_connection::kTimeoutSeconds) + " s";
+}
 
 static_assert(!std::is_copy_constructible_v<ipc_connection> && !std::is_copy_assignable_v<ipc_connection>);
 
@@ -186,6 +189,7 @@ protected:
         m_front_end = std::make_unique<peer>(m_connection->port());
         ASSERT_TRUE(m_front_end->is_connected()) << "the first transfer would wait for nobody";
         std::fill_n(m_payload.data(), m_payload.size(), static_cast<unsigned char>(0xAA));
+        m_calls.take_lines();
     }
 
     void TearDown() override
@@ -205,6 +209,7 @@ protected:
         return hex(m_front_end->receive_all());
     }
 
+    system_calls m_calls; // of #1, which listened, #2, the front-end, and #3 once it is accepted
     std::unique_ptr<ipc_connection> m_connection = std::make_unique<ipc_connection>();
     std::unique_ptr<peer> m_front_end;
     ipc_header m_header = {};
@@ -217,10 +222,9 @@ protected:
 
 TEST_F(ipc_connection_test, kernel_chooses_the_port)
 {
-    system_calls calls;
     ipc_connection connection;
     EXPECT_GT(connection.port(), 0);
-    EXPECT_EQ(calls.lines_of("bind"), lines{"bind #1 127.0.0.1:0"});
+    EXPECT_EQ(m_calls.lines_of("bind"), lines{"bind #3 127.0.0.1:0"});
 }
 
 TEST_F(ipc_connection_test, port_can_be_asked_for)
@@ -232,17 +236,16 @@ TEST_F(ipc_connection_test, port_can_be_asked_for)
 
 TEST_F(ipc_connection_test, time_out_is_set_before_anybody_connects)
 {
-    system_calls calls;
     ipc_connection().port();
-    EXPECT_EQ(calls.lines().at(4), kSetTimeOut);
+    EXPECT_EQ(m_calls.lines().at(4), time_out_set("#3"));
 }
 
 TEST_F(ipc_connection_test, time_out_is_the_same_on_a_given_port)
 {
     const int port = free_port();
-    system_calls calls;
+    m_calls.take_lines();
     ipc_connection(port).port();
-    EXPECT_EQ(calls.lines().at(4), kSetTimeOut);
+    EXPECT_EQ(m_calls.lines().at(4), time_out_set("#4"));
 }
 
 TEST_F(ipc_connection_test, destruction_ends_the_connection)
@@ -359,8 +362,7 @@ TEST_F(ipc_connection_test, read_of_header_and_payload_is_logged_call_by_call)
 TEST_F(ipc_connection_test, short_reads_are_continued_and_logged_call_by_call)
 {
     m_front_end->send(request(1, 6, 20, 0) + pattern(20));
-    system_calls calls;
-    calls.limit("read", 8);
+    m_calls.limit("read", 8);
     EXPECT_EQ(read(), 20);
     EXPECT_EQ(read_payload(), pattern(20));
     EXPECT_EQ(support::log_dialogue(), read_walk(20, {8, 8, 4}) + read_walk(20, {8, 8, 4}));
@@ -370,8 +372,7 @@ TEST_F(ipc_connection_test, message_that_dribbles_in_byte_by_byte_is_read_whole)
 {
     const bytes wire = request(1, 6, 4, 0) + pattern(4);
     auto next = wire.begin();
-    system_calls calls;
-    calls.before("read", [&] { m_front_end->send({*next++}); });
+    m_calls.before("read", [&] { m_front_end->send({*next++}); });
     EXPECT_EQ(read(), 4);
     EXPECT_EQ(read_payload(), pattern(4));
     EXPECT_EQ(support::log_dialogue(),
@@ -441,9 +442,8 @@ class failing_read : public ipc_connection_test, public testing::WithParamInterf
 TEST_P(failing_read, in_the_header_returns_minus_1_without_another_try)
 {
     m_front_end->send(request(1, 6, 4, 0) + pattern(4));
-    system_calls calls;
-    calls.limit("read", 8);
-    calls.fail("read", GetParam().error, 2);
+    m_calls.limit("read", 8);
+    m_calls.fail("read", GetParam().error, 2);
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(support::log_dialogue(), read_walk(20, {8}) + failed_read(12, GetParam().error));
 }
@@ -451,16 +451,14 @@ TEST_P(failing_read, in_the_header_returns_minus_1_without_another_try)
 TEST_P(failing_read, in_the_payload_returns_minus_1_without_another_try)
 {
     m_front_end->send(request(1, 6, 4, 0) + pattern(4));
-    system_calls calls;
-    calls.fail("read", GetParam().error, 2);
+    m_calls.fail("read", GetParam().error, 2);
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(support::log_dialogue(), read_walk(20, {20}) + failed_read(4, GetParam().error));
 }
 
 TEST_P(failing_read, leaves_the_signal_mask_as_it_was)
 {
-    system_calls calls;
-    calls.fail("read", GetParam().error);
+    m_calls.fail("read", GetParam().error);
     read();
     EXPECT_FALSE(is_blocked(SIGTERM));
     EXPECT_FALSE(is_blocked(SIGINT));
@@ -484,19 +482,17 @@ TEST_F(ipc_connection_test, connection_that_the_peer_resets_makes_read_return_mi
 TEST_F(ipc_connection_test, read_after_a_failed_one_goes_on_in_the_middle_of_the_message)
 {
     m_front_end->send(bytes(10, 1));
-    system_calls calls;
-    calls.fail("read", EAGAIN, 2);
+    m_calls.fail("read", EAGAIN, 2);
     ASSERT_EQ(read(), -1);
     const bytes rest = bytes(10, 1) + bytes{2, 3, 0, 0, 0, 0, 7, 8, 9, 10};
-    calls.before("read", [&] { m_front_end->send(rest); });
+    m_calls.before("read", [&] { m_front_end->send(rest); });
     EXPECT_EQ(read(), 0);
     EXPECT_EQ(hex(memory_of(m_header)), hex(rest));
 }
 
 TEST_F(ipc_connection_test, read_without_a_connection_returns_minus_1)
 {
-    system_calls calls;
-    calls.fail("accept", EMFILE);
+    m_calls.fail("accept", EMFILE);
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(support::log_dialogue(), failed_read(20, EBADF));
 }
@@ -504,11 +500,10 @@ TEST_F(ipc_connection_test, read_without_a_connection_returns_minus_1)
 TEST_F(ipc_connection_test, read_after_a_failed_accept_waits_on_the_same_port_again)
 {
     const int port = m_connection->port();
-    system_calls calls;
-    calls.fail("accept", EMFILE);
+    m_calls.fail("accept", EMFILE);
     ASSERT_EQ(read(), -1);
     std::optional<peer> late;
-    calls.before("accept", [&] {
+    m_calls.before("accept", [&] {
         late.emplace(port);
         late->send(request(1, 8, 0, 2));
     });
@@ -520,27 +515,25 @@ TEST_F(ipc_connection_test, read_after_a_failed_accept_waits_on_the_same_port_ag
 TEST_F(ipc_connection_test, termination_signals_are_blocked_around_each_read)
 {
     m_front_end->send(request(1, 6, 0, 0));
-    system_calls calls;
-    calls.limit("read", 10);
+    m_calls.limit("read", 10);
     read();
-    const lines all = calls.lines();
+    const lines all = m_calls.lines();
     const auto first = std::find(all.begin(), all.end(), "sigprocmask SIG_BLOCK 2 15");
     EXPECT_EQ(lines(first, all.end()),
-              (lines{"sigprocmask SIG_BLOCK 2 15", "read #1 20 -> 10", "sigprocmask SIG_SETMASK",
-                     "sigprocmask SIG_BLOCK 2 15", "read #1 10 -> 10", "sigprocmask SIG_SETMASK"}));
+              (lines{"sigprocmask SIG_BLOCK 2 15", "read #3 20 -> 10", "sigprocmask SIG_SETMASK",
+                     "sigprocmask SIG_BLOCK 2 15", "read #3 10 -> 10", "sigprocmask SIG_SETMASK"}));
 }
 
 TEST_F(ipc_connection_test, termination_signals_are_blocked_around_each_write)
 {
     m_front_end->send(request(1, 6, 0, 0));
-    system_calls calls;
     read();
-    calls.take_lines();
-    calls.limit("write", 10);
+    m_calls.take_lines();
+    m_calls.limit("write", 10);
     m_connection->send_ng(1);
-    EXPECT_EQ(calls.lines(),
-              (lines{"sigprocmask SIG_BLOCK 2 15", "write #1 20 -> 10", "sigprocmask SIG_SETMASK",
-                     "sigprocmask SIG_BLOCK 2 15", "write #1 10 -> 10", "sigprocmask SIG_SETMASK"}));
+    EXPECT_EQ(m_calls.lines(),
+              (lines{"sigprocmask SIG_BLOCK 2 15", "write #3 20 -> 10", "sigprocmask SIG_SETMASK",
+                     "sigprocmask SIG_BLOCK 2 15", "write #3 10 -> 10", "sigprocmask SIG_SETMASK"}));
 }
 
 class termination_signal : public ipc_connection_test, public testing::WithParamInterface<int> {};
@@ -550,8 +543,7 @@ TEST_P(termination_signal, that_comes_during_a_read_is_held_until_the_read_retur
     const counted_signal counted(GetParam());
     m_front_end->send(request(1, 6, 0, 0));
     int handled_during_the_call = -1;
-    system_calls calls;
-    calls.before("read", [&] {
+    m_calls.before("read", [&] {
         std::raise(GetParam());
         handled_during_the_call = signals_handled;
     });
@@ -564,8 +556,7 @@ TEST_P(termination_signal, that_comes_during_a_write_is_held_until_the_write_ret
 {
     const counted_signal counted(GetParam());
     int handled_during_the_call = -1;
-    system_calls calls;
-    calls.before("write", [&] {
+    m_calls.before("write", [&] {
         std::raise(GetParam());
         handled_during_the_call = signals_handled;
     });
@@ -613,8 +604,7 @@ TEST_F(ipc_connection_test, hangup_is_handled_during_a_read)
     const counted_signal counted(SIGHUP);
     m_front_end->send(request(1, 6, 0, 0));
     int handled_during_the_call = -1;
-    system_calls calls;
-    calls.before("read", [&] {
+    m_calls.before("read", [&] {
         std::raise(SIGHUP);
         handled_during_the_call = signals_handled;
     });
@@ -711,8 +701,7 @@ TEST_F(ipc_connection_test, header_and_payload_are_logged_as_two_transfers)
 
 TEST_F(ipc_connection_test, short_writes_are_continued_and_logged_call_by_call)
 {
-    system_calls calls;
-    calls.limit("write", 8);
+    m_calls.limit("write", 8);
     reply_payload payload(pattern(20));
     EXPECT_EQ(m_connection->send_ok(1, payload), 20);
     EXPECT_EQ(support::log_dialogue(), write_walk(20, {8, 8, 4}) + write_walk(20, {8, 8, 4}));
@@ -721,11 +710,8 @@ TEST_F(ipc_connection_test, short_writes_are_continued_and_logged_call_by_call)
 TEST_F(ipc_connection_test, bytes_of_short_writes_arrive_in_order)
 {
     reply_payload payload(pattern(20));
-    {
-        system_calls calls;
-        calls.limit("write", 7);
-        m_connection->send_ok(1, payload);
-    }
+    m_calls.limit("write", 7);
+    m_connection->send_ok(1, payload);
     EXPECT_EQ(received(), hex(request(1, 0, 20, 0) + pattern(20)));
 }
 
@@ -789,26 +775,23 @@ class every_sender : public ipc_connection_test, public testing::WithParamInterf
 
 TEST_P(every_sender, sends_no_payload_after_a_header_that_failed)
 {
-    system_calls calls;
-    calls.fail("write", EPIPE);
+    m_calls.fail("write", EPIPE);
     EXPECT_EQ(GetParam().send(*m_connection), -1);
     EXPECT_EQ(support::log_dialogue(), failed_write(20, EPIPE));
 }
 
 TEST_P(every_sender, sends_no_payload_after_a_header_of_which_nothing_went_out)
 {
-    system_calls calls;
-    calls.answer("write", 0);
+    m_calls.answer("write", 0);
     EXPECT_EQ(GetParam().send(*m_connection), GetParam().result_of_no_header);
     EXPECT_EQ(support::log_dialogue(), write_walk(20, {0}));
 }
 
 TEST_P(every_sender, tries_a_failed_write_of_the_payload_only_once)
 {
-    system_calls calls;
-    calls.fail("write", EINTR, 2);
+    m_calls.fail("write", EINTR, 2);
     EXPECT_EQ(GetParam().send(*m_connection), -1);
-    EXPECT_EQ(calls.lines_of("write").size(), 2U);
+    EXPECT_EQ(m_calls.lines_of("write").size(), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(ipc_connection_test, every_sender, testing::ValuesIn(senders_with_payload()),
@@ -816,19 +799,17 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, every_sender, testing::ValuesIn(se
 
 TEST_F(ipc_connection_test, ng_that_fails_returns_minus_1_without_another_try)
 {
-    system_calls calls;
-    calls.fail("write", EINTR);
+    m_calls.fail("write", EINTR);
     EXPECT_EQ(m_connection->send_ng(1), -1);
     EXPECT_EQ(support::log_dialogue(), failed_write(20, EINTR));
 }
 
 TEST_F(ipc_connection_test, write_without_progress_returns_the_short_count)
 {
-    system_calls calls;
-    calls.limit("write", 8);
-    calls.before("write", [&, call = 0]() mutable {
+    m_calls.limit("write", 8);
+    m_calls.before("write", [&, call = 0]() mutable {
         if (++call == 3)
-            calls.answer("write", 0);
+            m_calls.answer("write", 0);
     });
     EXPECT_EQ(m_connection->send_ng(1), 16);
     EXPECT_EQ(support::log_dialogue(), write_walk(20, {8, 8, 0}));
@@ -836,9 +817,8 @@ TEST_F(ipc_connection_test, write_without_progress_returns_the_short_count)
 
 TEST_F(ipc_connection_test, failed_write_after_a_short_one_returns_minus_1)
 {
-    system_calls calls;
-    calls.limit("write", 8);
-    calls.fail("write", EAGAIN, 2);
+    m_calls.limit("write", 8);
+    m_calls.fail("write", EAGAIN, 2);
     EXPECT_EQ(m_connection->send_ng(1), -1);
     EXPECT_EQ(support::log_dialogue(), write_walk(20, {8}) + failed_write(12, EAGAIN));
 }
@@ -855,8 +835,7 @@ TEST_F(ipc_connection_test, reply_to_a_peer_that_has_gone_returns_minus_1)
 
 TEST_F(ipc_connection_test, reply_without_a_connection_returns_minus_1)
 {
-    system_calls calls;
-    calls.fail("accept", EMFILE);
+    m_calls.fail("accept", EMFILE);
     EXPECT_EQ(m_connection->send_ng(1), -1);
     EXPECT_EQ(support::log_dialogue(), failed_write(20, EBADF));
 }
@@ -883,9 +862,8 @@ TEST_F(ipc_connection_test, write_of_null_returns_minus_1_after_the_header)
 
 TEST_F(ipc_connection_test, write_of_null_makes_no_system_call_for_the_payload)
 {
-    system_calls calls;
     m_connection->write(1U, 2U, nullptr, 3);
-    EXPECT_EQ(calls.lines_of("write").size(), 1U);
+    EXPECT_EQ(m_calls.lines_of("write").size(), 1U);
     EXPECT_EQ(support::log_dialogue(), write_walk(20, {20}));
 }
 
@@ -947,12 +925,11 @@ TEST_F(ipc_connection_test, write_of_a_header_and_an_empty_payload_returns_0)
 
 TEST_F(ipc_connection_test, write_of_a_payload_without_progress_returns_the_short_count)
 {
-    system_calls calls;
-    calls.before("write", [&, call = 0]() mutable {
+    m_calls.before("write", [&, call = 0]() mutable {
         if (++call == 2)
-            calls.limit("write", 2);
+            m_calls.limit("write", 2);
         if (call == 3)
-            calls.answer("write", 0);
+            m_calls.answer("write", 0);
     });
     EXPECT_EQ(m_connection->write(1U, 2U, kData.data(), 3), 2);
 }
