@@ -145,10 +145,8 @@ bool usb_transceiver::Is_matchID(std::uint16_t vid, std::uint16_t pid, std::stri
 
 bool usb_transceiver::open(const udi& address)
 {
-    if (!address.is_valid()) {
-        Logger(kUnit, __LINE__, ESeveryLevel::info)("machine: invalid UDI '%s'", address.text.c_str());
+    if (getpid(address) < 0)
         return false;
-    }
     Logger(kUnit, __LINE__, ESeveryLevel::info)("usb_transceiver open start");
     const std::uint16_t pid = address.product_id;
     const std::uint16_t vid = address.vendor_id;
