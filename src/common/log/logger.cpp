@@ -106,8 +106,7 @@ void write_line(int descriptor, std::string_view header, std::string_view text)
         {const_cast<char*>(header.data()), header.size()}, // writev() only reads
         {const_cast<char*>(text.data()), text.size()},     // through these
     }};
-    if (writev(descriptor, parts.data(), static_cast<int>(parts.size())) < 0)
-        return;
+    [[maybe_unused]] const ssize_t written = writev(descriptor, parts.data(), static_cast<int>(parts.size()));
 }
 
 /// "hh:mm:ss.f". The last field is the second times a thousand, of four digits up to second 9 and of five
