@@ -237,6 +237,11 @@ void bus::before_call(const std::string& function, int call, std::function<void(
     m_state->hooks.push_back({function, call, std::move(action)});
 }
 
+void bus::share_claims(const std::string& folder)
+{
+    m_state->claims_folder = folder;
+}
+
 void bus::script(const std::string& device_name, std::uint8_t endpoint_address, transfer next)
 {
     m_state->device_named(device_name).script[endpoint_address].push_back(std::move(next));

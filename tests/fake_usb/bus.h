@@ -138,6 +138,10 @@ public:
     /// Runs `action` before call number `call`, counted from here on, of a function. It may throw: the
     /// exception leaves the function.
     void before_call(const std::string& function, int call, std::function<void()> action);
+    /// Has other processes see what is claimed on a device, by a lock on the file of its name in `folder`. As
+    /// with a real device, the claim lasts until it is released, or until nobody has the device open any
+    /// more: neither this process nor a child that it forked.
+    void share_claims(const std::string& folder);
     /// Scripts the next not yet scripted transfer on an endpoint.
     void script(const std::string& device_name, std::uint8_t endpoint_address, transfer next);
 

@@ -31,6 +31,7 @@ struct libusb_device {
 
 struct libusb_device_handle {
     libusb_device* device;
+    int shared_claim = -1; ///< a file to be locked; -1: nobody else is on this bus
     bool is_open = true;
     std::set<int> claimed = {};
 };
@@ -57,6 +58,7 @@ struct hook {
 
 struct bus_state {
     int searches = 0;
+    std::string claims_folder; ///< empty: nobody else is on this bus
     std::vector<std::unique_ptr<libusb_context>> contexts;
     std::vector<std::unique_ptr<libusb_device>> devices;
     std::vector<std::unique_ptr<libusb_device_handle>> handles;

@@ -12,6 +12,7 @@
 #include "fake_usb/checked_bus.h"
 #include "fake_usb/script.h"
 #include "support/dialogue.h"
+#include "support/temporary_folder.h"
 
 using fake_usb::scanner_device;
 using support::text;
@@ -193,6 +194,22 @@ TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_null_handle)
 {
     EXPECT_EQ(libusb_reset_device(nullptr), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(bus.misuses(), lines{"reset_device null: the handle is null"});
+}
+
+TEST_F(fake_usb_at_a_scanner, shares_a_claim_until_it_is_released)
+{
+    const temporary_folder folder;
+    bus.share_claims(folder.path());
+    begin_session();
+    libusb_device_handle* const other = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    EXPECT_EQ(libusb_claim_interface(other, 0), LIBUSB_ERROR_BUSY);
+    libusb_release_interface(handle, 0);
+    EXPECT_EQ(libusb_claim_interface(other, 0), LIBUSB_SUCCESS);
+    libusb_release_interface(other, 0);
+    libusb_close(other);
+    libusb_close(handle);
+    libusb_exit(context);
+    EXPECT_EQ(bus.leftovers(), lines{});
 }
 
 TEST_F(fake_usb_at_a_scanner, reports_a_close_with_a_claim)

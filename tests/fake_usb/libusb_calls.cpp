@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <libusb.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -158,6 +159,18 @@ bool is_visible(const libusb_device& device)
     return device.is_plugged && device.description.appears_at_search <= state().searches;
 }
 
+/// What a real device node is to those who have it open. -1 when nobody else is on this bus.
+int open_shared_claim(const std::string& device)
+{
+    if (state().claims_folder.empty())
+        return -1;
+    const std::string path = state().claims_folder + "/" + device;
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor < 0)
+        state().misuse("cannot open " + path + ": " + std::strerror(errno));
+    return descriptor;
+}
+
 int try_open(libusb_device* device, libusb_device_handle** handle)
 {
     if (!device->is_plugged)
@@ -165,7 +178,8 @@ int try_open(libusb_device* device, libusb_device_handle** handle)
     if (device->description.open_error != LIBUSB_SUCCESS)
         return device->description.open_error;
     ++device->references;
-    state().handles.push_back(std::make_unique<libusb_device_handle>(libusb_device_handle{device}));
+    state().handles.push_back(std::make_unique<libusb_device_handle>(
+        libusb_device_handle{device, open_shared_claim(device->description.name)}));
     *handle = state().handles.back().get();
     return LIBUSB_SUCCESS;
 }
@@ -525,6 +539,8 @@ FAKE_USB_EXPORT void LIBUSB_CALL libusb_close(libusb_device_handle* handle)
         c.misuse("interface " + std::to_string(*handle->claimed.begin()) + " is still claimed");
     handle->is_open = false;
     --handle->device->references;
+    if (handle->shared_claim >= 0)
+        ::close(handle->shared_claim);
 }
 
 FAKE_USB_EXPORT int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle* handle,
@@ -667,6 +683,8 @@ FAKE_USB_EXPORT int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* han
         return c.answer(LIBUSB_ERROR_NOT_FOUND);
     if (handle->device->description.kernel_drivers.count(number) != 0)
         return c.answer(LIBUSB_ERROR_BUSY);
+    if (handle->shared_claim >= 0 && flock(handle->shared_claim, LOCK_EX | LOCK_NB) != 0)
+        return c.answer(LIBUSB_ERROR_BUSY);
     handle->claimed.insert(number);
     return c.answer(LIBUSB_SUCCESS);
 }
@@ -679,6 +697,8 @@ FAKE_USB_EXPORT int LIBUSB_CALL libusb_release_interface(libusb_device_handle* h
     const bool was_claimed = handle->claimed.erase(number) != 0; // that it was tried counts
     if (!was_claimed)
         c.misuse("the interface is not claimed");
+    if (handle->shared_claim >= 0)
+        flock(handle->shared_claim, LOCK_UN);
     if (const std::optional<int> refused = cannot(c, handle))
         return c.answer(*refused);
     return c.answer(was_claimed ? int{LIBUSB_SUCCESS} : int{LIBUSB_ERROR_NOT_FOUND});

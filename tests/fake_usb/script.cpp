@@ -277,6 +277,8 @@ private:
             throw std::invalid_argument("no such property of a transfer: " + word);
     }
 
+    void share_claims(words& line) { m_bus.share_claims(line.next("the folder")); }
+
     void clock(words& line)
     {
         const std::string word = line.next("recorded or slow");
@@ -312,8 +314,13 @@ const std::map<std::string, reader::handler> reader::kAboutDevices = {
 };
 
 const std::map<std::string, reader::handler> reader::kOthers = {
-    {"fail", &reader::fail},     {"throw", &reader::throw_text},  {"throw_number", &reader::throw_number},
-    {"unplug", &reader::unplug}, {"transfer", &reader::transfer}, {"clock", &reader::clock},
+    {"fail", &reader::fail},
+    {"throw", &reader::throw_text},
+    {"throw_number", &reader::throw_number},
+    {"unplug", &reader::unplug},
+    {"transfer", &reader::transfer},
+    {"clock", &reader::clock},
+    {"share_claims", &reader::share_claims},
 };
 
 } // namespace

@@ -35,6 +35,7 @@ struct script_options {
 ///     throw_number FUNCTION N               call N of FUNCTION throws an int
 ///     unplug NAME FUNCTION N                just before call N of FUNCTION
 ///     transfer NAME ADDRESS [result RESULT] [count N] [bytes HEX] [untouched] [hold FIFO]
+///     share_claims FOLDER                   see bus::share_claims()
 ///     clock recorded | clock slow
 ///
 /// Throws std::invalid_argument, with `source`, line number and reason, for anything else.
