@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <utility>
 
@@ -17,6 +18,14 @@ using vl::common::log::Logger;
 namespace {
 
 constexpr const char* kUnit = "scanner";
+
+/// The process is ending and has destroyed the session. A library that stays loaded until then, as a C++ one
+/// may, still has its destructors called.
+std::atomic<bool> g_isSessionOver{false};
+
+struct end_of_session {
+    ~end_of_session() { g_isSessionOver = true; }
+};
 
 /// File name of the plugin for the model that `address` names; null when that is not valid.
 const char* choose_plugin(const udi& address)
@@ -53,6 +62,8 @@ bool connect_with_retries(usb_transceiver& usb, const udi& address)
 template <typename Transfer>
 int transfer_for_plugin(Transfer transfer) noexcept
 {
+    if (g_isSessionOver)
+        return 0;
     try {
         // The copy keeps the connection alive until the transfer returns.
         const std::shared_ptr<usb_transceiver> usb = scanner::instance().usb_con();
@@ -79,6 +90,7 @@ static int usb_writer(void* buffer, int length)
 
 scanner& scanner::instance()
 {
+    static const end_of_session destroyed_after_it;
     static const std::unique_ptr<scanner> session = std::make_unique<scanner>();
     return *session;
 }
@@ -135,9 +147,15 @@ bool scanner::start(std::unique_ptr<interpreter> plugin, std::shared_ptr<usb_tra
 
 void scanner::close()
 {
-    if (m_interpreter) {
-        m_interpreter->dtor(); // while the device is still open: the plugin may park it
-        m_interpreter.reset();
+    // Out of the member first: a plugin that throws or exits when it is stopped is not stopped again, so that
+    // the close which follows frees the device.
+    if (std::unique_ptr<interpreter> plugin = std::move(m_interpreter)) {
+        try {
+            plugin->dtor(); // while the device is still open: the plugin may park it
+        } catch (...) {
+            static_cast<void>(plugin.release()); // stays loaded: what it threw may have code of its own there
+            throw;
+        }
     }
     if (m_usb) {
         m_usb->close();
