@@ -100,27 +100,6 @@ TEST_F(opening, product_with_a_plugin_of_its_own_is_served_by_that)
     expect_served(what);
 }
 
-class entry_point : public opening, public testing::WithParamInterface<std::string> {};
-INSTANTIATE_TEST_SUITE_P(, entry_point, testing::Values("ctor", "dtor", "reader", "writer"),
-                         [](const auto& test) { return test.param; });
-
-TEST_P(entry_point, that_crashes_takes_the_process_with_it_and_the_next_one_works)
-{
-    with_plugin("plugin_crashing_in_" + GetParam());
-    start_connected();
-    tell(open_request());
-    if (GetParam() != "ctor") {
-        expect_reply(ok_reply());
-        tell(GetParam() == "reader"   ? recv_request(1)
-             : GetParam() == "writer" ? send_request({1})
-                                      : close_request());
-    }
-    EXPECT_EQ(program().wait_for_exit(kPatience), tarvik::exit_status::killed_by(SIGABRT));
-    EXPECT_EQ(hex(wire().read_to_end()), "") << "a reply";
-    with_plugin("plugin_good");
-    expect_served("usb:1a2b:3c4d");
-}
-
 TEST_F(opening, plugin_that_is_missing_refuses_the_open_before_usb_is_touched)
 {
     with_no_plugin();

@@ -160,7 +160,7 @@ void program_test::launch()
     how.environment["LD_PRELOAD"] = (m_mishaps.empty() ? "" : MISHAPS_PATH ":") + std::string(FAKE_USB_PATH);
     if (kIsSanitized) // the preloaded libraries come before the sanitizer's own, which is initialised first
                       // all the same, being linked to them
-        how.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0:detect_leaks=1:exitcode=99";
+        how.environment.try_emplace("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1:exitcode=99");
     m_program = std::make_unique<tarvik::child_process>(how);
 }
 
@@ -291,6 +291,11 @@ void program_test::expect_usb(const lines& expected)
 void program_test::expect_usb_about(const std::string& beginning, const lines& expected)
 {
     EXPECT_EQ(usb_lines_about(beginning).text(), expected.text());
+}
+
+void program_test::forget_usb()
+{
+    fs::remove(dialogue_file);
 }
 
 lines program_test::usb() const

@@ -112,6 +112,8 @@ protected:
     void expect_usb(const lines& expected);
     /// The same of those lines alone that begin so.
     void expect_usb_about(const std::string& beginning, const lines& expected);
+    /// What comes after is a dialogue of its own.
+    void forget_usb();
     lines usb() const;
     lines usb_lines_about(const std::string& beginning) const;
 
