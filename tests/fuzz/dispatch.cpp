@@ -3,6 +3,7 @@
 
 #include "tvkintif/src/dispatch.h"
 
+#include <dlfcn.h>
 #include <sys/mman.h>
 
 #include <new>
@@ -10,6 +11,7 @@
 #include "fake_usb/bus.h"
 #include "fuzz/socket_pair.h"
 #include "support/dialogue.h"
+#include "tvkintif/src/models.h"
 #include "tvkintif/src/udi.h"
 
 namespace {
@@ -27,10 +29,10 @@ fake_usb::device scanner()
 }
 
 /// What the program should do.
-class model {
+class protocol_model {
 public:
     /// All that the front-end sends.
-    explicit model(std::string_view requests)
+    explicit protocol_model(std::string_view requests)
     {
         while (!m_is_over && requests.size() >= kHeader) {
             const std::size_t size = fuzz::number_at(requests, 12);
@@ -175,7 +177,10 @@ void* __wrap_mmap(void*, size_t size, int, int, int, off_t)
 
 void fuzz_one(std::string_view input)
 {
-    const model expected(input);
+    // Loaded once and for all: that takes longer than the rest.
+    static void* const plugin = dlopen(lib_path(kDefaultPlugin).c_str(), RTLD_LAZY);
+    fuzz::expect(plugin != nullptr, "the plugin is there");
+    const protocol_model expected(input);
     const int descriptor = fuzz::next_descriptor();
     {
         fuzz::socket_pair wire;
