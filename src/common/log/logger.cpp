@@ -13,8 +13,10 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <climits>
 #include <cstdint>
+#include <limits>
 #include <sstream>
 #include <string_view>
 
@@ -50,8 +52,6 @@ std::string lower_case(std::string text)
     return text;
 }
 
-using clock_text = std::array<char, 48>;
-
 bool is_directory(const std::string& path)
 {
     struct stat status = {};
@@ -78,14 +78,38 @@ std::string base_name(const std::string& path)
     return name.substr(0, name.rfind('.'));
 }
 
-/// As localtime() shows the time, but with a result of its own for each thread.
-std::tm local_now()
+/// What lines show of the local time.
+struct local_time {
+    std::time_t second = std::numeric_limits<std::time_t>::min(); ///< since the epoch
+    int date = 0;                                                 ///< 20261115 is the 15th of November
+    std::array<char, 20> clock{};
+};
+
+/// "hh:mm:ss.f". The last field is the second times a thousand, of four digits up to second 9 and of five
+/// from then on, and no finer clock: kept so on purpose, whoever reads these logs by program knows the field
+/// like this.
+void show_clock(const std::tm& now, std::array<char, 20>& text)
 {
+    const auto fraction = static_cast<std::uint16_t>(now.tm_sec * 1000);
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%04u", now.tm_hour, now.tm_min, now.tm_sec,
+                  static_cast<unsigned int>(fraction));
+}
+
+/// As localtime() shows the time, worked out anew only when the second has changed: looking after the time
+/// zone costs more than the rest of a line. Each thread has its own.
+const local_time& local_now()
+{
+    thread_local local_time last;
     const std::time_t now = std::time(nullptr);
-    std::tm local = {};
-    tzset();
-    localtime_r(&now, &local);
-    return local;
+    if (now != last.second) {
+        std::tm local = {};
+        tzset();
+        localtime_r(&now, &local);
+        last.second = now;
+        last.date = ((local.tm_year + 1900) * 100 + local.tm_mon + 1) * 100 + local.tm_mday;
+        show_clock(local, last.clock);
+    }
+    return last;
 }
 
 /// The beginning of a file, as far as it counts.
@@ -107,19 +131,6 @@ void write_line(int descriptor, std::string_view header, std::string_view text)
         {const_cast<char*>(text.data()), text.size()},     // through these
     }};
     [[maybe_unused]] const ssize_t written = writev(descriptor, parts.data(), static_cast<int>(parts.size()));
-}
-
-/// "hh:mm:ss.f". The last field is the second times a thousand, of four digits up to second 9 and of five
-/// from then on, and no finer clock: kept so on purpose, whoever reads these logs by program knows the field
-/// like this.
-clock_text clock_now()
-{
-    const std::tm now = local_now();
-    const auto fraction = static_cast<std::uint16_t>(now.tm_sec * 1000);
-    clock_text text{};
-    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%04u", now.tm_hour, now.tm_min, now.tm_sec,
-                  static_cast<unsigned int>(fraction));
-    return text;
 }
 
 bool may_hold_log(const std::string& directory)
@@ -182,41 +193,52 @@ bool logConfigure::read_level(ESeveryLevel wanted)
     return *m_level <= wanted;
 }
 
-std::string logConfigure::output_logfile() const
+std::string logConfigure::output_logfile()
 {
-    path_buffer path{};
-    format_logfile(path);
-    return path.data();
+    return logfile_of(local_now().date);
 }
 
-void logConfigure::format_logfile(path_buffer& path) const
+const char* logConfigure::logfile_of(int date)
 {
-    if (m_stem.empty())
-        return;
-    const std::tm today = local_now();
-    std::snprintf(path.data(), path.size(), "%s_%04d%02d%02d.log", m_stem.c_str(), today.tm_year + 1900,
-                  today.tm_mon + 1, today.tm_mday);
+    if (date != m_date && !m_stem.empty()) {
+        std::snprintf(m_path.data(), m_path.size(), "%s_%08d.log", m_stem.c_str(), date);
+        m_date = date;
+    }
+    return m_path.data();
 }
 
 void Logger::append_header(bool is_short)
 {
-    append("[%s][%d](%ld)", clock_now().data(), static_cast<int>(getpid()), syscall(SYS_gettid));
+    append("[");
+    append(local_now().clock.data());
+    append("][");
+    append(getpid());
+    append("](");
+    append(syscall(SYS_gettid));
+    append(")");
     if (is_short)
         return;
-    append("[%s]", level_name(level));
-    if (logConfigure::instance_.is_verbose() && file != nullptr)
-        append("%s(%d) ", file, line);
+    append("[");
+    append(level_name(level));
+    append("]");
+    if (!logConfigure::instance_.is_verbose() || file == nullptr)
+        return;
+    append(file);
+    append("(");
+    append(line);
+    append(") ");
 }
 
-void Logger::append(const char* format, ...)
+void Logger::append(std::string_view text)
 {
-    std::va_list arguments;
-    va_start(arguments, format);
-    const int length =
-        std::vsnprintf(m_header.data() + m_headerSize, m_header.size() - m_headerSize, format, arguments);
-    va_end(arguments);
-    m_headerSize =
-        std::min(m_headerSize + static_cast<std::size_t>(std::max(length, 0)), m_header.size() - 1);
+    m_headerSize += text.copy(m_header.data() + m_headerSize, m_header.size() - m_headerSize);
+}
+
+void Logger::append(long number)
+{
+    std::array<char, 24> digits{};
+    const auto end = std::to_chars(digits.begin(), digits.end(), number).ptr;
+    append(std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data())));
 }
 
 void Logger::operator()(const char* format, ...)
@@ -243,23 +265,31 @@ void Logger::put(const char* text)
     if (!is_enabled())
         return;
     const std::lock_guard<std::mutex> lock(log_mtx);
-    logConfigure::path_buffer path{};
-    logConfigure::instance_.format_logfile(path);
-    const TrustedFile log(path.data(), O_WRONLY | O_APPEND | O_CREAT);
-    if (!log)
+    if (!open_file())
         return;
     const std::string_view header(m_header.data(), m_headerSize);
     const std::string_view message = text == nullptr ? "" : text;
-    write_line(log.descriptor(), header, message);
+    write_line(m_log->descriptor(), header, message);
     if (logConfigure::instance_.is_verbose())
         write_line(STDERR_FILENO, header, message);
     m_headerSize = 0;
     written = true;
 }
 
+bool Logger::open_file()
+{
+    const int today = local_now().date;
+    if (!m_log || !*m_log || m_logDate != today) {
+        m_log.emplace(logConfigure::instance_.logfile_of(today), O_WRONLY | O_APPEND | O_CREAT);
+        m_logDate = today;
+    }
+    return static_cast<bool>(*m_log);
+}
+
 void Logger::end_line()
 {
     put("\n");
+    m_log.reset();
     written = false;
 }
 

@@ -7,8 +7,12 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+
+#include "common/log/trusted_file.h"
 
 namespace vl::common::log {
 
@@ -83,14 +87,15 @@ public:
 
     /// Today's log file: the stem, an underscore, the local date as YYYYMMDD, ".log"; at most 259 bytes.
     /// Empty before init_log() has found the stem.
-    std::string output_logfile() const;
+    std::string output_logfile();
 
 private:
     friend void init_log(void*, const std::string&, const std::string&);
     friend class Logger;
 
-    using path_buffer = std::array<char, 260>;
-    void format_logfile(path_buffer& path) const; // where memory must not be asked for
+    /// The log file of that date, put together anew only when the date is another: without memory from the
+    /// heap. Valid until the next call.
+    const char* logfile_of(int date);
 
     bool read_level(ESeveryLevel level);
 
@@ -98,6 +103,8 @@ private:
     std::shared_ptr<ESeveryLevel> m_level;                    ///< empty until the setting was first parsed
     std::string m_stem;                                       ///< path of the log file up to the date
     bool verbose = false;
+    std::array<char, 260> m_path{}; ///< of the log file of m_date
+    int m_date = 0;                 ///< 20261115 is the 15th of November; 0: of none
 };
 
 /// One log line, on the stack of the statement that writes it:
@@ -105,8 +112,9 @@ private:
 ///     Logger("usb", __LINE__, ESeveryLevel::info)("usb write : %s", name);
 ///
 /// The constructor prepares the line's header, one formatting call appends header and message to today's
-/// file, the destructor ends the line. A record whose level is disabled does nothing at all. Problems are
-/// never reported: a line that cannot be written, or for which there is no memory, is dropped.
+/// file, the destructor ends the line. The file is open for the time of the line and no longer: whoever moves
+/// or removes it gets a new one with the next line. A record whose level is disabled does nothing at all.
+/// Problems are never reported: a line that cannot be written, or for which there is no memory, is dropped.
 ///
 /// Threads: any; each write holds log_mtx, so another thread's line can fall between a message and its
 /// newline but not into either.
@@ -159,8 +167,11 @@ public:
 private:
     bool is_enabled() const { return logConfigure::instance_.is_enabled(level); }
     void append_header(bool is_short);
-    /// Adds to the header, as far as there is room.
-    __attribute__((format(printf, 2, 3))) void append(const char* format, ...);
+    /// Has today's file open; false when it cannot be.
+    bool open_file();
+    /// These add to the header, as far as there is room.
+    void append(std::string_view text);
+    void append(long number);
     void end_line();
 
     const char* file;
@@ -168,7 +179,9 @@ private:
     ESeveryLevel level;
     std::array<char, 256> m_header; ///< until the first write; not on the heap, which may have no room
     std::size_t m_headerSize = 0;
-    bool written = false; ///< the line has begun and needs its newline
+    bool written = false;             ///< the line has begun and needs its newline
+    std::optional<TrustedFile> m_log; ///< open while `written`
+    int m_logDate = 0;                ///< of the file that is open, as its name shows it
 };
 
 template <typename T>

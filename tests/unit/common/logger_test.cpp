@@ -65,10 +65,19 @@ std::time_t utc(int year, int month, int day, int hour, int minute, int second)
     return timegm(&date);
 }
 
+/// 10:23:45 on 15 November 2026.
+std::time_t now()
+{
+    return utc(2026, 11, 15, 10, 23, 45);
+}
+
+/// A zone counts from the next second on that is logged: looks at another one in between.
 void set_time_zone(const char* zone)
 {
     setenv("TZ", zone, 1);
-    tzset();
+    support::set_time(0);
+    Logger("main", 1, kInfo);
+    support::set_time(now());
 }
 
 /// The header up to the level, as it must stand in the log at 10:23:45.
@@ -158,18 +167,6 @@ private:
     std::string m_problem;
 };
 
-/// Descriptors of this process on `path`.
-std::vector<int> descriptors_on(const std::string& path)
-{
-    std::vector<int> found;
-    for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code vanished;
-        if (fs::read_symlink(entry.path(), vanished) == path)
-            found.push_back(std::stoi(entry.path().filename().string()));
-    }
-    return found;
-}
-
 /// What stands between the occurrences of `separator`, the first of which begins the text.
 std::multiset<std::string> pieces(const std::string& text, const std::string& separator)
 {
@@ -214,15 +211,14 @@ std::ostream& operator<<(std::ostream& stream, const shown_value& value)
     return stream << "shown";
 }
 
-/// 10:23:45 on 15 November 2026, in a time zone without offset.
+/// At now(), in a time zone without offset.
 class logger_test : public testing::Test {
 protected:
     void SetUp() override
     {
         SUPPORT_REQUIRE_PRIVATE_PATHS();
-        set_time_zone("UTC0");
-        support::set_time(utc(2026, 11, 15, 10, 23, 45));
         support::open_log(1);
+        set_time_zone("UTC0");
         log_calls::reset();
     }
 
@@ -559,19 +555,32 @@ TEST_F(logger_test, hex_dump_of_a_disabled_level_writes_nothing)
 
 // The file
 
-TEST_F(logger_test, file_is_opened_and_closed_once_for_the_message_and_once_for_the_newline)
+TEST_F(logger_test, file_is_opened_and_closed_once_for_a_line)
 {
     directory_watch watch(support::log_directory);
     ASSERT_EQ(watch.problem(), "");
     Logger("main", 1, kInfo)("text");
-    EXPECT_EQ(watch.events(), (std::vector<std::string>{"create", "open", "close", "open", "close"}));
+    EXPECT_EQ(watch.events(), (std::vector<std::string>{"create", "open", "close"}));
 }
 
-TEST_F(logger_test, file_is_not_open_between_message_and_newline)
+TEST_F(logger_test, file_that_was_moved_away_is_made_anew_for_the_next_line)
 {
-    Logger record("main", 1, kInfo);
-    record("text");
-    EXPECT_EQ(descriptors_on(file_name()), std::vector<int>());
+    Logger("main", 1, kInfo)("first");
+    fs::rename(file_name(), file_name("moved"));
+    Logger("main", 1, kInfo)("second");
+    EXPECT_EQ(content(file_name("moved")), header("INFO") + "first\n");
+    EXPECT_EQ(content(file_name()), header("INFO") + "second\n");
+}
+
+TEST_F(logger_test, file_that_is_moved_away_between_message_and_newline_gets_both)
+{
+    {
+        Logger record("main", 1, kInfo);
+        record("text");
+        fs::rename(file_name(), file_name("moved"));
+    }
+    EXPECT_EQ(content(file_name("moved")), header("INFO") + "text\n");
+    EXPECT_FALSE(fs::exists(file_name()));
 }
 
 TEST_F(logger_test, lines_are_appended_to_what_the_file_holds)
@@ -870,9 +879,22 @@ TEST_F(logger_test, disabled_level_does_not_take_the_lock)
 TEST_F(logger_test, header_is_built_without_the_lock_and_each_write_holds_it)
 {
     std::vector<bool> unlocked;
+    support::set_time(now() + 1);
     log_calls::before_localtime([&] { unlocked.push_back(is_log_unlocked()); });
+    log_calls::before_writev([&](int /*descriptor*/) { unlocked.push_back(is_log_unlocked()); });
     Logger("main", 1, kInfo)("text");
     EXPECT_EQ(unlocked, (std::vector<bool>{true, false, false}));
+}
+
+TEST_F(logger_test, clock_is_converted_once_a_second)
+{
+    int conversions = 0;
+    log_calls::before_localtime([&] { ++conversions; });
+    for (const int second : {1, 1, 2, 2, 1}) {
+        support::set_time(now() + second);
+        Logger("main", 1, kInfo)("text");
+    }
+    EXPECT_EQ(conversions, 3);
 }
 
 TEST_F(logger_test, lock_is_free_again_after_a_write)
