@@ -24,21 +24,25 @@ using tarvik::tvkctl::turn_log_on;
 using tarvik::tvkctl::why_not_logged;
 
 constexpr std::time_t kNow = 1794736800; // 15 November 2026 in Greenwich
+constexpr const char* kToday = "tvkintif_20261115.log";
 constexpr uid_t kSomebody = 54321;
 constexpr uid_t kSomebodyElse = 54322;
 
-mode_t mode_of(const std::string& path)
+struct stat status_of(const std::string& path)
 {
     struct stat status = {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777U;
+    return status;
+}
+
+mode_t mode_of(const std::string& path)
+{
+    return status_of(path).st_mode & 07777U;
 }
 
 uid_t owner_of(const std::string& path)
 {
-    struct stat status = {};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    return status.st_uid;
+    return status_of(path).st_uid;
 }
 
 /// Has every file of this process take no byte for a while, as on a full disk.
@@ -66,7 +70,12 @@ private:
 
 class log_switch_test : public testing::Test {
 protected:
-    log_switch_test() { place.root = folder / "velnor"; }
+    log_switch_test()
+    {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        place.root = folder / "velnor";
+    }
 
     void with_directory(mode_t mode = 0755)
     {
@@ -78,7 +87,7 @@ protected:
         with_directory();
         folder.append("velnor/tvkintif/setting.ini", text);
     }
-    void with_log(const std::string& name) { folder.append("velnor/tvkintif/" + name, "line\n"); }
+    void with_log(const std::string& name = kToday) { folder.append("velnor/tvkintif/" + name, "line\n"); }
 
     log_state state() const { return look_at_log(place, kNow); }
     log_change turn_on(std::optional<log_level> least = {}, const std::optional<account>& owner = {})
@@ -86,6 +95,28 @@ protected:
         return turn_log_on(place, least, owner);
     }
     std::string settings() const { return support::read_file(place.settings()); }
+    std::string log_today() const { return place.directory() + "/" + kToday; }
+
+    /// Why nothing is logged, with the sentence for it.
+    void expect_off(log_state::reason why, const std::string& sentence) const
+    {
+        EXPECT_EQ(state().why, why);
+        expect_not_logged(sentence);
+    }
+    void expect_not_logged(const std::string& sentence) const
+    {
+        EXPECT_FALSE(state().reaches_file());
+        EXPECT_EQ(why_not_logged(state(), place), sentence);
+    }
+    void expect_on_refused(const std::string& sentence, std::optional<log_level> least = {},
+                           const std::optional<account>& owner = {})
+    {
+        EXPECT_EQ(refusal_of([&] { turn_on(least, owner); }), sentence);
+    }
+    void expect_off_refused(bool purges, const std::string& sentence)
+    {
+        EXPECT_EQ(refusal_of([&] { turn_log_off(place, purges); }), sentence);
+    }
 
     /// The refusal that `action` ends in.
     template <typename Action>
@@ -105,18 +136,12 @@ protected:
     log_place place;
 };
 
-TEST_F(log_switch_test, without_directory_logging_is_off)
+TEST_F(log_switch_test, without_a_directory_logging_is_off)
 {
-    EXPECT_EQ(state().why, log_state::reason::no_directory);
-    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " does not exist");
-}
-
-TEST_F(log_switch_test, a_file_in_its_place_is_not_a_directory)
-{
+    expect_off(log_state::reason::no_directory, place.directory() + " does not exist");
     fs::create_directory(place.root);
     folder.append("velnor/tvkintif", "");
-    EXPECT_EQ(state().why, log_state::reason::not_directory);
-    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " is not a directory");
+    expect_off(log_state::reason::not_directory, place.directory() + " is not a directory");
 }
 
 TEST_F(log_switch_test, a_directory_alone_means_info)
@@ -132,36 +157,26 @@ TEST_F(log_switch_test, the_settings_file_names_the_level)
     with_settings(" LogLevel = 3 \nloglevel=0\n");
     EXPECT_EQ(state().least, log_level::error);
     EXPECT_TRUE(state().has_settings);
-}
-
-TEST_F(log_switch_test, a_level_below_trace_is_trace)
-{
+    fs::remove(place.settings());
     with_settings("loglevel=-7\n");
     EXPECT_EQ(state().least, log_level::trace);
 }
 
-TEST_F(log_switch_test, settings_without_a_level_turn_logging_off)
+TEST_F(log_switch_test, settings_without_a_level_or_with_one_above_fatal_turn_logging_off)
 {
     with_settings("colour=blue\nloglevel=\n");
-    EXPECT_EQ(state().why, log_state::reason::no_level);
-    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " sets no loglevel");
-}
-
-TEST_F(log_switch_test, a_level_above_fatal_turns_logging_off)
-{
+    expect_off(log_state::reason::no_level, place.settings() + " sets no loglevel");
+    fs::remove(place.settings());
     with_settings("loglevel=5\n");
-    EXPECT_EQ(state().why, log_state::reason::level_too_high);
-    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " sets a loglevel above that of FATAL");
+    expect_off(log_state::reason::level_too_high, place.settings() + " sets a loglevel above that of FATAL");
 }
 
 TEST_F(log_switch_test, todays_file_is_named_by_the_day)
 {
-    setenv("TZ", "UTC", 1);
-    tzset();
     with_directory();
-    EXPECT_EQ(state().file, place.directory() + "/tvkintif_20261115.log");
+    EXPECT_EQ(state().file, log_today());
     EXPECT_FALSE(state().has_file);
-    with_log("tvkintif_20261115.log");
+    with_log();
     EXPECT_TRUE(state().has_file);
 }
 
@@ -185,82 +200,56 @@ TEST_F(log_switch_test, on_opens_the_directories_to_readers_whatever_the_umask)
     EXPECT_EQ(mode_of(place.settings()), 0644U);
 }
 
-TEST_F(log_switch_test, on_sets_the_level_that_is_asked_for)
+TEST_F(log_switch_test, on_sets_the_level_that_is_asked_for_and_keeps_the_other_settings)
 {
-    turn_on(log_level::trace);
-    EXPECT_EQ(settings(), "loglevel = 0\n");
-    EXPECT_EQ(state().least, log_level::trace);
+    with_settings("colour = blue\nLOGLEVEL=4\n[part]\nloglevel=2");
+    turn_on(log_level::warning);
+    EXPECT_EQ(settings(), "loglevel = 2\ncolour = blue\n[part]\n");
+    EXPECT_EQ(state().least, log_level::warning);
 }
 
-TEST_F(log_switch_test, on_without_level_leaves_a_level_that_logs)
+TEST_F(log_switch_test, on_without_level_leaves_a_level_that_logs_and_replaces_one_that_silences)
 {
     with_settings("loglevel=3\n");
     EXPECT_EQ(turn_on(), log_change{});
     EXPECT_EQ(settings(), "loglevel=3\n");
-}
-
-TEST_F(log_switch_test, on_without_level_replaces_settings_that_silence)
-{
+    fs::remove(place.settings());
     with_settings("loglevel=5\n");
     turn_on();
     EXPECT_EQ(state().least, log_level::info);
 }
 
-TEST_F(log_switch_test, on_keeps_the_other_settings)
-{
-    with_settings("colour = blue\nLOGLEVEL=4\n[part]\nloglevel=2");
-    turn_on(log_level::warning);
-    EXPECT_EQ(settings(), "loglevel = 2\ncolour = blue\n[part]\n");
-}
-
-TEST_F(log_switch_test, on_takes_the_right_to_write_from_others)
+TEST_F(log_switch_test, on_takes_the_right_to_write_from_others_and_leaves_a_closed_directory_closed)
 {
     with_directory(0777);
     EXPECT_EQ(turn_on(), log_change{"made " + place.directory() + " writable for its owner alone"});
     EXPECT_EQ(mode_of(place.directory()), 0755U);
-}
-
-TEST_F(log_switch_test, on_leaves_a_closed_directory_closed)
-{
     with_directory(0700);
     turn_on();
     EXPECT_EQ(mode_of(place.directory()), 0700U);
 }
 
-TEST_F(log_switch_test, on_refuses_a_root_that_others_may_write)
+TEST_F(log_switch_test, on_refuses_a_root_that_others_may_write_unless_it_is_sticky)
 {
     fs::create_directory(place.root);
     ASSERT_EQ(chmod(place.root.c_str(), 0777), 0);
-    EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.root + " is writable by others, who could replace what is in it");
+    expect_on_refused(place.root + " is writable by others, who could replace what is in it");
     EXPECT_FALSE(fs::exists(place.directory()));
-}
-
-TEST_F(log_switch_test, on_accepts_a_sticky_root)
-{
-    fs::create_directory(place.root);
     ASSERT_EQ(chmod(place.root.c_str(), 01777), 0);
     turn_on();
     EXPECT_TRUE(state().reaches_file());
 }
 
-TEST_F(log_switch_test, on_refuses_a_symbolic_link_as_root)
+TEST_F(log_switch_test, on_refuses_a_symbolic_link_at_either_level)
 {
     fs::create_directory(folder / "elsewhere");
-    fs::create_directory_symlink(folder / "elsewhere", place.root);
-    EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.root + " is not a directory but a file or a symbolic link");
-    EXPECT_TRUE(fs::is_empty(folder / "elsewhere"));
-}
-
-TEST_F(log_switch_test, on_refuses_a_symbolic_link_as_directory)
-{
-    fs::create_directory(place.root);
-    fs::create_directory(folder / "elsewhere");
-    fs::create_directory_symlink(folder / "elsewhere", place.directory());
-    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " is not a directory but a file or a symbolic link");
-    EXPECT_TRUE(fs::is_empty(folder / "elsewhere"));
+    for (const std::string& link : {place.root, place.directory()}) {
+        fs::create_directory_symlink(folder / "elsewhere", link);
+        expect_on_refused(link + " is not a directory but a file or a symbolic link", log_level::trace);
+        EXPECT_TRUE(fs::is_empty(folder / "elsewhere"));
+        fs::remove(link);
+        fs::create_directory(place.root);
+    }
 }
 
 TEST_F(log_switch_test, on_replaces_a_linked_settings_file_instead_of_writing_through_it)
@@ -274,55 +263,43 @@ TEST_F(log_switch_test, on_replaces_a_linked_settings_file_instead_of_writing_th
     EXPECT_EQ(settings(), "loglevel = 0\n");
 }
 
-TEST_F(log_switch_test, on_refuses_when_the_settings_have_no_room)
+TEST_F(log_switch_test, on_refuses_when_the_settings_cannot_be_written)
 {
     with_directory();
-    const no_room_in_files here;
-    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " cannot take a settings file: write: File too large");
+    {
+        const no_room_in_files here;
+        expect_on_refused(place.directory() + " cannot take a settings file: write: File too large",
+                          log_level::trace);
+    }
     EXPECT_FALSE(fs::exists(place.settings()));
-}
-
-TEST_F(log_switch_test, on_refuses_a_directory_in_place_of_the_settings)
-{
     fs::create_directories(place.settings());
-    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " cannot take a settings file: rename: Is a directory");
+    expect_on_refused(place.directory() + " cannot take a settings file: rename: Is a directory",
+                      log_level::trace);
 }
 
-TEST_F(log_switch_test, off_without_directory_does_nothing)
+TEST_F(log_switch_test, off_removes_an_empty_directory_and_makes_none)
 {
     EXPECT_EQ(turn_log_off(place, false), log_change{});
     EXPECT_FALSE(fs::exists(place.root));
-}
-
-TEST_F(log_switch_test, off_removes_an_empty_directory)
-{
     with_directory();
     EXPECT_EQ(turn_log_off(place, false), log_change{"removed " + place.directory()});
     EXPECT_EQ(state().why, log_state::reason::no_directory);
 }
 
-TEST_F(log_switch_test, off_keeps_the_logs)
+TEST_F(log_switch_test, off_keeps_the_logs_and_twice_does_nothing_more)
 {
     with_directory();
-    with_log("tvkintif_20261114.log");
+    with_log();
     turn_log_off(place, false);
     EXPECT_EQ(state().why, log_state::reason::level_too_high);
-    EXPECT_EQ(support::read_file(place.directory() + "/tvkintif_20261114.log"), "line\n");
-}
-
-TEST_F(log_switch_test, off_twice_does_nothing_more)
-{
-    with_settings("loglevel=1\n");
-    turn_log_off(place, false);
+    EXPECT_EQ(support::read_file(log_today()), "line\n");
     EXPECT_EQ(turn_log_off(place, false), log_change{});
 }
 
 TEST_F(log_switch_test, purge_removes_logs_settings_and_directory)
 {
     with_settings("loglevel=1\n");
-    with_log("tvkintif_20261114.log");
+    with_log();
     EXPECT_EQ(turn_log_off(place, true), (log_change{"removed 1 log file", "removed " + place.directory()}));
     EXPECT_FALSE(fs::exists(place.directory()));
 }
@@ -330,11 +307,11 @@ TEST_F(log_switch_test, purge_removes_logs_settings_and_directory)
 TEST_F(log_switch_test, purge_keeps_files_that_are_not_logs)
 {
     with_settings("loglevel=1\n");
-    with_log("tvkintif_20261114.log");
+    with_log();
     with_log("notes.txt");
     turn_log_off(place, true);
     EXPECT_TRUE(fs::exists(place.directory() + "/notes.txt"));
-    EXPECT_FALSE(fs::exists(place.directory() + "/tvkintif_20261114.log"));
+    EXPECT_FALSE(fs::exists(log_today()));
     EXPECT_FALSE(state().is_on());
 }
 
@@ -350,23 +327,24 @@ protected:
     }
     void TearDown() override
     {
-        if (getuid() == 0) {
-            ASSERT_EQ(seteuid(0), 0) << "later tests would run as somebody";
-        }
+        if (getuid() == 0)
+            become_root();
     }
 
     void give(const std::string& path) { ASSERT_EQ(chown(path.c_str(), kSomebody, kSomebody), 0); }
     static void become_somebody() { ASSERT_EQ(seteuid(kSomebody), 0); }
+    static void become_root() { ASSERT_EQ(seteuid(0), 0) << "later tests would run as somebody"; }
 
     const account somebody{kSomebody, std::to_string(kSomebody)};
+    const account somebody_else{kSomebodyElse, "else"};
 };
 
 TEST_F(log_switch_test, settings_that_are_no_file_turn_it_off)
 {
     with_directory();
+    EXPECT_EQ(remedy_for_distrust(state()), "");
     ASSERT_EQ(mkfifo(place.settings().c_str(), 0600), 0);
-    EXPECT_EQ(state().why, log_state::reason::distrusted);
-    EXPECT_EQ(why_not_logged(state(), place), place.settings() + " is neither a regular file nor a device");
+    expect_off(log_state::reason::distrusted, place.settings() + " is neither a regular file nor a device");
     EXPECT_EQ(remedy_for_distrust(state()),
               "See who put it there (ls -ld " + place.settings() + ") and have root remove it.");
 }
@@ -374,64 +352,38 @@ TEST_F(log_switch_test, settings_that_are_no_file_turn_it_off)
 TEST_F(log_switch_test, log_that_is_not_a_file_takes_no_lines)
 {
     with_directory();
-    ASSERT_EQ(mkfifo(state().file.c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo(log_today().c_str(), 0600), 0);
     EXPECT_TRUE(state().is_on());
-    EXPECT_FALSE(state().reaches_file());
-    EXPECT_EQ(why_not_logged(state(), place), state().file + " is neither a regular file nor a device");
+    expect_not_logged(log_today() + " is neither a regular file nor a device");
 }
 
 TEST_F(log_switch_test, log_with_other_names_takes_no_lines_where_others_may_write)
 {
     with_directory(01777);
     folder.append("velnor/other", "line\n");
-    fs::create_hard_link(folder / "velnor/other", state().file);
-    EXPECT_FALSE(state().reaches_file());
-    EXPECT_EQ(why_not_logged(state(), place),
-              state().file + " has other names (hard links), which others may have made");
+    fs::create_hard_link(folder / "velnor/other", log_today());
+    expect_not_logged(log_today() + " has other names (hard links), which others may have made");
 }
 
-TEST_F(log_switch_test, what_is_trusted_needs_no_remedy)
-{
-    with_directory();
-    EXPECT_EQ(remedy_for_distrust(state()), "");
-}
-
-TEST_F(log_of_others_test, both_levels_are_off_when_they_belong_to_another_user)
+TEST_F(log_of_others_test, both_levels_are_off_when_they_belong_to_another_user_and_on_refuses_them)
 {
     with_directory();
     for (const std::string& path : {place.root, place.directory()}) {
         give(path);
-        EXPECT_EQ(state().why, log_state::reason::distrusted);
-        EXPECT_EQ(why_not_logged(state(), place), path + " belongs neither to root nor to this user");
+        expect_off(log_state::reason::distrusted, path + " belongs neither to root nor to this user");
+        expect_on_refused(path + " belongs to 54321, who could redirect or rewrite what is logged there",
+                          log_level::trace);
         ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
     }
+    EXPECT_FALSE(fs::exists(place.settings()));
 }
 
 TEST_F(log_of_others_test, link_of_another_user_takes_no_lines)
 {
     with_directory();
-    fs::create_symlink(folder / "target", state().file);
-    ASSERT_EQ(lchown(state().file.c_str(), kSomebody, kSomebody), 0);
-    EXPECT_FALSE(state().reaches_file());
-    EXPECT_EQ(why_not_logged(state(), place),
-              state().file + " is a link that belongs neither to root nor to this user");
-}
-
-TEST_F(log_of_others_test, on_refuses_a_root_of_another_user)
-{
-    fs::create_directory(place.root);
-    give(place.root);
-    EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.root + " belongs to 54321, who could redirect or rewrite what is logged there");
-}
-
-TEST_F(log_of_others_test, on_refuses_a_directory_of_another_user)
-{
-    with_directory();
-    give(place.directory());
-    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " belongs to 54321, who could redirect or rewrite what is logged there");
-    EXPECT_FALSE(fs::exists(place.settings()));
+    fs::create_symlink(folder / "target", log_today());
+    ASSERT_EQ(lchown(log_today().c_str(), kSomebody, kSomebody), 0);
+    expect_not_logged(log_today() + " is a link that belongs neither to root nor to this user");
 }
 
 TEST_F(log_of_others_test, a_directory_of_root_is_not_written_for_others)
@@ -439,28 +391,25 @@ TEST_F(log_of_others_test, a_directory_of_root_is_not_written_for_others)
     with_directory();
     become_somebody();
     EXPECT_TRUE(state().is_on());
-    EXPECT_FALSE(state().reaches_file());
-    EXPECT_EQ(why_not_logged(state(), place), place.directory() + " is not writable by 54321");
+    expect_not_logged(place.directory() + " is not writable by 54321");
 }
 
 TEST_F(log_of_others_test, todays_file_of_root_is_not_written_for_others)
 {
     with_directory();
-    with_log("tvkintif_20261115.log");
+    with_log();
     give(place.directory());
     become_somebody();
-    EXPECT_EQ(why_not_logged(state(), place),
-              place.directory() + "/tvkintif_20261115.log is not writable by 54321");
+    expect_not_logged(log_today() + " is not writable by 54321");
 }
 
 TEST_F(log_of_others_test, on_for_a_user_hands_directory_logs_and_settings_over)
 {
     with_directory();
-    with_log("tvkintif_20261115.log");
+    with_log();
     turn_on(log_level::trace, somebody);
-    EXPECT_EQ(owner_of(place.directory()), kSomebody);
-    EXPECT_EQ(owner_of(place.directory() + "/tvkintif_20261115.log"), kSomebody);
-    EXPECT_EQ(owner_of(place.settings()), kSomebody);
+    for (const std::string& path : {place.directory(), log_today(), place.settings()})
+        EXPECT_EQ(owner_of(path), kSomebody) << path;
     become_somebody();
     EXPECT_TRUE(state().reaches_file());
 }
@@ -469,80 +418,52 @@ TEST_F(log_of_others_test, on_for_a_user_gives_no_file_away_that_is_linked_elsew
 {
     with_directory();
     folder.append("precious", "mine\n");
-    fs::create_hard_link(folder / "precious", place.directory() + "/tvkintif_20261115.log");
+    fs::create_hard_link(folder / "precious", log_today());
     turn_on({}, somebody);
     EXPECT_EQ(owner_of(folder / "precious"), 0U);
 }
 
-TEST_F(log_of_others_test, a_user_who_may_not_make_the_directory_is_told_who_can)
+TEST_F(log_of_others_test, a_user_who_may_not_make_or_open_the_root_is_told)
 {
     become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be created: Permission denied");
-}
-
-TEST_F(log_of_others_test, a_user_cannot_set_the_level_of_root)
-{
-    with_directory();
-    become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_on(log_level::trace); }),
-              place.directory() + " cannot take a settings file: create: Permission denied");
-}
-
-TEST_F(log_of_others_test, a_root_that_is_closed_to_a_user_is_reported)
-{
+    expect_on_refused(place.root + " cannot be created: Permission denied");
+    become_root();
     fs::create_directory(place.root);
     ASSERT_EQ(chmod(place.root.c_str(), 0700), 0);
     become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_on(); }), place.root + " cannot be opened: Permission denied");
+    expect_on_refused(place.root + " cannot be opened: Permission denied");
+}
+
+TEST_F(log_of_others_test, a_user_can_neither_set_nor_hand_over_nor_remove_what_belongs_to_root)
+{
+    with_directory();
+    become_somebody();
+    expect_on_refused(place.directory() + " cannot take a settings file: create: Permission denied",
+                      log_level::trace);
+    expect_on_refused(place.directory() + " cannot be given to else: Operation not permitted", {},
+                      somebody_else);
+    expect_off_refused(false, place.directory() + " cannot be removed: Permission denied");
 }
 
 TEST_F(log_of_others_test, a_user_cannot_close_a_directory_of_root)
 {
     with_directory(0777);
     become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_on(); }),
-              place.directory() +
-                  " is writable by others, and that cannot be changed: Operation not permitted");
+    expect_on_refused(place.directory() +
+                      " is writable by others, and that cannot be changed: Operation not permitted");
 }
 
-TEST_F(log_of_others_test, a_user_cannot_hand_the_directory_over)
+TEST_F(log_of_others_test, a_user_can_neither_purge_nor_hand_over_the_logs_of_root)
 {
+    const std::string keeps = place.directory() + " keeps " + kToday + ", which cannot be ";
     with_directory();
+    with_log();
     become_somebody();
-    EXPECT_EQ(refusal_of([&] {
-                  turn_on({}, account{kSomebodyElse, "else"});
-              }),
-              place.directory() + " cannot be given to else: Operation not permitted");
-}
-
-TEST_F(log_of_others_test, a_user_cannot_hand_the_logs_over)
-{
-    with_directory();
-    with_log("tvkintif_20261115.log");
+    expect_off_refused(true, keeps + "removed: Permission denied");
+    become_root();
     ASSERT_EQ(chown(place.directory().c_str(), kSomebodyElse, kSomebodyElse), 0);
     become_somebody();
-    EXPECT_EQ(refusal_of([&] {
-                  turn_on({}, account{kSomebodyElse, "else"});
-              }),
-              place.directory() +
-                  " keeps tvkintif_20261115.log, which cannot be given to else: Operation not permitted");
-}
-
-TEST_F(log_of_others_test, a_user_cannot_remove_the_directory_of_root)
-{
-    with_directory();
-    become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_log_off(place, false); }),
-              place.directory() + " cannot be removed: Permission denied");
-}
-
-TEST_F(log_of_others_test, a_user_cannot_purge_files_of_root)
-{
-    with_directory();
-    with_log("tvkintif_20261115.log");
-    become_somebody();
-    EXPECT_EQ(refusal_of([&] { turn_log_off(place, true); }),
-              place.directory() + " keeps tvkintif_20261115.log, which cannot be removed: Permission denied");
+    expect_on_refused(keeps + "given to else: Operation not permitted", {}, somebody_else);
 }
 
 TEST_F(log_of_others_test, root_turns_off_the_log_of_any_user)
