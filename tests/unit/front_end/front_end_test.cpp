@@ -20,6 +20,7 @@
 using namespace std::chrono_literals;
 using support::from_hex;
 using support::pattern;
+using support::operator+;
 using tarvik::byte_view;
 using tarvik::bytes;
 using tarvik::exit_status;
@@ -38,6 +39,7 @@ tarvik::front_end_error error_of(Action action)
 }
 
 constexpr auto kSoon = 10s;
+constexpr std::uint32_t kFailed = 0xFFFFFFFF;
 
 const bytes kOk = from_hex("00000001 00000000 00000000 00000000 00000000");
 const bytes kNg = from_hex("00000001 00000000 ffffffff 00000000 00000000");
@@ -58,26 +60,26 @@ launch program_on(int port, const std::string& script = "exec sleep 600")
     return shell("echo " + std::to_string(port) + "; " + script);
 }
 
-std::string head(std::uint32_t code, std::uint32_t size, std::uint32_t value)
+bytes header(std::uint32_t id, std::uint32_t code, std::uint32_t error, std::uint32_t size,
+             std::uint32_t value)
 {
-    return word(1) + word(code) + word(0) + word(size) + word(value);
+    return from_hex(word(id) + word(code) + word(error) + word(size) + word(value));
 }
 
 bytes recv_request(std::uint32_t count)
 {
-    return from_hex(head(7, 0, count));
-}
-
-bytes joined(bytes first, const bytes& second)
-{
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
+    return header(1, 7, 0, 0, count);
 }
 
 bytes ok_with(const bytes& payload)
 {
-    const auto size = static_cast<std::uint32_t>(payload.size());
-    return joined(from_hex(word(1) + word(0) + word(0) + word(size) + word(0)), payload);
+    return header(1, 0, 0, static_cast<std::uint32_t>(payload.size()), 0) + payload;
+}
+
+bytes cut(bytes all, std::size_t size)
+{
+    all.resize(size);
+    return all;
 }
 
 /// A front-end that is connected to a peer which goes through `steps`.
@@ -121,73 +123,47 @@ std::set<int> open_descriptors()
 
 TEST(front_end_start, takes_the_port_from_the_first_line)
 {
-    const front_end program(shell("echo 40001; exec sleep 600"));
-    EXPECT_EQ(program.port(), 40001);
+    for (const int port : {40001, 65535})
+        EXPECT_EQ(front_end(program_on(port)).port(), port);
 }
 
-TEST(front_end_start, early_exit_is_reported_with_its_status)
+struct failed_start {
+    const char* name;
+    std::string script;
+    failure cause;
+    std::string came;
+    std::chrono::milliseconds limit = kSoon;
+};
+
+class program_that_starts_wrongly : public testing::TestWithParam<failed_start> {};
+
+TEST_P(program_that_starts_wrongly, is_reported_with_what_came_instead_of_a_port)
 {
-    const auto error = error_of([] { front_end program(shell("exit 3")); });
-    EXPECT_STREQ(error.what(),
-                 "read the port line of /bin/sh: expected a port from 1 to 65535, got no line and "
-                 "then exit status 3");
+    const auto error = error_of([] { front_end program(shell(GetParam().script), GetParam().limit); });
+    EXPECT_EQ(error.cause(), GetParam().cause);
+    EXPECT_EQ(error.step(), "read the port line of /bin/sh");
+    EXPECT_EQ(error.came(), GetParam().came);
 }
 
-TEST(front_end_start, early_death_is_reported_with_its_signal)
-{
-    const auto error = error_of([] { front_end program(shell("kill -KILL $$")); });
-    EXPECT_EQ(error.came(), "no line and then signal 9 (Killed)");
-}
-
-TEST(front_end_start, early_exit_is_reported_with_the_captured_standard_error)
-{
-    const auto error = error_of([] { front_end program(shell("echo no library >&2; exit 127")); });
-    EXPECT_EQ(error.came(), "no line and then exit status 127; its standard error: \"no library\\x0a\"");
-}
-
-TEST(front_end_start, line_without_its_end_is_an_early_exit)
-{
-    const auto error = error_of([] { front_end program(shell("printf 40001")); });
-    EXPECT_EQ(error.cause(), failure::exited_early);
-}
-
-TEST(front_end_start, minus_1_is_reported_with_the_exit_status)
-{
-    const auto error = error_of([] { front_end program(shell("echo -1; exit 1")); });
-    EXPECT_EQ(error.came(), "-1 and then exit status 1");
-}
-
-TEST(front_end_start, minus_1_is_a_refusal)
-{
-    const auto error = error_of([] { front_end program(shell("echo -1; exit 1")); });
-    EXPECT_EQ(error.cause(), failure::start_refused);
-}
-
-TEST(front_end_start, end_of_output_of_a_program_that_runs_on_is_reported)
-{
-    const auto error = error_of([] { front_end program(shell("exec >&-; exec sleep 600"), 200ms); });
-    EXPECT_EQ(error.came(), "no line and then the end of its output while it runs on");
-}
-
-TEST(front_end_start, silence_is_reported_when_time_is_up)
-{
-    const auto error = error_of([] { front_end program(shell("exec sleep 600"), 50ms); });
-    EXPECT_EQ(error.came(), "nothing within 50 ms");
-}
-
-TEST(front_end_start, half_a_line_is_reported_when_time_is_up)
-{
+const failed_start kFailedStarts[] = {
+    {"early_exit", "exit 3", failure::exited_early, "no line and then exit status 3"},
+    {"early_death", "kill -KILL $$", failure::exited_early, "no line and then signal 9 (Killed)"},
+    {"early_exit_with_standard_error", "echo no library >&2; exit 127", failure::exited_early,
+     "no line and then exit status 127; its standard error: \"no library\\x0a\""},
+    {"early_exit_in_the_line", "printf 40001; exit 3", failure::exited_early,
+     "\"40001\" and then exit status 3"},
+    {"minus_1", "echo -1; exit 1", failure::start_refused, "-1 and then exit status 1"},
+    {"end_of_output_alone", "exec >&-; exec sleep 600", failure::exited_early,
+     "no line and then the end of its output while it runs on", 200ms},
+    {"silence", "exec sleep 600", failure::timed_out, "nothing within 50 ms", 50ms},
     // Time starts to count when the program executes, so what it prints at once is there in time.
-    const auto error = error_of([] { front_end program(shell("printf 400; exec sleep 600"), 2s); });
-    EXPECT_EQ(error.came(), "\"400\" within 2000 ms");
-}
+    {"half_a_line", "printf 400; exec sleep 600", failure::timed_out, "\"400\" within 2000 ms", 2s},
+    {"endless_line", "head -c 1000 /dev/zero | tr '\\0' 7; exec sleep 600", failure::bad_port_line,
+     "\"" + std::string(32, '7') + "\" and more"},
+};
 
-TEST(front_end_start, endless_line_is_reported_by_its_head)
-{
-    const auto error =
-        error_of([] { front_end program(shell("head -c 1000 /dev/zero | tr '\\0' 7; exec sleep 600")); });
-    EXPECT_EQ(error.came(), "\"" + std::string(32, '7') + "\" and more");
-}
+INSTANTIATE_TEST_SUITE_P(front_end_start, program_that_starts_wrongly, testing::ValuesIn(kFailedStarts),
+                         [](const auto& test) { return test.param.name; });
 
 class port_line_that_is_no_port : public testing::TestWithParam<const char*> {};
 
@@ -196,19 +172,12 @@ TEST_P(port_line_that_is_no_port, is_quoted)
     launch how;
     how.path = "/bin/echo";
     how.arguments = {GetParam()};
-    const auto error = error_of([&] { front_end program(how); });
-    EXPECT_EQ(error.came(), tarvik::in_quotes(GetParam()));
+    EXPECT_EQ(error_of([&] { front_end program(how); }).came(), tarvik::in_quotes(GetParam()));
 }
 
 INSTANTIATE_TEST_SUITE_P(front_end_start, port_line_that_is_no_port,
                          testing::Values("", "0", "65536", "-2", "+5", " 5", "5 ", "0x50", "99999999999",
                                          "port 5", "5\r"));
-
-TEST(front_end_start, largest_port_is_taken)
-{
-    const front_end program(shell("echo 65535; exec sleep 600"));
-    EXPECT_EQ(program.port(), 65535);
-}
 
 TEST(front_end_start, program_that_cannot_be_executed_is_reported)
 {
@@ -218,32 +187,21 @@ TEST(front_end_start, program_that_cannot_be_executed_is_reported)
 
 // Connecting
 
-TEST(front_end_connect, refusal_by_a_program_that_has_ended_tells_how_it_ended)
+TEST(front_end_connect, refusal_tells_how_a_program_ended_that_no_longer_runs)
 {
     const bound_socket silent;
-    front_end program(program_on(silent.port(), "exit 4"));
-    const auto error = error_of([&] { program.connect(); });
-    EXPECT_EQ(error.came(), "Connection refused; the program ended with exit status 4");
-}
-
-TEST(front_end_connect, refusal_by_a_program_that_runs_is_reported_as_it_is)
-{
-    const bound_socket silent;
-    front_end program(program_on(silent.port()));
-    const auto error = error_of([&] { program.connect(); });
-    EXPECT_EQ(error.came(), "Connection refused");
+    front_end ended(program_on(silent.port(), "exit 4"));
+    EXPECT_EQ(error_of([&] { ended.connect(); }).came(),
+              "Connection refused; the program ended with exit status 4");
+    front_end running(program_on(silent.port()));
+    EXPECT_EQ(error_of([&] { running.connect(); }).came(), "Connection refused");
 }
 
 TEST(front_end_connect, request_without_a_connection_is_a_programming_error)
 {
-    front_end attached(40001);
-    EXPECT_THROW(attached.query(1), std::logic_error);
-}
-
-TEST(front_end_connect, disconnect_ends_the_connection)
-{
     scripted_peer peer({expects_end()});
     front_end attached(peer.port());
+    EXPECT_THROW(attached.query(1), std::logic_error);
     attached.connect();
     attached.disconnect();
     EXPECT_THROW(attached.query(1), std::logic_error);
@@ -265,32 +223,22 @@ TEST(front_end_connect, descriptors_are_closed_by_exec)
 
 // Requests
 
-TEST(front_end_open, sends_the_address_with_code_4)
+TEST(front_end_request, has_its_code_its_value_and_its_payload)
 {
-    talk session({expects(from_hex("00000001 00000004 00000000 00000003 00000000 616263")), answers(kOk)});
+    talk session({expects(from_hex("00000001 00000004 00000000 00000003 00000000 616263")), answers(kOk),
+                  expects(from_hex("00000001 00000006 00000000 00000002 00000000 00ff")), answers(kOk),
+                  expects(from_hex("00000001 00000006 00000000 00000000 00000000")), answers(kNg),
+                  expects(from_hex("00000001 00000007 00000000 00000000 00000200")),
+                  answers(ok_with(pattern(512))),
+                  expects(from_hex("00000001 00000008 00000000 00000000 00000002")),
+                  answers(ok_with(from_hex("00000000"))),
+                  expects(from_hex("00000001 00000005 00000000 00000000 00000000"))});
     EXPECT_TRUE(session->open("abc"));
-}
-
-TEST(front_end_open, returns_ng)
-{
-    talk session({expects(from_hex(head(4, 1, 0) + "61")), answers(kNg)});
-    EXPECT_EQ(session->open("a").kind, reply::verdict::ng);
-}
-
-TEST(front_end_open, reply_must_carry_id_1)
-{
-    talk session({expects(from_hex(head(4, 1, 0) + "61")),
-                  answers(from_hex("00000002 00000000 00000000 00000000 00000000"))});
-    const auto error = error_of([&] { session->open("a"); });
-    EXPECT_STREQ(error.what(),
-                 "open \"a\": expected a reply with id 1, got a header with id 2, code 0, error 0, "
-                 "size 0, value 0");
-}
-
-TEST(front_end_send, sends_the_bytes_with_code_6)
-{
-    talk session({expects(from_hex("00000001 00000006 00000000 00000002 00000000 00ff")), answers(kOk)});
     EXPECT_TRUE(session->send(from_hex("00ff")));
+    EXPECT_EQ(session->send({}).kind, reply::verdict::ng);
+    EXPECT_EQ(session->recv(512).payload, pattern(512));
+    EXPECT_EQ(session->query(2).payload, from_hex("00000000"));
+    session->close(); // for which there is no reply
 }
 
 TEST(front_end_send, header_and_payload_go_out_together)
@@ -305,33 +253,20 @@ TEST(front_end_send, header_and_payload_go_out_together)
         segments = info.tcpi_data_segs_in;
     };
     {
-        talk session({expects(from_hex(head(6, 2, 0) + "00ff")), counts_segments, answers(kOk)});
+        talk session({expects(header(1, 6, 0, 2, 0) + from_hex("00ff")), counts_segments, answers(kOk)});
         session->send(from_hex("00ff"));
     }
     if (!is_known)
         GTEST_SKIP()
             << "the segments of a connection are not counted here (an emulator?); run it on the host";
-    EXPECT_EQ(segments, 1u);
+    EXPECT_EQ(segments, 1U);
 }
 
 TEST(front_end_send, moves_a_payload_larger_than_the_kernel_buffers)
 {
     const bytes much = pattern(8'000'000);
-    talk session({expects(from_hex(head(6, 8'000'000, 0))), expects(much), answers(kOk)});
+    talk session({expects(header(1, 6, 0, 8'000'000, 0)), expects(much), answers(kOk)});
     EXPECT_TRUE(session->send(much));
-}
-
-TEST(front_end_send, without_bytes_sends_a_bare_header)
-{
-    talk session({expects(from_hex(head(6, 0, 0))), answers(kNg)});
-    EXPECT_EQ(session->send({}).kind, reply::verdict::ng);
-}
-
-TEST(front_end_recv, asks_with_code_7_and_the_count_as_value)
-{
-    talk session(
-        {expects(from_hex("00000001 00000007 00000000 00000000 00000200")), answers(ok_with(pattern(512)))});
-    EXPECT_EQ(session->recv(512).payload, pattern(512));
 }
 
 TEST(front_end_recv, returns_a_payload_of_many_pieces_whole)
@@ -339,19 +274,6 @@ TEST(front_end_recv, returns_a_payload_of_many_pieces_whole)
     const bytes much = pattern(3 * kPieceSize + 1);
     talk session({expects(recv_request(3 * kPieceSize + 1)), answers(ok_with(much))});
     EXPECT_EQ(session->recv(3 * kPieceSize + 1).payload, much);
-}
-
-TEST(front_end_query, asks_with_code_8_and_the_selector_as_value)
-{
-    talk session({expects(from_hex("00000001 00000008 00000000 00000000 00000002")),
-                  answers(ok_with(from_hex("00000000")))});
-    EXPECT_EQ(session->query(2).payload, from_hex("00000000"));
-}
-
-TEST(front_end_close, sends_code_5_and_waits_for_nothing)
-{
-    talk session({expects(from_hex("00000001 00000005 00000000 00000000 00000000"))});
-    session->close();
 }
 
 TEST(front_end_send, payload_that_no_size_field_can_tell_is_refused)
@@ -365,68 +287,63 @@ TEST(front_end_send, payload_that_no_size_field_can_tell_is_refused)
 
 // Replies
 
-TEST(front_end_reply, nak_has_its_byte_as_payload)
+TEST(front_end_reply, that_is_nak_has_its_byte_as_payload_and_one_that_is_ng_has_none)
 {
-    talk session({expects(recv_request(5)), answers(kNak)});
+    talk session({expects(recv_request(5)), answers(kNak), expects(recv_request(5)), answers(kNg)});
     EXPECT_EQ(session->recv(5).payload, from_hex("15"));
-}
-
-TEST(front_end_reply, ng_has_no_payload)
-{
-    talk session({expects(recv_request(5)), answers(kNg)});
     EXPECT_EQ(session->recv(5).payload, bytes());
 }
 
-TEST(front_end_reply, ok_with_fewer_bytes_than_asked_for_is_unexpected)
+struct wrong_reply {
+    const char* name;
+    bytes answer; ///< to a request for 100000 bytes; the stream ends behind it
+    failure cause;
+    std::string expected;
+    std::string came;
+};
+
+class wrong_replies : public testing::TestWithParam<wrong_reply> {};
+
+TEST_P(wrong_replies, are_reported_with_what_was_expected_and_what_came)
 {
-    talk session({expects(recv_request(5)), answers(ok_with(pattern(4)))});
-    const auto error = error_of([&] { session->recv(5); });
-    EXPECT_EQ(error.expected(), "an ok with 5 payload bytes");
-}
-
-TEST(front_end_reply, failure_without_a_byte_of_nak_is_unexpected)
-{
-    talk session(
-        {expects(recv_request(5)), answers(from_hex("00000001 00000000 ffffffff 00000001 00000000 06"))});
-    const auto error = error_of([&] { session->recv(5); });
-    EXPECT_EQ(error.came(), "the byte 6");
-}
-
-class malformed_reply : public testing::TestWithParam<const char*> {};
-
-TEST_P(malformed_reply, is_unexpected)
-{
-    talk session({expects(from_hex(head(4, 1, 0) + "61")), answers(from_hex(GetParam()))});
-    const auto error = error_of([&] { session->open("a"); });
-    EXPECT_EQ(error.cause(), failure::unexpected_reply);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    front_end_reply, malformed_reply,
-    testing::Values("00000001 00000008 00000000 00000000 00000000", // a code
-                    "00000001 00000000 00000000 00000000 00000001", // a value
-                    "00000001 00000000 00000001 00000000 00000000", // an error of its own
-                    "00000001 00000000 fffffffe 00000000 00000000",
-                    "00000001 00000000 ffffffff 00000002 00000000")); // too long for a nak
-
-TEST(front_end_reply, end_of_the_stream_in_the_header_is_reported_with_its_place)
-{
-    talk session({expects(recv_request(5)), answers(from_hex("00000001 00000000 0000")), closes()});
-    const auto error = error_of([&] { session->recv(5); });
-    EXPECT_STREQ(error.what(),
-                 "recv 5 bytes: expected a reply's header of 20 bytes, got the end of the stream "
-                 "after 10 bytes");
-}
-
-TEST(front_end_reply, end_of_the_stream_in_the_payload_is_reported_with_its_place)
-{
-    bytes torn = ok_with(pattern(100'000));
-    torn.resize(20 + 70'000);
-    talk session({expects(recv_request(100'000)), answers(torn), closes()});
+    talk session({expects(recv_request(100'000)), answers(GetParam().answer), closes()});
     const auto error = error_of([&] { session->recv(100'000); });
-    EXPECT_STREQ(error.what(),
-                 "recv 100000 bytes: expected a reply's payload of 100000 bytes, got the end of "
-                 "the stream after 70000 bytes");
+    EXPECT_EQ(error.cause(), GetParam().cause);
+    EXPECT_EQ(error.step(), "recv 100000 bytes");
+    EXPECT_EQ(error.expected(), GetParam().expected);
+    EXPECT_EQ(error.came(), GetParam().came);
+}
+
+const wrong_reply kWrongReplies[] = {
+    {"another_id", header(2, 0, 0, 0, 0), failure::wrong_id, "a reply with id 1",
+     "a header with id 2, code 0, error 0, size 0, value 0"},
+    {"a_code", header(1, 8, 0, 0, 0), failure::unexpected_reply, "an ok, ng or nak",
+     "a header with id 1, code 8, error 0, size 0, value 0"},
+    {"a_value", header(1, 0, 0, 0, 1), failure::unexpected_reply, "an ok, ng or nak",
+     "a header with id 1, code 0, error 0, size 0, value 1"},
+    {"another_error", header(1, 0, 1, 0, 0), failure::unexpected_reply, "an ok, ng or nak",
+     "a header with id 1, code 0, error 1, size 0, value 0"},
+    {"another_negative_error", header(1, 0, 0xFFFFFFFE, 0, 0), failure::unexpected_reply, "an ok, ng or nak",
+     "a header with id 1, code 0, error -2, size 0, value 0"},
+    {"too_long_for_a_nak", header(1, 0, kFailed, 2, 0), failure::unexpected_reply, "an ok, ng or nak",
+     "a header with id 1, code 0, error -1, size 2, value 0"},
+    {"failure_without_the_byte_of_nak", header(1, 0, kFailed, 1, 0) + bytes{6}, failure::unexpected_reply,
+     "the byte 21 as a nak's payload", "the byte 6"},
+    {"fewer_bytes_than_asked_for", ok_with(pattern(4)), failure::unexpected_reply,
+     "an ok with 100000 payload bytes", "a header with id 1, code 0, error 0, size 4, value 0"},
+    {"end_in_the_header", cut(kOk, 10), failure::end_of_stream, "a reply's header of 20 bytes",
+     "the end of the stream after 10 bytes"},
+    {"end_in_the_payload", cut(ok_with(pattern(100'000)), 20 + 70'000), failure::end_of_stream,
+     "a reply's payload of 100000 bytes", "the end of the stream after 70000 bytes"},
+};
+
+INSTANTIATE_TEST_SUITE_P(front_end_reply, wrong_replies, testing::ValuesIn(kWrongReplies),
+                         [](const auto& test) { return test.param.name; });
+
+TEST(front_end_reply, that_does_not_come_to_an_open_is_reported_with_the_address)
+{
+    talk session({expects(header(1, 4, 0, 1, 0) + from_hex("61")), closes()});
+    EXPECT_EQ(error_of([&] { session->open("a"); }).step(), "open \"a\"");
 }
 
 TEST(front_end_reply, silence_is_reported_when_time_is_up)
@@ -449,23 +366,15 @@ TEST(front_end_reply, end_of_the_stream_tells_how_the_program_ended)
 
 // Receiving in several requests
 
-TEST(front_end_stream, asks_for_the_rest_in_the_last_request)
+TEST(front_end_stream, asks_for_the_rest_in_the_last_request_and_counts_all)
 {
     const bytes all = pattern(25);
     talk session({expects(recv_request(10)), answers(ok_with(bytes(all.begin(), all.begin() + 10))),
                   expects(recv_request(10)), answers(ok_with(bytes(all.begin() + 10, all.begin() + 20))),
                   expects(recv_request(5)), answers(ok_with(bytes(all.begin() + 20, all.end())))});
     collected result;
-    session->recv(25, 10, std::ref(result));
+    EXPECT_EQ(session->recv(25, 10, std::ref(result)).count, 25U);
     EXPECT_EQ(result.data, all);
-}
-
-TEST(front_end_stream, counts_what_was_received)
-{
-    talk session({expects(recv_request(10)), answers(ok_with(pattern(10))), expects(recv_request(1)),
-                  answers(ok_with(pattern(1)))});
-    collected result;
-    EXPECT_EQ(session->recv(11, 10, std::ref(result)).count, 11u);
 }
 
 TEST(front_end_stream, hands_on_a_large_request_in_small_pieces)
@@ -495,9 +404,8 @@ TEST(front_end_stream, keeps_the_byte_of_a_nak_out_of_the_data)
 
 TEST(front_end_stream, hands_on_what_came_before_the_stream_ended)
 {
-    bytes torn = ok_with(pattern(100'000));
-    torn.resize(20 + 70'000);
-    talk session({expects(recv_request(100'000)), answers(torn), closes()});
+    talk session(
+        {expects(recv_request(100'000)), answers(cut(ok_with(pattern(100'000)), 20 + 70'000)), closes()});
     collected result;
     error_of([&] { session->recv(100'000, 100'000, std::ref(result)); });
     EXPECT_EQ(result.data, pattern(70'000));
@@ -519,17 +427,11 @@ TEST(front_end_stream, passes_on_what_the_sink_throws)
     EXPECT_THROW(session->recv(1, 1, full_disk), std::domain_error);
 }
 
-TEST(front_end_stream, of_nothing_asks_nothing)
+TEST(front_end_stream, of_nothing_asks_nothing_and_in_requests_of_no_bytes_is_a_programming_error)
 {
     talk session({expects_end()});
     collected result;
-    EXPECT_EQ(session->recv(0, 10, std::ref(result)).count, 0u);
-}
-
-TEST(front_end_stream, requests_of_no_bytes_are_a_programming_error)
-{
-    talk session({expects_end()});
-    collected result;
+    EXPECT_EQ(session->recv(0, 10, std::ref(result)).count, 0U);
     EXPECT_THROW(session->recv(10, 0, std::ref(result)), std::invalid_argument);
 }
 
@@ -556,15 +458,10 @@ TEST(front_end_finish, of_a_program_that_does_not_end_gives_up_at_its_deadline)
     EXPECT_EQ(error_of([&] { program.finish(20ms); }).cause(), failure::timed_out);
 }
 
-TEST(front_end_finish, of_an_attached_process_has_no_status)
+TEST(front_end_finish, of_an_attached_process_has_no_status_and_the_process_is_out_of_reach)
 {
     front_end attached(40001);
     EXPECT_EQ(attached.finish(), std::nullopt);
-}
-
-TEST(front_end_finish, process_of_somebody_else_is_out_of_reach)
-{
-    front_end attached(40001);
     EXPECT_THROW(attached.process(), std::logic_error);
 }
 
@@ -607,13 +504,9 @@ INSTANTIATE_TEST_SUITE_P(front_end_error, every_failure,
                                          failure::end_of_stream, failure::connection_lost, failure::wrong_id,
                                          failure::unexpected_reply));
 
-TEST(text_in_quotes, shows_control_bytes_as_numbers)
+TEST(text_in_quotes, shows_control_bytes_as_numbers_and_is_cut_when_it_is_long)
 {
     EXPECT_EQ(tarvik::in_quotes(from_hex("41 00 7f ff")), "\"A\\x00\\x7f\\xff\"");
-}
-
-TEST(text_in_quotes, is_cut_when_it_is_long)
-{
     EXPECT_EQ(tarvik::in_quotes(std::string(201, 'a')), "\"" + std::string(200, 'a') + "\"...");
 }
 
