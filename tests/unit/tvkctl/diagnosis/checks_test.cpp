@@ -25,67 +25,56 @@ texts texts_of(const std::vector<advice>& next)
     return all;
 }
 
-TEST(address_check_test, ids_are_reported)
+/// How a check came out, its cause, and what it says: "failed absent: no USB device is ...".
+std::string told(const check_result& result)
 {
-    check_context context{"usb:1a2b:3c4d", {}};
-    const check_result result = check_address(context);
-    EXPECT_EQ(result.came_out, outcome::ok);
-    EXPECT_EQ(result.summary, "vendor 1a2b, product 3c4d, any serial number");
+    const std::string cause(result.why.word);
+    return name_of(result.came_out) + (cause.empty() ? "" : " " + cause) + ": " + result.summary;
 }
 
-TEST(address_check_test, a_serial_number_is_reported)
-{
-    check_context context{"usb:0x1a2b:a71:SN 42", {}};
-    EXPECT_EQ(check_address(context).summary, "vendor 1a2b, product 0a71, serial number \"SN 42\"");
-}
-
-/// What is said of an address that cannot be used.
-std::string flaw_of(const std::string& udi)
+/// The same with its evidence.
+std::string told_of_address(const std::string& udi)
 {
     check_context context{udi, {}};
     const check_result result = check_address(context);
-    EXPECT_EQ(result.came_out, outcome::failed) << udi;
-    EXPECT_EQ(result.why.word, "malformed");
-    std::string all = result.summary;
+    std::string all = told(result);
     for (const std::string& line : result.evidence)
         all += "; " + line;
     return all;
 }
 
-TEST(address_check_test, the_field_that_is_wrong_is_named)
+TEST(address_check_test, ids_and_a_serial_number_are_reported)
 {
-    EXPECT_EQ(flaw_of("1a2b:3c4d"), "it does not begin with usb: in lower case");
-    EXPECT_EQ(flaw_of("USB:1a2b:3c4d"), "it does not begin with usb: in lower case");
-    EXPECT_EQ(flaw_of("usb:1a2b"), "field 2, the product id, is missing");
-    EXPECT_EQ(flaw_of("usb::3c4d"), "field 1, the vendor id, is missing");
-    EXPECT_EQ(flaw_of("usb:1a2b:3c4g"),
-              "field 2, the product id, is \"3c4g\" and not 1 to 4 hexadecimal digits other than 0");
-    EXPECT_EQ(flaw_of("usb:13c4d:3c4d"),
-              "field 1, the vendor id, is \"13c4d\" and not 1 to 4 hexadecimal digits other than 0");
-    EXPECT_EQ(flaw_of("usb:1a2b:0"),
-              "field 2, the product id, is \"0\" and not 1 to 4 hexadecimal digits other than 0");
+    EXPECT_EQ(told_of_address("usb:1a2b:3c4d"), "ok: vendor 1a2b, product 3c4d, any serial number");
+    EXPECT_EQ(told_of_address("usb:0x1a2b:a71:SN 42"),
+              "ok: vendor 1a2b, product 0a71, serial number \"SN 42\"");
 }
 
-TEST(address_check_test, every_wrong_field_is_named)
+TEST(address_check_test, every_field_that_is_wrong_is_named)
 {
-    EXPECT_EQ(flaw_of("usb:x:"),
-              "field 1, the vendor id, is \"x\" and not 1 to 4 hexadecimal digits other than "
-              "0; field 2, the product id, is missing");
+    const std::string no_id = " and not 1 to 4 hexadecimal digits other than 0";
+    const std::pair<const char*, std::string> wrong_addresses[] = {
+        {"1a2b:3c4d", "it does not begin with usb: in lower case"},
+        {"USB:1a2b:3c4d", "it does not begin with usb: in lower case"},
+        {"usb:1a2b", "field 2, the product id, is missing"},
+        {"usb::3c4d", "field 1, the vendor id, is missing"},
+        {"usb:1a2b:3c4g", "field 2, the product id, is \"3c4g\"" + no_id},
+        {"usb:13c4d:3c4d", "field 1, the vendor id, is \"13c4d\"" + no_id},
+        {"usb:1a2b:0", "field 2, the product id, is \"0\"" + no_id},
+        {"usb:x:", "field 1, the vendor id, is \"x\"" + no_id + "; field 2, the product id, is missing"},
+    };
+    for (const auto& [udi, flaws] : wrong_addresses)
+        EXPECT_EQ(told_of_address(udi), "failed malformed: " + flaws);
 }
 
-TEST(address_check_test, bus_and_device_are_warned_of)
+TEST(address_check_test, bus_and_device_and_fields_beyond_the_last_are_warned_of)
 {
-    check_context context{"usb:1a2b:3c4d:1f:5", {}};
-    const check_result result = check_address(context);
-    EXPECT_EQ(result.came_out, outcome::warning);
-    EXPECT_EQ(result.why.word, "location_ignored");
-    EXPECT_EQ(result.evidence.front(), "bus 1f and device 5 are read, but choose no device");
-}
-
-TEST(address_check_test, fields_beyond_the_last_are_warned_of)
-{
-    check_context context{"usb:1a2b:3c4d:1:5:6", {}};
-    EXPECT_EQ(check_address(context).evidence.back(), "what follows field 4 is ignored");
+    const std::string warning =
+        "warning location_ignored: vendor 1a2b, product 3c4d, serial number \"1f\"; bus 1f and device 5 are "
+        "read, but choose no device; field 3 is looked for as a serial number; when no device has it, the "
+        "ids decide";
+    EXPECT_EQ(told_of_address("usb:1a2b:3c4d:1f:5"), warning);
+    EXPECT_EQ(told_of_address("usb:1a2b:3c4d:1f:5:6"), warning + "; what follows field 4 is ignored");
 }
 
 class bus_check_test : public testing::Test {
@@ -100,6 +89,12 @@ protected:
             device.serial = serial;
         device.address = ++addresses;
         bus.plug(device);
+    }
+    /// What no id tells apart.
+    void plug_two(const std::string& first_serial, const std::string& second_serial)
+    {
+        plug("one", 0x1a2b, 0x3c4d, first_serial);
+        plug("two", 0x1a2b, 0x3c4d, second_serial);
     }
     check_result look(const std::string& udi)
     {
@@ -116,9 +111,7 @@ protected:
 TEST_F(bus_check_test, the_device_is_described)
 {
     plug("one", 0x1a2b, 0x3c4d, "SN42");
-    const check_result result = look("usb:1a2b:3c4d:SN42");
-    EXPECT_EQ(result.came_out, outcome::ok);
-    EXPECT_EQ(result.summary, "1a2b:3c4d at bus 1 device 1, serial number \"SN42\"");
+    EXPECT_EQ(told(look("usb:1a2b:3c4d:SN42")), "ok: 1a2b:3c4d at bus 1 device 1, serial number \"SN42\"");
     EXPECT_EQ(context.device, &context.devices.front());
 }
 
@@ -132,16 +125,10 @@ TEST_F(bus_check_test, the_name_of_the_device_is_reported)
     EXPECT_NE(result.summary.find("\"Tarvik\", \"Model X\""), std::string::npos) << result.summary;
 }
 
-TEST_F(bus_check_test, an_empty_bus_is_reported)
+TEST_F(bus_check_test, a_missing_device_is_reported_with_near_misses)
 {
-    const check_result result = look("usb:1a2b:3c4d");
-    EXPECT_EQ(result.came_out, outcome::failed);
-    EXPECT_EQ(result.why.word, "absent");
-    EXPECT_EQ(result.summary, "no USB device is 1a2b:3c4d (devices on the bus: 0)");
-}
-
-TEST_F(bus_check_test, near_misses_are_reported)
-{
+    EXPECT_EQ(told(look("usb:1a2b:3c4d")),
+              "failed absent: no USB device is 1a2b:3c4d (devices on the bus: 0)");
     plug("one", 0x1a2b, 0x9999, "");
     plug("two", 0x7777, 0x3c4d, "");
     plug("three", 0x7777, 0x8888, "");
@@ -152,60 +139,42 @@ TEST_F(bus_check_test, near_misses_are_reported)
                                       "number"}));
 }
 
-TEST_F(bus_check_test, a_serial_number_that_no_device_has_is_warned_of)
+TEST_F(bus_check_test, a_serial_number_chooses_its_device_and_one_that_no_device_has_is_warned_of)
 {
-    plug("one", 0x1a2b, 0x3c4d, "SN1");
-    plug("two", 0x1a2b, 0x3c4d, "SN2");
-    const check_result result = look("usb:1a2b:3c4d:sn2");
-    EXPECT_EQ(result.came_out, outcome::warning);
-    EXPECT_EQ(result.why.word, "other_serial");
-    EXPECT_EQ(result.summary,
-              "no device has serial number \"sn2\": the program opens the first with these ids, "
-              "1a2b:3c4d at bus 1 device 1, serial number \"SN1\"");
-    EXPECT_EQ(result.evidence.size(), 2U);
-}
-
-TEST_F(bus_check_test, the_device_with_the_serial_number_is_chosen)
-{
-    plug("one", 0x1a2b, 0x3c4d, "SN1");
-    plug("two", 0x1a2b, 0x3c4d, "SN2");
+    plug_two("SN1", "SN2");
     EXPECT_EQ(look("usb:1a2b:3c4d:SN2").came_out, outcome::ok);
     EXPECT_EQ(context.device->serial, "SN2");
+    const check_result result = look("usb:1a2b:3c4d:sn2");
+    EXPECT_EQ(told(result),
+              "warning other_serial: no device has serial number \"sn2\": the program opens the "
+              "first with these ids, 1a2b:3c4d at bus 1 device 1, serial number \"SN1\"");
+    EXPECT_EQ(result.evidence.size(), 2U);
 }
 
 TEST_F(bus_check_test, several_devices_without_serial_number_in_the_address_are_warned_of)
 {
-    plug("one", 0x1a2b, 0x3c4d, "SN1");
-    plug("two", 0x1a2b, 0x3c4d, "SN2");
+    plug_two("SN1", "SN2");
     const check_result result = look("usb:1a2b:3c4d");
-    EXPECT_EQ(result.why.word, "ambiguous");
-    EXPECT_EQ(
-        result.summary,
-        "2 devices fit; the program opens the first, 1a2b:3c4d at bus 1 device 1, serial number \"SN1\"");
+    EXPECT_EQ(told(result),
+              "warning ambiguous: 2 devices fit; the program opens the first, 1a2b:3c4d at bus 1 "
+              "device 1, serial number \"SN1\"");
     EXPECT_EQ(texts_of(result.next), (texts{"name the one that is meant by its serial number", ""}));
     EXPECT_EQ(result.next.back().step, tool_step::list_devices);
 }
 
 TEST_F(bus_check_test, devices_that_cannot_be_told_apart_are_warned_of)
 {
-    plug("one", 0x1a2b, 0x3c4d, "");
-    plug("two", 0x1a2b, 0x3c4d, "");
+    plug_two("", "");
     const check_result result = look("usb:1a2b:3c4d");
     EXPECT_EQ(result.why.word, "ambiguous");
     EXPECT_EQ(texts_of(result.next),
               texts{"unplug all but the one that is meant: they cannot be told apart"});
 }
 
-TEST_F(bus_check_test, a_location_where_the_first_device_is_is_accepted)
+TEST_F(bus_check_test, a_location_where_the_first_device_is_is_accepted_and_another_one_warned_of)
 {
-    plug("one", 0x1a2b, 0x3c4d, "");
+    plug_two("", "");
     EXPECT_EQ(look("usb:1a2b:3c4d:1:1").came_out, outcome::ok);
-}
-
-TEST_F(bus_check_test, a_location_where_another_device_is_is_warned_of)
-{
-    plug("one", 0x1a2b, 0x3c4d, "");
-    plug("two", 0x1a2b, 0x3c4d, "");
     const check_result result = look("usb:1a2b:3c4d:1:2");
     EXPECT_EQ(result.came_out, outcome::warning);
     EXPECT_EQ(result.why.word, "other_location");
@@ -266,12 +235,13 @@ protected:
 
 using rights_check_test = device_check_test;
 
-TEST_F(rights_check_test, a_node_that_this_user_may_open_is_good)
+TEST_F(rights_check_test, a_node_is_reported_that_this_user_may_open_or_that_is_missing)
 {
     device.node.may_open = true;
-    const check_result result = check_rights(context);
-    EXPECT_EQ(result.came_out, outcome::ok);
-    EXPECT_EQ(result.summary, device.node.path + " is crw------- root:root, open to this user");
+    EXPECT_EQ(told(check_rights(context)),
+              "ok: " + device.node.path + " is crw------- root:root, open to this user");
+    device.node.exists = false;
+    EXPECT_EQ(told(check_rights(context)), "failed no_node: " + device.node.path + " does not exist");
 }
 
 TEST_F(rights_check_test, a_node_that_is_closed_comes_with_the_rule_that_opens_it)
@@ -287,21 +257,22 @@ TEST_F(rights_check_test, a_node_that_is_closed_comes_with_the_rule_that_opens_i
     EXPECT_EQ(result.evidence.front().rfind("this user is " + user_of(geteuid()).name, 0), 0U);
 }
 
-TEST_F(rights_check_test, a_missing_node_is_reported)
-{
-    device.node.exists = false;
-    const check_result result = check_rights(context);
-    EXPECT_EQ(result.why.word, "no_node");
-    EXPECT_EQ(result.summary, device.node.path + " does not exist");
-}
-
 using interface_check_test = device_check_test;
 
 TEST_F(interface_check_test, the_interface_and_its_endpoints_are_reported)
 {
-    const check_result result = check_interface(context);
-    EXPECT_EQ(result.came_out, outcome::ok);
-    EXPECT_EQ(result.summary, "interface 0 with bulk endpoints 81 in and 02 out");
+    EXPECT_EQ(told(check_interface(context)), "ok: interface 0 with bulk endpoints 81 in and 02 out");
+}
+
+TEST_F(interface_check_test, what_the_program_may_not_cope_with_is_told_by_its_cause)
+{
+    device.configurations.front().settings.front().alternate = 1;
+    EXPECT_EQ(check_interface(context).why.word, "alternate_setting");
+    device.configurations = {{2, {setting(0)}}};
+    EXPECT_EQ(check_interface(context).came_out, outcome::warning);
+    EXPECT_EQ(check_interface(context).why.word, "other_configuration");
+    device.configurations.clear();
+    EXPECT_EQ(check_interface(context).why.word, "no_descriptors");
 }
 
 TEST_F(interface_check_test, each_setting_tells_what_it_lacks)
@@ -322,42 +293,14 @@ TEST_F(interface_check_test, each_setting_tells_what_it_lacks)
                "configuration 1, interface 3, setting 0: no bulk endpoint"}));
 }
 
-TEST_F(interface_check_test, a_device_without_readable_descriptors_is_reported)
-{
-    device.configurations.clear();
-    EXPECT_EQ(check_interface(context).why.word, "no_descriptors");
-}
-
-TEST_F(interface_check_test, another_configuration_than_1_is_warned_of)
-{
-    device.configurations = {{2, {setting(0)}}};
-    const check_result result = check_interface(context);
-    EXPECT_EQ(result.came_out, outcome::warning);
-    EXPECT_EQ(result.why.word, "other_configuration");
-}
-
-TEST_F(interface_check_test, an_alternate_setting_is_warned_of)
-{
-    device.configurations.front().settings.front().alternate = 1;
-    EXPECT_EQ(check_interface(context).why.word, "alternate_setting");
-}
-
 using driver_check_test = device_check_test;
 
-TEST_F(driver_check_test, a_free_interface_is_good)
+TEST_F(driver_check_test, a_free_interface_is_good_and_a_kernel_driver_warned_of)
 {
-    const check_result result = check_driver_of_usable();
-    EXPECT_EQ(result.came_out, outcome::ok);
-    EXPECT_EQ(result.summary, "interface 0 is free");
-}
-
-TEST_F(driver_check_test, a_kernel_driver_is_warned_of)
-{
+    EXPECT_EQ(told(check_driver_of_usable()), "ok: interface 0 is free");
     bind(0, "usblp");
-    const check_result result = check_driver_of_usable();
-    EXPECT_EQ(result.came_out, outcome::warning);
-    EXPECT_EQ(result.why.word, "kernel_driver");
-    EXPECT_EQ(result.summary, "kernel driver usblp is bound to interface 0");
+    EXPECT_EQ(told(check_driver_of_usable()),
+              "warning kernel_driver: kernel driver usblp is bound to interface 0");
 }
 
 TEST_F(driver_check_test, a_claim_of_another_process_names_the_process)
@@ -365,24 +308,18 @@ TEST_F(driver_check_test, a_claim_of_another_process_names_the_process)
     bind(0, "usbfs");
     hold_by(4711, "front-end");
     const check_result result = check_driver_of_usable();
-    EXPECT_EQ(result.came_out, outcome::failed);
-    EXPECT_EQ(result.why.word, "claimed");
-    EXPECT_EQ(result.summary, "another process has claimed interface 0");
+    EXPECT_EQ(told(result), "failed claimed: another process has claimed interface 0");
     EXPECT_EQ(result.evidence, texts{"front-end (process 4711) has the device open"});
     EXPECT_EQ(texts_of(result.next), texts{"kill 4711   # ends front-end"});
 }
 
-TEST_F(driver_check_test, a_claim_on_an_interface_that_is_tried_first_counts)
+TEST_F(driver_check_test,
+       a_claim_counts_on_an_interface_that_is_tried_first_and_not_on_one_that_is_never_tried)
 {
-    device.configurations = {{1, {setting(0, {{0x81, 2}}), setting(1)}}};
     bind(0, "usbfs");
+    device.configurations = {{1, {setting(0, {{0x81, 2}}), setting(1)}}};
     EXPECT_EQ(check_driver_of_usable().summary, "another process has claimed interface 0");
-}
-
-TEST_F(driver_check_test, a_claim_on_an_interface_that_is_never_tried_does_not_count)
-{
-    device.configurations = {{1, {setting(0), setting(1)}}};
-    bind(1, "usbfs");
+    device.configurations = {{1, {setting(1), setting(0)}}};
     EXPECT_EQ(check_driver_of_usable().came_out, outcome::ok);
 }
 
@@ -395,18 +332,13 @@ TEST_F(driver_check_test, a_claim_by_an_unseen_process_asks_for_more_rights)
     EXPECT_EQ(next.at(0).parameter, "usb:1a2b:3c4d");
 }
 
-TEST_F(driver_check_test, a_process_that_only_has_the_device_open_is_warned_of)
-{
-    hold_by(4711, "lsusb");
-    const check_result result = check_driver_of_usable();
-    EXPECT_EQ(result.came_out, outcome::warning);
-    EXPECT_EQ(result.why.word, "held");
-}
-
-TEST_F(driver_check_test, this_process_does_not_count_as_another)
+TEST_F(driver_check_test, a_process_that_only_has_the_device_open_is_warned_of_unless_it_is_this_one)
 {
     hold_by(getpid(), "tvkctl");
     EXPECT_EQ(check_driver_of_usable().came_out, outcome::ok);
+    hold_by(4711, "lsusb");
+    EXPECT_EQ(check_driver_of_usable().came_out, outcome::warning);
+    EXPECT_EQ(check_driver_of_usable().why.word, "held");
 }
 
 TEST_F(driver_check_test, without_sysfs_the_driver_is_not_checked)
@@ -451,48 +383,40 @@ private:
     bool m_isSomebody = false;
 };
 
-TEST_F(plugin_check_test, a_plugin_that_can_be_loaded_is_good)
+TEST_F(plugin_check_test, a_plugin_that_can_be_loaded_is_good_and_an_empty_folder_reported)
 {
-    EXPECT_EQ(check_installed_plugin(context).summary,
-              file() + " can be loaded and has the four entry points");
+    EXPECT_EQ(told(check_installed_plugin(context)),
+              "ok: " + file() + " can be loaded and has the four entry points");
+    support::remove_plugins();
+    EXPECT_EQ(check_installed_plugin(context).evidence.back(), "its folder is empty or missing");
 }
 
-TEST_F(plugin_check_test, a_plugin_that_is_closed_to_the_user_tells_how_to_open_it)
-{
-    fs::permissions(file(), fs::perms::owner_all);
-    const check_result result = look_as_somebody();
-    if (IsSkipped())
-        return;
-    EXPECT_EQ(result.why.word, "no_permission");
-    EXPECT_EQ(result.summary, file() + " is closed to 54321");
-    EXPECT_EQ(texts_of(result.next), texts{"sudo chmod o+r " + file()});
-}
+/// What a user who is not root may not read, and the right that opens it.
+class closed_to_the_user : public plugin_check_test,
+                           public testing::WithParamInterface<std::pair<std::string, std::string>> {};
 
-TEST_F(plugin_check_test, a_folder_that_is_closed_to_the_user_tells_how_to_open_it)
+TEST_P(closed_to_the_user, tells_how_to_open_it)
 {
-    const std::string closed = fs::path(file()).parent_path();
+    const auto& [closed, right] = GetParam();
     fs::permissions(closed, fs::perms::owner_all);
     const check_result result = look_as_somebody();
     if (IsSkipped())
         return;
-    EXPECT_EQ(result.why.word, "no_permission");
-    EXPECT_EQ(result.summary, closed + " is closed to 54321");
-    EXPECT_EQ(texts_of(result.next), texts{"sudo chmod o+x " + closed});
+    EXPECT_EQ(told(result), "failed no_permission: " + closed + " is closed to 54321");
+    EXPECT_EQ(texts_of(result.next), texts{"sudo chmod o+" + right + " " + closed});
 }
 
-TEST_F(plugin_check_test, an_empty_folder_is_reported)
-{
-    support::remove_plugins();
-    EXPECT_EQ(check_installed_plugin(context).evidence.back(), "its folder is empty or missing");
-}
+INSTANTIATE_TEST_SUITE_P(, closed_to_the_user,
+                         testing::Values(std::pair(lib_path(plugin_name(0x3c4d)), "r"),
+                                         std::pair(fs::path(lib_path(plugin_name(0x3c4d))).parent_path(),
+                                                   "x")));
 
 TEST_F(plugin_check_test, a_plugin_that_hangs_when_it_is_loaded_is_given_up)
 {
     install("plugin_hanging_when_loaded");
     context.load_timeout = std::chrono::seconds(1);
     const check_result result = check_installed_plugin(context);
-    EXPECT_EQ(result.why.word, "hang");
-    EXPECT_EQ(result.summary, file() + " hangs when it is loaded");
+    EXPECT_EQ(told(result), "failed hang: " + file() + " hangs when it is loaded");
     EXPECT_EQ(result.evidence.front(), "given up after 1 s");
 }
 
@@ -502,17 +426,15 @@ TEST_F(plugin_check_test, a_plugin_that_throws_an_exception_when_it_is_loaded_is
     GTEST_SKIP() << "the sanitizer's own dlopen() lets no exception pass: such a plugin ends the process";
 #endif
     install("plugin_throwing_when_loaded");
-    const check_result result = check_installed_plugin(context);
-    EXPECT_EQ(result.why.word, "crash");
-    EXPECT_EQ(result.summary, file() + " throws an exception when it is loaded");
+    EXPECT_EQ(told(check_installed_plugin(context)),
+              "failed crash: " + file() + " throws an exception when it is loaded");
 }
 
 TEST_F(plugin_check_test, a_plugin_that_crashes_when_it_is_unloaded_is_reported)
 {
     install("plugin_crashing_when_unloaded");
-    const check_result result = check_installed_plugin(context);
-    EXPECT_EQ(result.why.word, "crash");
-    EXPECT_EQ(result.summary, file() + " ends the process when it is unloaded");
+    EXPECT_EQ(told(check_installed_plugin(context)),
+              "failed crash: " + file() + " ends the process when it is unloaded");
 }
 
 } // namespace
