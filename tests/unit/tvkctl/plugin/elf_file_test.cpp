@@ -6,11 +6,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
+#include "support/caught_error.h"
 #include "support/files.h"
 #include "support/plugin_files.h"
 #include "unit/tvkctl/plugin/armhf_plugin.h"
@@ -57,9 +58,15 @@ tarvik::tvkctl::elf_identity identity_of(const std::string& content)
     return read_elf_file(scratch_file(content).path()).identity;
 }
 
-std::string passing_content()
+const elf_file& passing()
 {
-    return support::read_file(built_plugin("passing"));
+    static const elf_file file = read_elf_file(built_plugin("passing"));
+    return file;
+}
+
+std::string content_of(const std::string& plugin)
+{
+    return support::read_file(built_plugin(plugin));
 }
 
 /// An object of an ELF file, to be read and changed in a copy of the file.
@@ -102,241 +109,153 @@ std::size_t first_need_of(std::string& file)
             return offset;
 }
 
-bool contains(const std::vector<std::string>& all, const std::string& one)
-{
-    return std::find(all.begin(), all.end(), one) != all.end();
-}
-
 } // namespace
 
 TEST(elf_file, has_the_identity_of_the_program_for_what_was_built_along_with_it)
 {
-    EXPECT_EQ(read_elf_file(built_plugin("passing")).identity.text(), tarvik::tvkctl::own_identity().text());
-}
-
-TEST(elf_file, recognises_a_hard_float_arm_library)
-{
-    REQUIRE_ARMHF_PLUGIN();
-    EXPECT_EQ(read_elf_file(armhf_plugin()).identity.text(), "32-bit ARM, hard float");
+    EXPECT_EQ(passing().identity.text(), tarvik::tvkctl::own_identity().text());
 }
 
 TEST(elf_file, takes_a_plugin_built_for_armhf_for_what_the_process_is_made_for)
 {
     REQUIRE_ARMHF_PLUGIN();
+    EXPECT_EQ(read_elf_file(armhf_plugin()).identity.text(), "32-bit ARM, hard float");
     EXPECT_EQ(read_elf_file(armhf_plugin()).identity, tarvik::tvkctl::armhf_identity());
 }
 
-TEST(elf_file, recognises_hard_float_by_its_flag)
-{
-    EXPECT_EQ(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_HARD)).floats, float_abi::hard);
-}
-
-TEST(elf_file, recognises_soft_float_by_its_flag)
-{
-    EXPECT_EQ(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_SOFT)).text(), "32-bit ARM, soft float");
-}
-
-TEST(elf_file, recognises_an_arm_file_without_either_flag)
-{
-    EXPECT_EQ(identity_of(bare_arm_file(0)).floats, float_abi::unmarked);
-}
-
-TEST(elf_identity, names_the_machine)
+TEST(elf_identity, names_the_machine_or_its_number)
 {
     EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_AARCH64)).text(), "64-bit AArch64");
     EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_X86_64)).text(), "64-bit x86-64");
     EXPECT_EQ(identity_of(bare_elf_file<Elf32_Ehdr>(EM_386)).text(), "32-bit x86");
     EXPECT_EQ(identity_of(bare_elf_file<Elf64_Ehdr>(EM_RISCV)).text(), "64-bit RISC-V");
-}
-
-TEST(elf_identity, has_a_number_for_a_machine_without_name)
-{
     EXPECT_EQ(identity_of(bare_elf_file<Elf32_Ehdr>(EM_68K)).text(), "32-bit machine 4");
+    EXPECT_EQ(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_SOFT)).text(), "32-bit ARM, soft float");
 }
 
-TEST(elf_identity, accepts_a_library_that_does_not_tell_its_float_abi)
+TEST(elf_identity, accepts_a_library_unless_it_tells_the_other_float_abi)
 {
-    EXPECT_TRUE(tarvik::tvkctl::armhf_identity().accepts(identity_of(bare_arm_file(0))));
+    const std::tuple<std::uint32_t, float_abi, bool> flags[] = {
+        {EF_ARM_ABI_FLOAT_HARD, float_abi::hard, true},
+        {EF_ARM_ABI_FLOAT_SOFT, float_abi::soft, false},
+        {0, float_abi::unmarked, true},
+    };
+    for (const auto& [flag, floats, is_accepted] : flags) {
+        EXPECT_EQ(identity_of(bare_arm_file(flag)).floats, floats);
+        EXPECT_EQ(tarvik::tvkctl::armhf_identity().accepts(identity_of(bare_arm_file(flag))), is_accepted);
+    }
 }
 
-TEST(elf_identity, does_not_accept_a_library_of_the_other_float_abi)
+TEST(elf_file, lists_what_is_needed_and_where_it_is_looked_for)
 {
-    EXPECT_FALSE(tarvik::tvkctl::armhf_identity().accepts(identity_of(bare_arm_file(EF_ARM_ABI_FLOAT_SOFT))));
-}
-
-TEST(elf_file, lists_the_libraries_that_are_needed)
-{
-    EXPECT_TRUE(contains(read_elf_file(built_plugin("needing_neighbour")).needed, "other_library.so"));
-}
-
-TEST(elf_file, lists_the_folders_in_which_a_library_looks_for_others)
-{
-    EXPECT_EQ(read_elf_file(built_plugin("needing_neighbour")).search_path,
-              std::vector<std::string>{"$ORIGIN"});
-}
-
-TEST(elf_file, lists_the_versions_that_are_needed_of_the_c_library)
-{
+    const elf_file file = read_elf_file(built_plugin("needing_neighbour"));
+    EXPECT_EQ(std::count(file.needed.begin(), file.needed.end(), "other_library.so"), 1);
+    EXPECT_EQ(file.search_path, std::vector<std::string>{"$ORIGIN"});
     const auto needs = read_elf_file(built_plugin("printing")).version_needs;
     EXPECT_TRUE(std::any_of(needs.begin(), needs.end(), [](const tarvik::tvkctl::elf_version_need& need) {
         return need.library == "libc.so.6" && need.version.rfind("GLIBC_2.", 0) == 0;
     }));
 }
 
-TEST(elf_file, finds_an_exported_function)
+TEST(elf_file, tells_exported_functions_from_variables_and_from_what_is_only_used)
 {
-    const elf_file file = read_elf_file(built_plugin("passing"));
-    const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_ctor");
-    ASSERT_NE(symbol, nullptr);
-    EXPECT_TRUE(symbol->is_function && symbol->is_exported);
-}
-
-TEST(elf_file, tells_a_variable_from_a_function)
-{
-    const elf_file file = read_elf_file(built_plugin("odd_symbols"));
-    const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_ctor");
-    ASSERT_NE(symbol, nullptr);
-    EXPECT_FALSE(symbol->is_function);
-}
-
-TEST(elf_file, recognises_a_symbol_that_is_only_used)
-{
-    const elf_file file = read_elf_file(built_plugin("odd_symbols"));
-    const tarvik::tvkctl::elf_symbol* symbol = file.find_symbol("interpreter_writer");
-    ASSERT_NE(symbol, nullptr);
-    EXPECT_FALSE(symbol->is_defined);
+    const elf_file odd = read_elf_file(built_plugin("odd_symbols"));
+    const auto* function = passing().find_symbol("interpreter_ctor");
+    const auto* variable = odd.find_symbol("interpreter_ctor");
+    const auto* used = odd.find_symbol("interpreter_writer");
+    ASSERT_TRUE(function != nullptr && variable != nullptr && used != nullptr);
+    EXPECT_TRUE(function->is_function && function->is_exported);
+    EXPECT_FALSE(variable->is_function);
+    EXPECT_FALSE(used->is_defined);
 }
 
 TEST(elf_file, tells_a_library_from_a_program)
 {
-    EXPECT_EQ(read_elf_file(built_plugin("passing")).type, elf_file::kind::shared_library);
+    EXPECT_EQ(passing().type, elf_file::kind::shared_library);
     EXPECT_EQ(read_elf_file("/proc/self/exe").type, elf_file::kind::program);
 }
 
-TEST(elf_file, recognises_an_executable_stack)
+TEST(elf_file, recognises_an_executable_stack_and_relocations_in_the_code)
 {
     EXPECT_TRUE(read_elf_file(built_plugin("with_executable_stack")).wants_executable_stack);
-    EXPECT_FALSE(read_elf_file(built_plugin("passing")).wants_executable_stack);
-}
-
-TEST(elf_file, recognises_relocations_in_the_code)
-{
+    EXPECT_FALSE(passing().wants_executable_stack);
     EXPECT_TRUE(read_elf_file(built_plugin("with_text_relocation")).has_text_relocations);
-    EXPECT_FALSE(read_elf_file(built_plugin("passing")).has_text_relocations);
+    EXPECT_FALSE(passing().has_text_relocations);
 }
 
-TEST(elf_file, is_unreadable_when_it_is_missing)
-{
-    EXPECT_EQ(failure_of_path("/nonexistent/plugin.so"), "unreadable");
-}
-
-TEST(elf_file, is_unreadable_when_it_is_a_folder)
-{
-    EXPECT_EQ(failure_of_path("/"), "unreadable");
-}
-
-TEST(elf_file, is_unreadable_when_it_is_a_pipe_that_nobody_writes_to)
+TEST(elf_file, is_unreadable_when_it_is_missing_or_no_file_or_reading_it_fails)
 {
     const scratch_file neighbour("");
-    const std::string path = neighbour.folder() / "pipe";
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(failure_of_path(path), "unreadable");
+    const std::string pipe_of_nobody = neighbour.folder() / "pipe";
+    ASSERT_EQ(mkfifo(pipe_of_nobody.c_str(), 0600), 0);
+    for (const std::string& path : {std::string("/nonexistent/plugin.so"), std::string("/"), pipe_of_nobody,
+                                    std::string("/proc/self/mem")}) // whose first page is never there
+        EXPECT_EQ(failure_of_path(path), "unreadable") << path;
 }
 
 TEST(elf_file, names_the_file_that_it_could_not_read_and_says_why)
 {
-    try {
-        read_elf_file("/nonexistent/plugin.so");
-        FAIL() << "nothing was thrown";
-    } catch (const elf_error& error) {
-        EXPECT_STREQ(error.what(), "/nonexistent/plugin.so: No such file or directory");
-    }
+    const auto error = support::caught<elf_error>([] { read_elf_file("/nonexistent/plugin.so"); });
+    EXPECT_STREQ(error.what(), "/nonexistent/plugin.so: No such file or directory");
 }
 
-TEST(elf_file, is_not_elf_when_it_is_empty)
+TEST(elf_file, is_not_elf_when_it_is_empty_or_text_or_a_static_library)
 {
-    EXPECT_EQ(failure_of(""), "not ELF");
+    for (const char* content : {"", "#!/bin/sh\nexit 0\n", "!<arch>\n"})
+        EXPECT_EQ(failure_of(content), "not ELF") << content;
 }
 
-TEST(elf_file, is_not_elf_when_it_is_text)
+TEST(elf_file, is_damaged_when_it_ends_in_its_header_or_what_is_loaded_or_lacks_its_last_byte)
 {
-    EXPECT_EQ(failure_of("#!/bin/sh\nexit 0\n"), "not ELF");
+    const std::string whole = content_of("passing");
+    for (const std::size_t size : {std::size_t{20}, whole.size() / 4, whole.size() - 1})
+        EXPECT_EQ(failure_of(whole.substr(0, size)), "damaged") << size << " bytes";
 }
 
-TEST(elf_file, is_not_elf_when_it_is_a_static_library)
-{
-    EXPECT_EQ(failure_of("!<arch>\n"), "not ELF");
-}
+struct damage {
+    const char* name;
+    void (*inflict)(std::string& content);
+};
 
-TEST(elf_file, is_damaged_when_it_ends_in_its_header)
-{
-    EXPECT_EQ(failure_of(passing_content().substr(0, 20)), "damaged");
-}
+const damage kDamages[] = {
+    {"without_section_headers",
+     [](std::string& content) {
+         part<ElfW(Ehdr)> header(content, 0);
+         header->e_shoff = 0;
+         header->e_shnum = 0;
+         header->e_shstrndx = 0;
+     }},
+    {"program_headers_beyond_its_end",
+     [](std::string& content) {
+         part<ElfW(Ehdr)>(content, 0)->e_phoff = static_cast<ElfW(Off)>(content.size());
+     }},
+    {"no_room_for_its_program_headers",
+     [](std::string& content) { part<ElfW(Ehdr)>(content, 0)->e_phnum = PN_XNUM - 1; }},
+    {"name_of_a_library_outside_of_all_tables",
+     [](std::string& content) {
+         part<ElfW(Dyn)>(content, first_need_of(content))->d_un.d_val = static_cast<ElfW(Addr)>(-1);
+     }},
+    {"version_table_that_points_outside_itself",
+     [](std::string& content) {
+         part<ElfW(Verneed)>(content, section_of(content, SHT_GNU_verneed))->vn_aux = 0x10000000;
+     }},
+};
 
-TEST(elf_file, is_damaged_when_a_part_that_is_loaded_is_cut_off)
-{
-    const std::string whole = passing_content();
-    EXPECT_EQ(failure_of(whole.substr(0, whole.size() / 4)), "damaged");
-}
+class damaged_elf_file : public testing::TestWithParam<damage> {};
 
-TEST(elf_file, is_damaged_when_its_last_byte_is_missing)
+TEST_P(damaged_elf_file, is_recognised)
 {
-    const std::string whole = passing_content();
-    EXPECT_EQ(failure_of(whole.substr(0, whole.size() - 1)), "damaged");
-}
-
-TEST(elf_file, is_damaged_when_its_section_headers_were_removed)
-{
-    std::string content = passing_content();
-    // Where and how many: the fields of the class that the file has.
-    if (tarvik::tvkctl::own_identity().bits == 64) {
-        content.replace(offsetof(Elf64_Ehdr, e_shoff), sizeof(Elf64_Off), sizeof(Elf64_Off), '\0');
-        content.replace(offsetof(Elf64_Ehdr, e_shnum), 4, 4, '\0'); // and the index of their names
-    } else {
-        content.replace(offsetof(Elf32_Ehdr, e_shoff), sizeof(Elf32_Off), sizeof(Elf32_Off), '\0');
-        content.replace(offsetof(Elf32_Ehdr, e_shnum), 4, 4, '\0');
-    }
+    std::string content = content_of("printing");
+    GetParam().inflict(content);
     EXPECT_EQ(failure_of(content), "damaged");
 }
 
-TEST(elf_file, is_damaged_when_its_program_headers_lie_beyond_its_end)
-{
-    std::string content = passing_content();
-    part<ElfW(Ehdr)>(content, 0)->e_phoff = static_cast<ElfW(Off)>(content.size());
-    EXPECT_EQ(failure_of(content), "damaged");
-}
-
-TEST(elf_file, is_damaged_when_it_has_no_room_for_its_program_headers)
-{
-    std::string content = passing_content();
-    part<ElfW(Ehdr)>(content, 0)->e_phnum = PN_XNUM - 1;
-    EXPECT_EQ(failure_of(content), "damaged");
-}
-
-TEST(elf_file, is_damaged_when_the_name_of_a_library_is_outside_of_all_tables)
-{
-    std::string content = support::read_file(built_plugin("printing"));
-    const std::size_t need = first_need_of(content);
-    part<ElfW(Dyn)>(content, need)->d_un.d_val = static_cast<ElfW(Addr)>(-1);
-    EXPECT_EQ(failure_of(content), "damaged");
-}
-
-TEST(elf_file, is_damaged_when_its_version_table_points_outside_itself)
-{
-    std::string content = support::read_file(built_plugin("printing"));
-    const std::size_t versions = section_of(content, SHT_GNU_verneed);
-    part<ElfW(Verneed)>(content, versions)->vn_aux = 0x10000000;
-    EXPECT_EQ(failure_of(content), "damaged");
-}
-
-TEST(elf_file, is_unreadable_when_reading_it_fails)
-{
-    EXPECT_EQ(failure_of_path("/proc/self/mem"), "unreadable") << "its first page is never there";
-}
+INSTANTIATE_TEST_SUITE_P(, damaged_elf_file, testing::ValuesIn(kDamages),
+                         [](const auto& test) { return test.param.name; });
 
 TEST(elf_file, never_crashes_on_a_file_with_one_wrong_byte)
 {
-    const std::string whole = passing_content();
+    const std::string whole = content_of("passing");
     const scratch_file neighbour("");
     const std::string path = neighbour.folder() / "changed.so";
     constexpr std::size_t step = 31; // all bytes in turn would take long and find no more
