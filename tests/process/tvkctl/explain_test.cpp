@@ -39,16 +39,6 @@ tvkctl_result explain_test::explain(const std::string& udi, const std::vector<st
     return run(arguments);
 }
 
-tvkctl_result explain_test::explain_as_nobody(const std::string& udi)
-{
-    // The dialogue of the bus is written by whoever runs.
-    EXPECT_EQ(chmod(fs::path(scratch("x")).parent_path().c_str(), 0777), 0);
-    const tvkctl_result result = run_in_shell("exec " + as_nobody("\"$TVKCTL\" explain '" + udi + "'"));
-    if (result.status == 127)
-        []() { GTEST_SKIP() << "needs root and setpriv to run as another user"; }();
-    return result;
-}
-
 std::string explain_test::plugin_file()
 {
     return fs::path(support::plugin_directory + "/libryo-mora-hk-t210.so").lexically_normal();

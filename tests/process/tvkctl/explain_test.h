@@ -18,8 +18,6 @@ protected:
     void TearDown() override;
 
     tvkctl_result explain(const std::string& udi = kUdi, const std::vector<std::string>& more = {});
-    /// As another user. Skips the test where this process cannot become one.
-    tvkctl_result explain_as_nobody(const std::string& udi = kUdi);
 
     std::string node() const { return m_node; }
     static std::string plugin_file();
