@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <string>
 
@@ -30,6 +31,12 @@ inline fake_usb::alt_setting any_setting(decisions& decide, int interface_number
     return setting;
 }
 
+inline bool has_configuration(const fake_usb::device& device, int value)
+{
+    return std::any_of(device.configurations.begin(), device.configurations.end(),
+                       [=](const fake_usb::configuration& each) { return each.value == value; });
+}
+
 /// A device with the ids of a scanner, and with whatever descriptors.
 inline fake_usb::device any_device(decisions& decide)
 {
@@ -42,6 +49,8 @@ inline fake_usb::device any_device(decisions& decide)
     for (int configurations = decide.below(4), i = 0; i < configurations; ++i) {
         fake_usb::configuration configuration;
         configuration.value = static_cast<std::uint8_t>(decide.below(4));
+        while (has_configuration(device, configuration.value)) // two never have one value
+            ++configuration.value;
         for (int interfaces = decide.below(4), number = 0; number < interfaces; ++number) {
             configuration.interfaces.emplace_back();
             for (int settings = decide.below(4); settings > 0; --settings)

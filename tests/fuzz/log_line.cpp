@@ -2,6 +2,8 @@
 
 #include "tvkctl/src/log/log_line.h"
 
+#include <algorithm>
+
 #include "common/text/text.h"
 #include "fuzz/harness.h"
 
@@ -26,6 +28,11 @@ void check(const std::string& text)
     const std::string end = line->source + (line->source.empty() ? "" : " ") + line->message;
     fuzz::expect(text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0,
                  "a line ends with its source and message");
+    const std::size_t open = line->source.find('(');
+    const std::string number = line->source.substr(std::min(open, line->source.size()));
+    fuzz::expect(line->source.empty() || (open > 0 && number.size() > 2 &&
+                                          number.find_first_not_of("0123456789", 1) == number.size() - 1),
+                 "a source has a name and a line");
     const auto again = parse_log_line(printed(*line));
     fuzz::expect(again.has_value(), "a line that was printed can be read");
     fuzz::expect_equal(printed(*again), printed(*line), "a line that was printed");

@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// A machine with one device at 1-2.3, and one process.
+/// A machine with one device at 1-2.3, which has a driver in its configuration 1, and one process.
 struct folders {
     folders() : here{folder / "dev", folder / "sys", folder / "proc", ""}
     {
@@ -26,6 +26,8 @@ struct folders {
         fs::create_directories(here.processes + "/self/fd");
         folder.file("dev/bus/usb/001/004", "");
         fs::create_symlink(here.devices + "/bus/usb/001/004", here.processes + "/12/fd/3");
+        fs::create_directories(device + ":1.0");
+        fs::create_symlink("../../../bus/usb/drivers/usblp", device + ":1.0/driver");
     }
 
     fuzz::scratch_folder folder;
@@ -97,7 +99,8 @@ void fuzz_one(std::string_view input)
                 fuzz::expect(*device.active_configuration == std::stoi(digits), "the active configuration");
             if (!usable_interface_of(device))
                 fuzz::expect_equal(device.serial, as_ascii(first_line(serial)), "the serial number");
-            fuzz::expect(kernel_driver_of(device, 0, machine.here).empty(), "no driver is bound");
+            fuzz::expect_equal(kernel_driver_of(device, 0, machine.here),
+                               device.active_configuration == 1 ? "usblp" : "", "the driver");
             const node_holders holders = find_node_holders(device.node, machine.here);
             fuzz::expect(holders.is_complete && holders.found.size() == 1 && holders.found[0].pid == 12,
                          "the process has the device open");
