@@ -254,6 +254,25 @@ int plain(const std::string& function, int descriptor, Describe describe, Call c
     return result;
 }
 
+/// 127.0.0.1, 127.0.0.2 and so on.
+hostent* host_with_addresses(int count)
+{
+    static std::vector<in_addr> addresses;
+    static std::vector<char*> list;
+    static hostent host = {};
+    addresses.clear();
+    for (int i = 0; i < count; ++i)
+        addresses.push_back({htonl(INADDR_LOOPBACK + static_cast<in_addr_t>(i))});
+    list.clear();
+    for (in_addr& each : addresses)
+        list.push_back(reinterpret_cast<char*>(&each)); // the interface's own kind of address
+    list.push_back(nullptr);
+    host.h_addrtype = AF_INET;
+    host.h_length = sizeof(in_addr);
+    host.h_addr_list = list.data();
+    return &host;
+}
+
 /// As the log's is, about which these tests do not care.
 bool is_file(int fd)
 {
@@ -322,7 +341,9 @@ hostent* __wrap_gethostbyname(const char* name)
         return __real_gethostbyname(name);
     int result = 0;
     calls->record(std::string("gethostbyname ") + name);
-    return calls->replaces("gethostbyname", result) ? nullptr : __real_gethostbyname(name);
+    if (!calls->replaces("gethostbyname", result))
+        return __real_gethostbyname(name);
+    return result < 0 ? nullptr : host_with_addresses(result);
 }
 
 int __wrap_close(int fd)

@@ -29,7 +29,8 @@ public:
     /// Has call number `nth`, counted from here on, of a function fail with `error`; with 0, every call. A
     /// failing close closes all the same, as the system's own does.
     void fail(const std::string& function, int error, int nth = 1);
-    /// Has the next call of a function return `result` without being made.
+    /// Has the next call of a function return `result` without being made. Of gethostbyname, `result` is the
+    /// number of addresses that it finds.
     void answer(const std::string& function, int result);
     /// Has every read, recv or write move at most `bytes`.
     void limit(const std::string& function, std::size_t bytes);
