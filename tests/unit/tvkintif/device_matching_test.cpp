@@ -2,13 +2,17 @@
 #include <libusb.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "fake_usb/checked_bus.h"
 #include "support/dialogue.h"
+#include "support/lines.h"
 #include "tvkintif/src/usb.h"
 
 using fake_usb::scanner_device;
+using support::lines;
 using support::text;
 using namespace std::string_literals;
 
@@ -24,148 +28,99 @@ protected:
     }
     void TearDown() override
     {
-        if (list != nullptr)
-            libusb_free_device_list(list, 1);
         libusb_exit(context);
         bus.verify();
-    }
-
-    void plug_in(const char* serial)
-    {
-        fake_usb::device scanner = scanner_device();
-        if (serial != nullptr)
-            scanner.serial = serial;
-        bus.plug(scanner);
-    }
-
-    bool matches(std::uint16_t vid, std::uint16_t pid, const std::string& serial)
-    {
-        libusb_get_device_list(context, &list);
-        support::take_dialogue();
-        return usb_transceiver::Is_matchID(vid, pid, serial, list[0]);
     }
 
     static std::string happened() { return text(support::take_dialogue()); }
 
     fake_usb::checked_bus bus;
     libusb_context* context = nullptr;
-    libusb_device** list = nullptr;
 };
 
-TEST_F(device_matching, is_match_id_accepts_the_same_ids_and_serial_and_closes_its_handle)
-{
-    plug_in("SN0042");
+struct match_case {
+    const char* name;
+    std::optional<std::string> serial; ///< of the device 1a2b:3c4d
+    std::uint16_t vendor_id;
+    std::uint16_t product_id;
+    std::string serial_asked_for;
+    bool is_match;
+    lines steps;
+    std::pair<std::string, int> failure = {}; ///< of which function, with which error
+};
 
-    EXPECT_TRUE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ(happened(), text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
-                                "get_string_descriptor_ascii scanner 3 -> 6", "close scanner"}));
+const lines described = {"get_device_descriptor scanner -> 0"};
+
+/// How the serial is read, with what reading it tells.
+lines read_as(const std::string& answer)
+{
+    return described +
+           lines{"open scanner -> 0", "get_string_descriptor_ascii scanner " + answer, "close scanner"};
 }
 
-TEST_F(device_matching, is_match_id_refuses_another_vendor_without_opening)
-{
-    plug_in("SN0042");
+const std::string longest(255, 'S');
 
-    EXPECT_FALSE(matches(0x1a2c, 0x3c4d, "SN0042"));
-    EXPECT_EQ(happened(), "get_device_descriptor scanner -> 0\n");
+class is_match_id : public device_matching, public testing::WithParamInterface<match_case> {};
+
+TEST_P(is_match_id, judges_by_these_steps)
+{
+    const match_case& how = GetParam();
+    fake_usb::device scanner = scanner_device();
+    scanner.serial = how.serial;
+    bus.plug(scanner);
+    if (!how.failure.first.empty())
+        bus.fail(how.failure.first, how.failure.second);
+    libusb_device** list = nullptr;
+    libusb_get_device_list(context, &list);
+    support::take_dialogue();
+
+    EXPECT_EQ(usb_transceiver::Is_matchID(how.vendor_id, how.product_id, how.serial_asked_for, list[0]),
+              how.is_match);
+    EXPECT_EQ(happened(), how.steps.text());
+    libusb_free_device_list(list, 1);
 }
 
-TEST_F(device_matching, is_match_id_refuses_another_product_without_opening)
-{
-    plug_in("SN0042");
-
-    EXPECT_FALSE(matches(0x1a2b, 0x3c4e, "SN0042"));
-    EXPECT_EQ(happened(), "get_device_descriptor scanner -> 0\n");
-}
-
-TEST_F(device_matching, is_match_id_refuses_a_device_whose_descriptor_cannot_be_read)
-{
-    plug_in("SN0042");
-    bus.fail("get_device_descriptor", LIBUSB_ERROR_IO);
-
-    EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ(happened(), "get_device_descriptor scanner -> LIBUSB_ERROR_IO\n");
-}
-
-TEST_F(device_matching, is_match_id_accepts_a_device_with_the_ids_that_refuses_to_open_whatever_the_serial)
-{
-    plug_in("SN0042");
-    bus.fail("open", LIBUSB_ERROR_ACCESS);
-
-    EXPECT_TRUE(matches(0x1a2b, 0x3c4d, "another"));
-    EXPECT_EQ(happened(),
-              text({"get_device_descriptor scanner -> 0", "open scanner -> LIBUSB_ERROR_ACCESS"}));
-}
-
-TEST_F(device_matching, is_match_id_refuses_a_serial_that_differs_only_in_letter_case)
-{
-    plug_in("SN0042");
-
-    EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "sn0042"));
-}
-
-TEST_F(device_matching, is_match_id_refuses_a_serial_that_only_begins_alike)
-{
-    plug_in("SN0042");
-
-    EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "SN004"));
-}
-
-TEST_F(device_matching, is_match_id_accepts_a_serial_that_carries_its_terminator)
-{
-    plug_in("SN0042");
-
-    EXPECT_TRUE(matches(0x1a2b, 0x3c4d, "SN0042\0"s));
-}
-
-TEST_F(device_matching, is_match_id_reads_a_serial_of_255_characters_whole)
-{
-    const std::string longest(255, 'S');
-    plug_in(longest.c_str());
-
-    EXPECT_TRUE(matches(0x1a2b, 0x3c4d, longest));
-}
-
-TEST_F(device_matching, is_match_id_takes_an_unreadable_serial_for_an_empty_one)
-{
-    plug_in("SN0042");
-    bus.fail("get_string_descriptor_ascii", LIBUSB_ERROR_PIPE);
-
-    EXPECT_TRUE(matches(0x1a2b, 0x3c4d, ""));
-}
-
-TEST_F(device_matching, is_match_id_refuses_a_device_without_serial_and_closes_its_handle)
-{
-    plug_in(nullptr);
-
-    EXPECT_FALSE(matches(0x1a2b, 0x3c4d, "SN0042"));
-    EXPECT_EQ(happened(),
-              text({"get_device_descriptor scanner -> 0", "open scanner -> 0",
-                    "get_string_descriptor_ascii scanner 0 -> LIBUSB_ERROR_INVALID_PARAM", "close scanner"}));
-}
-
-TEST_F(device_matching, open_by_ids_returns_the_handle_at_once_when_the_device_is_there)
-{
-    plug_in(nullptr);
-
-    libusb_device_handle* handle = open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 100);
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(happened(), "open_device_with_vid_pid 1a2b:3c4d -> scanner\n");
-    libusb_close(handle);
-}
-
-TEST_F(device_matching, open_by_ids_tries_5_times_and_pauses_after_each_when_there_is_no_device)
-{
-    EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 100), nullptr);
-    EXPECT_EQ(happened(), text({"open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100",
-                                "open_device_with_vid_pid 1a2b:3c4d -> null", "usleep 100"}));
-}
+INSTANTIATE_TEST_SUITE_P(
+    , is_match_id,
+    testing::Values(
+        match_case{"same", "SN0042", 0x1a2b, 0x3c4d, "SN0042", true, read_as("3 -> 6")},
+        match_case{"another_vendor", "SN0042", 0x1a2c, 0x3c4d, "SN0042", false, described},
+        match_case{"another_product", "SN0042", 0x1a2b, 0x3c4e, "SN0042", false, described},
+        match_case{"unreadable_device",
+                   "SN0042",
+                   0x1a2b,
+                   0x3c4d,
+                   "SN0042",
+                   false,
+                   {"get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
+                   {"get_device_descriptor", LIBUSB_ERROR_IO}},
+        match_case{"refuses_to_open_whatever_the_serial",
+                   "SN0042",
+                   0x1a2b,
+                   0x3c4d,
+                   "another",
+                   true,
+                   described + lines{"open scanner -> LIBUSB_ERROR_ACCESS"},
+                   {"open", LIBUSB_ERROR_ACCESS}},
+        match_case{"other_letter_case", "SN0042", 0x1a2b, 0x3c4d, "sn0042", false, read_as("3 -> 6")},
+        match_case{"begins_alike", "SN0042", 0x1a2b, 0x3c4d, "SN004", false, read_as("3 -> 6")},
+        match_case{"with_its_terminator", "SN0042", 0x1a2b, 0x3c4d, "SN0042\0"s, true, read_as("3 -> 6")},
+        match_case{"of_255_letters", longest, 0x1a2b, 0x3c4d, longest, true, read_as("3 -> 255")},
+        match_case{"unreadable_serial_is_empty",
+                   "SN0042",
+                   0x1a2b,
+                   0x3c4d,
+                   "",
+                   true,
+                   read_as("3 -> LIBUSB_ERROR_PIPE"),
+                   {"get_string_descriptor_ascii", LIBUSB_ERROR_PIPE}},
+        match_case{"no_serial", std::nullopt, 0x1a2b, 0x3c4d, "SN0042", false,
+                   read_as("0 -> LIBUSB_ERROR_INVALID_PARAM")}),
+    [](const auto& test) { return test.param.name; });
 
 TEST_F(device_matching, open_by_ids_stops_at_the_try_that_succeeds)
 {
-    plug_in(nullptr);
+    bus.plug(scanner_device());
     bus.fail("open_device_with_vid_pid", LIBUSB_ERROR_BUSY).times(2);
 
     libusb_device_handle* handle = open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 5, 250);
@@ -176,36 +131,21 @@ TEST_F(device_matching, open_by_ids_stops_at_the_try_that_succeeds)
     libusb_close(handle);
 }
 
-TEST_F(device_matching, open_by_ids_with_no_tries_returns_null_without_a_call_or_pause)
+TEST_F(device_matching, open_by_ids_without_tries_returns_null_without_a_call_or_pause)
 {
-    plug_in(nullptr);
+    bus.plug(scanner_device());
 
     EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, 0, 100), nullptr);
-    EXPECT_EQ(happened(), "");
-}
-
-TEST_F(device_matching, open_by_ids_with_negative_tries_returns_null_without_a_call_or_pause)
-{
-    plug_in(nullptr);
-
     EXPECT_EQ(open_device_with_vid_pid(context, 0x1a2b, 0x3c4d, -1, 100), nullptr);
     EXPECT_EQ(happened(), "");
 }
 
 using device_matching_death = device_matching;
 
-TEST_F(device_matching_death, open_by_ids_aborts_without_a_context)
+TEST_F(device_matching_death, open_by_ids_aborts_without_a_context_or_an_id_even_with_no_tries)
 {
     EXPECT_DEATH(open_device_with_vid_pid(nullptr, 0x1a2b, 0x3c4d, 5, 100), "ctx && vid && pid");
-}
-
-TEST_F(device_matching_death, open_by_ids_aborts_without_a_vendor_id)
-{
     EXPECT_DEATH(open_device_with_vid_pid(context, 0, 0x3c4d, 5, 100), "ctx && vid && pid");
-}
-
-TEST_F(device_matching_death, open_by_ids_aborts_without_a_product_id_even_with_no_tries)
-{
     EXPECT_DEATH(open_device_with_vid_pid(context, 0x1a2b, 0, 0, 100), "ctx && vid && pid");
 }
 

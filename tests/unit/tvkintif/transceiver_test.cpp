@@ -505,12 +505,14 @@ TEST_F(client_transceiver, client_connects_step_by_step)
     EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", "INFO connect ok"}));
 }
 
-TEST_F(client_transceiver, client_connected_already_logs_the_connect_and_does_nothing)
+TEST_F(client_transceiver, client_connected_already_does_nothing_but_log_a_further_connect)
 {
     m_client.connect();
     support::open_log(1);
     m_calls.take_lines();
     EXPECT_TRUE(m_client.connect());
+    EXPECT_FALSE(m_client.bind());
+    EXPECT_FALSE(m_client.accept());
     EXPECT_EQ(m_calls.lines(), lines());
     EXPECT_EQ(support::log_dialogue(), lines{"INFO connect"});
 }
