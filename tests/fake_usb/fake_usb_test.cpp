@@ -25,11 +25,16 @@ class fake_usb_test : public testing::Test {
 protected:
     void SetUp() override { support::take_dialogue(); }
 
-    /// Context, device, open handle; interface 0 claimed.
-    void begin_session()
+    /// Context, device, open handle.
+    void open_scanner()
     {
         libusb_init(&context);
         handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    }
+    /// The same, and interface 0 claimed.
+    void begin_session()
+    {
+        open_scanner();
         libusb_claim_interface(handle, 0);
     }
     void end_session()
@@ -39,6 +44,17 @@ protected:
         libusb_exit(context);
     }
 
+    void list_devices()
+    {
+        libusb_init(&context);
+        libusb_get_device_list(context, &list);
+    }
+    libusb_config_descriptor* read_configuration() const
+    {
+        libusb_config_descriptor* descriptor = nullptr;
+        libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+        return descriptor;
+    }
     int transfer(unsigned char address, int size)
     {
         buffer.assign(static_cast<std::size_t>(size), 0xEE);
@@ -48,16 +64,34 @@ protected:
 
     libusb_context* context = nullptr;
     libusb_device_handle* handle = nullptr;
+    libusb_device** list = nullptr;
     std::vector<unsigned char> buffer;
     int moved = 0;
 };
 
-class fake_usb_at_a_scanner : public fake_usb_test {
+class fake_usb_at_a_bus : public fake_usb_test {
 protected:
-    fake_usb_at_a_scanner() { bus.plug(scanner_device()); }
+    /// Plugs in a scanner and opens it.
+    void open_scanner_like(const fake_usb::device& description)
+    {
+        bus.plug(description);
+        open_scanner();
+    }
 
     fake_usb::bus bus;
 };
+
+class fake_usb_at_a_scanner : public fake_usb_at_a_bus {
+protected:
+    fake_usb_at_a_scanner() { bus.plug(scanner_device()); }
+};
+
+fake_usb::device scanner_with_driver()
+{
+    fake_usb::device scanner = scanner_device();
+    scanner.kernel_drivers = {0};
+    return scanner;
+}
 
 TEST_F(fake_usb_at_a_scanner, records_a_session_call_by_call_with_its_results)
 {
@@ -75,75 +109,34 @@ TEST_F(fake_usb_at_a_scanner, records_a_session_call_by_call_with_its_results)
         text(support::dialogue()));
 }
 
-TEST_F(fake_usb_at_a_scanner, finds_nothing_left_after_a_tidy_session)
-{
-    begin_session();
-    end_session();
-
-    EXPECT_EQ(text(bus.leftovers()), "");
-    EXPECT_EQ(text(bus.misuses()), "");
-}
-
-TEST_F(fake_usb_at_a_scanner, finds_the_context_left_behind)
+TEST_F(fake_usb_at_a_scanner, finds_what_a_session_has_not_given_back)
 {
     libusb_init(&context);
-
     EXPECT_EQ(bus.leftovers(), lines{"context"});
-}
-
-TEST_F(fake_usb_at_a_scanner, finds_the_handle_left_behind_with_its_reference)
-{
-    begin_session();
-    libusb_release_interface(handle, 0);
-
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
     EXPECT_EQ(bus.leftovers(), (lines{"context", "handle of scanner", "1 references to scanner"}));
-}
-
-TEST_F(fake_usb_at_a_scanner, finds_the_claim_left_behind)
-{
-    begin_session();
-
+    libusb_claim_interface(handle, 0);
     EXPECT_EQ(bus.leftovers(), (lines{"context", "handle of scanner", "claim of scanner interface 0",
                                       "1 references to scanner"}));
+    libusb_config_descriptor* const descriptor = read_configuration();
+    end_session();
+    EXPECT_EQ(bus.leftovers(), lines{"configuration descriptor scanner 0"});
+    libusb_free_config_descriptor(descriptor);
+    EXPECT_EQ(bus.leftovers(), lines());
+    EXPECT_EQ(bus.misuses(), lines());
 }
 
-TEST_F(fake_usb_at_a_scanner, finds_the_device_list_left_behind_with_its_references)
+TEST_F(fake_usb_at_a_scanner, finds_the_device_list_left_behind_and_the_references_of_one_freed_without_them)
 {
-    libusb_init(&context);
-    libusb_device** list = nullptr;
-    libusb_get_device_list(context, &list);
-
+    list_devices();
     EXPECT_EQ(bus.leftovers(), (lines{"context", "device list of 1", "1 references to scanner"}));
-}
-
-TEST_F(fake_usb_at_a_scanner, finds_the_references_left_behind_when_a_list_is_freed_without_them)
-{
-    libusb_init(&context);
-    libusb_device** list = nullptr;
-    libusb_get_device_list(context, &list);
     libusb_free_device_list(list, 0);
-
     EXPECT_EQ(bus.leftovers(), (lines{"context", "1 references to scanner"}));
 }
 
-TEST_F(fake_usb_at_a_scanner, finds_the_configuration_descriptor_left_behind)
+TEST_F(fake_usb_at_a_bus, finds_the_kernel_driver_that_was_not_attached_again)
 {
-    begin_session();
-    libusb_config_descriptor* descriptor = nullptr;
-    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
-    end_session();
-
-    EXPECT_EQ(bus.leftovers(), lines{"configuration descriptor scanner 0"});
-}
-
-TEST_F(fake_usb_test, finds_the_kernel_driver_that_was_not_attached_again)
-{
-    fake_usb::bus bus;
-    fake_usb::device scanner = scanner_device();
-    scanner.kernel_drivers = {0};
-    bus.plug(scanner);
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    open_scanner_like(scanner_with_driver());
     libusb_detach_kernel_driver(handle, 0);
     libusb_close(handle);
     libusb_exit(context);
@@ -172,28 +165,55 @@ TEST_F(fake_usb_test, checked_bus_fails_the_test_for_a_misuse)
         "libusb was misused: exit: the context is not alive");
 }
 
-TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_closed_handle)
-{
-    begin_session();
-    end_session();
-
-    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(bus.misuses(), lines{"claim_interface scanner 0: the handle is not open"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_second_close_of_a_handle)
-{
-    begin_session();
-    end_session();
-    libusb_close(handle);
-
-    EXPECT_EQ(bus.misuses(), lines{"close scanner: the handle is not open"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_null_handle)
+TEST_F(fake_usb_at_a_scanner, reports_each_misuse_of_a_handle)
 {
     EXPECT_EQ(libusb_reset_device(nullptr), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(bus.misuses(), lines{"reset_device null: the handle is null"});
+    EXPECT_EQ(bus.take_misuses(), lines{"reset_device null: the handle is null"});
+    open_scanner();
+    EXPECT_EQ(transfer(0x81, 4), LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(bus.take_misuses(),
+              lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"});
+    libusb_claim_interface(handle, 0);
+    EXPECT_EQ(libusb_release_interface(handle, 1), LIBUSB_ERROR_NOT_FOUND);
+    EXPECT_EQ(bus.take_misuses(), lines{"release_interface scanner 1: the interface is not claimed"});
+    EXPECT_EQ(libusb_attach_kernel_driver(handle, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(bus.take_misuses(), lines{"attach_kernel_driver scanner 0: the interface is still claimed"});
+    libusb_close(handle);
+    EXPECT_EQ(bus.take_misuses(), lines{"close scanner: interface 0 is still claimed"});
+    EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(bus.take_misuses(), lines{"claim_interface scanner 0: the handle is not open"});
+    libusb_close(handle);
+    EXPECT_EQ(bus.take_misuses(), lines{"close scanner: the handle is not open"});
+}
+
+TEST_F(fake_usb_at_a_scanner, reports_each_misuse_of_a_context)
+{
+    bus.fail("init", LIBUSB_ERROR_OTHER).times(1);
+    libusb_init(&context);
+    libusb_exit(context);
+    EXPECT_EQ(bus.take_misuses(), lines{"exit: the context is not alive"});
+    open_scanner();
+    libusb_exit(context);
+    EXPECT_EQ(bus.take_misuses(), lines{"exit: a handle of scanner is still open"});
+    libusb_exit(context);
+    EXPECT_EQ(bus.take_misuses(), lines{"exit: the context is not alive"});
+}
+
+TEST_F(fake_usb_at_a_scanner, reports_each_misuse_of_what_is_on_loan)
+{
+    list_devices();
+    libusb_device* const device = list[0];
+    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    libusb_config_descriptor* const descriptor = read_configuration();
+    libusb_free_config_descriptor(descriptor);
+    libusb_free_config_descriptor(descriptor);
+    EXPECT_EQ(bus.take_misuses(), lines{"free_config_descriptor: no such descriptor is on loan"});
+    libusb_close(handle);
+    libusb_free_device_list(list, 1);
+    libusb_free_device_list(list, 1);
+    EXPECT_EQ(bus.take_misuses(), lines{"free_device_list unref: no such list is on loan"});
+    EXPECT_EQ(libusb_open(device, &handle), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(bus.take_misuses(), lines{"open scanner: nobody holds a reference to the device"});
 }
 
 TEST_F(fake_usb_at_a_scanner, shares_a_claim_until_it_is_released)
@@ -212,113 +232,14 @@ TEST_F(fake_usb_at_a_scanner, shares_a_claim_until_it_is_released)
     EXPECT_EQ(bus.leftovers(), lines{});
 }
 
-TEST_F(fake_usb_at_a_scanner, reports_a_close_with_a_claim)
-{
-    begin_session();
-    libusb_close(handle);
-
-    EXPECT_EQ(bus.misuses(), lines{"close scanner: interface 0 is still claimed"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_an_exit_with_an_open_handle)
-{
-    begin_session();
-    libusb_exit(context);
-
-    EXPECT_EQ(bus.misuses(), lines{"exit: a handle of scanner is still open"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_context_whose_initialisation_failed)
-{
-    bus.fail("init", LIBUSB_ERROR_OTHER);
-    libusb_init(&context);
-    libusb_exit(context);
-
-    EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_second_exit_of_a_context)
-{
-    libusb_init(&context);
-    libusb_exit(context);
-    libusb_exit(context);
-
-    EXPECT_EQ(bus.misuses(), lines{"exit: the context is not alive"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_second_freeing_of_a_list)
-{
-    libusb_init(&context);
-    libusb_device** list = nullptr;
-    libusb_get_device_list(context, &list);
-    libusb_free_device_list(list, 1);
-    libusb_free_device_list(list, 1);
-
-    EXPECT_EQ(bus.misuses(), lines{"free_device_list unref: no such list is on loan"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_second_freeing_of_a_configuration_descriptor)
-{
-    begin_session();
-    libusb_config_descriptor* descriptor = nullptr;
-    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
-    libusb_free_config_descriptor(descriptor);
-    libusb_free_config_descriptor(descriptor);
-
-    EXPECT_EQ(bus.misuses(), lines{"free_config_descriptor: no such descriptor is on loan"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_use_of_a_device_whose_list_was_freed)
-{
-    libusb_init(&context);
-    libusb_device** list = nullptr;
-    libusb_get_device_list(context, &list);
-    libusb_device* const device = list[0];
-    libusb_free_device_list(list, 1);
-
-    EXPECT_EQ(libusb_open(device, &handle), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(bus.misuses(), lines{"open scanner: nobody holds a reference to the device"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_a_transfer_on_an_unclaimed_interface)
-{
-    begin_session();
-    libusb_release_interface(handle, 0);
-
-    EXPECT_EQ(transfer(0x81, 4), LIBUSB_ERROR_NOT_FOUND);
-    EXPECT_EQ(bus.misuses(),
-              lines{"bulk_transfer scanner 0x81 4 60000: no claimed interface has this endpoint"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_the_release_of_an_unclaimed_interface)
-{
-    begin_session();
-
-    EXPECT_EQ(libusb_release_interface(handle, 1), LIBUSB_ERROR_NOT_FOUND);
-    EXPECT_EQ(bus.misuses(), lines{"release_interface scanner 1: the interface is not claimed"});
-}
-
-TEST_F(fake_usb_at_a_scanner, reports_an_attach_before_the_release)
-{
-    begin_session();
-
-    EXPECT_EQ(libusb_attach_kernel_driver(handle, 0), LIBUSB_ERROR_BUSY);
-    EXPECT_EQ(bus.misuses(), lines{"attach_kernel_driver scanner 0: the interface is still claimed"});
-}
-
 TEST_F(fake_usb_test, aborts_when_libusb_is_called_without_a_bus)
 {
     EXPECT_DEATH(libusb_init(&context), "fake_usb: libusb was called while no bus exists");
 }
 
-TEST_F(fake_usb_test, refuses_a_claim_while_a_kernel_driver_is_bound)
+TEST_F(fake_usb_at_a_bus, refuses_a_claim_while_a_kernel_driver_is_bound)
 {
-    fake_usb::bus bus;
-    fake_usb::device scanner = scanner_device();
-    scanner.kernel_drivers = {0};
-    bus.plug(scanner);
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    open_scanner_like(scanner_with_driver());
 
     EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
     EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 1);
@@ -343,9 +264,7 @@ TEST_F(fake_usb_at_a_scanner, fails_the_calls_on_one_device_only)
     other.name = "other";
     bus.plug(other);
     bus.fail("open", LIBUSB_ERROR_ACCESS).of("other");
-    libusb_init(&context);
-    libusb_device** list = nullptr;
-    libusb_get_device_list(context, &list);
+    list_devices();
 
     EXPECT_EQ(libusb_open(list[0], &handle), LIBUSB_SUCCESS);
     EXPECT_EQ(libusb_open(list[1], &handle), LIBUSB_ERROR_ACCESS);
@@ -366,14 +285,12 @@ TEST_F(fake_usb_at_a_scanner, records_a_call_out_of_which_a_hook_throws)
     EXPECT_EQ(text({"init -> 0", "init -> throws"}), text(support::dialogue()));
 }
 
-TEST_F(fake_usb_test, shows_a_device_from_the_search_on_at_which_it_appears)
+TEST_F(fake_usb_at_a_bus, shows_a_device_from_the_search_on_at_which_it_appears)
 {
-    fake_usb::bus bus;
     fake_usb::device scanner = scanner_device();
     scanner.appears_at_search = 3;
     bus.plug(scanner);
     libusb_init(&context);
-    libusb_device** list = nullptr;
 
     EXPECT_EQ(libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d), nullptr);
     EXPECT_EQ(libusb_get_device_list(context, &list), 0);
@@ -449,22 +366,18 @@ TEST_F(fake_usb_at_a_scanner, leaves_the_count_alone_when_it_refuses_a_transfer)
     EXPECT_EQ(moved, -5);
 }
 
-TEST_F(fake_usb_test, reports_the_number_of_endpoints_with_a_null_array_when_told_so)
+TEST_F(fake_usb_at_a_bus, reports_the_number_of_endpoints_with_a_null_array_when_told_so)
 {
-    fake_usb::bus bus;
     fake_usb::device scanner = scanner_device();
     scanner.configurations[0].interfaces[0][0].is_endpoint_array_null = true;
-    bus.plug(scanner);
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
-    libusb_config_descriptor* descriptor = nullptr;
-    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+    open_scanner_like(scanner);
+    const libusb_interface_descriptor& shown = read_configuration()->interface[0].altsetting[0];
 
-    EXPECT_EQ(descriptor->interface[0].altsetting[0].bNumEndpoints, 2);
-    EXPECT_EQ(descriptor->interface[0].altsetting[0].endpoint, nullptr);
+    EXPECT_EQ(shown.bNumEndpoints, 2);
+    EXPECT_EQ(shown.endpoint, nullptr);
 }
 
-TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_described)
+TEST_F(fake_usb_at_a_bus, shows_configurations_interfaces_settings_and_endpoints_as_described)
 {
     fake_usb::alt_setting second;
     second.interface_number = 4;
@@ -473,12 +386,8 @@ TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_
     fake_usb::device scanner = scanner_device();
     scanner.configurations[0].value = 9;
     scanner.configurations[0].interfaces.push_back({fake_usb::alt_setting{4}, second});
-    fake_usb::bus bus;
-    bus.plug(scanner);
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
-    libusb_config_descriptor* descriptor = nullptr;
-    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+    open_scanner_like(scanner);
+    const libusb_config_descriptor* const descriptor = read_configuration();
 
     EXPECT_EQ(descriptor->bConfigurationValue, 9);
     ASSERT_EQ(descriptor->bNumInterfaces, 2);
@@ -491,14 +400,11 @@ TEST_F(fake_usb_test, shows_configurations_interfaces_settings_and_endpoints_as_
     EXPECT_EQ(shown.endpoint[0].bmAttributes, LIBUSB_TRANSFER_TYPE_INTERRUPT);
 }
 
-TEST_F(fake_usb_test, reads_the_serial_number_as_libusb_does)
+TEST_F(fake_usb_at_a_bus, reads_the_serial_number_as_libusb_does)
 {
-    fake_usb::bus bus;
     fake_usb::device scanner = scanner_device();
     scanner.serial = "SN0042";
-    bus.plug(scanner);
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
+    open_scanner_like(scanner);
     std::array<unsigned char, 5> room{};
 
     EXPECT_EQ(libusb_get_string_descriptor_ascii(handle, 3, room.data(), static_cast<int>(room.size())), 4);
@@ -507,15 +413,13 @@ TEST_F(fake_usb_test, reads_the_serial_number_as_libusb_does)
 }
 
 /// The text form.
-class fake_usb_script_test : public fake_usb_test {
+class fake_usb_script_test : public fake_usb_at_a_bus {
 protected:
     fake_usb::script_options load(const std::string& script)
     {
         std::istringstream input(script);
         return load_script(input, "bus.txt", bus);
     }
-
-    fake_usb::bus bus;
 };
 
 TEST_F(fake_usb_script_test, plugs_in_a_ready_made_scanner)
@@ -543,10 +447,8 @@ TEST_F(fake_usb_script_test, describes_a_device_in_detail)
          "      null_endpoints\n"
          "  active_configuration 2\n"
          "  kernel_driver 5\n");
-    libusb_init(&context);
-    handle = libusb_open_device_with_vid_pid(context, 0x1a2b, 0x3c4d);
-    libusb_config_descriptor* descriptor = nullptr;
-    libusb_get_config_descriptor(libusb_get_device(handle), 0, &descriptor);
+    open_scanner();
+    const libusb_config_descriptor* const descriptor = read_configuration();
 
     const libusb_interface_descriptor* settings = descriptor->interface[0].altsetting;
     EXPECT_EQ(descriptor->bConfigurationValue, 2);
