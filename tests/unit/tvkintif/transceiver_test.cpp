@@ -560,15 +560,16 @@ TEST_P(failing_connect, is_logged_and_its_socket_forgotten_and_not_closed)
     {
         transceiver client("127.0.0.1", 1, kTimeout);
         EXPECT_EQ(static_cast<int>(client), -1);
+        EXPECT_FALSE(client.can_recv());
     }
-    EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", GetParam().line}));
+    EXPECT_EQ(support::log_dialogue(), (lines{"INFO connect", GetParam().line, "INFO can_recv", kNoSocket}));
     EXPECT_TRUE(is_open(m_calls.descriptor("#2")));
 }
 
 TEST_P(failing_connect, is_followed_by_one_with_a_new_socket)
 {
     m_calls.fail(GetParam().call, ECONNREFUSED);
-    EXPECT_FALSE(m_client.send("x", 1));
+    EXPECT_FALSE(m_client.connect());
     m_calls.fail(GetParam().call, ECONNREFUSED);
     std::array<char, 1> byte{};
     EXPECT_FALSE(m_client.recv(byte.data(), 1, false));
