@@ -13,49 +13,54 @@ const std::string write_call = "INFO ipc connection wrute get called = ";
 const std::string write_result = "INFO ipc connection wrte  bail rv = ";
 
 struct progress {
-    int moved;
-    int total;
-    int size;
+    long long moved;
+    long long total;
+    long long size;
 };
+
+/// Counts are logged as far as they fit an int.
+std::string as_logged(long long count)
+{
+    return std::to_string(static_cast<int>(count));
+}
 
 /// The three lines of one call, as long as they fit each other and what was moved before.
 std::optional<progress> one_call(const std::vector<std::string>& log, std::size_t at, const std::string& call,
-                                 const std::string& result, int before)
+                                 const std::string& result, const progress& before)
 {
     progress p = {};
-    if (at + 2 >= log.size() || std::sscanf(log[at + 2].c_str(), "INFO transferred %d bytes, total %d/%d",
-                                            &p.moved, &p.total, &p.size) != 3)
+    if (at + 2 >= log.size() ||
+        std::sscanf(log[at + 2].c_str(), "INFO transferred %lld bytes, total %lld/%lld", &p.moved, &p.total,
+                    &p.size) != 3)
         return std::nullopt;
-    const bool is_consistent = log[at] == call + std::to_string(p.size - before) &&
-                               log[at + 1] == result + std::to_string(p.moved) && p.total == before + p.moved;
+    const bool is_consistent =
+        log[at] == call + as_logged(p.size - before.total) && log[at + 1] == result + as_logged(p.moved) &&
+        p.total == before.total + p.moved && (before.size == 0 || p.size == before.size);
     return is_consistent ? std::optional(p) : std::nullopt;
 }
 
-/// If a transfer that completes begins at `at`: its size, with `at` moved behind it.
-std::optional<int> whole_transfer(const std::vector<std::string>& log, std::size_t& at,
-                                  const std::string& call, const std::string& result)
+/// The calls of a transfer that begins at `at`, with `at` moved behind those that moved something.
+std::optional<progress> transfer(const std::vector<std::string>& log, std::size_t& at,
+                                 const std::string& call, const std::string& result)
 {
-    std::size_t next = at;
-    for (int before = 0;;) {
-        const std::optional<progress> p = one_call(log, next, call, result, before);
+    progress sum = {};
+    while (sum.size == 0 || sum.total < sum.size) {
+        const std::optional<progress> p = one_call(log, at, call, result, sum);
         if (!p || p->moved == 0)
-            return std::nullopt;
-        next += 3;
-        before = p->total;
-        if (p->total == p->size) {
-            at = next;
-            return p->size;
-        }
+            break;
+        at += 3;
+        sum = *p;
     }
+    return sum.total > 0 ? std::optional(sum) : std::nullopt;
 }
 
 void append_one_call(std::vector<std::string>& to, const std::string& call, const std::string& result,
-                     int size)
+                     const progress& sum)
 {
-    const std::string n = std::to_string(size);
-    to.push_back(call + n);
-    to.push_back(result + n);
-    to.push_back("INFO transferred " + n + " bytes, total " + n + "/" + n);
+    const std::string moved = std::to_string(sum.total);
+    to.push_back(call + as_logged(sum.size));
+    to.push_back(result + moved);
+    to.push_back("INFO transferred " + moved + " bytes, total " + moved + "/" + std::to_string(sum.size));
 }
 
 } // namespace
@@ -64,10 +69,10 @@ std::vector<std::string> with_whole_transfers(const std::vector<std::string>& lo
 {
     std::vector<std::string> result;
     for (std::size_t at = 0; at < log.size();) {
-        if (const std::optional<int> size = whole_transfer(log, at, read_call, read_result))
-            append_one_call(result, read_call, read_result, *size);
-        else if (const std::optional<int> written = whole_transfer(log, at, write_call, write_result))
-            append_one_call(result, write_call, write_result, *written);
+        if (const std::optional<progress> got = transfer(log, at, read_call, read_result))
+            append_one_call(result, read_call, read_result, *got);
+        else if (const std::optional<progress> put = transfer(log, at, write_call, write_result))
+            append_one_call(result, write_call, write_result, *put);
         else
             result.push_back(log[at++]);
     }

@@ -6,8 +6,8 @@
 namespace support {
 
 /// A log in the form of log_dialogue(), with each transfer on the connection that took several calls shown as
-/// if it had taken one: how many the kernel needs cannot be known. A transfer whose calls do not add up is
-/// left as it is.
+/// if it had taken one, as far as it came: how many the kernel needs cannot be known. Calls that moved
+/// nothing or do not add up are left as they are.
 std::vector<std::string> with_whole_transfers(const std::vector<std::string>& log);
 
 } // namespace support
