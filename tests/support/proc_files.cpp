@@ -1,6 +1,7 @@
 #include "support/proc_files.h"
 
 #include <arpa/inet.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
@@ -106,6 +107,21 @@ std::size_t resident_memory(pid_t process)
     return std::stoul(status_of(process, "VmRSS"));
 }
 
+long processor_ticks(pid_t process)
+{
+    constexpr int kFieldsBetween =
+        11; // the name, in brackets, is the second; user and system time the 14th, 15th
+    std::ifstream file = proc_file(process, "stat");
+    std::string skipped;
+    std::getline(file, skipped, ')');
+    for (int i = 0; i < kFieldsBetween; ++i)
+        file >> skipped;
+    long user = 0;
+    long system = 0;
+    file >> user >> system;
+    return user + system;
+}
+
 bool is_stopped(pid_t process)
 {
     return status_of(process, "State").find('T') != std::string::npos;
@@ -116,6 +132,17 @@ bool is_waiting_in(pid_t process, long system_call)
     std::ifstream file = proc_file(process, "syscall"); // begins with the number, or with "running"
     long current = -1;
     return file >> current && current == system_call;
+}
+
+bool is_waiting_to_read(pid_t process, std::size_t size)
+{
+    std::ifstream file = proc_file(process, "syscall"); // "NUMBER 0xARGUMENT..."
+    long current = -1;
+    std::string descriptor;
+    std::string buffer;
+    std::string length;
+    return file >> current >> descriptor >> buffer >> length && current == SYS_read &&
+           std::stoull(length, nullptr, 16) == size;
 }
 
 int listening_port(pid_t process)

@@ -19,12 +19,16 @@ std::uint64_t signals_in(pid_t process, const std::string& line);
 std::size_t open_descriptors(pid_t process);
 /// How much memory the process occupies, in KiB.
 std::size_t resident_memory(pid_t process);
+/// How much processor time the process has taken, in clock ticks.
+long processor_ticks(pid_t process);
 
 /// Whether a signal has stopped the process.
 bool is_stopped(pid_t process);
 
 /// Whether the process sleeps in this system call (SYS_read, ...).
 bool is_waiting_in(pid_t process, long system_call);
+/// Whether the process sleeps in a read of up to this many bytes.
+bool is_waiting_to_read(pid_t process, std::size_t size);
 
 /// The port on which the process listens; -1 when there is none.
 int listening_port(pid_t process);

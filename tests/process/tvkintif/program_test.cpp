@@ -27,6 +27,8 @@ namespace {
 const std::string bus_file = scratch_directory + "/bus.txt";
 const std::string dialogue_file = scratch_directory + "/dialogue.txt";
 
+constexpr const char* kOrdinaryBus = "device scanner 1a2b:3c4d\n";
+
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kIsSanitized = true;
 #else
@@ -88,6 +90,13 @@ void program_test::SetUp()
         signal(number, SIG_DFL);
     // Nor is it to get descriptors that whoever runs the tests has left open.
     ASSERT_EQ(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC), 0);
+    set_up_machine();
+}
+
+void program_test::set_up_machine()
+{
+    m_bus = kOrdinaryBus;
+    m_mishaps.clear();
     fs::remove_all(scratch_directory);
     fs::create_directory(scratch_directory);
     support::remove_plugins();

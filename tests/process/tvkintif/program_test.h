@@ -52,6 +52,9 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
+    /// As at the start of the test: nothing is special, nothing is left of an earlier run.
+    void set_up_machine();
+
     // The machine. The bus in the language of fake_usb/script.h, failures in that of mishaps.cpp.
     void with_bus(const std::string& script) { m_bus = script; }
     /// For the script: the device comes in time for this attempt of an open.
@@ -120,7 +123,7 @@ protected:
 private:
     void launch();
 
-    std::string m_bus = "device scanner 1a2b:3c4d\n";
+    std::string m_bus;
     std::vector<std::string> m_mishaps;
     std::vector<std::string> m_arguments;
     std::map<std::string, std::string> m_environment;
