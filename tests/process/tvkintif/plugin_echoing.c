@@ -1,5 +1,5 @@
 /* A plugin without a device: gives back what was last sent to it, followed by zeros. It shows a test what
- * bytes the program really passes on. */
+ * bytes the program really passes on. SILENT, it tells the test of no call. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,10 +13,15 @@ static int kept_length;
 
 static void tell(const char* what, int length)
 {
+#ifdef SILENT
+    (void)what;
+    (void)length;
+#else
     char line[64];
     snprintf(line, sizeof line, "plugin_echoing %s %d", what, length);
     if (support_record_line != NULL)
         support_record_line(line);
+#endif
 }
 
 int interpreter_ctor(tarvik_transfer reader, tarvik_transfer writer)
