@@ -25,7 +25,10 @@ enum request_code : unsigned int { ipc_open = 4, ipc_close = 5, ipc_send = 6, ip
 
 } // namespace
 
-dispatch::dispatch() : m_connection(std::make_unique<ipc_connection>()) {}
+dispatch::dispatch() : m_connection(std::make_unique<ipc_connection>())
+{
+    scanner::instance(); // the destructor asks for it too, and may not throw
+}
 
 dispatch::~dispatch()
 {
