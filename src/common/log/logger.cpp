@@ -161,6 +161,17 @@ void init_log(void*, const std::string& name, const std::string& config_file)
 void logConfigure::set_config_file(const std::string& path)
 {
     settings.clear();
+    try {
+        read_settings(path);
+        verbose = is_enabled(ESeveryLevel::trace);
+    } catch (...) {
+        settings.clear(); // else the next line would try the same again, and throw where nobody can bear it
+        throw;
+    }
+}
+
+void logConfigure::read_settings(const std::string& path)
+{
     const TrustedFile file(path.c_str(), O_RDONLY);
     if (file) {
         std::istringstream lines(read_beginning(file.descriptor()));
@@ -175,7 +186,6 @@ void logConfigure::set_config_file(const std::string& path)
     } else if (file.reason() == EDistrust::absent && is_directory(directory_part(path))) {
         settings[kLevelKey] = "1";
     }
-    verbose = is_enabled(ESeveryLevel::trace);
 }
 
 bool logConfigure::read_level(ESeveryLevel wanted)

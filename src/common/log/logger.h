@@ -97,6 +97,7 @@ private:
     /// heap. Valid until the next call.
     const char* logfile_of(int date);
 
+    void read_settings(const std::string& path);
     bool read_level(ESeveryLevel level);
 
     std::map<std::string, std::string, std::less<>> settings; ///< keys in lower case, values as written
