@@ -19,6 +19,7 @@ void (*provider)() = nullptr;
 const std::set<std::string>& known_functions()
 {
     static const std::set<std::string> names = {
+        kAnyFunction,
         "init",
         "exit",
         "set_debug",
@@ -160,7 +161,7 @@ failure& failure::times(int calls)
 
 std::optional<int> failure::seen(const std::string& function, const std::string& device_name)
 {
-    if (function != m_function || (m_device && *m_device != device_name))
+    if ((m_function != kAnyFunction && function != m_function) || (m_device && *m_device != device_name))
         return std::nullopt;
     ++m_seen;
     const bool is_over = m_times && m_seen >= m_first + *m_times;

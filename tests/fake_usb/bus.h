@@ -88,6 +88,9 @@ transfer refused_with(int result);
 /// prime, so that a lost or doubled piece shows.
 unsigned char pattern_byte(std::size_t position);
 
+/// Stands for each of the functions, where failures are scripted.
+inline constexpr const char* kAnyFunction = "any";
+
 /// A failure of one function, built up as a sentence:
 ///     bus.fail("open", LIBUSB_ERROR_ACCESS).of("scanner").from_call(2).times(1);
 /// Calls are counted from here on. Functions that return a pointer return null, whatever the code.

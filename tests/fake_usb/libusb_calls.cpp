@@ -72,8 +72,8 @@ std::string result_text(long result)
 /// One call in the making. Its line falls into the dialogue when it answers, or when a hook throws.
 class call {
 public:
-    explicit call(std::string function, std::string device = {}, std::string arguments = {})
-        : m_function(std::move(function)), m_device(std::move(device)), m_arguments(std::move(arguments))
+    explicit call(const char* function, std::string device = {}, std::string arguments = {})
+        : m_function(function), m_device(std::move(device)), m_arguments(std::move(arguments))
     {
         run_hooks();
         for (failure& candidate : state().failures)
@@ -148,6 +148,7 @@ private:
         }
     }
 
+    const support::backstage m_ownPart = {};
     std::string m_function;
     std::string m_device;
     std::string m_arguments;

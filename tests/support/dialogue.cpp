@@ -40,6 +40,7 @@ recorder& the_recorder()
 
 void record(const std::string& line)
 {
+    const backstage own_part;
     recorder& all = the_recorder();
     const std::lock_guard lock(all.mutex);
     all.merge();
@@ -88,5 +89,6 @@ std::string text(const std::vector<std::string>& lines)
 
 void support_record_line(const char* line)
 {
+    const support::backstage own_part;
     support::record(line);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -26,6 +27,21 @@ void set_dialogue_sink(std::function<void(const std::string&)> sink);
 /// something that only grows beside the fakes (the log file) falls into its place among their lines. An
 /// empty function ends that.
 void merge_into_dialogue(std::function<std::vector<std::string>()> source);
+
+/// While one lives, what runs are the test's own parts and not what they watch: failures that are brought
+/// about spare them.
+class backstage {
+public:
+    backstage() { ++depth; }
+    backstage(const backstage&) = delete;
+    backstage& operator=(const backstage&) = delete;
+    ~backstage() { --depth; }
+
+    static bool is_entered() { return depth > 0; }
+
+private:
+    inline static std::atomic<int> depth = 0;
+};
 
 /// The lines of one text, so that a failed comparison shows as a readable difference.
 std::string text(const std::vector<std::string>& lines);
