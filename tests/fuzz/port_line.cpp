@@ -45,7 +45,7 @@ void fuzz_one(std::string_view input)
     const outcome right = expected(input);
     tarvik::child_process process({"/bin/cat", {folder.file("output", input)}});
     try {
-        const int port = tarvik::read_port_line(process, tarvik::milliseconds(60'000));
+        const int port = tarvik::read_port_line(process, tarvik::milliseconds(600'000));
         fuzz::expect(port != 0 && port == right.port, "the port is " + std::to_string(right.port));
     } catch (const tarvik::front_end_error& error) {
         fuzz::expect(right.port == 0 && error.cause() == right.cause,

@@ -87,8 +87,8 @@ void fuzz_one(std::string_view input)
     fuzz::socket_pair wire;
     the_wire = &wire;
     wire.say(replies);
-    tarvik::framed_connection connection(1, tarvik::milliseconds(60'000));
-    const tarvik::deadline until(tarvik::milliseconds(60'000));
+    tarvik::framed_connection connection(1, tarvik::milliseconds(600'000));
+    const tarvik::deadline until(tarvik::milliseconds(600'000));
     connection.put_request({1, 6, 0, 0, ok_size}, tarvik::byte_view(request), "step", until);
     wire.hear();
     fuzz::expect_equal(wire.heard,
