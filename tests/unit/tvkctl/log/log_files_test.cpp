@@ -80,15 +80,11 @@ protected:
     temporary_folder folder;
 };
 
-TEST_F(log_files_test, names_come_oldest_first)
+TEST_F(log_files_test, names_come_oldest_first_and_a_missing_folder_has_none)
 {
     for (const char* name : {"b_20261114.log", "a_20261116.log", "a_20261114.log", "setting.ini"})
         folder.append(name, "x");
     EXPECT_EQ(log_file_names(folder.path()), (texts{"a_20261114.log", "b_20261114.log", "a_20261116.log"}));
-}
-
-TEST_F(log_files_test, a_missing_folder_has_no_names)
-{
     EXPECT_EQ(log_file_names(folder / "none"), texts{});
 }
 
@@ -104,134 +100,80 @@ TEST_F(log_files_test, a_newline_left_over_from_midnight_makes_no_line)
     EXPECT_EQ(lines_of(folder / kToday), (texts{"one", "", "two"}));
 }
 
-TEST_F(log_files_test, a_symbolic_link_is_not_read)
+TEST_F(log_files_test, neither_a_symbolic_link_nor_a_fifo_is_read)
 {
     folder.append("secret", "one\n");
     fs::create_symlink(folder / "secret", folder / kToday);
     EXPECT_EQ(lines_of(folder / kToday), texts{});
+    ASSERT_EQ(mkfifo((folder / kTomorrow).c_str(), 0600), 0);
+    EXPECT_EQ(lines_of(folder / kTomorrow), texts{});
 }
 
-TEST_F(log_files_test, a_fifo_is_not_waited_for)
-{
-    ASSERT_EQ(mkfifo((folder / kToday).c_str(), 0600), 0);
-    EXPECT_EQ(lines_of(folder / kToday), texts{});
-}
-
-class log_tail_test : public testing::Test {
-protected:
-    log_tail from_the_beginning() { return {folder.path(), "20261115", log_tail::start::at_the_beginning}; }
-    log_tail from_the_end() { return {folder.path(), "20261115", log_tail::start::at_the_end}; }
-
-    temporary_folder folder;
+/// What happens to the logs between two looks at their end, and the lines that the second look finds.
+struct event {
+    std::string appended; ///< to today's file
+    texts lines;
+    std::string appended_tomorrow = {};
+    bool is_renamed_before = false;
+    bool is_emptied_before = false;
 };
 
-TEST_F(log_tail_test, what_is_there_comes_first_and_then_what_is_added)
+struct history {
+    const char* name;
+    std::string before; ///< in the file of the first look
+    std::vector<event> events;
+    log_tail::start from = log_tail::start::at_the_beginning;
+};
+
+const std::string kLong(200'000, 'x');
+
+const history kHistories[] = {
+    {"what_is_there_and_then_what_is_added",
+     "one\n",
+     {{"", {"one"}}, {"", {}}, {"two\nthree\n", {"two", "three"}}}},
+    {"line_when_its_newline_comes", "", {{"one", {}}, {"\n", {"one"}}}},
+    {"long_log_whole", "", {{kLong + "\n" + kLong + "\n", {kLong, kLong}}}},
+    {"only_what_is_added_at_the_end", "one\n", {{"two\n", {"two"}}}, log_tail::start::at_the_end},
+    {"whole_line_at_the_end_of_an_unfinished_one", "one", {{"\n", {"one"}}}, log_tail::start::at_the_end},
+    {"only_what_is_added_at_the_end_of_a_long_log",
+     kLong + "\none",
+     {{" and more\n", {"one and more"}}},
+     log_tail::start::at_the_end},
+    {"next_days_file_after_midnight", "one\n", {{"", {"one"}}, {"two\n", {"two", "three"}, "three\n"}}},
+    {"line_that_midnight_cuts_from_its_newline_once", "one", {{"", {}}, {"", {"one", "two"}, "\ntwo\n"}}},
+    {"new_file_after_one_that_was_moved_away", "one\n", {{"", {"one"}}, {"two\n", {"two"}, "", true}}},
+    {"unfinished_line_of_a_file_that_was_moved_away",
+     "one",
+     {{"", {}}, {"\ntwo\n", {"one", "two"}, "", true}}},
+    {"beginning_of_a_file_that_was_emptied",
+     "one and a half\n",
+     {{"", {"one and a half"}}, {"two\n", {"two"}, "", false, true}}},
+};
+
+class log_tail_test : public testing::TestWithParam<history> {};
+
+TEST_P(log_tail_test, finds)
 {
-    folder.append(kToday, "one\n");
-    log_tail tail = from_the_beginning();
-    EXPECT_EQ(new_lines_of(tail), texts{"one"});
-    EXPECT_EQ(new_lines_of(tail), texts{});
-    folder.append(kToday, "two\nthree\n");
-    EXPECT_EQ(new_lines_of(tail), (texts{"two", "three"}));
+    const temporary_folder folder;
+    folder.append("tvkintif_20261114.log", "old\n"); // earlier days do not count
+    if (!GetParam().before.empty())
+        folder.append(kToday, GetParam().before);
+    log_tail tail(folder.path(), "20261115", GetParam().from);
+    for (const event& each : GetParam().events) {
+        if (each.is_renamed_before)
+            fs::rename(folder / kToday, folder / "old");
+        if (each.is_emptied_before)
+            fs::resize_file(folder / kToday, 0);
+        if (!each.appended.empty())
+            folder.append(kToday, each.appended);
+        if (!each.appended_tomorrow.empty())
+            folder.append(kTomorrow, each.appended_tomorrow);
+        EXPECT_EQ(new_lines_of(tail), each.lines);
+    }
 }
 
-TEST_F(log_tail_test, at_the_end_only_what_is_added_comes)
-{
-    folder.append(kToday, "one\n");
-    log_tail tail = from_the_end();
-    folder.append(kToday, "two\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"two"});
-}
-
-TEST_F(log_tail_test, a_line_comes_when_its_newline_does)
-{
-    log_tail tail = from_the_beginning();
-    folder.append(kToday, "one");
-    EXPECT_EQ(new_lines_of(tail), texts{});
-    folder.append(kToday, "\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"one"});
-}
-
-TEST_F(log_tail_test, at_the_end_of_an_unfinished_line_the_whole_line_comes)
-{
-    folder.append(kToday, "one");
-    log_tail tail = from_the_end();
-    folder.append(kToday, "\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"one"});
-}
-
-TEST_F(log_tail_test, a_long_log_is_read_whole)
-{
-    log_tail tail = from_the_beginning();
-    const std::string line(1000, 'x');
-    for (int i = 0; i < 200; ++i)
-        folder.append(kToday, line + "\n");
-    EXPECT_EQ(new_lines_of(tail), texts(200, line));
-}
-
-TEST_F(log_tail_test, at_the_end_of_a_long_log_only_what_is_added_comes)
-{
-    folder.append(kToday, std::string(200'000, 'x') + "\none");
-    log_tail tail = from_the_end();
-    folder.append(kToday, " and more\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"one and more"});
-}
-
-TEST_F(log_tail_test, after_midnight_the_next_days_file_is_read)
-{
-    log_tail tail = from_the_beginning();
-    folder.append(kToday, "one\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"one"});
-    folder.append(kToday, "two\n");
-    folder.append(kTomorrow, "three\n");
-    EXPECT_EQ(new_lines_of(tail), (texts{"two", "three"}));
-}
-
-TEST_F(log_tail_test, a_line_that_midnight_cuts_from_its_newline_comes_once)
-{
-    log_tail tail = from_the_beginning();
-    folder.append(kToday, "one");
-    EXPECT_EQ(new_lines_of(tail), texts{});
-    folder.append(kTomorrow, "\ntwo\n");
-    EXPECT_EQ(new_lines_of(tail), (texts{"one", "two"}));
-}
-
-TEST_F(log_tail_test, earlier_days_do_not_count)
-{
-    folder.append("tvkintif_20261114.log", "old\n");
-    log_tail tail = from_the_beginning();
-    EXPECT_EQ(new_lines_of(tail), texts{});
-}
-
-TEST_F(log_tail_test, a_file_that_was_moved_away_is_replaced_by_the_new_one)
-{
-    folder.append(kToday, "one\n");
-    log_tail tail = from_the_beginning();
-    new_lines_of(tail);
-    fs::rename(folder / kToday, folder / "old");
-    folder.append(kToday, "two\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"two"});
-}
-
-TEST_F(log_tail_test, an_unfinished_line_of_a_file_that_was_moved_away_comes_by_itself)
-{
-    folder.append(kToday, "one");
-    log_tail tail = from_the_beginning();
-    new_lines_of(tail);
-    fs::rename(folder / kToday, folder / "old");
-    folder.append(kToday, "\ntwo\n");
-    EXPECT_EQ(new_lines_of(tail), (texts{"one", "two"}));
-}
-
-TEST_F(log_tail_test, a_file_that_was_emptied_is_read_from_its_beginning)
-{
-    folder.append(kToday, "one and a half\n");
-    log_tail tail = from_the_beginning();
-    new_lines_of(tail);
-    fs::resize_file(folder / kToday, 0);
-    folder.append(kToday, "two\n");
-    EXPECT_EQ(new_lines_of(tail), texts{"two"});
-}
+INSTANTIATE_TEST_SUITE_P(, log_tail_test, testing::ValuesIn(kHistories),
+                         [](const auto& test) { return test.param.name; });
 
 class directory_watch_test : public testing::Test {
 protected:
@@ -253,20 +195,17 @@ TEST_F(directory_watch_test, a_new_file_wakes)
     EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::change);
 }
 
-TEST_F(directory_watch_test, the_end_of_the_folder_is_reported)
+TEST_F(directory_watch_test, a_folder_that_is_removed_or_renamed_is_gone)
 {
-    fs::create_directory(folder / "log");
-    directory_watch watch(folder / "log");
-    fs::remove(folder / "log");
-    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::gone);
-}
-
-TEST_F(directory_watch_test, a_folder_that_is_renamed_is_gone)
-{
-    fs::create_directory(folder / "log");
-    directory_watch watch(folder / "log");
-    fs::rename(folder / "log", folder / "old");
-    EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::gone);
+    for (const bool is_renamed : {false, true}) {
+        fs::create_directory(folder / "log");
+        directory_watch watch(folder / "log");
+        if (is_renamed)
+            fs::rename(folder / "log", folder / "old");
+        else
+            fs::remove(folder / "log");
+        EXPECT_EQ(watch.wait(deadline(support::kPatience)), directory_watch::news::gone);
+    }
 }
 
 TEST_F(directory_watch_test, nothing_happens_until_the_deadline)
