@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/caught_error.h"
 #include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/machine/udi.h"
 
@@ -24,18 +25,10 @@ TEST_F(usb_scan_test, an_empty_bus_has_no_devices)
 TEST_F(usb_scan_test, a_failing_libusb_is_reported_by_its_call_and_error)
 {
     bus.fail("init", LIBUSB_ERROR_OTHER);
-    try {
-        scan_usb(machine);
-        FAIL() << "nothing was thrown";
-    } catch (const tool_error& error) {
-        EXPECT_EQ(error.why().word, kUsbUnavailable.word);
-        EXPECT_EQ(std::string(error.what()),
-                  "the USB devices cannot be enumerated: libusb_init answers LIBUSB_ERROR_OTHER");
-    }
-}
-
-TEST_F(usb_scan_test, a_failing_search_gives_the_context_back)
-{
+    const auto error = support::caught<tool_error>([&] { scan_usb(machine); });
+    EXPECT_EQ(error.why().word, kUsbUnavailable.word);
+    EXPECT_STREQ(error.what(),
+                 "the USB devices cannot be enumerated: libusb_init answers LIBUSB_ERROR_OTHER");
     bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM);
     EXPECT_THROW(scan_usb(machine), tool_error);
 }
@@ -79,25 +72,16 @@ TEST_F(usb_scan_test, texts_are_read_from_a_device_that_may_be_opened)
     EXPECT_EQ(only_device().product, "Model X");
 }
 
-TEST_F(usb_scan_test, texts_come_from_sysfs_when_the_device_may_not_be_opened)
+TEST_F(usb_scan_test, texts_come_from_sysfs_when_the_device_may_not_be_opened_as_the_program_would_read_them)
 {
     fake_usb::device device = scanner();
     device.serial = "SN0042";
     device.open_error = LIBUSB_ERROR_ACCESS;
     bus.plug(device);
-    write_sysfs("1-2.3/serial", "SN0042\n");
-    write_sysfs("1-2.3/product", "Model X\n");
-    EXPECT_EQ(only_device().serial, "SN0042");
-    EXPECT_EQ(only_device().product, "Model X");
-}
-
-TEST_F(usb_scan_test, texts_from_sysfs_read_as_the_program_reads_them)
-{
-    fake_usb::device device = scanner();
-    device.open_error = LIBUSB_ERROR_ACCESS;
-    bus.plug(device);
     write_sysfs("1-2.3/serial", "Nr\u00e4\u20ac\U0001F600.\n");
+    write_sysfs("1-2.3/product", "Model X\n");
     EXPECT_EQ(only_device().serial, "Nr????.");
+    EXPECT_EQ(only_device().product, "Model X");
 }
 
 TEST_F(usb_scan_test, a_device_of_no_use_is_not_opened)
@@ -146,24 +130,20 @@ TEST_F(usb_scan_test, configurations_end_at_the_first_that_cannot_be_read)
     EXPECT_TRUE(only_device().configurations.empty());
 }
 
-TEST_F(usb_scan_test, the_active_configuration_comes_from_sysfs)
+TEST_F(usb_scan_test, the_active_configuration_comes_from_sysfs_where_a_device_may_have_none)
 {
     bus.plug(scanner());
     write_sysfs("1-2.3/bConfigurationValue", "1\n");
     EXPECT_EQ(only_device().active_configuration, 1);
-}
-
-TEST_F(usb_scan_test, an_unconfigured_device_has_no_active_configuration)
-{
-    bus.plug(scanner());
     write_sysfs("1-2.3/bConfigurationValue", "\n");
     EXPECT_EQ(only_device().active_configuration, std::nullopt);
 }
 
-TEST_F(usb_scan_test, a_missing_node_is_reported)
+TEST_F(usb_scan_test, a_missing_node_is_reported_and_held_by_nobody)
 {
     bus.plug(scanner());
     EXPECT_FALSE(only_device().node.exists);
+    EXPECT_TRUE(find_node_holders(only_device().node, machine).found.empty());
 }
 
 TEST_F(usb_scan_test, a_node_tells_owner_mode_and_whether_it_may_be_opened)
@@ -178,19 +158,13 @@ TEST_F(usb_scan_test, a_node_tells_owner_mode_and_whether_it_may_be_opened)
     EXPECT_TRUE(found.may_open);
 }
 
-TEST_F(usb_scan_test, a_bound_kernel_driver_is_named)
-{
-    bus.plug(scanner());
-    write_sysfs("1-2.3/bConfigurationValue", "1\n");
-    bind_driver("1-2.3:1.0", "usblp");
-    EXPECT_EQ(kernel_driver_of(only_device(), 0, machine), "usblp");
-}
-
-TEST_F(usb_scan_test, an_interface_without_a_driver_has_none)
+TEST_F(usb_scan_test, a_kernel_driver_is_named_when_one_is_bound)
 {
     bus.plug(scanner());
     write_sysfs("1-2.3/bConfigurationValue", "1\n");
     EXPECT_EQ(kernel_driver_of(only_device(), 0, machine), "");
+    bind_driver("1-2.3:1.0", "usblp");
+    EXPECT_EQ(kernel_driver_of(only_device(), 0, machine), "usblp");
 }
 
 TEST_F(usb_scan_test, the_process_that_holds_a_node_is_found)
@@ -217,35 +191,16 @@ TEST_F(usb_scan_test, a_device_is_told_from_another_by_its_numbers)
     EXPECT_EQ(holders.found[0].name, "holder");
 }
 
-TEST_F(usb_scan_test, nobody_holds_a_node_that_is_not_there)
-{
-    bus.plug(scanner());
-    EXPECT_TRUE(find_node_holders(only_device().node, machine).found.empty());
-}
-
-TEST_F(usb_scan_test, the_address_has_the_serial_number)
-{
-    usb_device device;
-    device.vendor_id = 0x1a2b;
-    device.product_id = 0xa71;
-    device.serial = "SN 42";
-    EXPECT_EQ(udi_of(device), "usb:1a2b:0a71:SN 42");
-}
-
-TEST_F(usb_scan_test, a_serial_number_with_a_colon_stays_out_of_the_address)
-{
-    usb_device device;
-    device.vendor_id = 0x1a2b;
-    device.product_id = 0x3c4d;
-    device.serial = "A:B";
-    EXPECT_EQ(udi_of(device), "usb:1a2b:3c4d");
-}
-
-TEST_F(usb_scan_test, a_device_with_an_id_of_zero_has_no_address)
+TEST(udi, has_the_serial_number_unless_that_has_a_colon_and_none_without_both_ids)
 {
     usb_device device;
     device.vendor_id = 0x1a2b;
     EXPECT_EQ(udi_of(device), "");
+    device.product_id = 0xa71;
+    device.serial = "SN 42";
+    EXPECT_EQ(udi_of(device), "usb:1a2b:0a71:SN 42");
+    device.serial = "A:B";
+    EXPECT_EQ(udi_of(device), "usb:1a2b:0a71");
 }
 
 TEST(udi, a_shell_word_is_quoted_only_where_it_must_be)
