@@ -35,18 +35,14 @@ void wait_for_reset(const raw_connection& wire)
 
 } // namespace
 
-TEST(connection, connecting_to_a_port_without_listener_is_refused)
+TEST(connection, connecting_to_a_port_without_listener_or_to_an_invalid_one_fails)
 {
     const bound_socket silent;
-    const auto error = error_of([&] { raw_connection wire(silent.port()); });
-    EXPECT_EQ(error.what(), "connect to port " + std::to_string(silent.port()) +
-                                ": expected a listener on 127.0.0.1, got Connection refused");
-}
-
-TEST(connection, connecting_to_an_invalid_port_number_fails)
-{
-    const auto error = error_of([] { raw_connection wire(65536); });
-    EXPECT_STREQ(error.what(), "connect to port 65536: expected a port from 1 to 65535, got 65536");
+    const auto refusal = error_of([&] { raw_connection wire(silent.port()); });
+    EXPECT_EQ(refusal.what(), "connect to port " + std::to_string(silent.port()) +
+                                  ": expected a listener on 127.0.0.1, got Connection refused");
+    const auto invalid = error_of([] { raw_connection wire(65536); });
+    EXPECT_STREQ(invalid.what(), "connect to port 65536: expected a port from 1 to 65535, got 65536");
 }
 
 TEST(connection, connecting_gives_up_when_nobody_takes_the_connection)
@@ -58,19 +54,12 @@ TEST(connection, connecting_gives_up_when_nobody_takes_the_connection)
     EXPECT_EQ(error.came(), "no answer within 100 ms");
 }
 
-TEST(connection, written_bytes_reach_the_peer)
-{
-    scripted_peer peer({expects(from_hex("00 01 02"))});
-    raw_connection wire(peer.port());
-    wire.write(from_hex("00 01"));
-    wire.write(from_hex("02"));
-}
-
-TEST(connection, write_moves_more_than_the_kernel_buffers)
+TEST(connection, written_bytes_reach_the_peer_even_more_than_the_kernel_buffers)
 {
     const bytes much = pattern(20'000'000);
-    scripted_peer peer({expects(much)});
+    scripted_peer peer({expects(from_hex("00 01")), expects(much)});
     raw_connection wire(peer.port());
+    wire.write(from_hex("00 01"));
     wire.write(much);
 }
 
@@ -103,22 +92,13 @@ TEST(connection, write_to_a_broken_connection_raises_no_signal)
     EXPECT_EQ(error.came(), "Broken pipe after 0 bytes");
 }
 
-TEST(connection, read_takes_exactly_the_size)
+TEST(connection, read_takes_exactly_the_size_and_joins_what_comes_in_parts)
 {
-    scripted_peer peer({answers(from_hex("01 02 03"))});
+    scripted_peer peer({answers(from_hex("01 02")), expects(from_hex("aa")), answers(from_hex("03 04 05"))});
     raw_connection wire(peer.port());
-    EXPECT_EQ(wire.read(2), from_hex("01 02"));
-}
-
-TEST(connection, read_joins_what_comes_in_parts)
-{
-    scripted_peer peer({answers(from_hex("01")), expects(from_hex("aa")), answers(from_hex("02 03"))});
-    raw_connection wire(peer.port());
-    bytes all = wire.read(1);
+    EXPECT_EQ(wire.read(1), from_hex("01"));
     wire.write(from_hex("aa"));
-    for (const unsigned char byte : wire.read(2))
-        all.push_back(byte);
-    EXPECT_EQ(all, from_hex("01 02 03"));
+    EXPECT_EQ(wire.read(3), from_hex("02 03 04"));
 }
 
 TEST(connection, read_tells_at_which_byte_the_stream_ended)
@@ -163,17 +143,13 @@ TEST(connection, half_close_ends_this_side_and_leaves_the_other)
     EXPECT_EQ(wire.read(1), from_hex("02"));
 }
 
-TEST(connection, reset_reaches_the_peer_as_one)
+TEST(connection, reset_reaches_the_peer_as_one_and_close_as_the_end_of_the_stream)
 {
-    scripted_peer peer({expects(from_hex("01")), expects_reset()});
-    raw_connection wire(peer.port());
-    wire.write(from_hex("01"));
-    wire.end_with_reset();
-}
-
-TEST(connection, close_reaches_the_peer_as_the_end_of_the_stream)
-{
-    scripted_peer peer({expects(from_hex("01")), expects_end()});
-    raw_connection wire(peer.port());
-    wire.write(from_hex("01"));
+    for (const bool is_reset : {false, true}) {
+        scripted_peer peer({expects(from_hex("01")), is_reset ? expects_reset() : expects_end()});
+        raw_connection wire(peer.port());
+        wire.write(from_hex("01"));
+        if (is_reset)
+            wire.end_with_reset();
+    }
 }
