@@ -12,12 +12,14 @@
 #include "support/files.h"
 #include "support/scripted_peer.h"
 #include "support/wait_until.h"
+#include "tvkctl/src/commands/exit_code.h"
 
 namespace process_test {
 
 namespace {
 
 using nlohmann::json;
+using tarvik::tvkctl::exit_code;
 
 constexpr const char* kUdi = "usb:1a2b:3c4d";
 
@@ -43,6 +45,12 @@ protected:
         const auto end = clock::now() + std::chrono::seconds(1);
         ASSERT_TRUE(support::wait_until(std::chrono::seconds(10), [&] { return clock::now() >= end; }));
         held.release();
+    }
+
+    /// The scanner's answer to the first read comes when `held` is released.
+    void with_held_read(const held_transfer& held)
+    {
+        with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
     }
 
     static void expect_one_line_with(const std::string& text, const std::string& part)
@@ -83,20 +91,16 @@ TEST_F(tvkctl_run_test, a_step_reaches_the_scanner_in_one_transfer)
                                                            .text());
 }
 
-TEST_F(tvkctl_run_test, chunk_limits_each_request_in_both_directions)
+TEST_F(tvkctl_run_test, chunk_limits_each_request_in_both_directions_to_64_kib_where_it_is_not_given)
 {
     run_steps({"--chunk", "2", "send 010203", "recv 5 > a.raw"});
     EXPECT_EQ(usb_lines_about("plugin_good writer").text(),
               (lines{"plugin_good writer 2", "plugin_good writer 1"}).text());
-    EXPECT_EQ(usb_lines_about("plugin_good reader").text(),
-              (lines{"plugin_good reader 2", "plugin_good reader 2", "plugin_good reader 1"}).text());
-}
-
-TEST_F(tvkctl_run_test, a_long_receive_is_asked_for_in_pieces_of_64_kib)
-{
     run_steps({"recv 65537 > a.raw"});
     EXPECT_EQ(usb_lines_about("plugin_good reader").text(),
-              (lines{"plugin_good reader 65536", "plugin_good reader 1"}).text());
+              (lines{"plugin_good reader 2", "plugin_good reader 2", "plugin_good reader 1",
+                     "plugin_good reader 65536", "plugin_good reader 1"})
+                  .text());
 }
 
 TEST_F(tvkctl_run_test, a_receive_to_a_file_fills_it_and_says_so)
@@ -115,7 +119,7 @@ TEST_F(tvkctl_run_test, a_receive_that_takes_a_second_shows_bytes_rate_and_time_
 {
     REQUIRE_TERMINALS();
     held_transfer held;
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    with_held_read(held);
     start_on_terminal("run usb:1a2b:3c4d \"recv 128KiB > a.raw\"");
     hold_for_a_second(held);
     const tvkctl_result result = wait();
@@ -127,24 +131,18 @@ TEST_F(tvkctl_run_test, a_receive_that_takes_a_second_shows_bytes_rate_and_time_
 TEST_F(tvkctl_run_test, a_receive_shows_no_progress_elsewhere)
 {
     held_transfer held;
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    with_held_read(held);
     start({"run", kUdi, "recv 128KiB > a.raw"});
     hold_for_a_second(held);
     EXPECT_EQ(wait().err, "");
 }
 
-TEST_F(tvkctl_run_test, two_arrows_add_to_a_file)
+TEST_F(tvkctl_run_test, two_arrows_add_to_a_file_and_one_replaces_it)
 {
-    write_scratch("a.raw", "before ");
     with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 bytes 4142\n");
+    write_scratch("a.raw", "before ");
     run_steps({"recv 2 >> a.raw"});
     EXPECT_EQ(support::read_file(scratch("a.raw")), "before AB");
-}
-
-TEST_F(tvkctl_run_test, one_arrow_replaces_a_file)
-{
-    write_scratch("a.raw", "before ");
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 bytes 4142\n");
     run_steps({"recv 2 > a.raw"});
     EXPECT_EQ(support::read_file(scratch("a.raw")), "AB");
 }
@@ -232,41 +230,62 @@ TEST_F(tvkctl_run_test, a_refused_step_is_the_last_and_the_scanner_is_parked)
                   .text());
 }
 
-TEST_F(tvkctl_run_test, a_refused_query_has_the_same_status)
+struct failing_run {
+    const char* name;
+    std::string steps; ///< and options, as a shell takes them
+    exit_code code;
+    const char* complaint; ///< a part of the one line on standard error
+    const char* plugin = "plugin_good";
+};
+
+class failing_runs : public tvkctl_run_test, public testing::WithParamInterface<failing_run> {};
+
+TEST_P(failing_runs, have_a_status_and_a_line_that_says_why)
 {
-    EXPECT_EQ(run_steps({"query 0xFFFFFFFF"}).status, 13);
+    with_plugin(GetParam().plugin);
+    const tvkctl_result result = run_in_shell("exec \"$TVKCTL\" run usb:1a2b:3c4d " + GetParam().steps);
+    EXPECT_EQ(result.status, static_cast<int>(GetParam().code));
+    expect_one_line_with(result.err, GetParam().complaint);
 }
 
-TEST_F(tvkctl_run_test, a_refused_open_says_who_knows_why)
-{
-    with_plugin("plugin_refusing");
-    const tvkctl_result result = run_steps({"send 01"});
-    EXPECT_EQ(result.status, 12);
-    EXPECT_EQ(result.err, "tvkctl: the program cannot open usb:1a2b:3c4d: it answers ng. See why with: "
-                          "tvkctl explain usb:1a2b:3c4d.\n");
-}
+const failing_run kFailingRuns[] = {
+    {"missing_file_to_send", "'send @none.bin'", exit_code::input_file,
+     "tvkctl: none.bin cannot be read: No such file or directory. Check the name after the @.\n"},
+    {"missing_script", "--script none.steps", exit_code::input_file, "none.steps"},
+    {"file_that_cannot_be_made", "'recv 4 > none/a.raw'", exit_code::output_file,
+     "tvkctl: step 1, \"recv 4 > none/a.raw\": none/a.raw cannot be written: No such file or directory. "
+     "Check the folder, its rights and the space that is left.\n"},
+    {"full_disk", "'recv 4 > /dev/full'", exit_code::output_file, "/dev/full"},
+    {"file_that_is_not_there", "--program /nonexistent 'send 01'", exit_code::start_failed, "/nonexistent"},
+    {"program_that_prints_no_port", "--program /bin/true 'send 01'", exit_code::start_failed, "/bin/true"},
+    {"port_where_nobody_listens", "--connect 1 'send 01'", exit_code::connect_failed, "connect to port 1"},
+    {"refused_open", "'send 01'", exit_code::open_refused,
+     "tvkctl: the program cannot open usb:1a2b:3c4d: it answers ng. See why with: tvkctl explain "
+     "usb:1a2b:3c4d.\n",
+     "plugin_refusing"},
+    {"refused_query", "'query 0xFFFFFFFF'", exit_code::request_refused, "query 0xFFFFFFFF"},
+    {"plugin_that_crashes", "'recv 4 > a.raw'", exit_code::connection_lost,
+     "the program ended with signal 6 (Aborted); a.raw keeps the 0 bytes that came",
+     "plugin_crashing_in_reader"},
+    {"plugin_that_crashes_at_the_end", "'send 01'", exit_code::program_failed,
+     "the program ended with signal 6", "plugin_crashing_in_dtor"},
+};
 
-TEST_F(tvkctl_run_test, a_plugin_that_crashes_ends_the_connection)
-{
-    with_plugin("plugin_crashing_in_reader");
-    const tvkctl_result result = run_steps({"recv 4 > a.raw"});
-    EXPECT_EQ(result.status, 14);
-    expect_one_line_with(result.err, "the program ended with signal 6");
-    expect_one_line_with(result.err, "a.raw keeps the 0 bytes that came");
-}
+INSTANTIATE_TEST_SUITE_P(tvkctl, failing_runs, testing::ValuesIn(kFailingRuns),
+                         [](const auto& test) { return test.param.name; });
 
-TEST_F(tvkctl_run_test, a_plugin_that_crashes_at_the_end_is_not_overlooked)
+TEST_F(tvkctl_run_test, what_cannot_be_read_or_written_costs_no_transfer)
 {
-    with_plugin("plugin_crashing_in_dtor");
-    const tvkctl_result result = run_steps({"send 01"});
-    EXPECT_EQ(result.status, 17);
-    expect_one_line_with(result.err, "the program ended with signal 6");
+    EXPECT_EQ(run_steps({"send 01", "send @none.bin"}).out, "");
+    EXPECT_EQ(usb_lines_about("plugin_good").text(), "");
+    run_steps({"recv 4 > none/a.raw"});
+    EXPECT_EQ(usb_lines_about("plugin_good reader").text(), "");
 }
 
 TEST_F(tvkctl_run_test, a_scanner_that_does_not_answer_runs_into_the_timeout)
 {
     held_transfer held;
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    with_held_read(held);
     const tvkctl_result result = run_steps({"--timeout", "200ms", "recv 4"});
     EXPECT_EQ(result.status, 15);
     expect_one_line_with(result.err, "step 1, \"recv 4\": ");
@@ -275,7 +294,7 @@ TEST_F(tvkctl_run_test, a_scanner_that_does_not_answer_runs_into_the_timeout)
 TEST_F(tvkctl_run_test, an_interrupt_ends_the_session_and_keeps_what_came)
 {
     held_transfer held;
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 hold " + held.path() + "\n");
+    with_held_read(held);
     start({"run", kUdi, "recv 4 > a.raw", "send 01"});
     ASSERT_TRUE(held.is_reached());
     ASSERT_TRUE(process().signal(SIGINT));
@@ -296,37 +315,6 @@ TEST_F(tvkctl_run_test, an_interrupt_ends_a_sleep)
     EXPECT_EQ(wait().status, 130);
 }
 
-TEST_F(tvkctl_run_test, a_file_that_cannot_be_made_costs_no_transfer)
-{
-    const tvkctl_result result = run_steps({"recv 4 > none/a.raw"});
-    EXPECT_EQ(result.status, 4);
-    EXPECT_EQ(result.err,
-              "tvkctl: step 1, \"recv 4 > none/a.raw\": none/a.raw cannot be written: No such file or "
-              "directory. Check the folder, its rights and the space that is left.\n");
-    EXPECT_EQ(usb_lines_about("plugin_good reader").text(), "");
-}
-
-TEST_F(tvkctl_run_test, a_full_disk_is_reported)
-{
-    EXPECT_EQ(run_steps({"recv 4 > /dev/full"}).status, 4);
-}
-
-TEST_F(tvkctl_run_test, a_missing_file_to_send_is_reported_before_the_scanner_is_opened)
-{
-    const tvkctl_result result = run_steps({"send @none.bin"});
-    EXPECT_EQ(result.status, 3);
-    EXPECT_EQ(result.err, "tvkctl: none.bin cannot be read: No such file or directory. Check the name "
-                          "after the @.\n");
-    EXPECT_EQ(result.out, "");
-}
-
-TEST_F(tvkctl_run_test, a_file_that_is_not_a_program_cannot_be_started)
-{
-    const tvkctl_result result = run_steps({"--program", "/nonexistent", "send 01"});
-    EXPECT_EQ(result.status, 10);
-    expect_one_line_with(result.err, "/nonexistent");
-}
-
 TEST_F(tvkctl_run_test, a_program_that_cannot_be_found_is_reported)
 {
     with_environment("PATH", "/nonexistent");
@@ -336,13 +324,6 @@ TEST_F(tvkctl_run_test, a_program_that_cannot_be_found_is_reported)
               "tvkctl: no tvkintif is beside tvkctl or in PATH. Say where it is with --program.\n");
 }
 
-TEST_F(tvkctl_run_test, a_program_that_prints_no_port_is_not_taken_for_the_right_one)
-{
-    const tvkctl_result result = run_steps({"--program", "/bin/true", "send 01"});
-    EXPECT_EQ(result.status, 10);
-    expect_one_line_with(result.err, "/bin/true");
-}
-
 TEST_F(tvkctl_run_test, connect_drives_a_program_that_somebody_else_started)
 {
     tarvik::front_end started(launch_of(tvkintif_path, {}));
@@ -350,13 +331,6 @@ TEST_F(tvkctl_run_test, connect_drives_a_program_that_somebody_else_started)
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(usb_lines_about("plugin_good writer").text(), (lines{"plugin_good writer 1"}).text());
     EXPECT_EQ(started.finish(), tarvik::exit_status::exited(0));
-}
-
-TEST_F(tvkctl_run_test, a_port_where_nobody_listens_is_reported)
-{
-    const tvkctl_result result = run_steps({"--connect", "1", "send 01"});
-    EXPECT_EQ(result.status, 11);
-    expect_one_line_with(result.err, "connect to port 1");
 }
 
 TEST_F(tvkctl_run_test, a_reply_with_another_id_breaks_the_protocol)
@@ -380,7 +354,7 @@ TEST_F(tvkctl_run_test, a_machine_without_descriptors_left_is_reported)
 
 struct bad_command_line {
     const char* name;
-    std::vector<std::string> arguments;
+    std::string arguments; ///< as a shell takes them
     const char* complaint; ///< all of it but "tvkctl: "
 };
 
@@ -388,46 +362,39 @@ class bad_command_lines : public tvkctl_run_test, public testing::WithParamInter
 
 TEST_P(bad_command_lines, get_one_line_and_the_status_for_it)
 {
-    const tvkctl_result result = run(GetParam().arguments);
+    const tvkctl_result result = run_in_shell("exec \"$TVKCTL\" " + GetParam().arguments);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, std::string("tvkctl: ") + GetParam().complaint + "\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    tvkctl, bad_command_lines,
-    testing::Values(
-        bad_command_line{"no_command", {}, "A subcommand is required. See tvkctl --help."},
-        bad_command_line{"unknown_command", {"scan"}, "unknown command \"scan\". See tvkctl --help."},
-        bad_command_line{"unknown_option",
-                         {"list", "--every"},
-                         "The following argument was not expected: --every. See tvkctl list --help."},
-        bad_command_line{"no_address", {"run"}, "UDI is required. See tvkctl run --help."},
-        bad_command_line{"bad_address",
-                         {"run", "1a2b:3c4d", "send 01"},
-                         "invalid scanner address \"1a2b:3c4d\". An address is usb:VENDOR:PRODUCT or "
-                         "usb:VENDOR:PRODUCT:SERIAL, with hexadecimal ids; tvkctl list shows them."},
-        bad_command_line{"no_steps",
-                         {"run", kUdi},
-                         "no steps are given. Give some, such as 'recv 512', or a file with --script."},
-        bad_command_line{"steps_twice",
-                         {"run", kUdi, "send 01", "--script", "a"},
-                         "steps are given both by --script and as arguments. Leave one of them out."},
-        bad_command_line{"bad_chunk",
-                         {"run", kUdi, "--chunk", "0", "recv 1"},
-                         "invalid size \"0\" for --chunk. Write 512, 0x200, 64KiB, 1MiB or 2GiB, less than "
-                         "4GiB."},
-        bad_command_line{"bad_port",
-                         {"run", kUdi, "--connect", "65536", "recv 1"},
-                         "invalid port \"65536\" for --connect. Give the number that the program printed "
-                         "when it started."},
-        bad_command_line{"bad_timeout",
-                         {"run", kUdi, "--timeout", "0", "recv 1"},
-                         "invalid time \"0\" for --timeout. Write 2, 0.5, 3s or 250ms."},
-        bad_command_line{"program_and_port",
-                         {"run", kUdi, "--program", "a", "--connect", "1", "recv 1"},
-                         "--connect excludes --program. See tvkctl run --help."}),
-    [](const auto& which) { return which.param.name; });
+const bad_command_line kBadCommandLines[] = {
+    {"no_command", "", "A subcommand is required. See tvkctl --help."},
+    {"unknown_command", "scan", "unknown command \"scan\". See tvkctl --help."},
+    {"unknown_option", "list --every",
+     "The following argument was not expected: --every. See tvkctl list --help."},
+    {"no_address", "run", "UDI is required. See tvkctl run --help."},
+    {"bad_address", "run 1a2b:3c4d 'send 01'",
+     "invalid scanner address \"1a2b:3c4d\". An address is usb:VENDOR:PRODUCT or "
+     "usb:VENDOR:PRODUCT:SERIAL, with hexadecimal ids; tvkctl list shows them."},
+    {"no_steps", "run usb:1a2b:3c4d",
+     "no steps are given. Give some, such as 'recv 512', or a file with --script."},
+    {"steps_twice", "run usb:1a2b:3c4d 'send 01' --script a",
+     "steps are given both by --script and as arguments. Leave one of them out."},
+    {"bad_chunk", "run usb:1a2b:3c4d --chunk 0 'recv 1'",
+     "invalid size \"0\" for --chunk. Write 512, 0x200, 64KiB, 1MiB or 2GiB, less than "
+     "4GiB."},
+    {"bad_port", "run usb:1a2b:3c4d --connect 65536 'recv 1'",
+     "invalid port \"65536\" for --connect. Give the number that the program printed "
+     "when it started."},
+    {"bad_timeout", "run usb:1a2b:3c4d --timeout 0 'recv 1'",
+     "invalid time \"0\" for --timeout. Write 2, 0.5, 3s or 250ms."},
+    {"program_and_port", "run usb:1a2b:3c4d --program a --connect 1 'recv 1'",
+     "--connect excludes --program. See tvkctl run --help."},
+};
+
+INSTANTIATE_TEST_SUITE_P(tvkctl, bad_command_lines, testing::ValuesIn(kBadCommandLines),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(tvkctl_run_test, a_step_without_quotes_is_reported_with_the_forms_of_all_steps)
 {
@@ -438,11 +405,6 @@ TEST_F(tvkctl_run_test, a_step_without_quotes_is_reported_with_the_forms_of_all_
                                                 "put the whole step in quotes: 'send 01 02'\\. A step "
                                                 "is one of: send [^\n]*, recv [^\n]*\\.\n")))
         << result.err;
-}
-
-TEST_F(tvkctl_run_test, a_missing_script_is_an_unreadable_input)
-{
-    EXPECT_EQ(run_steps({"--script", "none.steps"}).status, 3);
 }
 
 } // namespace
