@@ -144,27 +144,19 @@ TEST_F(tvkctl_log_test, json_has_the_state)
                               {"done", json::array()}}));
 }
 
-TEST_F(tvkctl_log_test, what_on_turns_on_is_what_the_program_heeds)
+TEST_F(tvkctl_log_test, the_program_heeds_what_on_and_off_set)
 {
-    EXPECT_EQ(run({"log", "on"}).status, 0);
-    run({"run", "usb:1a2b:3c4d", "query 1"});
-    EXPECT_NE(support::raw_log().find("[INFO]open usb:1a2b:3c4d\n"), std::string::npos);
-}
-
-TEST_F(tvkctl_log_test, the_level_that_on_sets_is_what_the_program_heeds)
-{
+    const std::vector<std::string> session = {"run", "usb:1a2b:3c4d", "query 1"};
     EXPECT_EQ(run({"log", "on", "--level", "error"}).status, 0);
-    run({"run", "usb:1a2b:3c4d", "query 1"});
+    run(session);
     EXPECT_EQ(support::raw_log(), "");
-}
-
-TEST_F(tvkctl_log_test, what_off_turns_off_is_what_the_program_heeds)
-{
-    support::make_log_directory();
-    append(line_of("INFO", "kept"));
+    EXPECT_EQ(run({"log", "on", "--level", "info"}).status, 0);
+    run(session);
+    const std::string logged = support::raw_log();
+    EXPECT_NE(logged.find("[INFO]open usb:1a2b:3c4d\n"), std::string::npos);
     EXPECT_EQ(run({"log", "off"}).status, 0);
-    run({"run", "usb:1a2b:3c4d", "query 1"});
-    EXPECT_EQ(support::raw_log(), line_of("INFO", "kept"));
+    run(session);
+    EXPECT_EQ(support::raw_log(), logged);
 }
 
 TEST_F(tvkctl_log_test, off_says_what_it_did)
@@ -215,29 +207,17 @@ TEST_F(tvkctl_log_test, on_for_a_user_lets_that_users_programs_log)
     EXPECT_NE(seen_by_nobody.out.find("owner nobody, mode 0755"), std::string::npos) << seen_by_nobody.out;
 }
 
-TEST_F(tvkctl_log_test, show_prints_todays_lines)
+TEST_F(tvkctl_log_test, show_prints_the_lines_of_a_day_from_a_level_on)
 {
     support::make_log_directory();
+    const std::string today =
+        line_of("INFO", "one") + "and more\n" + line_of("WARNING", "two") + line_of("ERROR", "three");
     append(line_of("INFO", "old"), -1);
-    append(line_of("INFO", "one") + "and more\n" + line_of("ERROR", "two"));
-    const tvkctl_result result = run({"log", "show"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, line_of("INFO", "one") + "and more\n" + line_of("ERROR", "two"));
-}
-
-TEST_F(tvkctl_log_test, show_filters_by_level)
-{
-    support::make_log_directory();
-    append(line_of("INFO", "one") + "and more\n" + line_of("WARNING", "two") + line_of("ERROR", "three"));
+    append(today);
+    EXPECT_EQ(run({"log", "show"}).out, today);
     EXPECT_EQ(run({"log", "show", "--level", "WARNING"}).out,
               line_of("WARNING", "two") + line_of("ERROR", "three"));
-}
-
-TEST_F(tvkctl_log_test, show_prints_another_day)
-{
-    support::make_log_directory();
-    append(line_of("INFO", "old"), -2);
-    EXPECT_EQ(run({"log", "show", "--date", date("%Y-%m-%d", -2)}).out, line_of("INFO", "old"));
+    EXPECT_EQ(run({"log", "show", "--date", date("%Y-%m-%d", -1)}).out, line_of("INFO", "old"));
 }
 
 TEST_F(tvkctl_log_test, show_lets_no_control_byte_through)
@@ -265,23 +245,18 @@ TEST_F(tvkctl_log_test, show_writes_lines_as_json)
                                    {{"message", "and more"}}}}}}}}));
 }
 
-TEST_F(tvkctl_log_test, a_day_without_log_is_73_and_names_the_newest)
+TEST_F(tvkctl_log_test, a_day_without_log_is_73_and_names_the_newest_or_tells_how_to_get_one)
 {
+    const std::string complaint =
+        "tvkctl: there is no log of " + date("%Y-%m-%d") + " in /tmp/velnor/tvkintif. ";
+    EXPECT_EQ(run({"log", "show"}).err, complaint + "Turn it on with: tvkctl log on.\n");
     support::make_log_directory();
     append(line_of("INFO", "old"), -2);
+    const std::string day = date("%Y-%m-%d", -2);
     const tvkctl_result result = run({"log", "show"});
     EXPECT_EQ(result.status, 73);
-    EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
-                              " in /tmp/velnor/tvkintif. The newest " + "is that of " + date("%Y-%m-%d", -2) +
-                              ": tvkctl log show --date " + date("%Y-%m-%d", -2) + ".\n");
-}
-
-TEST_F(tvkctl_log_test, no_log_at_all_is_73_and_tells_how_to_get_one)
-{
-    const tvkctl_result result = run({"log", "show"});
-    EXPECT_EQ(result.status, 73);
-    EXPECT_EQ(result.err, "tvkctl: there is no log of " + date("%Y-%m-%d") +
-                              " in /tmp/velnor/tvkintif. Turn it on with: tvkctl log on.\n");
+    EXPECT_EQ(result.err,
+              complaint + "The newest is that of " + day + ": tvkctl log show --date " + day + ".\n");
 }
 
 TEST_F(tvkctl_log_test, a_log_that_cannot_be_read_is_3)
@@ -314,34 +289,26 @@ TEST_F(tvkctl_log_test, follow_begins_with_the_last_lines_and_goes_on)
 
 TEST_F(tvkctl_log_test, follow_goes_on_after_midnight)
 {
+    std::string all = line_of("INFO", "one");
     support::make_log_directory();
-    append(line_of("INFO", "one"));
+    append(all);
     start_following();
-    EXPECT_TRUE(has_followed(line_of("INFO", "one")));
-    append(line_of("INFO", "two"), 1);
-    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
-    append(line_of("INFO", "three"), 1);
-    EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two") + line_of("INFO", "three")));
+    EXPECT_TRUE(has_followed(all));
+    for (const char* message : {"two", "three"}) {
+        append(line_of("INFO", message), 1);
+        EXPECT_TRUE(has_followed(all += line_of("INFO", message)));
+    }
     end_following();
 }
 
-TEST_F(tvkctl_log_test, follow_filters_by_level)
+TEST_F(tvkctl_log_test, follow_filters_by_level_and_writes_json_line_by_line)
 {
     support::make_log_directory();
-    start_following({"--level", "ERROR"});
+    start_following({"--level", "ERROR", "--json"});
     append(line_of("INFO", "one") + line_of("ERROR", "two"));
-    EXPECT_TRUE(has_followed(line_of("ERROR", "two")));
-    end_following();
-}
-
-TEST_F(tvkctl_log_test, follow_writes_json_line_by_line)
-{
-    support::make_log_directory();
-    append(line_of("INFO", "one"));
-    start_following({"--json"});
     EXPECT_TRUE(
-        has_followed("{\"clock\":\"10:23:45.45000\",\"process\":1234,\"thread\":1236,\"level\":\"INFO\","
-                     "\"message\":\"one\"}\n"));
+        has_followed("{\"clock\":\"10:23:45.45000\",\"process\":1234,\"thread\":1236,\"level\":\"ERROR\","
+                     "\"message\":\"two\"}\n"));
     end_following();
 }
 
