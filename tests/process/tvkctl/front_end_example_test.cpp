@@ -32,6 +32,15 @@ protected:
         return run_launch(how);
     }
 
+    /// What it says of a run that fails.
+    std::string failure_of(const std::vector<std::string>& arguments)
+    {
+        const tvkctl_result result = run_script(arguments);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        return result.err;
+    }
+
     static void put_program_in_path(const std::string& command)
     {
         write_scratch("tvkintif", "#!/bin/sh\nexport LD_PRELOAD=\"$FOR_PROGRAM\"\n" + command + "\n");
@@ -67,11 +76,16 @@ TEST_F(front_end_example, lets_the_program_end_in_order)
 
 TEST_F(front_end_example, names_the_step_that_failed)
 {
-    with_bus("device scanner 1a2b:3c4d\ntransfer scanner 81 result LIBUSB_ERROR_IO count 0\n");
-    const tvkctl_result result = run_script({"usb:1a2b:3c4d", "1b", "4"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "front_end.py: receive 4 bytes: answered with ng\n");
+    const std::string failed_read = "transfer scanner 81 result LIBUSB_ERROR_IO count 0\n";
+    with_bus("device scanner 1a2b:3c4d\n" + failed_read);
+    const std::vector<std::string> arguments = {"usb:1a2b:3c4d", "1b", "4"};
+    EXPECT_EQ(failure_of(arguments), "front_end.py: receive 4 bytes: answered with ng\n");
+    with_plugin("plugin_refusing");
+    EXPECT_EQ(failure_of(arguments), "front_end.py: open usb:1a2b:3c4d: answered with ng\n");
+    with_plugin("plugin_crashing_in_reader");
+    EXPECT_EQ(failure_of(arguments), "front_end.py: tvkintif ended with status -6\n");
+    put_program_in_path("echo -1; exit 1");
+    EXPECT_EQ(failure_of(arguments), "front_end.py: start tvkintif: expected a port, got b'-1\\n'\n");
 }
 
 TEST_F(front_end_example, keeps_the_pieces_that_came_before_a_failure)
@@ -82,30 +96,6 @@ TEST_F(front_end_example, keeps_the_pieces_that_came_before_a_failure)
     const tvkctl_result result = run_script({"usb:1a2b:3c4d", "1b", "65540"});
     EXPECT_EQ(result.out.size(), 65536U);
     EXPECT_EQ(result.err, "front_end.py: receive 4 bytes: answered with ng\n");
-}
-
-TEST_F(front_end_example, reports_an_open_that_fails)
-{
-    with_plugin("plugin_refusing");
-    const tvkctl_result result = run_script({"usb:1a2b:3c4d", "1b", "4"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "front_end.py: open usb:1a2b:3c4d: answered with ng\n");
-}
-
-TEST_F(front_end_example, reports_how_a_program_ended_that_crashed)
-{
-    with_plugin("plugin_crashing_in_reader");
-    const tvkctl_result result = run_script({"usb:1a2b:3c4d", "1b", "4"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "front_end.py: tvkintif ended with status -6\n");
-}
-
-TEST_F(front_end_example, reports_a_program_that_finds_no_port)
-{
-    put_program_in_path("echo -1; exit 1");
-    const tvkctl_result result = run_script({"usb:1a2b:3c4d", "1b", "4"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "front_end.py: start tvkintif: expected a port, got b'-1\\n'\n");
 }
 
 TEST_F(front_end_example, shows_how_it_is_used)

@@ -77,15 +77,12 @@ protected:
     }
 };
 
-TEST_F(tvkctl_help_test, the_man_page_has_every_command_and_no_other)
-{
-    EXPECT_EQ(all_matches(man_page(), R"(\n\.SS "tvkctl ([a-z-]+))"), commands());
-}
-
-TEST_F(tvkctl_help_test, the_guide_names_every_command)
+TEST_F(tvkctl_help_test, man_page_guide_and_completion_have_every_command_and_no_other)
 {
     const std::string guide = support::read_file(source_folder + "/docs/tvkctl.md");
+    EXPECT_EQ(all_matches(man_page(), R"(\n\.SS "tvkctl ([a-z-]+))"), commands());
     EXPECT_EQ(all_matches(guide, "\n\\| `tvkctl ([a-z-]+)"), commands());
+    EXPECT_EQ(all_matches(completions_of("tvkctl "), "(?:^|\n)([a-z][a-z-]*)"), commands());
 }
 
 TEST_F(tvkctl_help_test, every_command_shows_examples_and_offers_json)
@@ -101,14 +98,12 @@ TEST_F(tvkctl_help_test, the_version_is_a_number)
     EXPECT_TRUE(std::regex_match(run({"--version"}).out, std::regex("[0-9]+\\.[0-9]+\\.[0-9]+\n")));
 }
 
-TEST_F(tvkctl_help_test, every_command_is_offered)
-{
-    EXPECT_EQ(all_matches(completions_of("tvkctl "), "(?:^|\n)([a-z][a-z-]*)"), commands());
-}
-
-TEST_F(tvkctl_help_test, a_command_is_completed)
+TEST_F(tvkctl_help_test, commands_options_actions_and_addresses_behind_their_last_colon_are_completed)
 {
     EXPECT_EQ(completions_of("tvkctl ru"), "run\n");
+    EXPECT_EQ(completions_of("tvkctl run --chu"), "--chunk\n");
+    EXPECT_EQ(completions_of("tvkctl log f"), "follow\n");
+    EXPECT_EQ(completions_of("tvkctl run usb:1a2b:"), "3c4d\n");
 }
 
 TEST_F(tvkctl_help_test, every_option_of_every_command_is_offered)
@@ -119,32 +114,11 @@ TEST_F(tvkctl_help_test, every_option_of_every_command_is_offered)
             << command;
 }
 
-TEST_F(tvkctl_help_test, an_option_is_completed)
-{
-    EXPECT_EQ(completions_of("tvkctl run --chu"), "--chunk\n");
-}
-
-TEST_F(tvkctl_help_test, an_address_is_completed_behind_its_last_colon)
-{
-    EXPECT_EQ(completions_of("tvkctl run usb:1a2b:"), "3c4d\n");
-}
-
-TEST_F(tvkctl_help_test, what_a_shell_would_take_for_its_own_is_quoted_in_an_address)
+TEST_F(tvkctl_help_test, what_a_shell_would_take_for_its_own_is_quoted_in_an_address_and_not_run)
 {
     with_bus("device scanner 1a2b:3c4d serial A$(touch touched) B\n");
     EXPECT_EQ(completions_of("tvkctl run usb:1a2b:3c4d:"), "A\\$\\(touch\\ touched\\)\\ B\n");
-}
-
-TEST_F(tvkctl_help_test, completing_an_address_runs_nothing_of_it)
-{
-    with_bus("device scanner 1a2b:3c4d serial A$(touch touched)\n");
-    completions_of("tvkctl run usb:1a2b:3c4d:");
     EXPECT_FALSE(std::filesystem::exists(scratch("touched")));
-}
-
-TEST_F(tvkctl_help_test, the_actions_of_log_are_completed)
-{
-    EXPECT_EQ(completions_of("tvkctl log f"), "follow\n");
 }
 
 } // namespace

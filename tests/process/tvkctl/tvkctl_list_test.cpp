@@ -80,10 +80,6 @@ TEST_F(tvkctl_list_node_test, the_rights_of_a_node_are_reported)
     const tvkctl_result result = run({"list"});
     EXPECT_NE(result.out.find("/dev/bus/usb/001/001  -rw-rw-rw- root:root  yes       -\n"), std::string::npos)
         << result.out;
-}
-
-TEST_F(tvkctl_list_node_test, json_holds_the_rights_of_a_node)
-{
     EXPECT_EQ(json::parse(run({"list", "--json"}).out)["devices"][0]["node"], json::parse(R"({
         "path": "/dev/bus/usb/001/001", "exists": true, "owner": "root", "group": "root",
         "mode": "-rw-rw-rw-", "may_open": true})"));
@@ -117,11 +113,6 @@ TEST_F(tvkctl_list_test, a_bus_without_scanners_is_not_an_error)
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err,
               "tvkctl: no device found that tvkintif could drive; tvkctl list --all shows the others\n");
-}
-
-TEST_F(tvkctl_list_test, a_bus_without_scanners_is_an_empty_list_in_json)
-{
-    with_bus(kMouse);
     EXPECT_EQ(json::parse(run({"list", "--json"}).out), json::parse(R"({"devices": []})"));
 }
 
@@ -143,22 +134,17 @@ TEST_F(tvkctl_list_test, a_full_disk_behind_standard_output_is_reported)
               "tvkctl: standard output cannot be written. Look for a full disk or a closed reader.\n");
 }
 
-TEST_F(tvkctl_list_test, colours_are_shown_on_a_terminal)
+TEST_F(tvkctl_list_test, colours_are_shown_on_a_terminal_unless_the_user_wants_none)
 {
     REQUIRE_TERMINALS();
     start_on_terminal("list");
-    const tvkctl_result result = wait();
-    EXPECT_NE(result.out.find("\033[1mUDI\033[0m"), std::string::npos) << result.out;
-}
-
-TEST_F(tvkctl_list_test, colours_are_left_out_when_the_user_wants_none)
-{
-    REQUIRE_TERMINALS();
+    const std::string coloured = wait().out;
+    EXPECT_NE(coloured.find("\033[1mUDI\033[0m"), std::string::npos) << coloured;
     with_environment("NO_COLOR", "1");
     start_on_terminal("list");
-    const tvkctl_result result = wait();
-    EXPECT_NE(result.out.find("UDI"), std::string::npos) << result.out;
-    EXPECT_EQ(result.out.find('\033'), std::string::npos) << result.out;
+    const std::string plain = wait().out;
+    EXPECT_NE(plain.find("UDI"), std::string::npos) << plain;
+    EXPECT_EQ(plain.find('\033'), std::string::npos) << plain;
 }
 
 } // namespace
