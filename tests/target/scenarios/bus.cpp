@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/wait_until.h"
@@ -75,11 +76,24 @@ protected:
 
     void expect_block() { expect_done(host().read(16), answer(command_code::read_pattern, kData)); }
 
-    void expect_served()
+    void expect_data(std::uint32_t length = kData, int asked_for = kData)
+    {
+        expect_block();
+        expect_done(host().read(asked_for), pattern(length));
+    }
+
+    void expect_served(std::uint32_t length = kData)
     {
         expect_done(send_read_pattern());
-        expect_block();
-        expect_done(host().read(kData), pattern(kData));
+        expect_data(length);
+    }
+
+    /// The device, plugged in again, works.
+    void expect_served_after_replugging()
+    {
+        scanner().plug("plain");
+        open();
+        expect_served();
     }
 
     static void expect_done(const transfer& came, const bytes& data = {})
@@ -92,6 +106,18 @@ protected:
     {
         EXPECT_EQ(came.result, result) << libusb_error_name(came.result);
         EXPECT_EQ(came.moved, moved);
+    }
+
+    /// The order cannot be obeyed, and the answer says why not.
+    static void expect_refused(const std::function<void()>& order, const std::string& reason)
+    {
+        try {
+            order();
+            ADD_FAILURE() << "obeyed, and not refused: " << reason;
+        } catch (const std::runtime_error& refusal) {
+            EXPECT_NE(std::string(refusal.what()).find("failed: " + reason), std::string::npos)
+                << refusal.what();
+        }
     }
 
     /// Which of the two it is depends on whether the host has noticed that the device is gone.
@@ -128,17 +154,6 @@ private:
     std::optional<target::usb_host> m_host;
 };
 
-/// The order that cannot be obeyed, and why not; empty when it was.
-std::string refusal(const std::function<void()>& order)
-{
-    try {
-        order();
-        return "";
-    } catch (const std::runtime_error& reason) {
-        return reason.what();
-    }
-}
-
 } // namespace
 
 TEST_F(bus, stalls_out_until_the_host_clears_the_halt)
@@ -156,8 +171,7 @@ TEST_F(bus, stalls_in_until_the_host_clears_the_halt)
     expect_done(send_read_pattern());
     expect_failed(host().read(16), LIBUSB_ERROR_PIPE);
     host().clear_halt_in();
-    expect_block();
-    expect_done(host().read(kData), pattern(kData));
+    expect_data();
 }
 
 TEST_F(bus, stalls_out_again_after_each_clearing_until_it_is_ordered_to_stop)
@@ -180,43 +194,18 @@ TEST_F(bus, stalls_in_again_after_each_clearing_until_it_is_ordered_to_stop)
         host().clear_halt_in();
     }
     scanner().clear("plain");
-    expect_block();
-    expect_done(host().read(kData), pattern(kData));
+    expect_data();
 }
 
-TEST_F(bus, ends_a_short_answer_with_a_short_packet)
+TEST_F(bus, ends_a_short_answer_with_a_short_packet_or_an_empty_one)
 {
-    scanner().arm("plain", "short-answer 1000");
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), pattern(1000));
-    expect_served();
-}
-
-TEST_F(bus, ends_a_short_answer_of_whole_packets_with_an_empty_packet)
-{
-    scanner().arm("plain", "short-answer 1024");
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), pattern(1024));
-    expect_served();
-}
-
-TEST_F(bus, gives_half_of_the_data_in_a_short_answer_without_a_length)
-{
-    scanner().arm("plain", "short-answer");
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), pattern(kData / 2));
-}
-
-TEST_F(bus, gives_an_empty_packet_for_the_data_of_a_short_answer_of_0_bytes)
-{
-    scanner().arm("plain", "short-answer 0");
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), {});
-    expect_served();
+    const std::pair<const char*, std::uint32_t> lengths[] = {
+        {" 1000", 1000}, {" 1024", 1024}, {" 0", 0}, {"", kData / 2}}; // half of it without a length
+    for (const auto& [amount, length] : lengths) {
+        scanner().arm("plain", std::string("short-answer") + amount);
+        expect_served(length);
+        expect_served();
+    }
 }
 
 TEST_F(bus, cuts_the_block_of_a_short_answer_without_data)
@@ -234,21 +223,15 @@ TEST_F(bus, gives_an_empty_packet_before_an_answer)
     scanner().arm("plain", "zlp-before");
     expect_done(send_read_pattern());
     expect_done(host().read(16), {});
-    expect_block();
-    expect_done(host().read(kData), pattern(kData));
+    expect_data();
 }
 
-TEST_F(bus, gives_an_empty_packet_after_an_answer)
+TEST_F(bus, gives_an_empty_packet_after_an_answer_to_that_read_or_the_next)
 {
     scanner().arm("plain", "zlp-after");
     expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(2 * kData), pattern(kData));
+    expect_data(kData, 2 * kData);
     expect_served();
-}
-
-TEST_F(bus, keeps_the_empty_packet_after_an_answer_for_the_next_read)
-{
     scanner().arm("plain", "zlp-after");
     expect_served();
     expect_done(send_read_pattern());
@@ -296,9 +279,7 @@ TEST_F(bus, leaves_when_its_answer_has_been_read)
     scanner().arm("plain", "unplug");
     expect_served();
     EXPECT_TRUE(support::wait_until(kSoon, is_gone));
-    scanner().plug("plain");
-    open();
-    expect_served();
+    expect_served_after_replugging();
 }
 
 TEST_F(bus, leaves_in_the_middle_of_a_read)
@@ -308,9 +289,7 @@ TEST_F(bus, leaves_in_the_middle_of_a_read)
     expect_block();
     expect_lost(host().read(kData), 2048);
     EXPECT_TRUE(support::wait_until(kSoon, [] { return diary_has("link lost"); }));
-    scanner().plug("plain");
-    open();
-    expect_served();
+    expect_served_after_replugging();
 }
 
 TEST_F(bus, leaves_in_the_middle_of_a_write)
@@ -318,9 +297,7 @@ TEST_F(bus, leaves_in_the_middle_of_a_write)
     scanner().arm("plain", "unplug-in-write 2048");
     expect_lost(host().write(command(command_code::echo, 0, bytes(kData))), 2048);
     EXPECT_TRUE(support::wait_until(kSoon, [] { return diary_has("link lost"); }));
-    scanner().plug("plain");
-    open();
-    expect_served();
+    expect_served_after_replugging();
 }
 
 TEST_F(bus, forgets_a_command_that_is_answered_after_the_device_was_plugged_in_again)
@@ -338,8 +315,7 @@ TEST_F(bus, never_comes_back_once_vanished)
 {
     scanner().vanish("plain");
     EXPECT_TRUE(is_gone());
-    const std::string reason = refusal([this] { scanner().plug("plain"); });
-    EXPECT_NE(reason.find("failed: it has vanished for good"), std::string::npos) << reason;
+    expect_refused([this] { scanner().plug("plain"); }, "it has vanished for good");
 }
 
 TEST_F(bus, strikes_with_a_fault_that_came_by_command)
@@ -348,36 +324,19 @@ TEST_F(bus, strikes_with_a_fault_that_came_by_command)
         host().write(command(command_code::fault, static_cast<std::uint32_t>(fault_kind::short_answer),
                              virtual_scanner::little_endian(100))));
     expect_done(host().read(16), answer(command_code::fault, 0));
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), pattern(100));
+    expect_served(100);
     expect_served();
 }
 
-TEST_F(bus, refuses_an_order_to_clear_a_device_without_a_fault)
-{
-    const std::string reason = refusal([this] { scanner().clear("plain"); });
-    EXPECT_NE(reason.find("failed: it is in no fault that can be cleared"), std::string::npos) << reason;
-}
-
-TEST_F(bus, refuses_an_order_for_a_device_that_is_not_described)
-{
-    const std::string reason = refusal([this] { scanner().plug("nobody"); });
-    EXPECT_NE(reason.find("failed: no device \"nobody\""), std::string::npos) << reason;
-}
-
-TEST_F(bus, refuses_an_order_for_a_fault_that_a_device_cannot_have)
+TEST_F(bus, refuses_orders_that_cannot_be_obeyed)
 {
     become("shapes");
-    const std::string reason = refusal([this] { scanner().arm("one-way", "silence"); });
-    EXPECT_NE(reason.find("failed: it serves no commands that a fault could strike"), std::string::npos)
-        << reason;
-}
-
-TEST_F(bus, refuses_to_plug_in_a_device_that_is_plugged_in)
-{
-    const std::string reason = refusal([this] { scanner().plug("plain"); });
-    EXPECT_NE(reason.find("failed: it is plugged in already"), std::string::npos) << reason;
+    expect_refused([this] { scanner().arm("one-way", "silence"); },
+                   "it serves no commands that a fault could strike");
+    become("plain");
+    expect_refused([this] { scanner().clear("plain"); }, "it is in no fault that can be cleared");
+    expect_refused([this] { scanner().plug("nobody"); }, "no device \"nobody\"");
+    expect_refused([this] { scanner().plug("plain"); }, "it is plugged in already");
 }
 
 TEST_F(bus, plugs_itself_in_after_the_time_in_its_file)
@@ -393,13 +352,10 @@ TEST_F(bus, has_each_fault_with_the_command_that_it_is_planned_for)
     expect_failed(send_read_pattern(), LIBUSB_ERROR_PIPE);
     host().clear_halt_out();
     expect_served();
-    expect_done(send_read_pattern());
-    expect_block();
-    expect_done(host().read(kData), pattern(4));
+    expect_served(4);
     expect_served();
     EXPECT_TRUE(support::wait_until(kSoon, is_gone));
-    const std::string reason = refusal([this] { scanner().plug("planned"); });
-    EXPECT_NE(reason.find("failed: it has vanished for good"), std::string::npos) << reason;
+    expect_refused([this] { scanner().plug("planned"); }, "it has vanished for good");
 }
 
 TEST_F(bus, has_its_planned_faults_again_after_plugging_in_again)
@@ -463,15 +419,6 @@ TEST_F(bus, answers_a_command_with_the_status_that_its_file_gives)
 
 TEST_F(bus, has_devices_of_every_shape_as_their_file_describes_them)
 {
-    expect_as_described("shapes");
-}
-
-TEST_F(bus, has_every_configuration_as_its_file_describes_it)
-{
-    expect_as_described("configurations");
-}
-
-TEST_F(bus, has_a_device_without_names_and_serial_number)
-{
-    expect_as_described("planned");
+    for (const char* file : {"shapes", "configurations", "planned"}) // the last has no names
+        expect_as_described(file);
 }
