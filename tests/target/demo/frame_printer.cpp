@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdio>
 
+#include "support/bytes.h"
+
 namespace target {
 
 using tarvik::byte_view;
@@ -35,17 +37,6 @@ bool is_printable(byte_view data)
     return std::all_of(data.begin(), data.end(), [](int byte) { return std::isprint(byte) != 0; });
 }
 
-std::string hex(byte_view data)
-{
-    std::string text;
-    for (const unsigned char byte : data) {
-        char digits[4];
-        std::snprintf(digits, sizeof digits, " %02x", byte);
-        text += digits;
-    }
-    return text;
-}
-
 } // namespace
 
 void frame_printer::operator()(const frame& shown) const
@@ -72,7 +63,8 @@ std::string frame_printer::preview(const frame& shown)
     if (shown.is_request && is_printable(shown.payload))
         return "  \"" + std::string(shown.payload.begin(), shown.payload.end()) + "\"";
     const byte_view head(shown.payload.data(), std::min(shown.payload.size(), kShownBytes));
-    return "  " + hex(head) + (shown.payload.size() > head.size ? " ..." : "");
+    return "   " + support::hex({head.begin(), head.end()}) +
+           (shown.payload.size() > head.size ? " ..." : "");
 }
 
 } // namespace target
