@@ -1,4 +1,4 @@
-// What happens when the device cannot be reached at once: the program tries again, three seconds apart.
+// What happens when the device cannot be reached at once: the program tries again, with pauses between.
 #include <chrono>
 #include <string>
 
