@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <ctime>
@@ -17,7 +18,7 @@ using namespace vl::common::log;
 namespace {
 
 constexpr int kMostMessage = 1023;
-constexpr std::size_t kMostHeader = 255;
+constexpr std::size_t kLongestUnit = 100; ///< of names, which are our own
 
 std::time_t the_time = 0;
 std::string in_file;
@@ -56,7 +57,7 @@ std::string header(const std::string& unit, int line, int level, bool is_verbose
     text += std::string("[") + (level >= 0 && level <= 4 ? names[static_cast<std::size_t>(level)] : "") + "]";
     if (is_verbose)
         text += unit + "(" + std::to_string(line) + ") ";
-    return text.substr(0, kMostHeader);
+    return text;
 }
 
 /// Logs a message in one of the ways there are, and answers what should be written of it.
@@ -129,7 +130,7 @@ void fuzz_one(std::string_view input)
     const bool is_short = decide.below(8) == 1;
     const int line = static_cast<int>(decide.number());
     the_time = decide.number();
-    const std::string unit = decide.short_text().c_str();
+    const std::string unit = decide.text(std::min<std::size_t>(decide.byte(), kLongestUnit)).c_str();
     in_file.clear();
     on_standard_error.clear();
     logConfigure::instance_ = logConfigure();
