@@ -104,6 +104,24 @@ TEST_F(trusted_file_test, descriptor_is_closed_by_exec_and_by_the_end)
     EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
 }
 
+TEST_F(trusted_file_test, descriptor_0_is_as_good_as_any)
+{
+    new_file("log");
+    fs::create_symlink("log", path("link"));
+    const int before = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    for (const char* name : {"log", "link"}) {
+        {
+            const TrustedFile file(path(name).c_str(), O_RDONLY);
+            EXPECT_TRUE(file) << name;
+            EXPECT_EQ(file.descriptor(), STDIN_FILENO) << name;
+        }
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << name;
+    }
+    dup2(before, STDIN_FILENO);
+    close(before);
+}
+
 TEST_F(trusted_file_test, refused_file_is_not_kept_open)
 {
     const int next = dup(STDERR_FILENO);

@@ -23,7 +23,7 @@ TEST(plugin_name, is_the_one_under_which_packages_install_the_plugin_of_each_pro
         {0x0A7E, "libmora-interpreter-stellan-x120.so"},
         {0x0A83, "libquban-plugin-stellan-x660.so"},
     };
-    for (int product_id = 0; product_id <= 0x10000; ++product_id) {
+    for (int product_id = 0; product_id <= 0x1FFFF; ++product_id) {
         const auto found = own.find(product_id);
         ASSERT_EQ(plugin_name(product_id), found != own.end() ? found->second : "libryo-mora-hk-t210.so")
             << "product id " << std::hex << product_id;
