@@ -24,17 +24,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace fuzz {
 
 /// Ends the program, by which libFuzzer keeps the input, unless this holds.
-inline void expect(bool holds, const std::string& what)
+inline void expect(bool holds, std::string_view what)
 {
     if (holds)
         return;
-    std::fprintf(stderr, "fuzz: does not hold: %s\n", what.c_str());
+    std::fprintf(stderr, "fuzz: does not hold: %s\n", std::string(what).c_str());
     std::abort();
 }
 
 inline void expect_equal(const std::string& actual, const std::string& expected, const std::string& what)
 {
-    expect(actual == expected, what + "\n  is:        '" + actual + "'\n  should be: '" + expected + "'");
+    if (actual != expected)
+        expect(false, what + "\n  is:        '" + actual + "'\n  should be: '" + expected + "'");
 }
 
 /// Takes an input as a row of decisions, from its front; one that is used up decides for 0.
@@ -42,11 +43,13 @@ class decisions {
 public:
     explicit decisions(std::string_view input) : m_rest(input) {}
 
-    bool are_left() const { return !m_rest.empty(); }
     std::uint8_t byte()
     {
-        const std::string one = text(1);
-        return one.empty() ? std::uint8_t{0} : static_cast<std::uint8_t>(one[0]);
+        if (m_rest.empty())
+            return 0;
+        const auto first = static_cast<std::uint8_t>(m_rest.front());
+        m_rest.remove_prefix(1);
+        return first;
     }
     /// 0 to `count` - 1.
     int below(int count) { return byte() % count; }
