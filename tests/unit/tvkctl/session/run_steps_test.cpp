@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "common/text/text.h"
+#include "support/caught_error.h"
 #include "support/private_paths.h"
 #include "tvkctl/src/machine/tool_error.h"
 #include "tvkctl/src/terminal/numbers.h"
@@ -46,20 +47,15 @@ public:
     static std::string path() { return support::log_root + "/sent by a test.bin"; }
 };
 
-TEST(run_steps, send_takes_bytes_in_pairs_and_in_a_row)
+TEST(run_steps, send_takes_bytes_and_texts_in_their_order_up_to_a_comment)
 {
     EXPECT_EQ(sent_by("send 1b 45 0A0b 0xFF00"), (bytes{0x1b, 0x45, 0x0a, 0x0b, 0xff, 0x00}));
-}
-
-TEST(run_steps, send_takes_text_with_its_escapes_replaced)
-{
     EXPECT_EQ(sent_by(R"(send "a b\n\r\t\0\\\"\x7f")"),
               (bytes{'a', ' ', 'b', '\n', '\r', '\t', 0, '\\', '"', 0x7f}));
-}
-
-TEST(run_steps, send_joins_what_it_is_given_in_order)
-{
     EXPECT_EQ(sent_by("send 01\"A\"02"), (bytes{1, 'A', 2}));
+    EXPECT_EQ(sent_by("send \"\""), bytes{}); // on purpose
+    EXPECT_EQ(sent_by("send 01 # 02"), bytes{1});
+    EXPECT_EQ(sent_by("send \"#\""), bytes{'#'});
 }
 
 TEST(run_steps, send_takes_the_content_of_a_file)
@@ -69,50 +65,15 @@ TEST(run_steps, send_takes_the_content_of_a_file)
     EXPECT_EQ(sent_by("send 01 @\"" + file.path() + "\" 02"), (bytes{1, 'x', 'y', 'z', 2}));
 }
 
-TEST(run_steps, an_empty_text_sends_nothing_on_purpose)
-{
-    EXPECT_EQ(sent_by("send \"\""), bytes{});
-}
-
-TEST(run_steps, a_comment_ends_a_step)
-{
-    EXPECT_EQ(sent_by("send 01 # 02"), bytes{1});
-}
-
-TEST(run_steps, a_hash_inside_a_text_is_not_a_comment)
-{
-    EXPECT_EQ(sent_by("send \"#\""), bytes{'#'});
-}
-
-TEST(run_steps, recv_takes_a_size_with_a_unit)
+TEST(run_steps, recv_takes_a_size_and_a_file_to_replace_or_append_to)
 {
     EXPECT_EQ(received_by("recv 2MiB").size, 2U * 1024 * 1024);
-}
-
-TEST(run_steps, recv_without_a_file_is_to_be_shown)
-{
-    EXPECT_EQ(received_by("recv 512").file, "");
-}
-
-TEST(run_steps, recv_takes_a_file_whether_or_not_blanks_surround_the_arrow)
-{
+    EXPECT_EQ(received_by("recv 512").file, ""); // to be shown
     EXPECT_EQ(received_by("recv 0x10>scan.raw").file, "scan.raw");
     EXPECT_EQ(received_by("recv 0x10 > scan.raw").file, "scan.raw");
-}
-
-TEST(run_steps, one_arrow_replaces_the_file)
-{
-    EXPECT_FALSE(received_by("recv 1 > a").is_appended);
-}
-
-TEST(run_steps, two_arrows_append_to_the_file)
-{
-    EXPECT_TRUE(received_by("recv 1 >> a").is_appended);
-}
-
-TEST(run_steps, a_file_name_in_quotes_keeps_its_blanks)
-{
     EXPECT_EQ(received_by("recv 1 > \"my scan.raw\"").file, "my scan.raw");
+    EXPECT_FALSE(received_by("recv 1 > a").is_appended);
+    EXPECT_TRUE(received_by("recv 1 >> a").is_appended);
 }
 
 TEST(run_steps, query_takes_a_selector)
@@ -206,23 +167,14 @@ TEST(run_steps, a_script_has_one_step_a_line)
 TEST(run_steps, a_bad_line_of_a_script_is_named)
 {
     std::istringstream script("send 01\n\nrecv x\n");
-    try {
-        read_script(script, "a.steps");
-        FAIL() << "nothing was thrown";
-    } catch (const tool_error& error) {
-        EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + sizes);
-    }
+    const auto error = support::caught<tool_error>([&] { read_script(script, "a.steps"); });
+    EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + sizes);
 }
 
 TEST(run_steps, a_missing_file_to_send_is_an_unreadable_input)
 {
-    std::vector<run_step> steps = {parse_step("send @/nonexistent")};
-    try {
-        load_files(steps);
-        FAIL() << "nothing was thrown";
-    } catch (const tool_error& error) {
-        EXPECT_EQ(error.why().word, kInputFile.word);
-    }
+    const auto error = support::caught<tool_error>([] { sent_by("send @/nonexistent"); });
+    EXPECT_EQ(error.why().word, kInputFile.word);
 }
 
 TEST(run_steps, a_file_without_content_is_not_sent)
