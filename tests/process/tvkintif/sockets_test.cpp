@@ -9,22 +9,19 @@
 
 #include "front_end/src/front_end_error.h"
 #include "process/tvkintif/program_test.h"
+#include "support/caught_error.h"
 #include "support/log_reader.h"
 #include "support/proc_files.h"
 #include "support/wait_until.h"
 
 namespace process_test {
 
+using support::caught;
+using tarvik::front_end_error;
+
 class sockets : public program_test {
 protected:
     void query() { expect_answer(query_request(1), ok_reply({0, 0, 0, 0})); }
-
-    /// A socket that came to nothing is neither closed nor used again.
-    void expect_first_socket_forgotten()
-    {
-        expect_usb_about("socket ", {"socket AF_INET SOCK_STREAM 0", "socket AF_INET SOCK_STREAM 0"});
-        expect_usb_about("close ", {"close listening"});
-    }
 };
 
 namespace {
@@ -63,12 +60,8 @@ TEST_F(sockets, second_front_end_is_refused_once_the_first_is_served)
 {
     start_connected();
     query();
-    try {
-        const support::raw_connection second(port());
-        ADD_FAILURE() << "a second connection was accepted";
-    } catch (const tarvik::front_end_error& error) {
-        EXPECT_EQ(error.cause(), tarvik::failure::connection_refused) << error.what();
-    }
+    const auto error = caught<front_end_error>([this] { support::raw_connection second(port()); });
+    EXPECT_EQ(error.cause(), tarvik::failure::connection_refused) << error.what();
     close_and_expect_end();
 }
 
@@ -81,12 +74,8 @@ TEST_F(sockets, front_end_that_queued_up_behind_the_first_is_cut_off)
     support::raw_connection second(port());
     send_signal(SIGCONT);
     query();
-    try {
-        second.read(1);
-        ADD_FAILURE() << "a second front-end was served";
-    } catch (const tarvik::front_end_error& error) {
-        EXPECT_EQ(error.cause(), tarvik::failure::connection_lost) << error.what();
-    }
+    const auto error = caught<front_end_error>([&] { second.read(1); });
+    EXPECT_EQ(error.cause(), tarvik::failure::connection_lost) << error.what();
     close_and_expect_end();
 }
 
@@ -157,30 +146,33 @@ TEST_F(sockets, socket_that_cannot_be_made_is_tried_again_until_a_signal_comes)
     EXPECT_EQ(support::text({log.end() - 7, log.end()}), end.text());
 }
 
-TEST_F(sockets, address_that_cannot_be_bound_is_logged_and_tried_again)
+struct port_trouble {
+    const char* call; ///< that fails once
+    int error;
+    const char* words = ""; ///< on standard error
+};
+
+class sockets_without_a_port : public sockets, public testing::WithParamInterface<port_trouble> {};
+
+TEST_P(sockets_without_a_port, are_logged_and_tried_again)
 {
-    with_mishap("fail bind " + std::to_string(EADDRINUSE) + " 1");
+    with_mishap("fail " + std::string(GetParam().call) + " " + std::to_string(GetParam().error) + " 1");
     with_mishap("record sockets");
     start_in_vain();
     wait_until_in(SYS_accept);
     send_signal(SIGTERM);
-    expect_end({0, "0\n"});
-    expect_log(info({"bind fails"}) + announced + failed_to_read(kHeaderSize, "Bad file descriptor") + left);
-    expect_first_socket_forgotten();
+    expect_end({0, "0\n", GetParam().words});
+    expect_log(info({GetParam().call + std::string(" fails")}) + announced +
+               failed_to_read(kHeaderSize, "Bad file descriptor") + left);
+    // A socket that came to nothing is neither closed nor used again.
+    expect_usb_about("socket ", {"socket AF_INET SOCK_STREAM 0", "socket AF_INET SOCK_STREAM 0"});
+    expect_usb_about("close ", {"close listening"});
 }
 
-TEST_F(sockets, port_that_cannot_be_asked_for_is_reported_on_standard_error_and_in_the_log)
-{
-    with_mishap("fail getsockname " + std::to_string(ENOBUFS) + " 1");
-    with_mishap("record sockets");
-    start_in_vain();
-    wait_until_in(SYS_accept);
-    send_signal(SIGTERM);
-    expect_end({0, "0\n", "No buffer space available\n"});
-    expect_log(info({"getsockname fails"}) + announced + failed_to_read(kHeaderSize, "Bad file descriptor") +
-               left);
-    expect_first_socket_forgotten();
-}
+INSTANTIATE_TEST_SUITE_P(, sockets_without_a_port,
+                         testing::Values(port_trouble{"bind", EADDRINUSE},
+                                         port_trouble{"getsockname", ENOBUFS, "No buffer space available\n"}),
+                         [](const auto& test) { return test.param.call; });
 
 TEST_F(sockets, options_that_cannot_be_set_are_errors_in_the_log_and_no_obstacle)
 {
