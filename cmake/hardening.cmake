@@ -7,6 +7,7 @@ target_compile_options(tvkintif_hardening INTERFACE
   -fstack-protector-strong
   -fstack-clash-protection
   -D_GLIBCXX_ASSERTIONS
+  -Werror=format-security
   "$<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},x86_64>:-fcf-protection>"
   # Fortified calls need an optimising build.
   "$<$<CONFIG:RelWithDebInfo,Release,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>"

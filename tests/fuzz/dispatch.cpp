@@ -124,6 +124,7 @@ void serve_all()
 extern "C" {
 
 ssize_t __real_write(int descriptor, const void* data, size_t size);
+void* __real_mmap(void* address, size_t size, int protection, int flags, int descriptor, off_t offset);
 
 int __wrap_socket(int, int, int)
 {
@@ -168,10 +169,9 @@ int __wrap_usleep(useconds_t)
     return 0;
 }
 
-void* __wrap_mmap(void*, size_t size, int, int, int, off_t)
+void* __wrap_mmap(void* address, size_t size, int protection, int flags, int descriptor, off_t offset)
 {
-    return size > kMemory ? MAP_FAILED
-                          : mmap64(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return size > kMemory ? MAP_FAILED : __real_mmap(address, size, protection, flags, descriptor, offset);
 }
 }
 
