@@ -345,7 +345,8 @@ protected:
     }
 
     /// A run, and what is true of each.
-    outcome expect_sound(const injection& what, logging how)
+    outcome expect_sound(const injection& what, logging how, bool may_be_unannounced = false,
+                         bool may_forget_socket = false)
     {
         const outcome seen = run(GetParam(), what, how);
         const report& told = shared_report();
@@ -353,18 +354,19 @@ protected:
         EXPECT_TRUE(WIFEXITED(seen.status) && WEXITSTATUS(seen.status) <= 1) << "status " << seen.status;
         EXPECT_TRUE(told.has_concluded);
         const bool is_announced = seen.output == std::to_string(told.port) + "\n";
-        EXPECT_TRUE(is_announced || (seen.output == "-1\n" && seen.status != 0))
+        EXPECT_TRUE(is_announced || may_be_unannounced || (seen.output == "-1\n" && seen.status != 0))
             << "announced: " << seen.output;
-        expect_nothing_left(seen);
+        expect_nothing_left(seen, may_forget_socket);
         return seen;
     }
 
-    static void expect_nothing_left(const outcome& seen)
+    static void expect_nothing_left(const outcome& seen, bool may_forget_socket = false)
     {
         std::map<std::string, int> plugin;
         for (const std::string& line : seen.dialogue) {
             ++plugin[line];
-            EXPECT_NE(line.rfind("LEFT BEHIND", 0), 0U) << line;
+            const bool is_socket = may_forget_socket && line.find(" descriptors") != std::string::npos;
+            EXPECT_TRUE(is_socket || line.rfind("LEFT BEHIND", 0) != 0) << line;
             EXPECT_NE(line.rfind("MISUSE", 0), 0U) << line;
         }
         EXPECT_EQ(plugin["plugin_good loaded"], plugin["plugin_good unloaded"]);
@@ -500,6 +502,164 @@ TEST_P(failing_allocation, is_a_refusal_or_an_orderly_end)
 TEST_P(failing_allocation, for_good_is_a_refusal_or_an_orderly_end)
 {
     expect_each_to_end_well(true);
+}
+
+/// What no machine in trouble lets fail. Of a standard stream fcntl() only asks whether it is open.
+bool cannot_fail(const made_call& call)
+{
+    return call.number == SYS_getpid || call.number == SYS_gettid || call.number == SYS_futex ||
+           (call.number == SYS_fcntl && call.descriptor <= 2);
+}
+
+/// The sanitizer's own memory comes from these, and it ends the process without.
+bool is_about_memory(long number)
+{
+    return number == SYS_mmap || number == SYS_munmap || number == SYS_mprotect || number == SYS_madvise ||
+           number == SYS_brk;
+}
+
+class failing_system_call : public failures {
+protected:
+    std::vector<made_call> healthy_calls(logging how)
+    {
+        m_healthy = expect_sound({target::system_call}, how);
+        const report& told = shared_report();
+        std::vector<made_call> calls(told.made.begin(),
+                                     told.made.begin() + static_cast<std::ptrdiff_t>(told.system_calls));
+        for (const made_call& each : calls)
+            if (each.number == SYS_setsockopt)
+                m_connection = each.descriptor; // the last of these is about that
+        return calls;
+    }
+
+    /// Null when the call is not to fail.
+    static const failing_call* kind_of(const made_call& call)
+    {
+        if (cannot_fail(call) || (kIsSanitized && is_about_memory(call.number)))
+            return nullptr;
+        for (const failing_call& each : failing_calls())
+            if (each.number == call.number)
+                return &each;
+        EXPECT_TRUE(kIsSanitized) << "system call " << call.number << " is not in the table of injection.cpp";
+        return nullptr;
+    }
+
+    void expect_to_end_well(const std::vector<made_call>& calls, std::size_t at, int error, bool is_for_ever,
+                            logging how)
+    {
+        const made_call& call = calls[at];
+        const auto nth = static_cast<int>(
+            std::count_if(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(at) + 1,
+                          [&](const made_call& each) { return each.number == call.number; }));
+        SCOPED_TRACE(describe(kind_of(call)->name, nth, -error, how) + (is_for_ever ? ", for ever" : ""));
+        // The test learns the port when something listens on it.
+        const bool is_told = call.number == SYS_listen || (call.number == SYS_write && call.descriptor == 1);
+        const bool is_socket =
+            call.number == SYS_socket || call.number == SYS_bind || call.number == SYS_getsockname;
+        const outcome seen = expect_sound({target::system_call, nth, error, is_for_ever, call.number}, how,
+                                          is_told || is_socket, is_socket);
+        const report& told = shared_report();
+        EXPECT_TRUE(told.injected >= 1 || is_about_memory(call.number)) << "the call was not made";
+        EXPECT_LT(told.system_calls, calls.size() + (told.paused / 1000 + 10) * 100) << "it does not rest";
+        expect_replies(calls, at, seen, is_for_ever);
+        expect_whole_lines(seen, how == logging::off ? 0 : told.injected);
+        if (call.number == SYS_writev && !is_for_ever) {
+            EXPECT_EQ(hex(seen.replies), hex(m_healthy.replies));
+            EXPECT_GE(pieces(seen), pieces(m_healthy) - 1) << "more was lost than one message or line end";
+        }
+        expect_next_program_works();
+    }
+
+    /// What the log consists of: headers with their messages, and line ends.
+    static int pieces(const outcome& seen)
+    {
+        const std::string id = std::to_string(seen.process);
+        return occurrences(seen.log, "][" + id + "](" + id + ")[") + occurrences(seen.log, "\n");
+    }
+
+    void expect_replies(const std::vector<made_call>& calls, std::size_t at, const outcome& seen,
+                        bool is_for_ever)
+    {
+        const made_call& call = calls[at];
+        const bool is_on_connection = call.descriptor == m_connection;
+        if (call.number == SYS_read && is_on_connection)
+            messages(seen.replies); // what was not read of one request is taken for the next one
+        else if (call.number == SYS_write && (is_on_connection || is_for_ever))
+            EXPECT_EQ(hex(seen.replies), hex(replies_without(write_number(calls, at), is_for_ever)));
+        else
+            expect_answers(GetParam(), seen, seen.status != 0 || shared_report().paused >= kLongEnough);
+    }
+
+    /// Which of the writes to the connection that is, or comes next, from 1.
+    int write_number(const std::vector<made_call>& calls, std::size_t at) const
+    {
+        const auto end = calls.begin() + static_cast<std::ptrdiff_t>(at);
+        return 1 + static_cast<int>(std::count_if(calls.begin(), end, [&](const made_call& each) {
+                   return each.number == SYS_write && each.descriptor == m_connection;
+               }));
+    }
+
+    /// The healthy replies when that write fails: without a header there is no payload either.
+    bytes replies_without(int failing, bool is_for_ever) const
+    {
+        bytes all;
+        int writes = 0;
+        const auto is_written = [&] { return ++writes < failing || (writes > failing && !is_for_ever); };
+        for (const bytes& message : messages(m_healthy.replies)) {
+            const auto payload = message.begin() + static_cast<std::ptrdiff_t>(kHeaderSize);
+            if (!is_written())
+                continue;
+            all.insert(all.end(), message.begin(), payload);
+            if (payload != message.end() && is_written())
+                all.insert(all.end(), payload, message.end());
+        }
+        return all;
+    }
+
+    outcome m_healthy;
+    long m_connection = -1;
+};
+INSTANTIATE_TEST_SUITE_P(, failing_system_call,
+                         testing::ValuesIn(sessions_with({"by_ids", "hang_up", "no_device"})), name_of);
+
+TEST_P(failing_system_call, is_a_refusal_or_an_orderly_end)
+{
+    const std::vector<made_call> calls = healthy_calls(logging::off);
+    for (std::size_t at = 0; at < calls.size() && !HasFailure(); ++at)
+        if (const failing_call* const kind = kind_of(calls[at]))
+            for (const int error : kind->errors)
+                if (is_in_sample())
+                    expect_to_end_well(calls, at, error, false, logging::off);
+}
+
+TEST_P(failing_system_call, with_the_log_on_costs_no_more_than_a_line)
+{
+    const std::vector<made_call> calls =
+        healthy_calls(logging::trace); // whose calls are those of INFO and more
+    for (std::size_t at = 0; at < calls.size() && !HasFailure(); ++at)
+        if (const failing_call* const kind = kind_of(calls[at]); kind != nullptr && is_in_sample())
+            // Each call, with one of its errors.
+            expect_to_end_well(calls, at, kind->errors[at % kind->errors.size()], false, logging::trace);
+}
+
+TEST_P(failing_system_call, for_good_burns_no_processor)
+{
+    for (const logging how : {logging::off, logging::info}) {
+        const std::vector<made_call> calls = healthy_calls(how);
+        std::set<long> known;
+        for (std::size_t at = 0; at < calls.size() && !HasFailure(); ++at)
+            if (const failing_call* const kind = kind_of(calls[at])) {
+                // From the first on with each error, from every other one on with one, and of the log's only
+                // from the first.
+                const bool is_first = known.insert(kind->number).second;
+                if (!is_first && how != logging::off)
+                    continue;
+                for (const int error :
+                     is_first ? kind->errors : std::vector<int>{kind->errors[at % kind->errors.size()]})
+                    if (is_in_sample())
+                        expect_to_end_well(calls, at, error, true, how);
+            }
+    }
 }
 
 } // namespace

@@ -21,12 +21,17 @@ inline constexpr bool kIsSanitized = false;
 
 enum class target { nothing, libusb, allocation, system_call };
 
-/// Which call fails. Calls are counted from 1, each kind by itself.
+/// Milliseconds of pauses after which a program gets its SIGTERM: nothing new will come.
+inline constexpr std::uint64_t kLongEnough = 60'000;
+
+/// Which call fails. Calls are counted from 1, each kind by itself; system calls by number, because how often
+/// the heap grows varies.
 struct injection {
     target what = target::nothing;
     int nth = 0;
     int result = 0;           ///< libusb's, or the number in errno
-    bool is_for_ever = false; ///< and all that follow it; of system calls, those of its name
+    bool is_for_ever = false; ///< and all that follow it
+    long number = 0;          ///< of the system calls of which one fails
 };
 
 /// A kind of system call, and what it can fail with on a machine in trouble.
