@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "process/tvkintif/model/player.h"
+#include "support/private_paths.h"
 #include "support/proc_files.h"
 
 namespace process_test {
@@ -27,6 +28,10 @@ std::uint64_t setting(const char* name)
         throw std::runtime_error(std::string(name) + " is not set; scripts/soak does that");
     return std::stoull(text);
 }
+
+/// A claim that a process leaves behind keeps the next one from the device.
+const std::string kSharedBus =
+    "clock recorded\nshare_claims " + support::log_root + "\ndevice scanner 1a2b:3c4d\n";
 
 /// What a process holds, and how it has changed.
 class holdings {
@@ -83,6 +88,7 @@ protected:
     void expect_good_session()
     {
         set_up_machine();
+        with_bus(kSharedBus);
         start_connected();
         open();
         expect_answer(send_request(some_bytes(1 + below(100))), ok_reply());
@@ -165,6 +171,7 @@ TEST_F(soak, kills)
     holdings own(getpid());
     for (std::uint64_t done = 0; done < count && !HasFailure(); ++done) {
         set_up_machine();
+        with_bus(kSharedBus);
         start_connected();
         const auto sent = static_cast<std::ptrdiff_t>(below(stream.size() + 1));
         tell(bytes(stream.begin(), stream.begin() + sent));
