@@ -7,8 +7,8 @@ namespace session_model {
 namespace {
 
 constexpr std::uint64_t kSeed = 1;
-constexpr std::uint64_t kBlocks =
-    20; // each of which takes a slow, busy machine far less than a test may take
+// So many that each takes even a slow, busy machine less time than a test may take.
+constexpr std::uint64_t kBlocks = 20;
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::uint64_t kSessions = 500; // a process takes ten times as long to start
 #else

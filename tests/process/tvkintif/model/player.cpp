@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <iostream>
 #include <limits>
 
@@ -80,6 +82,17 @@ void player::play(std::uint64_t seed, std::uint64_t first, std::uint64_t count)
 
 void player::play(const session& what)
 {
+    try {
+        play_through(what);
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+    }
+    if (HasFailure())
+        std::cerr << what;
+}
+
+void player::play_through(const session& what)
+{
     const prediction expected = predict(what);
     prepare(what);
     start_connected();
@@ -90,8 +103,6 @@ void player::play(const session& what)
     program().wait_for_exit(kPatience);
     expect_end({0, {}, what.log == logging::verbose ? support::raw_log() : ""});
     expect_traces(what, expected);
-    if (HasFailure())
-        std::cerr << what;
 }
 
 void player::prepare(const session& what)

@@ -13,6 +13,7 @@ protected:
     void play(const session& what);
 
 private:
+    void play_through(const session& what);
     void prepare(const session& what);
     void send_and_receive(const session& what, const prediction& expected);
     /// Until this much has been sent of the stream, and this much received; or the program has left.
