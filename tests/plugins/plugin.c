@@ -222,6 +222,51 @@ ACTION void leave_thread(void)
         pthread_setname_np(thread, "poller");
 }
 
+static pthread_mutex_t one_at_a_time = PTHREAD_MUTEX_INITIALIZER;
+static pthread_t poller;
+static int is_polling;
+
+ACTION int transfer_alone(tarvik_transfer transfer, void* buffer, int length)
+{
+    pthread_mutex_lock(&one_at_a_time);
+    const int moved = transfer(buffer, length);
+    pthread_mutex_unlock(&one_at_a_time);
+    return moved;
+}
+
+ACTION int set_polling(int value)
+{
+    pthread_mutex_lock(&one_at_a_time);
+    const int before = is_polling;
+    if (value >= 0)
+        is_polling = value;
+    pthread_mutex_unlock(&one_at_a_time);
+    return before;
+}
+
+ACTION void* poll_device(void* unused)
+{
+    unsigned char byte = 0;
+    while (set_polling(-1) == 1) {
+        transfer_alone(read_device, &byte, 1);
+        usleep(100); /* lets others have their turn */
+    }
+    return unused;
+}
+
+ACTION void start_polling(void)
+{
+    set_polling(1);
+    if (pthread_create(&poller, NULL, poll_device, NULL) != 0)
+        abort();
+}
+
+ACTION void stop_polling(void)
+{
+    set_polling(0);
+    pthread_join(poller, NULL);
+}
+
 ACTION void leave_process(void)
 {
     if (fork() == 0) {
