@@ -157,8 +157,11 @@ void program_test::launch()
 {
     write_file(bus_file, m_bus);
     tarvik::launch how;
-    how.path = PROGRAM_PATH;
-    how.arguments = m_arguments;
+    std::vector<std::string> command = m_runner;
+    command.emplace_back(PROGRAM_PATH);
+    command.insert(command.end(), m_arguments.begin(), m_arguments.end());
+    how.path = command.front();
+    how.arguments.assign(command.begin() + 1, command.end());
     how.working_directory = scratch_directory;
     how.errors = tarvik::launch::standard_error::capture;
     how.environment = m_environment;

@@ -68,6 +68,8 @@ protected:
     /// The program ignores what this process ignores when it starts it.
     void with_ignored(int signal_number);
     void with_argument(const std::string& text) { m_arguments.push_back(text); }
+    /// The program is run by another one, which is given its path after its own arguments.
+    void with_runner(const std::vector<std::string>& command) { m_runner = command; }
     void with_environment(const std::string& name, const std::string& value) { m_environment[name] = value; }
 
     // The program.
@@ -126,6 +128,7 @@ private:
     std::string m_bus;
     std::vector<std::string> m_mishaps;
     std::vector<std::string> m_arguments;
+    std::vector<std::string> m_runner; ///< empty: none
     std::map<std::string, std::string> m_environment;
     int m_port = -1;
     std::unique_ptr<tarvik::child_process> m_program;
