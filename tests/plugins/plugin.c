@@ -1,5 +1,5 @@
 /* A scanner plugin for tests. It moves bytes between the program and the device unchanged and tells, line by
- * line, what is asked of it. What makes one plugin differ from the next is defined by CMakeLists.txt:
+ * line, what is asked of it. What makes one plugin differ from the next is defined in "variants":
  *
  *   NAME                 what it calls itself
  *   AT_LOAD, AT_UNLOAD, IN_CTOR, IN_DTOR, IN_READER, IN_WRITER   a statement for that moment
