@@ -28,7 +28,7 @@ TEST_P(plugin_with_thread, transfers_while_the_program_logs_and_until_it_closes)
     EXPECT_TRUE(support::wait_until(kPatience, [this] {
         expect_answer(query_request(1), ok_reply({0, 0, 0, 0}));
         expect_answer(recv_request(5), ng_reply());
-        return usb_lines_about("bulk_transfer scanner 0x81 1 ").size() > 20;
+        return usb_lines_about("bulk_transfer scanner 0x81 1 ").size() > 200;
     }));
     close();
     EXPECT_EQ(program().wait_for_exit(kPatience), tarvik::exit_status::exited(0));
