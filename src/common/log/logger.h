@@ -178,7 +178,7 @@ private:
     const char* file;
     int line;
     ESeveryLevel level;
-    std::array<char, 256> m_header; ///< until the first write; not on the heap, which may have no room
+    std::array<char, 255> m_header; ///< until the first write; not on the heap, which may have no room
     std::size_t m_headerSize = 0;
     bool written = false;             ///< the line has begun and needs its newline
     std::optional<TrustedFile> m_log; ///< open while `written`
