@@ -616,6 +616,17 @@ protected:
         return all;
     }
 
+    /// From the first call on it is each error, from every other one on one, and of the log's only from the
+    /// first.
+    static std::vector<int> lasting_errors(const failing_call& kind, std::size_t at, bool is_first,
+                                           logging how)
+    {
+        if (is_first)
+            return kind.errors;
+        return how == logging::off ? std::vector<int>{kind.errors[at % kind.errors.size()]}
+                                   : std::vector<int>{};
+    }
+
     outcome m_healthy;
     long m_connection = -1;
 };
@@ -648,14 +659,8 @@ TEST_P(failing_system_call, for_good_burns_no_processor)
         const std::vector<made_call> calls = healthy_calls(how);
         std::set<long> known;
         for (std::size_t at = 0; at < calls.size() && !HasFailure(); ++at)
-            if (const failing_call* const kind = kind_of(calls[at])) {
-                // From the first on with each error, from every other one on with one, and of the log's only
-                // from the first.
-                const bool is_first = known.insert(kind->number).second;
-                if (!is_first && how != logging::off)
-                    continue;
-                for (const int error :
-                     is_first ? kind->errors : std::vector<int>{kind->errors[at % kind->errors.size()]})
+            if (const failing_call* const kind = kind_of(calls[at]))
+                for (const int error : lasting_errors(*kind, at, known.insert(kind->number).second, how))
                     if (is_in_sample())
                         expect_to_end_well(calls, at, error, true, how);
             }

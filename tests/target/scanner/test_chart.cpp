@@ -177,26 +177,33 @@ void chart_painter::paint_line_pattern(const rectangle& where, int thickness, in
     }
 }
 
-/// 36 rays; they run into one another where the resolution ends.
-void chart_painter::paint_star(const rectangle& units)
+/// Which ray of its quarter a point belongs to, seen from the centre of the star.
+int ray_at(int x, int y)
 {
     // The sine of 0 to 90 degrees in steps of 5, times 10000.
     constexpr std::array<int, 19> kSines{0,    872,  1736, 2588, 3420, 4226, 5000, 5736, 6428, 7071,
                                          7660, 8192, 8660, 9063, 9397, 9659, 9848, 9962, 10000};
+    // The four quarters are alike, each turned by a right angle.
+    const bool is_turned = (x < 0) != (y < 0);
+    const int along = is_turned ? std::abs(y) : std::abs(x);
+    const int up = is_turned ? std::abs(x) : std::abs(y);
+    int ray = 0;
+    for (std::size_t step = 1; step + 1 < kSines.size(); ++step)
+        ray += up * kSines[kSines.size() - 1 - step] >= along * kSines[step] ? 1 : 0;
+    return ray;
+}
+
+/// 36 rays; they run into one another where the resolution ends.
+void chart_painter::paint_star(const rectangle& units)
+{
     const rectangle where = at(units);
     const int radius = where.width / 2;
     for (int y = -radius; y < radius; ++y) {
         for (int x = -radius; x < radius; ++x) {
             if (x * x + y * y >= radius * radius)
                 continue;
-            // The four quarters are alike, each turned by a right angle.
-            const bool is_turned = (x < 0) != (y < 0);
-            const int along = is_turned ? std::abs(y) : std::abs(x);
-            const int up = is_turned ? std::abs(x) : std::abs(y);
-            int ray = 0;
-            for (std::size_t step = 1; step + 1 < kSines.size(); ++step)
-                ray += up * kSines[kSines.size() - 1 - step] >= along * kSines[step] ? 1 : 0;
-            m_sheet.put(where.left + radius + x, where.top + radius + y, ray % 2 == 0 ? kBlack : kWhite);
+            m_sheet.put(where.left + radius + x, where.top + radius + y,
+                        ray_at(x, y) % 2 == 0 ? kBlack : kWhite);
         }
     }
 }

@@ -376,14 +376,7 @@ bool scanner_model::take_setting(const libusb_interface_descriptor& setting, boo
             libusb_attach_kernel_driver(m_device, number);
         return false;
     }
-    m_in = -1;
-    m_out = -1;
-    for (int i = 0; i < setting.bNumEndpoints && setting.endpoint != nullptr; ++i) {
-        const libusb_endpoint_descriptor& endpoint = setting.endpoint[i];
-        if ((endpoint.bmAttributes & 3) == LIBUSB_TRANSFER_TYPE_BULK)
-            ((endpoint.bEndpointAddress & LIBUSB_ENDPOINT_IN) != 0 ? m_in : m_out) =
-                endpoint.bEndpointAddress;
-    }
+    take_endpoints(setting);
     if (m_in != -1 && m_out != -1) {
         m_interface = number;
         m_hasDriver = has_driver;
@@ -394,6 +387,18 @@ bool scanner_model::take_setting(const libusb_interface_descriptor& setting, boo
     if (has_driver)
         libusb_attach_kernel_driver(m_device, number);
     return false;
+}
+
+void scanner_model::take_endpoints(const libusb_interface_descriptor& setting)
+{
+    m_in = -1;
+    m_out = -1;
+    for (int i = 0; i < setting.bNumEndpoints && setting.endpoint != nullptr; ++i) {
+        const libusb_endpoint_descriptor& endpoint = setting.endpoint[i];
+        if ((endpoint.bmAttributes & 3) == LIBUSB_TRANSFER_TYPE_BULK)
+            ((endpoint.bEndpointAddress & LIBUSB_ENDPOINT_IN) != 0 ? m_in : m_out) =
+                endpoint.bEndpointAddress;
+    }
 }
 
 void scanner_model::close_device()

@@ -73,6 +73,7 @@ private:
     bool take_interface();
     bool take_interface_of(const libusb_config_descriptor& configuration, bool& is_over);
     bool take_setting(const libusb_interface_descriptor& setting, bool& is_over);
+    void take_endpoints(const libusb_interface_descriptor& setting);
     bool start_usb();
     void close_device();
     void end_usb();
