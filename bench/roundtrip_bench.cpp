@@ -50,11 +50,11 @@ public:
     bare_server& operator=(const bare_server&) = delete;
     ~bare_server()
     {
-        m_front_end.close();
+        m_frontEnd.close();
         m_loop.join();
     }
 
-    peer& front_end() { return m_front_end; }
+    peer& front_end() { return m_frontEnd; }
 
 private:
     void serve()
@@ -70,7 +70,7 @@ private:
     transceiver m_transceiver{0, 10};
     int m_port;
     std::thread m_loop;
-    peer m_front_end{m_port};
+    peer m_frontEnd{m_port};
 };
 
 /// The dispatcher's loop, its scanner open.
@@ -80,25 +80,25 @@ public:
     {
         do_cleanup = 0;
         m_loop = std::thread([this] { m_dispatch.run(); });
-        m_front_end.send(request(kOpen, 0, "usb:1a2b:3c4d"));
-        m_is_open = m_front_end.receive(kHeaderSize) == request(0, 0);
+        m_frontEnd.send(request(kOpen, 0, "usb:1a2b:3c4d"));
+        m_isOpen = m_frontEnd.receive(kHeaderSize) == request(0, 0);
     }
     server(const server&) = delete;
     server& operator=(const server&) = delete;
     ~server()
     {
-        m_front_end.send(request(kClose, 0));
+        m_frontEnd.send(request(kClose, 0));
         m_loop.join();
     }
 
-    bool is_open() const { return m_is_open; }
-    peer& front_end() { return m_front_end; }
+    bool is_open() const { return m_isOpen; }
+    peer& front_end() { return m_frontEnd; }
 
 private:
     dispatch m_dispatch;
-    peer m_front_end{m_dispatch.port()};
+    peer m_frontEnd{m_dispatch.port()};
     std::thread m_loop;
-    bool m_is_open = false;
+    bool m_isOpen = false;
 };
 
 void round_trips(benchmark::State& state, peer& front_end)

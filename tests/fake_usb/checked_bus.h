@@ -14,9 +14,9 @@ public:
 
     void verify()
     {
-        if (m_is_verified)
+        if (m_isVerified)
             return;
-        m_is_verified = true;
+        m_isVerified = true;
         for (const std::string& thing : leftovers())
             ADD_FAILURE() << "left behind on the USB bus: " << thing;
         for (const std::string& what : misuses())
@@ -24,7 +24,7 @@ public:
     }
 
 private:
-    bool m_is_verified = false;
+    bool m_isVerified = false;
 };
 
 } // namespace fake_usb

@@ -126,7 +126,7 @@ private:
     usb_interface& this_interface()
     {
         auto& configurations = this_device().configurations;
-        if (!m_has_own_configuration || configurations.back().interfaces.empty())
+        if (!m_hasOwnConfiguration || configurations.back().interfaces.empty())
             throw std::invalid_argument("no interface to say this of");
         return configurations.back().interfaces.back();
     }
@@ -135,7 +135,7 @@ private:
     {
         plug_pending();
         m_device = scanner_device();
-        m_has_own_configuration = false;
+        m_hasOwnConfiguration = false;
         m_device->name = line.next("the name");
         const std::string ids = line.next("VVVV:PPPP");
         unsigned int vendor = 0;
@@ -154,7 +154,7 @@ private:
     void configuration(words& line)
     {
         auto& all = this_device().configurations;
-        if (!std::exchange(m_has_own_configuration, true))
+        if (!std::exchange(m_hasOwnConfiguration, true))
             all.clear();
         fake_usb::configuration next;
         next.value = static_cast<std::uint8_t>(line.number("the configuration value"));
@@ -164,9 +164,9 @@ private:
     void interface(words& line)
     {
         this_device();
-        if (!m_has_own_configuration)
+        if (!m_hasOwnConfiguration)
             throw std::invalid_argument("no configuration to say this of");
-        m_interface_number = static_cast<std::uint8_t>(line.number("the interface number"));
+        m_interfaceNumber = static_cast<std::uint8_t>(line.number("the interface number"));
         m_device->configurations.back().interfaces.emplace_back();
         setting(line);
     }
@@ -174,7 +174,7 @@ private:
     void setting(words& line)
     {
         alt_setting next;
-        next.interface_number = m_interface_number;
+        next.interface_number = m_interfaceNumber;
         if (line.are_left()) {
             next.interface_class = line.byte("the class");
             next.interface_protocol = line.byte("the protocol");
@@ -292,8 +292,8 @@ private:
 
     bus& m_bus;
     std::optional<fake_usb::device> m_device;
-    bool m_has_own_configuration = false;
-    std::uint8_t m_interface_number = 0;
+    bool m_hasOwnConfiguration = false;
+    std::uint8_t m_interfaceNumber = 0;
     script_options m_options;
 };
 

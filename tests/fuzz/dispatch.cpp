@@ -34,7 +34,7 @@ public:
     /// All that the front-end sends.
     explicit protocol_model(std::string_view requests)
     {
-        while (!m_is_over && requests.size() >= kHeader) {
+        while (!m_isOver && requests.size() >= kHeader) {
             const std::size_t size = fuzz::number_at(requests, 12);
             if (size > kMemory || requests.size() - kHeader < size)
                 return;
@@ -53,27 +53,27 @@ private:
     void serve(std::uint32_t id, std::uint32_t code, std::uint32_t value)
     {
         if (code != 4 && id != 1) {
-            m_is_over = code == 5;
+            m_isOver = code == 5;
             return reply(id, false, "\x15");
         }
         switch (code) {
         case 4:
-            m_is_open = m_is_open || names_the_scanner(udi(m_payload));
-            m_is_over = !m_is_open;
-            return reply(1, m_is_open);
+            m_isOpen = m_isOpen || names_the_scanner(udi(m_payload));
+            m_isOver = !m_isOpen;
+            return reply(1, m_isOpen);
         case 5:
-            m_is_over = true;
+            m_isOver = true;
             return;
         case 6:
-            if (m_is_open)
+            if (m_isOpen)
                 written += m_payload;
-            return reply(id, m_is_open && !m_payload.empty());
+            return reply(id, m_isOpen && !m_payload.empty());
         case 7:
-            m_is_over = value > kMemory;
-            if (m_is_over)
+            m_isOver = value > kMemory;
+            if (m_isOver)
                 return;
             m_payload.assign(value, '\0');
-            return m_is_open && value > 0 ? reply(id, true, read(value)) : reply(id, false);
+            return m_isOpen && value > 0 ? reply(id, true, read(value)) : reply(id, false);
         case 8:
             return value == 1 || value == 2 ? reply(id, true, std::string(4, '\0')) : reply(id, false);
         default:
@@ -103,8 +103,8 @@ private:
 
     std::string m_payload = std::string(dispatch::kInitialPayloadSize, '\0');
     std::size_t m_taken = 0; ///< bytes, from the device
-    bool m_is_open = false;
-    bool m_is_over = false;
+    bool m_isOpen = false;
+    bool m_isOver = false;
 };
 
 void serve_all()

@@ -13,9 +13,9 @@ namespace {
 
 std::string trimmed(std::string text)
 {
-    constexpr const char* blanks = " \t\n\v\f\r";
-    text.erase(0, std::min(text.find_first_not_of(blanks), text.size()));
-    text.resize(text.find_last_not_of(blanks) + 1);
+    constexpr const char* kBlanks = " \t\n\v\f\r";
+    text.erase(0, std::min(text.find_first_not_of(kBlanks), text.size()));
+    text.resize(text.find_last_not_of(kBlanks) + 1);
     return text;
 }
 

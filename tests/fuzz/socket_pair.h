@@ -20,25 +20,25 @@ public:
         std::array<int, 2> ends{};
         expect(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0, "there are sockets");
         near_end = ends[0];
-        m_far_end = ends[1];
+        m_farEnd = ends[1];
     }
     socket_pair(const socket_pair&) = delete;
     socket_pair& operator=(const socket_pair&) = delete;
-    ~socket_pair() { close(m_far_end); }
+    ~socket_pair() { close(m_farEnd); }
 
     /// Sends these bytes, and nothing after them.
     void say(std::string_view all) const
     {
-        expect(send(m_far_end, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size()),
+        expect(send(m_farEnd, all.data(), all.size(), 0) == static_cast<ssize_t>(all.size()),
                "a socket takes all");
-        shutdown(m_far_end, SHUT_WR);
+        shutdown(m_farEnd, SHUT_WR);
     }
 
     /// Takes what has come.
     void hear()
     {
         std::array<char, 65536> piece;
-        for (ssize_t count = 0; (count = recv(m_far_end, piece.data(), piece.size(), MSG_DONTWAIT)) > 0;)
+        for (ssize_t count = 0; (count = recv(m_farEnd, piece.data(), piece.size(), MSG_DONTWAIT)) > 0;)
             heard.append(piece.data(), static_cast<std::size_t>(count));
     }
 
@@ -46,7 +46,7 @@ public:
     std::string heard;
 
 private:
-    int m_far_end;
+    int m_farEnd;
 };
 
 /// The descriptor that would be the next one: it stays the same when none is left open.

@@ -13,7 +13,7 @@
 
 namespace process_test {
 
-held_transfer::held_transfer() : m_path(scratch_directory + "/held_transfer")
+held_transfer::held_transfer() : m_path(kScratchDirectory + "/held_transfer")
 {
     if (mkfifo(m_path.c_str(), 0600) != 0)
         throw std::system_error(errno, std::generic_category(), "mkfifo " + m_path);

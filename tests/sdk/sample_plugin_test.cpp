@@ -175,7 +175,7 @@ std::vector<bytes> example_lines(const std::string& label)
     return support::bytes_behind(label, support::read_file(SAMPLE_COMMANDS_PAGE));
 }
 
-const bytes identify = block('C', 1, 0, 0);
+const bytes kIdentify = block('C', 1, 0, 0);
 
 } // namespace
 
@@ -196,7 +196,7 @@ TEST_F(sample_plugin, passes_everything_but_a_whole_scan_request_on_unchanged)
 {
     bytes part_of_a_request = scan_request({0, 0, 1, 1});
     part_of_a_request.pop_back();
-    const std::vector<bytes> all{identify, {1, 2, 3}, part_of_a_request};
+    const std::vector<bytes> all{kIdentify, {1, 2, 3}, part_of_a_request};
     for (const bytes& each : all)
         EXPECT_TRUE(send(each));
     EXPECT_EQ(m_device.taken(), all);
@@ -219,17 +219,17 @@ TEST_F(sample_plugin, fails_a_receive_when_a_transfer_brings_nothing)
 TEST_F(sample_plugin, sends_the_rest_after_a_transfer_that_took_less_than_all)
 {
     m_device.will_take_at_most(10);
-    EXPECT_TRUE(send(identify));
-    EXPECT_EQ(m_device.taken(), (std::vector<bytes>{{identify.begin(), identify.begin() + 10},
-                                                    {identify.begin() + 10, identify.end()}}));
+    EXPECT_TRUE(send(kIdentify));
+    EXPECT_EQ(m_device.taken(), (std::vector<bytes>{{kIdentify.begin(), kIdentify.begin() + 10},
+                                                    {kIdentify.begin() + 10, kIdentify.end()}}));
 }
 
 TEST_F(sample_plugin, fails_a_send_that_stalls_and_passes_the_next_one_on)
 {
     m_device.will_stall_next_write();
-    EXPECT_FALSE(send(identify));
-    EXPECT_TRUE(send(identify));
-    EXPECT_EQ(m_device.taken(), std::vector<bytes>{identify});
+    EXPECT_FALSE(send(kIdentify));
+    EXPECT_TRUE(send(kIdentify));
+    EXPECT_EQ(m_device.taken(), std::vector<bytes>{kIdentify});
 }
 
 TEST_F(sample_plugin, fails_a_receive_that_stalls_and_gives_the_answer_to_the_next_one)
@@ -354,9 +354,9 @@ TEST_F(sample_plugin, drops_the_rest_of_a_picture_when_the_next_command_comes)
 {
     start_scan({0, 0, 4, 100});
     ASSERT_EQ(receive(4).size(), 4U);
-    EXPECT_TRUE(send(identify));
+    EXPECT_TRUE(send(kIdentify));
     EXPECT_TRUE(m_device.has_given_all()) << "the answer to the command would be old pixels";
-    EXPECT_EQ(m_device.taken().back(), identify);
+    EXPECT_EQ(m_device.taken().back(), kIdentify);
 }
 
 TEST_F(sample_plugin, leaves_nothing_in_the_device_when_it_is_stopped_in_a_picture)

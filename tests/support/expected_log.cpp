@@ -42,12 +42,12 @@ lines info(const std::vector<std::string>& messages)
     return all;
 }
 
-const lines announced = info({"port = 0"});
-const lines left = info({"Leave do_cleanup 1", "End Run", "--- Leave int interface ---"});
-const lines stream_ended = got_part(0, 0, kHeaderSize) + info({"do_cleanup 1"});
-const lines hung_up = stream_ended + left;
-const lines closed = info({"enter close", "leave close"});
-const lines told_to_close = request() + closed + left;
+const lines kAnnounced = info({"port = 0"});
+const lines kLeft = info({"Leave do_cleanup 1", "End Run", "--- Leave int interface ---"});
+const lines kStreamEnded = got_part(0, 0, kHeaderSize) + info({"do_cleanup 1"});
+const lines kHungUp = kStreamEnded + kLeft;
+const lines kClosed = info({"enter close", "leave close"});
+const lines kToldToClose = request() + kClosed + kLeft;
 
 lines reading(std::size_t size)
 {
@@ -145,7 +145,7 @@ lines open_served(const planned_open& what)
 
 lines open_refused(const std::string& udi, const lines& reason)
 {
-    return request(udi.size()) + reason + info({"send ng"}) + reply() + left;
+    return request(udi.size()) + reason + info({"send ng"}) + reply() + kLeft;
 }
 
 lines usb_short(const std::string& direction, std::size_t moved, std::size_t size)

@@ -20,15 +20,15 @@ constexpr std::size_t kHeaderSize = 20;
 lines info(const std::vector<std::string>& messages);
 
 /// The port has been announced.
-extern const lines announced;
+extern const lines kAnnounced;
 /// The loop has ended in order, and with it the process.
-extern const lines left;
+extern const lines kLeft;
 /// A read between two requests that met the end of the connection; and what the program then goes on to.
-extern const lines stream_ended;
-extern const lines hung_up;
+extern const lines kStreamEnded;
+extern const lines kHungUp;
 /// A close request is handled; and the request with that and the end.
-extern const lines closed;
-extern const lines told_to_close;
+extern const lines kClosed;
+extern const lines kToldToClose;
 
 /// A call that is to read or write `size` bytes and has not returned.
 lines reading(std::size_t size);

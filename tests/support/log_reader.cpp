@@ -41,8 +41,8 @@ log_line take_apart(const std::string& line)
 std::vector<fs::path> log_files()
 {
     std::vector<fs::path> files;
-    if (fs::exists(log_directory))
-        for (const fs::directory_entry& entry : fs::directory_iterator(log_directory))
+    if (fs::exists(kLogDirectory))
+        for (const fs::directory_entry& entry : fs::directory_iterator(kLogDirectory))
             if (entry.path().extension() == ".log")
                 files.push_back(entry.path());
     std::sort(files.begin(), files.end()); // the name ends in the date
@@ -66,10 +66,10 @@ size_t source_length(const std::string& message)
 
 void make_log_directory(std::optional<int> level)
 {
-    fs::remove_all(log_directory);
-    fs::create_directories(log_directory);
+    fs::remove_all(kLogDirectory);
+    fs::create_directories(kLogDirectory);
     if (level)
-        std::ofstream(settings_file) << vl::common::log::kLevelKey << "=" << *level << "\n";
+        std::ofstream(kSettingsFile) << vl::common::log::kLevelKey << "=" << *level << "\n";
 }
 
 std::string raw_log()

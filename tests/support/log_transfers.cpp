@@ -7,10 +7,10 @@ namespace support {
 
 namespace {
 
-const std::string read_call = "INFO ipc connection read get called = ";
-const std::string read_result = "INFO ipc connection read get bail rv = ";
-const std::string write_call = "INFO ipc connection wrute get called = ";
-const std::string write_result = "INFO ipc connection wrte  bail rv = ";
+const std::string kReadCall = "INFO ipc connection read get called = ";
+const std::string kReadResult = "INFO ipc connection read get bail rv = ";
+const std::string kWriteCall = "INFO ipc connection wrute get called = ";
+const std::string kWriteResult = "INFO ipc connection wrte  bail rv = ";
 
 struct progress {
     long long moved;
@@ -69,10 +69,10 @@ std::vector<std::string> with_whole_transfers(const std::vector<std::string>& lo
 {
     std::vector<std::string> result;
     for (std::size_t at = 0; at < log.size();) {
-        if (const std::optional<progress> got = transfer(log, at, read_call, read_result))
-            append_one_call(result, read_call, read_result, *got);
-        else if (const std::optional<progress> put = transfer(log, at, write_call, write_result))
-            append_one_call(result, write_call, write_result, *put);
+        if (const std::optional<progress> got = transfer(log, at, kReadCall, kReadResult))
+            append_one_call(result, kReadCall, kReadResult, *got);
+        else if (const std::optional<progress> put = transfer(log, at, kWriteCall, kWriteResult))
+            append_one_call(result, kWriteCall, kWriteResult, *put);
         else
             result.push_back(log[at++]);
     }

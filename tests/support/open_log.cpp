@@ -26,7 +26,7 @@ void open_log(std::optional<int> level)
 
 void close_log()
 {
-    std::filesystem::remove_all(log_directory);
+    std::filesystem::remove_all(kLogDirectory);
     read_settings_anew();
 }
 

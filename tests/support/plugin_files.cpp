@@ -15,14 +15,14 @@ std::string built_plugin(const std::string& target)
 
 void install_plugin(const std::string& target, const std::string& file_name)
 {
-    fs::copy_file(built_plugin(target), plugin_directory + "/" + file_name,
+    fs::copy_file(built_plugin(target), kPluginDirectory + "/" + file_name,
                   fs::copy_options::overwrite_existing);
 }
 
 void remove_plugins()
 {
-    fs::remove_all(plugin_directory);
-    fs::create_directory(plugin_directory);
+    fs::remove_all(kPluginDirectory);
+    fs::create_directory(kPluginDirectory);
 }
 
 } // namespace support

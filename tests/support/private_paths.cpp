@@ -60,9 +60,9 @@ void mount_tmpfs(const fs::path& where)
 /// root, where the tmpfs that is mounted there next hides it.
 void mount_writable_layer(const fs::path& base)
 {
-    mount_tmpfs(log_root);
-    const fs::path upper = log_root + "/upper";
-    const fs::path work = log_root + "/work";
+    mount_tmpfs(kLogRoot);
+    const fs::path upper = kLogRoot + "/upper";
+    const fs::path work = kLogRoot + "/work";
     fs::create_directory(upper);
     fs::create_directory(work);
     const std::string layers =
@@ -81,19 +81,19 @@ fs::path nearest_existing(fs::path path)
 
 void cover_log_root()
 {
-    fs::create_directory(log_root); // an empty one stays on the machine; it does not switch logging on
-    mount_tmpfs(log_root);
+    fs::create_directory(kLogRoot); // an empty one stays on the machine; it does not switch logging on
+    mount_tmpfs(kLogRoot);
 }
 
 void cover_plugin_root()
 {
-    const fs::path root = fs::path(plugin_root + "/").parent_path();
+    const fs::path root = fs::path(kPluginRoot + "/").parent_path();
     if (!fs::exists(root)) {
         mount_writable_layer(nearest_existing(root));
         fs::create_directories(root);
     }
     mount_tmpfs(root);
-    fs::create_directory(plugin_directory);
+    fs::create_directory(kPluginDirectory);
 }
 
 } // namespace
@@ -101,7 +101,7 @@ void cover_plugin_root()
 bool enter_private_paths()
 {
     try {
-        fs::create_directory(log_root);
+        fs::create_directory(kLogRoot);
         enter_mount_namespace();
         cover_plugin_root();
         cover_log_root();

@@ -8,11 +8,11 @@
 /// gets both for itself, empty, and the machine's own stay untouched, so tests can run side by side.
 namespace support {
 
-inline const std::string log_root = vl::common::log::kLogRoot;
-inline const std::string log_directory = log_root + "/" + vl::common::log::kLogFolder;
-inline const std::string settings_file = log_directory + "/" + vl::common::log::kSettingsFile;
-inline const std::string plugin_root = TVKINTIF_PLUGIN_DIR;
-inline const std::string plugin_directory = plugin_root + "/libexec";
+inline const std::string kLogRoot = vl::common::log::kLogRoot;
+inline const std::string kLogDirectory = kLogRoot + "/" + vl::common::log::kLogFolder;
+inline const std::string kSettingsFile = kLogDirectory + "/" + vl::common::log::kSettingsFile;
+inline const std::string kPluginRoot = TVKINTIF_PLUGIN_DIR;
+inline const std::string kPluginDirectory = kPluginRoot + "/libexec";
 
 /// Gives this process, and the children that it starts from now on, an empty log root and an empty plugin
 /// directory. To be called once, before any thread is started. When the machine does not permit it, says so

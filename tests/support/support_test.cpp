@@ -36,7 +36,7 @@ protected:
         if (!support::have_private_paths())
             return;
         support::remove_plugins();
-        for (const fs::directory_entry& entry : fs::directory_iterator(support::log_root))
+        for (const fs::directory_entry& entry : fs::directory_iterator(support::kLogRoot))
             fs::remove_all(entry.path());
     }
 };
@@ -48,21 +48,21 @@ bool is_mount_point(const std::string& path)
 
 TEST_F(private_paths_test, log_root_is_the_process_s_own_and_empty)
 {
-    EXPECT_TRUE(is_mount_point(support::log_root));
-    EXPECT_TRUE(fs::is_empty(support::log_root));
+    EXPECT_TRUE(is_mount_point(support::kLogRoot));
+    EXPECT_TRUE(fs::is_empty(support::kLogRoot));
 }
 
 TEST_F(private_paths_test, plugin_root_is_the_process_s_own_and_its_plugin_directory_empty)
 {
-    EXPECT_TRUE(is_mount_point(fs::path(support::plugin_root).parent_path()));
-    EXPECT_TRUE(fs::is_empty(support::plugin_directory));
+    EXPECT_TRUE(is_mount_point(fs::path(support::kPluginRoot).parent_path()));
+    EXPECT_TRUE(fs::is_empty(support::kPluginDirectory));
 }
 
 TEST_F(private_paths_test, a_child_has_them_too)
 {
-    std::ofstream(support::log_root + "/mark") << "mark";
+    std::ofstream(support::kLogRoot + "/mark") << "mark";
 
-    EXPECT_EQ(std::system(("test -e " + support::log_root + "/mark").c_str()), 0);
+    EXPECT_EQ(std::system(("test -e " + support::kLogRoot + "/mark").c_str()), 0);
 }
 
 TEST_F(private_paths_test, a_plugin_is_installed_under_the_name_that_the_program_looks_for)
@@ -70,9 +70,9 @@ TEST_F(private_paths_test, a_plugin_is_installed_under_the_name_that_the_program
     support::install_plugin("plugin_good", "libqvintZ4.so");
 
     EXPECT_EQ(fs::file_size(support::built_plugin("plugin_good")),
-              fs::file_size(support::plugin_directory + "/libqvintZ4.so"));
+              fs::file_size(support::kPluginDirectory + "/libqvintZ4.so"));
     support::remove_plugins();
-    EXPECT_TRUE(fs::is_empty(support::plugin_directory));
+    EXPECT_TRUE(fs::is_empty(support::kPluginDirectory));
 }
 
 class log_reader_test : public private_paths_test {
@@ -86,7 +86,7 @@ protected:
 
     void log_file(const std::string& name, const std::string& content)
     {
-        std::ofstream(support::log_directory + "/" + name) << content;
+        std::ofstream(support::kLogDirectory + "/" + name) << content;
     }
 };
 
@@ -120,7 +120,7 @@ TEST_F(log_reader_test, leaves_a_line_without_header_whole)
 
 TEST_F(log_reader_test, reads_nothing_when_there_is_no_log_directory)
 {
-    fs::remove_all(support::log_directory);
+    fs::remove_all(support::kLogDirectory);
 
     EXPECT_EQ(support::log_dialogue(), lines{});
 }
@@ -155,7 +155,7 @@ TEST_F(private_paths_test, own_log_starts_afresh_each_time_and_ends)
 
     support::close_log();
     Logger("support", __LINE__, ESeveryLevel::fatal)("%s", "not wanted");
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 TEST(wait_until, ends_as_soon_as_the_condition_holds)

@@ -107,7 +107,7 @@ private:
             expect_answer(GetParam().request, GetParam().reply);
         close();
         EXPECT_EQ(program().wait_for_exit(kPatience), tarvik::exit_status::exited(0));
-        return count(scratch_directory + "/" + kCounts);
+        return count(kScratchDirectory + "/" + kCounts);
     }
 };
 
@@ -149,7 +149,7 @@ TEST(cost_of_a_disabled_log_statement, in_instructions_has_not_grown)
     SUPPORT_REQUIRE_PRIVATE_PATHS();
     if (std::string(VALGRIND_PATH).empty())
         GTEST_SKIP() << "valgrind is not installed; run scripts/setup";
-    const std::string counts = support::log_root + "/" + kCounts;
+    const std::string counts = support::kLogRoot + "/" + kCounts;
     const auto of_statements = [&](const std::string& count) {
         std::vector<std::string> command = callgrind(counts);
         command.insert(command.end(), {STATEMENTS_PATH, count});

@@ -46,32 +46,32 @@ exchange receiving(std::size_t count, std::size_t from = 0)
             ok_reply({all.begin() + static_cast<std::ptrdiff_t>(from), all.end()})};
 }
 
-const exchange sending = {send_request(pattern(9)), ok_reply()};
-const exchange asking = {query_request(1), ok_reply(bytes(4))};
-const exchange closing = {close_request(), {}};
+const exchange kSending = {send_request(pattern(9)), ok_reply()};
+const exchange kAsking = {query_request(1), ok_reply(bytes(4))};
+const exchange kClosing = {close_request(), {}};
 
 const std::vector<session>& sessions()
 {
     static const std::vector<session> all = {
-        {"by_ids", kScanner, {opening(), asking, sending, receiving(5), closing}},
-        {"by_serial_number", kTwins, {opening("usb:1a2b:3c4d:A2"), receiving(7), closing}},
-        {"serial_number_of_nobody", kTwins, {opening("usb:1a2b:3c4d:A3"), closing}},
+        {"by_ids", kScanner, {opening(), kAsking, kSending, receiving(5), kClosing}},
+        {"by_serial_number", kTwins, {opening("usb:1a2b:3c4d:A2"), receiving(7), kClosing}},
+        {"serial_number_of_nobody", kTwins, {opening("usb:1a2b:3c4d:A3"), kClosing}},
         {"stalls",
          kScanner + kInto + kStall + kOutOf + kStall,
-         {opening(), refused(recv_request(5)), receiving(5), refused(sending.request), sending, closing}},
+         {opening(), refused(recv_request(5)), receiving(5), refused(kSending.request), kSending, kClosing}},
         {"hang_up",
          kScanner,
          {opening(), opening(), {frame(2, 7, 5), nak_reply(2)}, receiving(3), receiving(4, 3)}},
-        {"kernel_driver", kScanner + " kernel_driver 0\n", {opening(), receiving(5), closing}},
+        {"kernel_driver", kScanner + " kernel_driver 0\n", {opening(), receiving(5), kClosing}},
         {"other_configuration",
          "device scanner 1a2b:3c4d\n active_configuration 2\n configuration 2\n interface 0 07 01\n endpoint "
          "83\n"
          " configuration 1\n interface 1\n endpoint 81\n endpoint 02\n",
-         {opening(), sending, closing}},
+         {opening(), kSending, kClosing}},
         {"several_interfaces",
          "device scanner 1a2b:3c4d\n kernel_driver 0\n kernel_driver 1\n configuration 1\n"
          " interface 0\n endpoint 83\n interface 1\n setting\n endpoint 81\n endpoint 02\n",
-         {opening(), sending, receiving(6), closing}},
+         {opening(), kSending, receiving(6), kClosing}},
         {"no_interface",
          "device scanner 1a2b:3c4d\n configuration 1\n interface 0\n endpoint 81\n",
          {refused(open_request())}},
@@ -79,7 +79,7 @@ const std::vector<session>& sessions()
         {"no_address", kScanner, {refused(open_request("usb:1a2b"))}},
         {"without_open",
          kScanner,
-         {refused(sending.request), refused(recv_request(3)), refused(frame(1, 99)), asking}},
+         {refused(kSending.request), refused(recv_request(3)), refused(frame(1, 99)), kAsking}},
     };
     return all;
 }
@@ -266,7 +266,7 @@ void expect_answers(const session& what, const outcome& seen, bool may_end_early
     const std::vector<bytes> replies = messages(seen.replies);
     std::size_t next = 0;
     for (const exchange& each : what.exchanges) {
-        if (each.request == closing.request)
+        if (each.request == kClosing.request)
             break;
         if (next == replies.size()) {
             EXPECT_TRUE(may_end_early) << "no reply to request " << next + 1;
@@ -663,7 +663,6 @@ TEST_P(failing_system_call, for_good_burns_no_processor)
                 for (const int error : lasting_errors(*kind, at, known.insert(kind->number).second, how))
                     if (is_in_sample())
                         expect_to_end_well(calls, at, error, true, how);
-            }
     }
 }
 

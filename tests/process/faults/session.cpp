@@ -49,7 +49,7 @@ std::string read_to_end(int descriptor)
 void set_up_log(logging how)
 {
     if (how == logging::off)
-        fs::remove_all(support::log_directory);
+        fs::remove_all(support::kLogDirectory);
     else
         support::make_log_directory(how == logging::trace ? 0 : 1);
 }

@@ -31,7 +31,7 @@ std::uint64_t setting(const char* name)
 
 /// A claim that a process leaves behind keeps the next one from the device.
 const std::string kSharedBus =
-    "clock recorded\nshare_claims " + support::log_root + "\ndevice scanner 1a2b:3c4d\n";
+    "clock recorded\nshare_claims " + support::kLogRoot + "\ndevice scanner 1a2b:3c4d\n";
 
 /// What a process holds, and how it has changed.
 class holdings {

@@ -41,7 +41,7 @@ tvkctl_result explain_test::explain(const std::string& udi, const std::vector<st
 
 std::string explain_test::plugin_file()
 {
-    return fs::path(support::plugin_directory + "/libryo-mora-hk-t210.so").lexically_normal();
+    return fs::path(support::kPluginDirectory + "/libryo-mora-hk-t210.so").lexically_normal();
 }
 
 void explain_test::with_plugin_file(const std::string& content)

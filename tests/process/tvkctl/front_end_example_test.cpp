@@ -17,7 +17,7 @@ protected:
     {
         tvkctl_test::SetUp();
         if (!IsSkipped())
-            put_program_in_path("exec " + tvkintif_path);
+            put_program_in_path("exec " + kTvkintifPath);
     }
 
     /// The fake bus is for the program alone: Python is left as it is.

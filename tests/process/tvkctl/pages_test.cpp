@@ -30,9 +30,9 @@ namespace {
 using support::expect_on_page;
 using support::page_part;
 
-const std::string guide = SOURCE_FOLDER "/docs/tvkctl.md";
-const std::string man_page = SOURCE_FOLDER "/docs/tvkctl.1";
-const std::string troubleshooting = SOURCE_FOLDER "/docs/troubleshooting.md";
+const std::string kGuide = SOURCE_FOLDER "/docs/tvkctl.md";
+const std::string kManPage = SOURCE_FOLDER "/docs/tvkctl.1";
+const std::string kTroubleshooting = SOURCE_FOLDER "/docs/troubleshooting.md";
 
 std::string replaced(std::string text, const std::string& what, const std::string& by)
 {
@@ -64,8 +64,8 @@ std::vector<row> all_matches(const std::string& text, const std::string& pattern
 /// The examples that this machine can play; an ARM machine plays the others.
 std::vector<page_part> all_examples()
 {
-    std::vector<page_part> all = support::examples_of(troubleshooting);
-    for (page_part& part : support::examples_of(guide))
+    std::vector<page_part> all = support::examples_of(kTroubleshooting);
+    for (page_part& part : support::examples_of(kGuide))
         if (part.name != "check-plugin")
             all.push_back(std::move(part));
     return all;
@@ -96,7 +96,7 @@ protected:
         with_bus("device scanner 1a2b:3c4d serial SN0042\n  manufacturer Tarvik\n  product Virtual scanner\n"
                  "  place 1 1 1\n");
         make_node(1, 1, 0, 0664);
-        m_is_ordinary_user = true;
+        m_isOrdinaryUser = true;
     }
 
     void arrange(const std::string& section)
@@ -114,7 +114,7 @@ protected:
             {"This user may not open it",
              [&] {
                  make_node(1, 1, 0, 0600);
-                 m_is_ordinary_user = true;
+                 m_isOrdinaryUser = true;
              }},
             {"No interface that could be used",
              [&] {
@@ -146,7 +146,7 @@ protected:
     /// As if it had run on an ordinary machine.
     static std::string as_on_the_page(std::string output)
     {
-        output = replaced(output, tvkintif_path, "/usr/bin/tvkintif");
+        output = replaced(output, kTvkintifPath, "/usr/bin/tvkintif");
         output = replaced(output, scratch("program"), "/opt/other/tvkintif");
         output = replaced(output, fs::path(plugin_file()).parent_path(),
                           "/usr/lib/arm-linux-gnueabihf/tarvik/libexec");
@@ -164,19 +164,19 @@ protected:
         command = std::regex_replace(command, std::regex("^(sudo )?tvkctl "), "\"$TVKCTL\" ");
         command = std::regex_replace(command, std::regex("^(sudo )?tvkctl$"), "\"$TVKCTL\"");
         command = replaced(command, "/opt/other/tvkintif", scratch("program"));
-        if (m_is_ordinary_user)
+        if (m_isOrdinaryUser)
             command = as_nobody(command);
         return as_on_the_page(run_in_shell("(" + command + ") 2>&1").out);
     }
 
-    bool m_is_ordinary_user = false;
+    bool m_isOrdinaryUser = false;
     tarvik::unique_fd m_held;
 };
 
 TEST_P(pages, show_what_is_printed)
 {
     arrange(GetParam().name);
-    if (m_is_ordinary_user && geteuid() != 0)
+    if (m_isOrdinaryUser && geteuid() != 0)
         GTEST_SKIP() << "only root can run a command as another user";
     std::string made;
     for (const std::string& command : support::commands_of(GetParam()))
@@ -232,9 +232,9 @@ protected:
 
 TEST_F(pages_of_help, man_page_has_the_options_of_every_command)
 {
-    expect_on_page(support::part_named("options", man_page), man_rows_of_options("list", true));
+    expect_on_page(support::part_named("options", kManPage), man_rows_of_options("list", true));
     for (const row& command : all_matches(between(help(), "Subcommands:", "\n\n"), "\n  ([a-z-]+)"))
-        expect_on_page(support::part_named("options of " + command[1], man_page),
+        expect_on_page(support::part_named("options of " + command[1], kManPage),
                        man_rows_of_options(command[1], false));
 }
 
@@ -245,7 +245,7 @@ TEST_F(pages_of_help, man_page_has_the_steps_of_run)
     std::string rows;
     for (const row& found : all_matches(steps, pattern))
         rows += man_row(found[1], found[2], std::regex_replace(found[3], std::regex("\n +"), "\n"));
-    expect_on_page(support::part_named("steps", man_page), rows);
+    expect_on_page(support::part_named("steps", kManPage), rows);
 }
 
 TEST_F(pages_of_help, man_page_has_the_exit_statuses)
@@ -253,7 +253,7 @@ TEST_F(pages_of_help, man_page_has_the_exit_statuses)
     std::string rows;
     for (const row& found : statuses())
         rows += man_row(found[1], "", found[2]);
-    expect_on_page(support::part_named("exit statuses", man_page), rows);
+    expect_on_page(support::part_named("exit statuses", kManPage), rows);
 }
 
 TEST_F(pages_of_help, guide_has_the_exit_statuses)
@@ -261,7 +261,7 @@ TEST_F(pages_of_help, guide_has_the_exit_statuses)
     std::string rows = "| status | meaning |\n|---|---|\n";
     for (const row& found : statuses())
         rows += "| " + found[1] + " | " + found[2] + " |\n";
-    expect_on_page(support::part_named("exit statuses", guide), rows);
+    expect_on_page(support::part_named("exit statuses", kGuide), rows);
 }
 
 TEST_F(pages_of_help, troubleshooting_has_the_checks_in_their_order)
@@ -270,7 +270,7 @@ TEST_F(pages_of_help, troubleshooting_has_the_checks_in_their_order)
     const std::string checks = between(help({"explain"}), "when one fails:", "\n\n");
     for (const row& found : all_matches(checks, "\n +([0-9]+)  ([a-z]+) +([^\n]+)"))
         rows += "| " + found[2] + " | " + found[3] + " | " + found[1] + " |\n";
-    expect_on_page(support::part_named("checks", troubleshooting), rows);
+    expect_on_page(support::part_named("checks", kTroubleshooting), rows);
 }
 
 } // namespace

@@ -81,12 +81,12 @@ public:
 
     void with_plugin_of_another_machine()
     {
-        constexpr std::size_t machine_field = 18; // of the ELF header
-        constexpr char another_machine = 22;      // IBM S/390, on which nobody runs this test
+        constexpr std::size_t kMachineField = 18; // of the ELF header
+        constexpr char kAnotherMachine = 22;      // IBM S/390, on which nobody runs this test
         std::string content = support::read_file(support::built_plugin("plugin_good"));
-        ASSERT_GT(content.size(), machine_field);
-        content[machine_field] = another_machine;
-        content[machine_field + 1] = 0;
+        ASSERT_GT(content.size(), kMachineField);
+        content[kMachineField] = kAnotherMachine;
+        content[kMachineField + 1] = 0;
         with_plugin_file(content);
     }
     void hold_node() { m_held = tarvik::unique_fd(open(node().c_str(), O_RDWR | O_CLOEXEC)); }
@@ -108,7 +108,7 @@ protected:
         options.insert(options.begin(), {"explain", udi});
         tvkctl_result result = run_launch(launch_of(m_tvkctl, options));
         for (const auto& [path, word] :
-             {std::pair(plugin_file(), "PLUGIN"), std::pair(tvkintif_path, "PROGRAM"),
+             {std::pair(plugin_file(), "PLUGIN"), std::pair(kTvkintifPath, "PROGRAM"),
               std::pair(scratch("program"), "PROGRAM")})
             for (std::size_t at = 0; (at = result.out.find(path, at)) != std::string::npos;)
                 result.out.replace(at, path.size(), word);
@@ -116,7 +116,7 @@ protected:
     }
 
 private:
-    std::string m_tvkctl = tvkctl_path;
+    std::string m_tvkctl = kTvkctlPath;
     tarvik::unique_fd m_held;
 };
 

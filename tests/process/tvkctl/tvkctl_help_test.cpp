@@ -13,7 +13,7 @@ namespace {
 
 using names = std::set<std::string>;
 
-const std::string source_folder = SOURCE_FOLDER;
+const std::string kSourceFolder = SOURCE_FOLDER;
 
 names all_matches(const std::string& text, const std::string& pattern)
 {
@@ -56,12 +56,12 @@ protected:
         return all_matches(between(help(command), "Options:\n", "\n\n"), "(?:^|\n)  (?:-[a-z],)?(--[a-z-]+)");
     }
 
-    static std::string man_page() { return support::read_file(source_folder + "/docs/tvkctl.1"); }
+    static std::string man_page() { return support::read_file(kSourceFolder + "/docs/tvkctl.1"); }
 
     /// What the completion offers for a command line whose cursor stands at its end.
     std::string completions_of(const std::string& line)
     {
-        const tvkctl_result result = run_in_shell("source " + source_folder +
+        const tvkctl_result result = run_in_shell("source " + kSourceFolder +
                                                   "/src/tvkctl/completion/tvkctl\n"
                                                   "PATH=${TVKCTL%/*}:$PATH\n"
                                                   "COMP_LINE='" +
@@ -79,7 +79,7 @@ protected:
 
 TEST_F(tvkctl_help_test, man_page_guide_and_completion_have_every_command_and_no_other)
 {
-    const std::string guide = support::read_file(source_folder + "/docs/tvkctl.md");
+    const std::string guide = support::read_file(kSourceFolder + "/docs/tvkctl.md");
     EXPECT_EQ(all_matches(man_page(), R"(\n\.SS "tvkctl ([a-z-]+))"), commands());
     EXPECT_EQ(all_matches(guide, "\n\\| `tvkctl ([a-z-]+)"), commands());
     EXPECT_EQ(all_matches(completions_of("tvkctl "), "(?:^|\n)([a-z][a-z-]*)"), commands());

@@ -14,7 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-const std::string kPlugin = support::plugin_directory + "/libryo-mora-hk-t210.so";
+const std::string kPlugin = support::kPluginDirectory + "/libryo-mora-hk-t210.so";
 
 class tvkctl_list_test : public tvkctl_test {
 protected:

@@ -46,7 +46,7 @@ class tvkctl_log_test : public tvkctl_test {
 protected:
     static std::string file_of_day(int days = 0)
     {
-        return support::log_directory + "/tvkintif_" + date("%Y%m%d", days) + ".log";
+        return support::kLogDirectory + "/tvkintif_" + date("%Y%m%d", days) + ".log";
     }
     static void append(const std::string& text, int days = 0)
     {
@@ -121,7 +121,7 @@ TEST_F(tvkctl_log_test, a_directory_of_root_is_reported_to_other_users_with_71)
 TEST_F(tvkctl_log_test, a_directory_of_another_user_is_off_with_its_remedy)
 {
     support::make_log_directory();
-    ASSERT_EQ(chown(support::log_directory.c_str(), 65534, 65534), 0);
+    ASSERT_EQ(chown(support::kLogDirectory.c_str(), 65534, 65534), 0);
     EXPECT_EQ(run({"log"}).out,
               "Logging is off: /tmp/velnor/tvkintif belongs neither to root nor to this user\n"
               "See who put it there (ls -ld /tmp/velnor/tvkintif) and have root remove it.\n");
@@ -180,19 +180,19 @@ TEST_F(tvkctl_log_test, purge_removes_the_logs)
     support::make_log_directory();
     append(line_of("INFO", "lost"));
     EXPECT_EQ(run({"log", "off", "--purge"}).status, 0);
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 TEST_F(tvkctl_log_test, a_link_in_place_of_the_directory_is_refused_with_72)
 {
-    fs::create_directory_symlink(scratch("."), support::log_directory);
+    fs::create_directory_symlink(scratch("."), support::kLogDirectory);
     const tvkctl_result result = run({"log", "on"});
     EXPECT_EQ(result.status, 72);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err,
               "tvkctl: /tmp/velnor/tvkintif is not a directory but a file or a symbolic "
               "link. Find out who put it there (ls -ld /tmp/velnor/tvkintif) and have it removed.\n");
-    fs::remove(support::log_directory);
+    fs::remove(support::kLogDirectory);
 }
 
 TEST_F(tvkctl_log_test, on_for_a_user_lets_that_users_programs_log)
@@ -320,7 +320,7 @@ TEST_F(tvkctl_log_test, follow_ends_with_the_directory)
     EXPECT_TRUE(has_followed(line_of("INFO", "one")));
     append(line_of("INFO", "two"));
     EXPECT_TRUE(has_followed(line_of("INFO", "one") + line_of("INFO", "two")));
-    fs::remove_all(support::log_directory);
+    fs::remove_all(support::kLogDirectory);
     EXPECT_EQ(m_follower->wait_for_exit(kPatience), tarvik::exit_status::exited(70));
     EXPECT_EQ(m_follower->standard_error(),
               "tvkctl: /tmp/velnor/tvkintif is gone: logging was turned off. Turn it on with: tvkctl "
@@ -362,7 +362,7 @@ TEST_F(tvkctl_log_test, bad_options_are_usage_errors_on_one_line)
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 } // namespace

@@ -326,7 +326,7 @@ TEST_F(tvkctl_run_test, a_program_that_cannot_be_found_is_reported)
 
 TEST_F(tvkctl_run_test, connect_drives_a_program_that_somebody_else_started)
 {
-    tarvik::front_end started(launch_of(tvkintif_path, {}));
+    tarvik::front_end started(launch_of(kTvkintifPath, {}));
     const tvkctl_result result = run_steps({"--connect", std::to_string(started.port()), "send 01"});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(usb_lines_about("plugin_good writer").text(), (lines{"plugin_good writer 1"}).text());

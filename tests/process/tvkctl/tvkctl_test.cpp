@@ -21,21 +21,21 @@ namespace {
 
 using support::kPatience;
 
-const std::string scratch_folder = support::log_root + "/scratch";
+const std::string kScratchFolder = support::kLogRoot + "/scratch";
 
 } // namespace
 
-const std::string tvkctl_test::tvkctl_path = TVKCTL_PATH;
-const std::string tvkctl_test::tvkintif_path = PROGRAM_PATH;
+const std::string tvkctl_test::kTvkctlPath = TVKCTL_PATH;
+const std::string tvkctl_test::kTvkintifPath = PROGRAM_PATH;
 
 void tvkctl_test::SetUp()
 {
     SUPPORT_REQUIRE_PRIVATE_PATHS();
     // A shell that runs the tests in the background has SIGINT ignored, and tvkctl would inherit that.
     signal(SIGINT, SIG_DFL);
-    fs::remove_all(support::log_directory);
-    fs::remove_all(scratch_folder);
-    fs::create_directory(scratch_folder);
+    fs::remove_all(support::kLogDirectory);
+    fs::remove_all(kScratchFolder);
+    fs::create_directory(kScratchFolder);
     support::remove_plugins();
     with_plugin("plugin_good");
 }
@@ -59,10 +59,10 @@ tarvik::launch tvkctl_test::launch_of(const std::string& path, const std::vector
     tarvik::launch how;
     how.path = path;
     how.arguments = arguments;
-    how.working_directory = scratch_folder;
+    how.working_directory = kScratchFolder;
     how.errors = tarvik::launch::standard_error::capture;
     how.environment = m_environment;
-    how.environment["TVKCTL"] = tvkctl_path;
+    how.environment["TVKCTL"] = kTvkctlPath;
     how.environment["FAKE_USB_BUS"] = scratch("bus.txt");
     how.environment["FAKE_USB_DIALOGUE"] = scratch("dialogue.txt");
     how.environment["LD_PRELOAD"] = FAKE_USB_PATH;
@@ -76,7 +76,7 @@ tarvik::launch tvkctl_test::launch_of(const std::string& path, const std::vector
 
 void tvkctl_test::start(const std::vector<std::string>& arguments)
 {
-    m_process = std::make_unique<tarvik::child_process>(launch_of(tvkctl_path, arguments));
+    m_process = std::make_unique<tarvik::child_process>(launch_of(kTvkctlPath, arguments));
 }
 
 void tvkctl_test::start_on_terminal(const std::string& arguments)
@@ -134,13 +134,13 @@ std::string tvkctl_test::as_nobody(const std::string& command)
 
 std::string tvkctl_test::lonely_tvkctl()
 {
-    fs::copy_file(tvkctl_path, scratch("tvkctl"), fs::copy_options::overwrite_existing);
+    fs::copy_file(kTvkctlPath, scratch("tvkctl"), fs::copy_options::overwrite_existing);
     return scratch("tvkctl");
 }
 
 std::string tvkctl_test::scratch(const std::string& name)
 {
-    return scratch_folder + "/" + name;
+    return kScratchFolder + "/" + name;
 }
 
 void tvkctl_test::write_scratch(const std::string& name, const std::string& content)

@@ -61,8 +61,8 @@ protected:
     static std::string scratch(const std::string& name);
     static void write_scratch(const std::string& name, const std::string& content);
 
-    static const std::string tvkctl_path;
-    static const std::string tvkintif_path;
+    static const std::string kTvkctlPath;
+    static const std::string kTvkintifPath;
 
 private:
     std::string m_bus = "device scanner 1a2b:3c4d\n";

@@ -20,9 +20,9 @@ namespace process_test {
 
 namespace {
 
-const std::string nodes = "/dev/bus/usb";
-const std::string sysfs_devices = "/sys/bus/usb/devices";
-const std::string new_dev = support::log_root + "/dev";
+const std::string kNodes = "/dev/bus/usb";
+const std::string kSysfsDevices = "/sys/bus/usb/devices";
+const std::string kNewDev = support::kLogRoot + "/dev";
 
 void check(int result, const std::string& step)
 {
@@ -34,16 +34,16 @@ void check(int result, const std::string& step)
 /// nodes that the other tests of this process need.
 void cover_dev()
 {
-    fs::create_directories(new_dev + "/pts");
-    check(mount("/dev/pts", (new_dev + "/pts").c_str(), nullptr, MS_BIND, nullptr), "bind of /dev/pts");
-    fs::create_symlink("pts/ptmx", new_dev + "/ptmx");
-    fs::create_symlink("/proc/self/fd", new_dev + "/fd");
+    fs::create_directories(kNewDev + "/pts");
+    check(mount("/dev/pts", (kNewDev + "/pts").c_str(), nullptr, MS_BIND, nullptr), "bind of /dev/pts");
+    fs::create_symlink("pts/ptmx", kNewDev + "/ptmx");
+    fs::create_symlink("/proc/self/fd", kNewDev + "/fd");
     for (const std::string name : {"null", "zero", "full", "urandom"}) {
-        std::ofstream(new_dev + "/" + name);
-        check(mount(("/dev/" + name).c_str(), (new_dev + "/" + name).c_str(), nullptr, MS_BIND, nullptr),
+        std::ofstream(kNewDev + "/" + name);
+        check(mount(("/dev/" + name).c_str(), (kNewDev + "/" + name).c_str(), nullptr, MS_BIND, nullptr),
               "bind of /dev/" + name);
     }
-    check(mount(new_dev.c_str(), "/dev", nullptr, MS_BIND | MS_REC, nullptr), "bind over /dev");
+    check(mount(kNewDev.c_str(), "/dev", nullptr, MS_BIND | MS_REC, nullptr), "bind over /dev");
 }
 
 void cover_once()
@@ -61,7 +61,7 @@ void cover_once()
 void cover_usb_paths()
 {
     cover_once();
-    for (const std::string& folder : {nodes, sysfs_devices}) {
+    for (const std::string& folder : {kNodes, kSysfsDevices}) {
         fs::remove_all(folder);
         fs::create_directories(folder);
     }
@@ -71,7 +71,7 @@ std::string make_node(int bus, int address, uid_t owner, mode_t mode)
 {
     std::array<char, 16> name{};
     std::snprintf(name.data(), name.size(), "/%03d/%03d", bus, address);
-    const std::string path = nodes + name.data();
+    const std::string path = kNodes + name.data();
     fs::create_directories(fs::path(path).parent_path());
     const std::ofstream file(path);
     check(chown(path.c_str(), owner, owner), "chown " + path);
@@ -81,14 +81,14 @@ std::string make_node(int bus, int address, uid_t owner, mode_t mode)
 
 void set_active_configuration(const std::string& port, int value)
 {
-    const std::string folder = sysfs_devices + "/" + port;
+    const std::string folder = kSysfsDevices + "/" + port;
     fs::create_directories(folder);
     std::ofstream(folder + "/bConfigurationValue") << value << "\n";
 }
 
 void bind_driver(const std::string& interface_name, const std::string& driver)
 {
-    const std::string folder = sysfs_devices + "/" + interface_name;
+    const std::string folder = kSysfsDevices + "/" + interface_name;
     fs::create_directories(folder);
     fs::create_symlink("../../drivers/" + driver, folder + "/driver");
 }

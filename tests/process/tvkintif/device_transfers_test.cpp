@@ -16,7 +16,7 @@ protected:
     void close_and_expect(const lines& log, const lines& usb_between)
     {
         close_and_expect_end();
-        expect_log(announced + open_served() + log + told_to_close);
+        expect_log(kAnnounced + open_served() + log + kToldToClose);
         expect_usb(usb_opened() + usb_between + usb_closed());
     }
 };
@@ -48,9 +48,9 @@ TEST_F(device_transfers, device_that_was_pulled_out_fails_each_request_and_the_p
     expect_answer(recv_request(2), ng_reply());
     expect_answer(send_request({7}), ng_reply());
     close_and_expect_end();
-    expect_log(announced + open_served() + request() + reply(2) + request() +
+    expect_log(kAnnounced + open_served() + request() + reply(2) + request() +
                usb_failed("read", 0, 2, "LIBUSB_ERROR_NO_DEVICE") + reply() + request(1) +
-               usb_failed("write", 0, 1, "LIBUSB_ERROR_NO_DEVICE") + reply() + told_to_close);
+               usb_failed("write", 0, 1, "LIBUSB_ERROR_NO_DEVICE") + reply() + kToldToClose);
 }
 
 TEST_F(device_transfers, many_requests_in_a_row_keep_their_bytes_in_order)

@@ -10,8 +10,8 @@ using exceptions = program_test;
 
 namespace {
 
-const lines only_left = info({"--- Leave int interface ---"});
-const lines memory_exhausted = lines{"ERROR std::bad_alloc"} + only_left;
+const lines kOnlyLeft = info({"--- Leave int interface ---"});
+const lines kMemoryExhausted = lines{"ERROR std::bad_alloc"} + kOnlyLeft;
 constexpr std::size_t kGibibyte = std::size_t{1} << 30U;
 
 } // namespace
@@ -21,7 +21,7 @@ TEST_F(exceptions, dispatcher_that_cannot_be_made_is_reported_as_port_minus_1)
     with_mishap("exhaust signal");
     start_in_vain();
     expect_end({1});
-    expect_log(memory_exhausted);
+    expect_log(kMemoryExhausted);
 }
 
 TEST_F(exceptions, settings_that_cannot_be_kept_are_reported_as_port_minus_1)
@@ -37,7 +37,7 @@ TEST_F(exceptions, port_that_cannot_be_found_out_is_reported_as_minus_1_and_the_
     with_mishap("record sockets");
     start_in_vain();
     expect_end({1});
-    expect_log(lines{"ERROR no room for the port"} + only_left);
+    expect_log(lines{"ERROR no room for the port"} + kOnlyLeft);
     expect_usb_about("close", {"close listening"});
 }
 
@@ -46,7 +46,7 @@ TEST_F(exceptions, exception_of_unknown_kind_at_the_start_leaves_no_error_line)
     with_mishap("throw_number print");
     start_in_vain();
     expect_end({1});
-    expect_log(only_left);
+    expect_log(kOnlyLeft);
 }
 
 TEST_F(exceptions, start_that_fails_without_logging_still_prints_minus_1)
@@ -63,7 +63,7 @@ TEST_F(exceptions, recv_of_more_than_memory_holds_ends_the_process_without_a_rep
     open();
     tell(recv_request(0xFFFFFFFF));
     expect_end({1});
-    expect_log(announced + open_served() + request() + memory_exhausted);
+    expect_log(kAnnounced + open_served() + request() + kMemoryExhausted);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -73,7 +73,7 @@ TEST_F(exceptions, payload_of_more_than_memory_holds_ends_the_process_without_a_
     open();
     tell(bare_header(1, 6, 0xFFFFFFFF));
     expect_end({1});
-    expect_log(announced + open_served() + request() + memory_exhausted);
+    expect_log(kAnnounced + open_served() + request() + kMemoryExhausted);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -82,7 +82,7 @@ TEST_F(exceptions, wrong_id_does_not_keep_a_payload_from_being_read)
     start_with_memory_for(kGibibyte);
     tell(bare_header(2, 6, 0xFFFFFFFF));
     expect_end({1});
-    expect_log(announced + request() + memory_exhausted);
+    expect_log(kAnnounced + request() + kMemoryExhausted);
 }
 
 TEST_F(exceptions, exception_in_the_loop_is_logged_after_the_device_was_closed)
@@ -110,7 +110,7 @@ TEST_F(exceptions, exception_of_unknown_kind_in_the_loop_leaves_no_error_line)
     open();
     close();
     expect_end({1});
-    expect_log(announced + open_served() + request() + info({"enter close"}) + only_left);
+    expect_log(kAnnounced + open_served() + request() + info({"enter close"}) + kOnlyLeft);
 }
 
 TEST_F(exceptions, plugin_sees_an_exception_in_a_transfer_as_a_transfer_of_nothing)

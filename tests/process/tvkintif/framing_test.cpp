@@ -35,8 +35,8 @@ TEST_F(framing, request_is_served_when_it_dribbles_in_byte_by_byte)
     expect_reply(ok_reply());
     expect_answer(recv_request(5), ok_reply(from_hex("a1a2a3a4a5")));
     close_and_expect_end();
-    expect_log(announced + open_served() + read_byte_by_byte(kHeaderSize) + read_byte_by_byte(5) + reply() +
-               request() + reply(5) + told_to_close);
+    expect_log(kAnnounced + open_served() + read_byte_by_byte(kHeaderSize) + read_byte_by_byte(5) + reply() +
+               request() + reply(5) + kToldToClose);
 }
 
 TEST_F(framing, one_megabyte_is_received_whole)
@@ -45,7 +45,7 @@ TEST_F(framing, one_megabyte_is_received_whole)
     open();
     expect_answer(recv_request(kMegabyte), ok_reply(device_bytes(kMegabyte)));
     close_and_expect_end();
-    expect_log_with_whole_transfers(announced + open_served() + request() + reply(kMegabyte) + told_to_close);
+    expect_log_with_whole_transfers(kAnnounced + open_served() + request() + reply(kMegabyte) + kToldToClose);
     expect_usb(
         usb_opened() +
         lines{"plugin_good reader 1000000", "bulk_transfer scanner 0x81 1000000 60000 -> 0 (1000000)"} +
@@ -60,8 +60,8 @@ TEST_F(framing, one_megabyte_is_sent_whole)
     expect_answer(send_request(pattern(kMegabyte)), ok_reply());
     expect_answer(recv_request(kMegabyte), ok_reply(pattern(kMegabyte)));
     close_and_expect_end();
-    expect_log_with_whole_transfers(announced + open_served() + request(kMegabyte) + reply() + request() +
-                                    reply(kMegabyte) + told_to_close);
+    expect_log_with_whole_transfers(kAnnounced + open_served() + request(kMegabyte) + reply() + request() +
+                                    reply(kMegabyte) + kToldToClose);
 }
 
 TEST_F(framing, payload_that_is_only_announced_takes_no_memory)

@@ -91,7 +91,7 @@ TEST_F(hostile_peer, that_is_silent_holds_the_port_and_costs_nothing)
     EXPECT_EQ(support::processor_ticks(pid()), processor_ticks) << "hundredths of a second of processor time";
     hang_up();
     expect_end();
-    expect_log(announced + hung_up);
+    expect_log(kAnnounced + kHungUp);
 }
 
 TEST_F(hostile_peer, that_comes_first_of_ten_thousand_is_served_and_the_others_leave_nothing_behind)
@@ -109,7 +109,7 @@ TEST_F(hostile_peer, that_comes_first_of_ten_thousand_is_served_and_the_others_l
     EXPECT_EQ(error_of_late_comer(port()), ECONNREFUSED);
     open();
     close_and_expect_end();
-    expect_log(announced + request() + reply(4) + open_served() + told_to_close);
+    expect_log(kAnnounced + request() + reply(4) + open_served() + kToldToClose);
 }
 
 } // namespace process_test

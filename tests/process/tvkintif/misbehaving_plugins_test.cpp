@@ -43,132 +43,124 @@ struct misdeed {
     std::string bus = {};  ///< more of its script
 };
 
-const std::string works = "ok ok ok end";
-const exit_status normally = exit_status::exited(0);
-const exit_status by_itself = exit_status::exited(3);
-const exit_status with_error = exit_status::exited(1);
+const std::string kWorks = "ok ok ok end";
+const exit_status kNormally = exit_status::exited(0);
+const exit_status kByItself = exit_status::exited(3);
+const exit_status kWithError = exit_status::exited(1);
 
 exit_status by(int signal_number)
 {
     return exit_status::killed_by(signal_number);
 }
 
-const std::vector<misdeed>& all_misdeeds()
-{
-    static const std::vector<misdeed> all = {
-        {"returns_not_from_load", "load hang", "nothing", SIGKILL, by(SIGKILL)},
-        {"returns_not_from_ctor", "ctor hang", "nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"returns_not_from_reader", "reader hang", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"returns_not_from_writer", "writer hang", "ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"returns_not_from_dtor", "dtor hang", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"returns_not_from_unload", "unload hang", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"spins_in_reader", "reader spin", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"stops_itself_in_reader", "reader stop", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
+const std::vector<misdeed> kMisdeeds = {
+    {"returns_not_from_load", "load hang", "nothing", SIGKILL, by(SIGKILL)},
+    {"returns_not_from_ctor", "ctor hang", "nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"returns_not_from_reader", "reader hang", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"returns_not_from_writer", "writer hang", "ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"returns_not_from_dtor", "dtor hang", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"returns_not_from_unload", "unload hang", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"spins_in_reader", "reader spin", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"stops_itself_in_reader", "reader stop", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
 
-        {"crashes_in_load", "load crash", "end", 0, by(SIGSEGV)},
-        {"crashes_in_ctor", "ctor crash", "end", 0, by(SIGSEGV), device::freed},
-        {"crashes_in_reader", "reader crash", "ok end", 0, by(SIGSEGV), device::freed},
-        {"crashes_in_writer", "writer crash", "ok ok end", 0, by(SIGSEGV), device::freed},
-        {"crashes_in_dtor", "dtor crash", works, 0, by(SIGSEGV), device::freed},
-        {"crashes_in_unload", "unload crash", works, 0, by(SIGSEGV), device::freed},
+    {"crashes_in_load", "load crash", "end", 0, by(SIGSEGV)},
+    {"crashes_in_ctor", "ctor crash", "end", 0, by(SIGSEGV), device::freed},
+    {"crashes_in_reader", "reader crash", "ok end", 0, by(SIGSEGV), device::freed},
+    {"crashes_in_writer", "writer crash", "ok ok end", 0, by(SIGSEGV), device::freed},
+    {"crashes_in_dtor", "dtor crash", kWorks, 0, by(SIGSEGV), device::freed},
+    {"crashes_in_unload", "unload crash", kWorks, 0, by(SIGSEGV), device::freed},
 
-        {"aborts_in_load", "load abort", "end", 0, by(SIGABRT)},
-        {"aborts_in_ctor", "ctor abort", "end", 0, by(SIGABRT), device::freed},
-        {"aborts_in_reader", "reader abort", "ok end", 0, by(SIGABRT), device::freed},
-        {"aborts_in_writer", "writer abort", "ok ok end", 0, by(SIGABRT), device::freed},
-        {"aborts_in_dtor", "dtor abort", works, 0, by(SIGABRT), device::freed},
-        {"aborts_in_unload", "unload abort", works, 0, by(SIGABRT), device::freed},
+    {"aborts_in_load", "load abort", "end", 0, by(SIGABRT)},
+    {"aborts_in_ctor", "ctor abort", "end", 0, by(SIGABRT), device::freed},
+    {"aborts_in_reader", "reader abort", "ok end", 0, by(SIGABRT), device::freed},
+    {"aborts_in_writer", "writer abort", "ok ok end", 0, by(SIGABRT), device::freed},
+    {"aborts_in_dtor", "dtor abort", kWorks, 0, by(SIGABRT), device::freed},
+    {"aborts_in_unload", "unload abort", kWorks, 0, by(SIGABRT), device::freed},
 
-        {"exits_in_load", "load exit", "end", 0, by_itself},
-        {"exits_in_ctor", "ctor exit", "end", 0, by_itself},
-        {"exits_in_reader", "reader exit", "ok end", 0, by_itself},
-        {"exits_in_writer", "writer exit", "ok ok end", 0, by_itself},
-        {"exits_in_dtor", "dtor exit", works, 0, by_itself},
-        {"exits_in_unload", "unload exit", works, 0, by_itself},
-        {"quits_in_reader", "reader quit", "ok end", 0, by_itself, device::freed},
-        {"exits_in_a_thread", "reader exit_in_thread", "ok end", 0, by_itself},
+    {"exits_in_load", "load exit", "end", 0, kByItself},
+    {"exits_in_ctor", "ctor exit", "end", 0, kByItself},
+    {"exits_in_reader", "reader exit", "ok end", 0, kByItself},
+    {"exits_in_writer", "writer exit", "ok ok end", 0, kByItself},
+    {"exits_in_dtor", "dtor exit", kWorks, 0, kByItself},
+    {"exits_in_unload", "unload exit", kWorks, 0, kByItself},
+    {"quits_in_reader", "reader quit", "ok end", 0, kByItself, device::freed},
+    {"exits_in_a_thread", "reader exit_in_thread", "ok end", 0, kByItself},
 
-        {"throws_in_ctor", "ctor throw", "ng end", 0, normally},
-        {"throws_in_reader", "reader throw", "ok end", 0, with_error},
-        {"throws_in_writer", "writer throw", "ok ok end", 0, with_error},
-        {"throws_in_dtor", "dtor throw", works, 0, with_error},
-        {"throws_in_unload", "unload throw", works, 0, by(SIGABRT), device::freed},
-        {"throws_a_number_in_ctor", "ctor throw_number", "ng end", 0, normally},
-        {"throws_a_number_in_reader", "reader throw_number", "ok end", 0, with_error},
-        {"throws_its_own_in_ctor", "ctor throw_its_own", "end", 0, by(SIGSEGV), device::freed},
-        {"throws_its_own_in_reader", "reader throw_its_own", "ok end", 0, by(SIGSEGV)},
-        {"throws_its_own_in_dtor", "dtor throw_its_own", works, 0, with_error},
-        {"throws_in_a_thread", "reader throw_in_thread", "ok end", 0, by(SIGABRT), device::freed},
+    {"throws_in_ctor", "ctor throw", "ng end", 0, kNormally},
+    {"throws_in_reader", "reader throw", "ok end", 0, kWithError},
+    {"throws_in_writer", "writer throw", "ok ok end", 0, kWithError},
+    {"throws_in_dtor", "dtor throw", kWorks, 0, kWithError},
+    {"throws_in_unload", "unload throw", kWorks, 0, by(SIGABRT), device::freed},
+    {"throws_a_number_in_ctor", "ctor throw_number", "ng end", 0, kNormally},
+    {"throws_a_number_in_reader", "reader throw_number", "ok end", 0, kWithError},
+    {"throws_its_own_in_ctor", "ctor throw_its_own", "end", 0, by(SIGSEGV), device::freed},
+    {"throws_its_own_in_reader", "reader throw_its_own", "ok end", 0, by(SIGSEGV)},
+    {"throws_its_own_in_dtor", "dtor throw_its_own", kWorks, 0, kWithError},
+    {"throws_in_a_thread", "reader throw_in_thread", "ok end", 0, by(SIGABRT), device::freed},
 
-        {"jumps_back_from_ctor", "ctor jump", "end", 0, by(SIGABRT), device::freed},
-        {"jumps_back_from_reader", "reader jump", "ok end", 0, by(SIGABRT), device::freed},
-        {"jumps_back_from_writer", "writer jump", "ok ok end", 0, by(SIGABRT), device::freed},
-        {"jumps_back_from_dtor", "dtor jump", works, 0, by(SIGABRT), device::freed},
+    {"jumps_back_from_ctor", "ctor jump", "end", 0, by(SIGABRT), device::freed},
+    {"jumps_back_from_reader", "reader jump", "ok end", 0, by(SIGABRT), device::freed},
+    {"jumps_back_from_writer", "writer jump", "ok ok end", 0, by(SIGABRT), device::freed},
+    {"jumps_back_from_dtor", "dtor jump", kWorks, 0, by(SIGABRT), device::freed},
 
-        {"closes_all_in_load", "load close_all", "end", SIGTERM, normally},
-        {"closes_all_in_ctor", "ctor close_all", "end", SIGTERM, normally},
-        {"closes_all_in_reader", "reader close_all", "ok end", SIGTERM, normally},
-        {"closes_all_in_writer", "writer close_all", "ok ok end", SIGTERM, normally},
-        {"closes_all_in_dtor", "dtor close_all", works, 0, normally},
-        {"closes_all_in_unload", "unload close_all", works, 0, normally},
+    {"closes_all_in_load", "load close_all", "end", SIGTERM, kNormally},
+    {"closes_all_in_ctor", "ctor close_all", "end", SIGTERM, kNormally},
+    {"closes_all_in_reader", "reader close_all", "ok end", SIGTERM, kNormally},
+    {"closes_all_in_writer", "writer close_all", "ok ok end", SIGTERM, kNormally},
+    {"closes_all_in_dtor", "dtor close_all", kWorks, 0, kNormally},
+    {"closes_all_in_unload", "unload close_all", kWorks, 0, kNormally},
 
-        {"prints_without_end_in_load", "load print", "nothing", SIGKILL, by(SIGKILL)},
-        {"prints_without_end_in_ctor", "ctor print", "nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"prints_without_end_in_reader", "reader print", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
-        {"prints_without_end_in_writer", "writer print", "ok ok nothing", SIGKILL, by(SIGKILL),
-         device::freed},
-        {"prints_without_end_in_dtor", "dtor print", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"prints_without_end_in_load", "load print", "nothing", SIGKILL, by(SIGKILL)},
+    {"prints_without_end_in_ctor", "ctor print", "nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"prints_without_end_in_reader", "reader print", "ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"prints_without_end_in_writer", "writer print", "ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
+    {"prints_without_end_in_dtor", "dtor print", "ok ok ok nothing", SIGKILL, by(SIGKILL), device::freed},
 
-        {"changes_directory", "ctor change_directory", works, 0, normally},
-        {"changes_umask", "ctor change_umask", works, 0, normally},
-        {"changes_locale", "ctor change_locale", works, 0, normally},
-        {"ignores_signals", "ctor ignore_signals", works, 0, normally},
-        {"blocks_signals", "ctor block_signals", works, 0, normally},
-        {"resets_handlers", "ctor reset_handlers", works, 0, normally},
-        {"resets_handlers_and_sigterm_comes", "ctor reset_handlers; reader hang", "ok nothing", SIGTERM,
-         by(SIGTERM), device::freed},
-        {"lets_a_timer_end_the_process", "reader arm_timer", "ok end", 0, by(SIGALRM), device::freed},
-        {"forbids_files", "reader forbid_files", "ok end", 0, by(SIGXFSZ), device::freed},
+    {"changes_directory", "ctor change_directory", kWorks, 0, kNormally},
+    {"changes_umask", "ctor change_umask", kWorks, 0, kNormally},
+    {"changes_locale", "ctor change_locale", kWorks, 0, kNormally},
+    {"ignores_signals", "ctor ignore_signals", kWorks, 0, kNormally},
+    {"blocks_signals", "ctor block_signals", kWorks, 0, kNormally},
+    {"resets_handlers", "ctor reset_handlers", kWorks, 0, kNormally},
+    {"resets_handlers_and_sigterm_comes", "ctor reset_handlers; reader hang", "ok nothing", SIGTERM,
+     by(SIGTERM), device::freed},
+    {"lets_a_timer_end_the_process", "reader arm_timer", "ok end", 0, by(SIGALRM), device::freed},
+    {"forbids_files", "reader forbid_files", "ok end", 0, by(SIGXFSZ), device::freed},
 
-        {"forks", "ctor fork", "ok ok ok nothing", 0, normally},
-        {"forks_and_crashes", "ctor fork; reader crash", "ok nothing", 0, by(SIGSEGV), device::held_by_child},
-        {"forks_and_hangs", "ctor fork; reader hang", "ok nothing", SIGKILL, by(SIGKILL),
-         device::held_by_child},
-        {"starts_a_helper", "ctor execute", works, 0, normally},
-        {"starts_a_helper_and_crashes", "ctor execute; reader crash", "ok end", 0, by(SIGSEGV),
-         device::freed},
+    {"forks", "ctor fork", "ok ok ok nothing", 0, kNormally},
+    {"forks_and_crashes", "ctor fork; reader crash", "ok nothing", 0, by(SIGSEGV), device::held_by_child},
+    {"forks_and_hangs", "ctor fork; reader hang", "ok nothing", SIGKILL, by(SIGKILL), device::held_by_child},
+    {"starts_a_helper", "ctor execute", kWorks, 0, kNormally},
+    {"starts_a_helper_and_crashes", "ctor execute; reader crash", "ok end", 0, by(SIGSEGV), device::freed},
 
-        {"leaves_a_thread", "ctor leave_thread", works, 0, normally},
-        {"leaves_a_thread_in_a_transfer", "ctor transfer_in_thread", works, 0, normally, device::released, "",
-         "transfer scanner 81 hold " + scratch_directory + "/held_transfer\n"},
-        {"overflows_the_stack", "reader use_much_stack", "ok end", 0, by(SIGSEGV), device::freed},
-        {"uses_64_mebibytes_of_its_own_stack", "reader use_much_stack_in_thread", works, 0, normally},
-        {"unloads_itself", "reader unload_itself", "ok end", 0, by(SIGSEGV), device::freed},
+    {"leaves_a_thread", "ctor leave_thread", kWorks, 0, kNormally},
+    {"leaves_a_thread_in_a_transfer", "ctor transfer_in_thread", kWorks, 0, kNormally, device::released, "",
+     "transfer scanner 81 hold " + kScratchDirectory + "/held_transfer\n"},
+    {"overflows_the_stack", "reader use_much_stack", "ok end", 0, by(SIGSEGV), device::freed},
+    {"uses_64_mebibytes_of_its_own_stack", "reader use_much_stack_in_thread", kWorks, 0, kNormally},
+    {"unloads_itself", "reader unload_itself", "ok end", 0, by(SIGSEGV), device::freed},
 
-        {"transfers_in_dtor", "dtor transfer", works, 0, normally, device::released, "read 1, wrote 1"},
-        {"transfers_in_unload", "unload transfer", works, 0, normally, device::released, "read 1, wrote 1"},
-        {"transfers_after_close", "load stay_loaded; unload transfer", works, 0, normally, device::released,
-         "read 0, wrote 0"},
-        {"transfers_to_null", "ctor transfer_null", works, 0, normally, device::released, "read 0, wrote 0"},
-        {"transfers_nothing", "ctor transfer_nothing", works, 0, normally, device::released,
-         "read 0, wrote 0"},
-        {"transfers_a_negative_length", "ctor transfer_negative", works, 0, normally, device::released,
-         "read 0, wrote 0"},
-        {"transfers_the_least_length", "ctor transfer_least", works, 0, normally, device::released,
-         "read 0, wrote 0"},
-        {"transfers_the_largest_length", "ctor transfer_most", works, 0, normally, device::released,
-         "read 0, wrote 0", "fail bulk_transfer LIBUSB_ERROR_NO_MEM times 2\n"},
+    {"transfers_in_dtor", "dtor transfer", kWorks, 0, kNormally, device::released, "read 1, wrote 1"},
+    {"transfers_in_unload", "unload transfer", kWorks, 0, kNormally, device::released, "read 1, wrote 1"},
+    {"transfers_after_close", "load stay_loaded; unload transfer", kWorks, 0, kNormally, device::released,
+     "read 0, wrote 0"},
+    {"transfers_to_null", "ctor transfer_null", kWorks, 0, kNormally, device::released, "read 0, wrote 0"},
+    {"transfers_nothing", "ctor transfer_nothing", kWorks, 0, kNormally, device::released, "read 0, wrote 0"},
+    {"transfers_a_negative_length", "ctor transfer_negative", kWorks, 0, kNormally, device::released,
+     "read 0, wrote 0"},
+    {"transfers_the_least_length", "ctor transfer_least", kWorks, 0, kNormally, device::released,
+     "read 0, wrote 0"},
+    {"transfers_the_largest_length", "ctor transfer_most", kWorks, 0, kNormally, device::released,
+     "read 0, wrote 0", "fail bulk_transfer LIBUSB_ERROR_NO_MEM times 2\n"},
 
-        {"starts_with_a_negative_answer", "ctor " + std::to_string(INT_MIN), works, 0, normally},
-        {"reads_more_than_asked", "reader 6", works, 0, normally},
-        {"reads_a_negative_count", "reader -1", works, 0, normally},
-        {"reads_the_least_count", "reader " + std::to_string(INT_MIN), works, 0, normally},
-        {"writes_more_than_asked", "writer 2", works, 0, normally},
-        {"writes_the_least_count", "writer " + std::to_string(INT_MIN), works, 0, normally},
-        {"reads_nothing", "reader 0", "ok ng ok end", 0, normally},
-    };
-    return all;
-}
+    {"starts_with_a_negative_answer", "ctor " + std::to_string(INT_MIN), kWorks, 0, kNormally},
+    {"reads_more_than_asked", "reader 6", kWorks, 0, kNormally},
+    {"reads_a_negative_count", "reader -1", kWorks, 0, kNormally},
+    {"reads_the_least_count", "reader " + std::to_string(INT_MIN), kWorks, 0, kNormally},
+    {"writes_more_than_asked", "writer 2", kWorks, 0, kNormally},
+    {"writes_the_least_count", "writer " + std::to_string(INT_MIN), kWorks, 0, kNormally},
+    {"reads_nothing", "reader 0", "ok ng ok end", 0, kNormally},
+};
 
 } // namespace
 
@@ -188,7 +180,7 @@ protected:
 
     static std::string bus()
     {
-        return "clock recorded\nshare_claims " + scratch_directory + "\ndevice scanner 1a2b:3c4d\n";
+        return "clock recorded\nshare_claims " + kScratchDirectory + "\ndevice scanner 1a2b:3c4d\n";
     }
 
     /// What the front-end sees, up to what is not a reply.
@@ -219,7 +211,7 @@ protected:
 
     device state_of_device() const
     {
-        const std::string path = scratch_directory + "/scanner";
+        const std::string path = kScratchDirectory + "/scanner";
         const tarvik::unique_fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
         if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
             return device::held_by_child;
@@ -303,12 +295,12 @@ TEST_P(misbehaving_plugin, leaves_the_next_program_working)
     m_held.reset();
     with_environment("MISDEEDS", "");
     with_bus(bus());
-    EXPECT_EQ(seen_in_a_session(), works);
-    EXPECT_EQ(program().wait_for_exit(kPatience), normally);
+    EXPECT_EQ(seen_in_a_session(), kWorks);
+    EXPECT_EQ(program().wait_for_exit(kPatience), kNormally);
     EXPECT_EQ(state_of_device(), device::released);
 }
 
-INSTANTIATE_TEST_SUITE_P(that, misbehaving_plugin, testing::ValuesIn(all_misdeeds()),
+INSTANTIATE_TEST_SUITE_P(that, misbehaving_plugin, testing::ValuesIn(kMisdeeds),
                          [](const auto& test) { return test.param.name; });
 
 } // namespace process_test

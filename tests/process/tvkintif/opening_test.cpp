@@ -11,7 +11,7 @@ namespace process_test {
 
 namespace {
 
-const lines pause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
+const lines kPause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
 
 } // namespace
 
@@ -23,7 +23,7 @@ protected:
         start_connected();
         expect_answer(open_request(udi), ng_reply());
         expect_end();
-        expect_log(announced + open_refused(udi, log));
+        expect_log(kAnnounced + open_refused(udi, log));
         expect_usb(bus);
     }
 
@@ -39,19 +39,19 @@ protected:
     void expect_served(const planned_open& what)
     {
         expect_served(what.udi);
-        expect_log(announced + open_served(what) + told_to_close);
+        expect_log(kAnnounced + open_served(what) + kToldToClose);
     }
 };
 
 namespace {
 
-const std::string two_alike = "device left 1a2b:3c4d serial SN1\ndevice right 1a2b:3c4d serial SN2\n";
+const std::string kTwoAlike = "device left 1a2b:3c4d serial SN1\ndevice right 1a2b:3c4d serial SN2\n";
 
 } // namespace
 
 TEST_F(opening, device_is_found_by_its_serial_number)
 {
-    with_bus(two_alike);
+    with_bus(kTwoAlike);
     expect_served(planned_open{"usb:1a2b:3c4d:SN2", "SN2"});
     expect_usb({"plugin_good loaded",
                 "init -> 0",
@@ -145,9 +145,9 @@ TEST_F(opening, device_that_is_missing_is_looked_for_in_all_attempts_with_pauses
     start_connected();
     expect_answer(open_request(what.udi), ng_reply());
     expect_end();
-    expect_log(announced + open_served(what) + left);
+    expect_log(kAnnounced + open_served(what) + kLeft);
     expect_usb(lines{"plugin_good loaded", "init -> 0", "set_debug 3"} +
-               support::repeated(scanner::kConnectionAttempts, searches, pause) +
+               support::repeated(scanner::kConnectionAttempts, searches, kPause) +
                lines{"exit", "plugin_good unloaded", "end of process"});
 }
 
@@ -157,7 +157,7 @@ TEST_F(opening, device_that_appears_before_the_third_attempt_is_opened)
     what.attempts = {attempt::finds_no_device, attempt::finds_no_device, attempt::reaches_it};
     with_bus("clock recorded\ndevice scanner 1a2b:3c4d\n" + appears_at_attempt(3));
     expect_served(what);
-    expect_usb_about("sleep", pause + pause);
+    expect_usb_about("sleep", kPause + kPause);
 }
 
 } // namespace process_test

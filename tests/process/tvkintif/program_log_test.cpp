@@ -24,7 +24,7 @@ protected:
     static std::vector<std::string> log_files()
     {
         std::vector<std::string> names;
-        for (const fs::directory_entry& entry : fs::directory_iterator(support::log_directory))
+        for (const fs::directory_entry& entry : fs::directory_iterator(support::kLogDirectory))
             if (entry.path().filename() != "setting.ini")
                 names.push_back(entry.path().filename());
         return names;
@@ -33,7 +33,7 @@ protected:
 
 namespace {
 
-const lines error = {"ERROR ERROR: setsockopt failed"};
+const lines kError = {"ERROR ERROR: setsockopt failed"};
 
 std::string today()
 {
@@ -50,14 +50,14 @@ TEST_F(program_log, without_the_directory_nothing_is_logged_or_made)
     with_no_log_directory();
     run_with_errors();
     expect_end();
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 TEST_F(program_log, directory_alone_means_level_info)
 {
     run_with_errors();
     expect_end();
-    expect_log(error + announced + error + error + told_to_close);
+    expect_log(kError + kAnnounced + kError + kError + kToldToClose);
 }
 
 TEST_F(program_log, file_is_named_after_the_program_and_the_day)
@@ -78,7 +78,7 @@ TEST_F(program_log, second_run_appends_to_the_first)
     hang_up();
     start_connected();
     close_and_expect_end();
-    expect_log(announced + told_to_close + announced + told_to_close);
+    expect_log(kAnnounced + kToldToClose + kAnnounced + kToldToClose);
 }
 
 TEST_F(program_log, level_0_names_the_source_of_each_line_and_copies_it_to_standard_error)
@@ -94,7 +94,7 @@ TEST_F(program_log, level_0_names_the_source_of_each_line_and_copies_it_to_stand
         sources += {support::source_of(line.message)};
         messages += {line.level + " " + support::without_source(line.message)};
     }
-    EXPECT_EQ(messages.text(), (announced + told_to_close).text());
+    EXPECT_EQ(messages.text(), (kAnnounced + kToldToClose).text());
     EXPECT_EQ(sources.text(), lines({"main", "ipc_connection", "ipc_connection", "ipc_connection", "dispatch",
                                      "dispatch", "dispatch", "main", "main"})
                                   .text());
@@ -105,7 +105,7 @@ TEST_F(program_log, level_3_leaves_errors_alone_and_no_copy)
     with_log_level(3);
     run_with_errors();
     expect_end();
-    expect_log(error + error + error);
+    expect_log(kError + kError + kError);
 }
 
 TEST_F(program_log, replies_are_the_same_without_it)

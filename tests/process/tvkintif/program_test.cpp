@@ -24,8 +24,8 @@ namespace process_test {
 
 namespace {
 
-const std::string bus_file = scratch_directory + "/bus.txt";
-const std::string dialogue_file = scratch_directory + "/dialogue.txt";
+const std::string kBusFile = kScratchDirectory + "/bus.txt";
+const std::string kDialogueFile = kScratchDirectory + "/dialogue.txt";
 
 constexpr const char* kOrdinaryBus = "device scanner 1a2b:3c4d\n";
 
@@ -97,8 +97,8 @@ void program_test::set_up_machine()
 {
     m_bus = kOrdinaryBus;
     m_mishaps.clear();
-    fs::remove_all(scratch_directory);
-    fs::create_directory(scratch_directory);
+    fs::remove_all(kScratchDirectory);
+    fs::create_directory(kScratchDirectory);
     support::remove_plugins();
     support::make_log_directory();
     with_plugin("plugin_good");
@@ -135,7 +135,7 @@ void program_test::with_no_plugin()
 
 void program_test::with_no_log_directory()
 {
-    fs::remove_all(support::log_directory);
+    fs::remove_all(support::kLogDirectory);
 }
 
 void program_test::with_log_level(int level)
@@ -145,7 +145,7 @@ void program_test::with_log_level(int level)
 
 void program_test::with_settings(const std::string& text)
 {
-    write_file(support::settings_file, text);
+    write_file(support::kSettingsFile, text);
 }
 
 void program_test::with_ignored(int signal_number)
@@ -155,18 +155,18 @@ void program_test::with_ignored(int signal_number)
 
 void program_test::launch()
 {
-    write_file(bus_file, m_bus);
+    write_file(kBusFile, m_bus);
     tarvik::launch how;
     std::vector<std::string> command = m_runner;
     command.emplace_back(PROGRAM_PATH);
     command.insert(command.end(), m_arguments.begin(), m_arguments.end());
     how.path = command.front();
     how.arguments.assign(command.begin() + 1, command.end());
-    how.working_directory = scratch_directory;
+    how.working_directory = kScratchDirectory;
     how.errors = tarvik::launch::standard_error::capture;
     how.environment = m_environment;
-    how.environment["FAKE_USB_BUS"] = bus_file;
-    how.environment["FAKE_USB_DIALOGUE"] = dialogue_file;
+    how.environment["FAKE_USB_BUS"] = kBusFile;
+    how.environment["FAKE_USB_DIALOGUE"] = kDialogueFile;
     how.environment["MISHAPS"] = joined(m_mishaps, "; ");
     // Only where there are some: what is not asked for is not to stand between the program and the system.
     how.environment["LD_PRELOAD"] = (m_mishaps.empty() ? "" : MISHAPS_PATH ":") + std::string(FAKE_USB_PATH);
@@ -307,7 +307,7 @@ void program_test::expect_usb_about(const std::string& beginning, const lines& e
 
 void program_test::forget_usb()
 {
-    fs::remove(dialogue_file);
+    fs::remove(kDialogueFile);
 }
 
 lines program_test::usb() const
@@ -317,7 +317,7 @@ lines program_test::usb() const
 
 lines program_test::usb_lines_about(const std::string& beginning) const
 {
-    std::ifstream file(dialogue_file);
+    std::ifstream file(kDialogueFile);
     lines result;
     for (std::string line; std::getline(file, line);)
         if (line.rfind(beginning, 0) == 0)

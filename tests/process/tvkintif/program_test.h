@@ -24,7 +24,7 @@ using namespace expected; // the vocabulary of the tests
 using support::kPatience;
 
 /// Empty at the start of each test, beside the log directory; the program's working directory.
-inline const std::string scratch_directory = support::log_root + "/scratch";
+inline const std::string kScratchDirectory = support::kLogRoot + "/scratch";
 
 /// How a process ends.
 struct ending {

@@ -11,7 +11,7 @@ TEST_F(requests, failed_open_does_not_wait_for_another_request)
     start_connected();
     expect_answer(open_request("usb:1a2b"), ng_reply());
     expect_end();
-    expect_log(announced +
+    expect_log(kAnnounced +
                open_refused("usb:1a2b", info({"open usb:1a2b", "open usb:1a2b",
                                               "machine: invalid UDI 'usb:1a2b'", "get pid fails"})));
 }
@@ -22,7 +22,7 @@ TEST_F(requests, close_with_a_wrong_id_is_answered_nak_and_ends_the_process)
     open();
     expect_answer(frame(2, 5), from_hex("00000002 00000000 ffffffff 00000001 00000000 15"));
     expect_end();
-    expect_log(announced + open_served() + request() + reply(1) + left);
+    expect_log(kAnnounced + open_served() + request() + reply(1) + kLeft);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -35,8 +35,8 @@ TEST_F(requests, pipelined_requests_are_answered_one_by_one_in_their_order)
                   ok_reply() + ok_reply() + ok_reply(from_hex("c0ffee")) + nak_reply(7) + ng_reply() +
                       ok_reply({0, 0, 0, 0}));
     close_and_expect_end();
-    expect_log(announced + open_served() + request(3) + reply() + request() + reply(3) + request() +
-               reply(1) + request() + reply() + request() + reply(4) + told_to_close);
+    expect_log(kAnnounced + open_served() + request(3) + reply() + request() + reply(3) + request() +
+               reply(1) + request() + reply() + request() + reply(4) + kToldToClose);
 }
 
 TEST_F(requests, requests_behind_a_close_are_not_served)
@@ -46,7 +46,7 @@ TEST_F(requests, requests_behind_a_close_are_not_served)
     expect_answer(open_request() + close_request() + send_request(from_hex("01")), ok_reply());
     hang_up(); // unread requests turn the end of the connection into a reset
     expect_end();
-    expect_log(announced + open_served() + told_to_close);
+    expect_log(kAnnounced + open_served() + kToldToClose);
     expect_usb_about("plugin_echoing", {});
 }
 

@@ -84,7 +84,7 @@ protected:
 
     lines log_with_whole_reply()
     {
-        return announced + open_served() + request() + reply(kMoreThanSocketsHold) + left;
+        return kAnnounced + open_served() + request() + reply(kMoreThanSocketsHold) + kLeft;
     }
 
     /// The program is in a transfer with the device, which is to move 6 bytes.
@@ -155,8 +155,8 @@ TEST_F(signals, sighup_in_a_read_ends_it_and_the_process)
     start_idle_in_a_read();
     send_signal(SIGHUP);
     expect_end();
-    expect_log(announced + request() + reply(4) + failed_to_read(kHeaderSize, "Interrupted system call") +
-               left);
+    expect_log(kAnnounced + request() + reply(4) + failed_to_read(kHeaderSize, "Interrupted system call") +
+               kLeft);
 }
 
 TEST_F(signals, sighup_in_a_payload_drops_the_request_and_ends_the_process)
@@ -164,8 +164,8 @@ TEST_F(signals, sighup_in_a_payload_drops_the_request_and_ends_the_process)
     wait_in_a_payload();
     send_signal(SIGHUP);
     expect_end();
-    expect_log(announced + open_served() + got(kHeaderSize) + failed_to_read(3, "Interrupted system call") +
-               left);
+    expect_log(kAnnounced + open_served() + got(kHeaderSize) + failed_to_read(3, "Interrupted system call") +
+               kLeft);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -174,7 +174,7 @@ TEST_F(signals, sigterm_before_the_loop_begins_leaves_it_at_once)
     with_mishap("raise listen " + std::to_string(SIGTERM));
     start();
     expect_end();
-    expect_log(announced + left);
+    expect_log(kAnnounced + kLeft);
 }
 
 struct named_signal {
@@ -190,14 +190,14 @@ void PrintTo(const named_signal& each, std::ostream* out)
 class any_signal : public signals, public testing::WithParamInterface<named_signal> {};
 class held_signal : public any_signal {};
 
-const auto signal_name = [](const auto& test) { return std::string(test.param.name); };
+const auto name_of_signal = [](const auto& test) { return std::string(test.param.name); };
 INSTANTIATE_TEST_SUITE_P(, any_signal,
                          testing::Values(named_signal{SIGTERM, "sigterm"}, named_signal{SIGINT, "sigint"},
                                          named_signal{SIGHUP, "sighup"}),
-                         signal_name);
+                         name_of_signal);
 INSTANTIATE_TEST_SUITE_P(, held_signal,
                          testing::Values(named_signal{SIGTERM, "sigterm"}, named_signal{SIGINT, "sigint"}),
-                         signal_name);
+                         name_of_signal);
 
 TEST_P(held_signal, in_a_read_waits_for_the_next_request)
 {
@@ -206,7 +206,7 @@ TEST_P(held_signal, in_a_read_waits_for_the_next_request)
     wait_until_pending(GetParam().number);
     expect_query_answered();
     expect_end();
-    expect_log(announced + request() + reply(4) + request() + reply(4) + left);
+    expect_log(kAnnounced + request() + reply(4) + request() + reply(4) + kLeft);
 }
 
 TEST_P(held_signal, in_a_read_waits_for_the_end_of_the_connection)
@@ -216,7 +216,7 @@ TEST_P(held_signal, in_a_read_waits_for_the_end_of_the_connection)
     wait_until_pending(GetParam().number);
     hang_up();
     expect_end();
-    expect_log(announced + request() + reply(4) + hung_up);
+    expect_log(kAnnounced + request() + reply(4) + kHungUp);
 }
 
 TEST_P(held_signal, between_header_and_payload_lets_the_request_be_served)
@@ -226,7 +226,7 @@ TEST_P(held_signal, between_header_and_payload_lets_the_request_be_served)
     wait_until_pending(GetParam().number);
     expect_answer(from_hex("010203"), ok_reply());
     expect_end();
-    expect_log(announced + open_served() + request(3) + reply() + left);
+    expect_log(kAnnounced + open_served() + request(3) + reply() + kLeft);
 }
 
 TEST_P(held_signal, in_a_write_ends_the_program_after_that_reply)
@@ -244,7 +244,7 @@ TEST_P(any_signal, while_the_front_end_is_awaited_ends_the_process)
     wait_until_in(SYS_accept);
     send_signal(GetParam().number);
     expect_end();
-    expect_log(announced + failed_to_read(kHeaderSize, "Bad file descriptor") + left);
+    expect_log(kAnnounced + failed_to_read(kHeaderSize, "Bad file descriptor") + kLeft);
 }
 
 TEST_P(any_signal, in_a_device_transfer_lets_the_request_be_answered)
@@ -255,7 +255,7 @@ TEST_P(any_signal, in_a_device_transfer_lets_the_request_be_answered)
     held.release();
     expect_reply(ok_reply(device_bytes(6)));
     expect_end();
-    expect_log(announced + open_served() + request() + reply(6) + left);
+    expect_log(kAnnounced + open_served() + request() + reply(6) + kLeft);
     expect_usb(usb_opened() + lines{"plugin_good reader 6", "bulk_transfer scanner 0x81 6 60000 -> 0 (6)"} +
                usb_closed());
 }
@@ -273,7 +273,7 @@ TEST_P(any_signal, in_a_pause_between_attempts_cuts_it_short_and_the_open_goes_o
     expect_reply(ok_reply());
     expect_end();
     what.attempts = {attempt::finds_no_device, attempt::reaches_it};
-    expect_log(announced + open_served(what) + left);
+    expect_log(kAnnounced + open_served(what) + kLeft);
 }
 
 TEST_P(any_signal, that_the_parent_ignores_stays_ignored)

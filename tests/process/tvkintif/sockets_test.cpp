@@ -110,7 +110,7 @@ TEST_F(sockets, calls_on_the_sockets_are_these_in_this_order)
 
 TEST_F(sockets, program_started_by_a_plugin_inherits_no_descriptor_but_the_standard_ones)
 {
-    const std::string list = scratch_directory + "/descriptors";
+    const std::string list = kScratchDirectory + "/descriptors";
     with_environment("DESCRIPTOR_LIST", list);
     with_plugin("plugin_starting_helper");
     start_connected();
@@ -128,7 +128,7 @@ TEST_F(sockets, accept_that_fails_is_tried_again_on_the_same_port)
     EXPECT_EQ(support::text(support::sockets_on(port())), "127.0.0.1 LISTEN\n");
     connect();
     close_and_expect_end();
-    expect_log(announced + failed_to_read(kHeaderSize, "Bad file descriptor") + told_to_close);
+    expect_log(kAnnounced + failed_to_read(kHeaderSize, "Bad file descriptor") + kToldToClose);
 }
 
 TEST_F(sockets, socket_that_cannot_be_made_is_tried_again_until_a_signal_comes)
@@ -139,8 +139,8 @@ TEST_F(sockets, socket_that_cannot_be_made_is_tried_again_until_a_signal_comes)
     send_signal(SIGTERM);
     expect_end({0, "0\n"});
     const lines attempt = info({"bind socket fails"}) + failed_to_read(kHeaderSize, "Bad file descriptor");
-    const lines beginning = info({"bind socket fails"}) + announced + attempt + attempt + attempt;
-    const lines end = attempt + left;
+    const lines beginning = info({"bind socket fails"}) + kAnnounced + attempt + attempt + attempt;
+    const lines end = attempt + kLeft;
     const std::vector<std::string> log = support::log_dialogue();
     EXPECT_EQ(support::text({log.begin(), log.begin() + 14}), beginning.text());
     EXPECT_EQ(support::text({log.end() - 7, log.end()}), end.text());
@@ -162,8 +162,8 @@ TEST_P(sockets_without_a_port, are_logged_and_tried_again)
     wait_until_in(SYS_accept);
     send_signal(SIGTERM);
     expect_end({0, "0\n", GetParam().words});
-    expect_log(info({GetParam().call + std::string(" fails")}) + announced +
-               failed_to_read(kHeaderSize, "Bad file descriptor") + left);
+    expect_log(info({GetParam().call + std::string(" fails")}) + kAnnounced +
+               failed_to_read(kHeaderSize, "Bad file descriptor") + kLeft);
     // A socket that came to nothing is neither closed nor used again.
     expect_usb_about("socket ", {"socket AF_INET SOCK_STREAM 0", "socket AF_INET SOCK_STREAM 0"});
     expect_usb_about("close ", {"close listening"});
@@ -182,7 +182,7 @@ TEST_F(sockets, options_that_cannot_be_set_are_errors_in_the_log_and_no_obstacle
     // The listening socket when it is bound and before it is closed, the connection; the wish for no delay is
     // not logged.
     const lines error = {"ERROR ERROR: setsockopt failed"};
-    expect_log(error + announced + error + error + told_to_close);
+    expect_log(error + kAnnounced + error + error + kToldToClose);
 }
 
 } // namespace process_test

@@ -94,7 +94,7 @@ TEST_F(start_and_end, arguments_are_ignored)
     with_argument("12345");
     start_connected();
     close_and_expect_end();
-    expect_log(announced + told_to_close);
+    expect_log(kAnnounced + kToldToClose);
 }
 
 TEST_F(start_and_end, the_announced_port_takes_a_connection_before_the_program_asks_for_one)
@@ -105,7 +105,7 @@ TEST_F(start_and_end, the_announced_port_takes_a_connection_before_the_program_a
     connect();
     send_signal(SIGCONT);
     close_and_expect_end();
-    expect_log(announced + told_to_close);
+    expect_log(kAnnounced + kToldToClose);
 }
 
 TEST_F(start_and_end, a_front_end_that_connects_and_hangs_up_ends_the_process)
@@ -113,7 +113,7 @@ TEST_F(start_and_end, a_front_end_that_connects_and_hangs_up_ends_the_process)
     start_connected();
     hang_up();
     expect_end();
-    expect_log(announced + hung_up);
+    expect_log(kAnnounced + kHungUp);
     expect_usb({});
 }
 
@@ -123,7 +123,7 @@ TEST_F(start_and_end, hanging_up_without_a_close_request_closes_the_device)
     open();
     hang_up();
     expect_end();
-    expect_log(announced + open_served() + hung_up);
+    expect_log(kAnnounced + open_served() + kHungUp);
     expect_usb(usb_opened() + usb_closed());
 }
 

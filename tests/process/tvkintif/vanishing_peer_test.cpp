@@ -41,12 +41,12 @@ protected:
 
 namespace {
 
-const std::string was_reset = "Connection reset by peer";
-const std::string pipe_broken = "Broken pipe";
+const std::string kWasReset = "Connection reset by peer";
+const std::string kPipeBroken = "Broken pipe";
 
 lines ended_after(std::size_t moved, std::size_t size)
 {
-    return got_part(0, moved, size) + info({"do_cleanup 1"}) + left;
+    return got_part(0, moved, size) + info({"do_cleanup 1"}) + kLeft;
 }
 
 } // namespace
@@ -57,7 +57,7 @@ TEST_F(vanishing_peer, half_a_header_has_no_reply_and_ends_the_process)
     tell(from_hex("00000001 00000008 0000"));
     wire().half_close();
     expect_end();
-    expect_log(announced + got_part(10, 0, kHeaderSize) + ended_after(10, kHeaderSize));
+    expect_log(kAnnounced + got_part(10, 0, kHeaderSize) + ended_after(10, kHeaderSize));
 }
 
 TEST_F(vanishing_peer, half_a_payload_has_no_reply_and_reaches_no_plugin)
@@ -67,7 +67,7 @@ TEST_F(vanishing_peer, half_a_payload_has_no_reply_and_reaches_no_plugin)
     tell(bare_header(1, 6, 8) + from_hex("010203"));
     wire().half_close();
     expect_end();
-    expect_log(announced + open_served() + got(kHeaderSize) + got_part(3, 0, 8) + ended_after(3, 8));
+    expect_log(kAnnounced + open_served() + got(kHeaderSize) + got_part(3, 0, 8) + ended_after(3, 8));
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -78,7 +78,7 @@ TEST_F(vanishing_peer, half_closed_connection_still_gets_its_last_reply)
     wire().half_close();
     expect_reply(ok_reply({0, 0, 0, 0}));
     expect_end();
-    expect_log(announced + request() + reply(4) + hung_up);
+    expect_log(kAnnounced + request() + reply(4) + kHungUp);
 }
 
 TEST_F(vanishing_peer, reset_between_requests_is_a_failed_read_and_then_the_end_of_the_stream)
@@ -88,7 +88,7 @@ TEST_F(vanishing_peer, reset_between_requests_is_a_failed_read_and_then_the_end_
     wait_until_in(SYS_read);
     reset();
     expect_end();
-    expect_log(announced + open_served() + failed_to_read(kHeaderSize, was_reset) + hung_up);
+    expect_log(kAnnounced + open_served() + failed_to_read(kHeaderSize, kWasReset) + kHungUp);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -101,7 +101,7 @@ TEST_F(vanishing_peer, reset_in_a_payload_is_a_failed_read_and_then_the_end_of_t
     wait_until_in(SYS_read);
     reset();
     expect_end();
-    expect_log(announced + open_served() + got(kHeaderSize) + failed_to_read(8, was_reset) + hung_up);
+    expect_log(kAnnounced + open_served() + got(kHeaderSize) + failed_to_read(8, kWasReset) + kHungUp);
 }
 
 TEST_F(vanishing_peer, close_request_right_before_the_end_is_carried_out)
@@ -111,7 +111,7 @@ TEST_F(vanishing_peer, close_request_right_before_the_end_is_carried_out)
     close();
     hang_up();
     expect_end();
-    expect_log(announced + open_served() + told_to_close);
+    expect_log(kAnnounced + open_served() + kToldToClose);
     expect_usb(usb_opened() + usb_closed());
 }
 
@@ -123,7 +123,7 @@ TEST_F(vanishing_peer, reply_to_nobody_is_a_failed_write_without_its_payload)
     wait_until_reset();
     held.release();
     expect_end();
-    expect_log(announced + open_served() + request() + failed_to_write(kHeaderSize, was_reset) + hung_up);
+    expect_log(kAnnounced + open_served() + request() + failed_to_write(kHeaderSize, kWasReset) + kHungUp);
     expect_usb_about("plugin_good", {"plugin_good loaded", "plugin_good ctor", "plugin_good reader 64",
                                      "plugin_good dtor", "plugin_good unloaded"});
 }
@@ -137,7 +137,7 @@ TEST_F(vanishing_peer, broken_pipe_raises_no_signal_that_ends_the_process)
     wait_until_reset();
     held.release();
     expect_end();
-    expect_log(announced + open_served() + request() + failed_to_write(kHeaderSize, pipe_broken) + hung_up);
+    expect_log(kAnnounced + open_served() + request() + failed_to_write(kHeaderSize, kPipeBroken) + kHungUp);
 }
 
 TEST_F(vanishing_peer, reset_in_the_middle_of_a_large_reply_fails_the_write)
@@ -151,7 +151,7 @@ TEST_F(vanishing_peer, reset_in_the_middle_of_a_large_reply_fails_the_write)
     expect_end();
     const std::vector<std::string> log = support::log_dialogue();
     const auto is_in_log = [&](const std::string& line) { return std::count(log.begin(), log.end(), line); };
-    EXPECT_EQ(is_in_log("INFO write failed: " + was_reset), 1);
+    EXPECT_EQ(is_in_log("INFO write failed: " + kWasReset), 1);
     EXPECT_EQ(is_in_log("INFO ipc connection wrte  bail rv = -1"), 1);
     EXPECT_EQ(is_in_log("INFO End Run"), 1);
     expect_usb_about("close scanner", {"close scanner"});

@@ -42,14 +42,14 @@ protected:
 };
 
 // What is still reachable at the end is the fake bus's own.
-const tool memcheck = {"memcheck",
-                       {"--tool=memcheck", "--leak-check=full",
-                        "--show-leak-kinds=definite,indirect,possible",
-                        "--errors-for-leak-kinds=definite,indirect,possible"}};
-const tool helgrind = {"helgrind", {"--tool=helgrind"}};
+const tool kMemcheck = {"memcheck",
+                        {"--tool=memcheck", "--leak-check=full",
+                         "--show-leak-kinds=definite,indirect,possible",
+                         "--errors-for-leak-kinds=definite,indirect,possible"}};
+const tool kHelgrind = {"helgrind", {"--tool=helgrind"}};
 
 INSTANTIATE_TEST_SUITE_P(, under_valgrind,
-                         testing::Combine(testing::Values(memcheck, helgrind), testing::Bool()),
+                         testing::Combine(testing::Values(kMemcheck, kHelgrind), testing::Bool()),
                          [](const auto& test) {
                              return std::get<tool>(test.param).name +
                                     (std::get<bool>(test.param) ? "_with_log" : "_without_log");

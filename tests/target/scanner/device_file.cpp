@@ -39,7 +39,7 @@ public:
     std::vector<device_description> finish();
 
     /// Where to look for the reason of the last refusal.
-    int line_to_blame() const { return m_blamed_line; }
+    int line_to_blame() const { return m_blamedLine; }
 
 private:
     enum class how_often { once, any_number_of_times };
@@ -72,9 +72,9 @@ private:
 
     static constexpr std::size_t kAnyNumber = std::numeric_limits<std::size_t>::max();
 
-    int m_blamed_line = 0;
-    int m_configuration_line = 0;             ///< the last of the device
-    std::map<std::string, int> m_first_lines; ///< of the device, where each keyword was said first
+    int m_blamedLine = 0;
+    int m_configurationLine = 0;             ///< the last of the device
+    std::map<std::string, int> m_firstLines; ///< of the device, where each keyword was said first
     std::vector<device_description> m_devices;
     const std::map<std::string, keyword> m_keywords{
         {"device", {how_often::any_number_of_times, 1, 1, [this](const words& line) { start_device(line); }}},
@@ -106,7 +106,7 @@ private:
 
 void reader::take(const words& line, int line_number)
 {
-    m_blamed_line = line_number;
+    m_blamedLine = line_number;
     const auto found = m_keywords.find(line.front());
     if (found == m_keywords.end())
         throw std::invalid_argument("unknown keyword \"" + line.front() + "\"");
@@ -114,7 +114,7 @@ void reader::take(const words& line, int line_number)
     require_number_of_values(rule, line);
     require_first_time(rule, line.front());
     rule.apply(line);
-    m_first_lines.emplace(line.front(), line_number);
+    m_firstLines.emplace(line.front(), line_number);
 }
 
 void reader::require_number_of_values(const keyword& rule, const words& line) const
@@ -133,7 +133,7 @@ void reader::require_number_of_values(const keyword& rule, const words& line) co
 
 void reader::require_first_time(const keyword& rule, const std::string& name)
 {
-    if (rule.in_a_device == how_often::once && m_first_lines.count(name) != 0)
+    if (rule.in_a_device == how_often::once && m_firstLines.count(name) != 0)
         throw std::invalid_argument("\"" + name + "\" was said of device \"" + device().name + "\" before");
 }
 
@@ -147,20 +147,20 @@ std::vector<device_description> reader::finish()
 
 void reader::start_device(const words& line)
 {
-    static const std::string kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
+    static const std::string allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
     const std::string& name = line[1];
-    const int this_line = m_blamed_line;
+    const int this_line = m_blamedLine;
     if (!m_devices.empty())
         check_device();
-    m_blamed_line = this_line;
-    if (name.find_first_not_of(kAllowed) != std::string::npos)
+    m_blamedLine = this_line;
+    if (name.find_first_not_of(allowed) != std::string::npos)
         throw std::invalid_argument("a device's name is made of letters, digits, - and _");
     if (std::any_of(m_devices.begin(), m_devices.end(), [&](const auto& each) { return each.name == name; }))
         throw std::invalid_argument("there is a device \"" + name + "\" already");
     m_devices.emplace_back();
     m_devices.back().name = name;
-    m_configuration_line = 0;
-    m_first_lines.clear();
+    m_configurationLine = 0;
+    m_firstLines.clear();
 }
 
 void reader::start_configuration(const words& line)
@@ -175,7 +175,7 @@ void reader::start_configuration(const words& line)
     }
     check_configuration();
     all.push_back({value, {}});
-    m_configuration_line = m_blamed_line;
+    m_configurationLine = m_blamedLine;
 }
 
 void reader::add_interface(const words& line)
@@ -261,7 +261,7 @@ void reader::check_configuration()
 {
     const auto& all = device().configurations;
     if (!all.empty() && all.back().interfaces.empty())
-        refuse(m_configuration_line, "this configuration has no interface");
+        refuse(m_configurationLine, "this configuration has no interface");
 }
 
 void reader::check_device()
@@ -269,12 +269,12 @@ void reader::check_device()
     const device_description& last = device();
     const std::string name = "device \"" + last.name + "\"";
     if (last.vendor == 0 || last.product == 0)
-        refuse(m_first_lines.at("device"), name + " needs a vendor and a product other than 0");
+        refuse(m_firstLines.at("device"), name + " needs a vendor and a product other than 0");
     if (last.configurations.empty())
-        refuse(m_first_lines.at("device"), name + " needs an interface");
+        refuse(m_firstLines.at("device"), name + " needs an interface");
     check_configuration();
     if (last.plugged_after_ms && last.starts_plugged)
-        refuse(m_first_lines.at("plug"),
+        refuse(m_firstLines.at("plug"),
                name + " is plugged in from the start, unless it is said to be \"unplugged\"");
     check_served("fault", "that a fault could strike");
     check_served("answer", "that it could answer");
@@ -284,8 +284,8 @@ void reader::check_device()
 /// Refuses a keyword, if it was said, that makes sense only of a device that serves commands.
 void reader::check_served(const std::string& name, const std::string& which)
 {
-    const auto said = m_first_lines.find(name);
-    if (said == m_first_lines.end() || serves_anything(device()))
+    const auto said = m_firstLines.find(name);
+    if (said == m_firstLines.end() || serves_anything(device()))
         return;
     refuse(said->second, "device \"" + device().name + "\" serves no commands " + which +
                              ": it has no interface ff .. ff with bulk endpoints both ways");
@@ -293,7 +293,7 @@ void reader::check_served(const std::string& name, const std::string& which)
 
 void reader::refuse(int line, const std::string& why)
 {
-    m_blamed_line = line;
+    m_blamedLine = line;
     throw std::invalid_argument(why);
 }
 

@@ -122,7 +122,7 @@ void gadget::remove() const
 void gadget::plug()
 {
     const std::lock_guard lock(m_plugging);
-    if (m_is_gone)
+    if (m_isGone)
         throw std::runtime_error("it has vanished for good");
     if (is_plugged())
         throw std::runtime_error("it is plugged in already");
@@ -140,7 +140,7 @@ void gadget::unplug()
 void gadget::vanish()
 {
     const std::lock_guard lock(m_plugging);
-    m_is_gone = true;
+    m_isGone = true;
     unplug_locked();
 }
 

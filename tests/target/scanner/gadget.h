@@ -50,7 +50,7 @@ private:
     std::string m_folder;
     std::string m_controller;
     std::mutex m_plugging;
-    bool m_is_gone = false; ///< for good
+    bool m_isGone = false; ///< for good
 };
 
 } // namespace virtual_scanner

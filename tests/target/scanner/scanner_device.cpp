@@ -49,18 +49,18 @@ class scanner_device::open_to_orders {
 public:
     explicit open_to_orders(scanner_device& device) : m_device(device)
     {
-        const std::lock_guard lock(m_device.m_orders_mutex);
+        const std::lock_guard lock(m_device.m_ordersMutex);
         for (const fault& each : std::exchange(m_device.m_ordered, {}))
             m_device.m_session.faults.emplace(m_device.m_session.status.commands_served + 1, each);
-        m_device.m_is_open_to_orders = true;
-        m_device.m_orders_change.notify_all();
+        m_device.m_isOpenToOrders = true;
+        m_device.m_ordersChange.notify_all();
     }
     open_to_orders(const open_to_orders&) = delete;
     open_to_orders& operator=(const open_to_orders&) = delete;
     ~open_to_orders()
     {
-        const std::lock_guard lock(m_device.m_orders_mutex);
-        m_device.m_is_open_to_orders = false;
+        const std::lock_guard lock(m_device.m_ordersMutex);
+        m_device.m_isOpenToOrders = false;
     }
 
 private:
@@ -72,25 +72,24 @@ class scanner_device::staying {
 public:
     explicit staying(scanner_device& device) : m_device(device)
     {
-        const std::lock_guard lock(m_device.m_orders_mutex);
-        m_device.m_is_to_go_on = false;
+        const std::lock_guard lock(m_device.m_ordersMutex);
+        m_device.m_isToGoOn = false;
         m_device.m_stays = true;
     }
     staying(const staying&) = delete;
     staying& operator=(const staying&) = delete;
     ~staying()
     {
-        const std::lock_guard lock(m_device.m_orders_mutex);
+        const std::lock_guard lock(m_device.m_ordersMutex);
         m_device.m_stays = false;
-        m_device.m_orders_change.notify_all();
+        m_device.m_ordersChange.notify_all();
     }
 
     /// Waits a moment for the order.
     bool is_to_go_on() const
     {
-        std::unique_lock lock(m_device.m_orders_mutex);
-        return m_device.m_orders_change.wait_for(lock, kBetweenLooks,
-                                                 [this] { return m_device.m_is_to_go_on; });
+        std::unique_lock lock(m_device.m_ordersMutex);
+        return m_device.m_ordersChange.wait_for(lock, kBetweenLooks, [this] { return m_device.m_isToGoOn; });
     }
 
 private:
@@ -117,28 +116,28 @@ void scanner_device::serve()
 
 void scanner_device::arm(const fault& what)
 {
-    std::unique_lock lock(m_orders_mutex);
+    std::unique_lock lock(m_ordersMutex);
     const auto deadline = std::chrono::steady_clock::now() + kOrderLimit;
     m_ordered.push_back(what);
-    while (!m_orders_change.wait_for(lock, kBetweenLooks, [this] { return m_ordered.empty(); })) {
+    while (!m_ordersChange.wait_for(lock, kBetweenLooks, [this] { return m_ordered.empty(); })) {
         if (std::chrono::steady_clock::now() > deadline) {
             m_ordered.clear();
             throw std::runtime_error("it is busy with a command");
         }
         // Again and again, as it may be only about to wait for the host.
-        if (m_is_open_to_orders)
+        if (m_isOpenToOrders)
             ::pthread_kill(m_server, kCallBack);
     }
 }
 
 bool scanner_device::clear()
 {
-    std::unique_lock lock(m_orders_mutex);
+    std::unique_lock lock(m_ordersMutex);
     if (!m_stays)
         return false;
-    m_is_to_go_on = true;
-    m_orders_change.notify_all();
-    if (!m_orders_change.wait_for(lock, kOrderLimit, [this] { return !m_stays; }))
+    m_isToGoOn = true;
+    m_ordersChange.notify_all();
+    if (!m_ordersChange.wait_for(lock, kOrderLimit, [this] { return !m_stays; }))
         throw std::runtime_error("it does not go on");
     return true;
 }

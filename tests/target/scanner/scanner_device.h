@@ -84,12 +84,12 @@ private:
     bytes m_taken;                     ///< came from the host, not yet understood
     std::optional<test_chart> m_chart; ///< at the resolution that was last asked for
 
-    std::mutex m_orders_mutex; ///< guards all below
-    std::condition_variable m_orders_change;
+    std::mutex m_ordersMutex; ///< guards all below
+    std::condition_variable m_ordersChange;
     pthread_t m_server{};
-    bool m_is_open_to_orders = false;
+    bool m_isOpenToOrders = false;
     bool m_stays = false; ///< in a fault that lasts until it is cleared
-    bool m_is_to_go_on = false;
+    bool m_isToGoOn = false;
     std::vector<fault> m_ordered; ///< not yet heard
 };
 

@@ -52,7 +52,7 @@ TEST_F(endings, front_end_killed_in_a_transfer_lets_it_finish_and_ends_the_progr
     EXPECT_EQ(front_end.wait_for_exit(target::kStepLimit), tarvik::exit_status::killed_by(SIGKILL));
     scanner().release();
     log() += expected::reply();
-    log() += expected::stream_ended;
+    log() += expected::kStreamEnded;
     end_program();
 }
 

@@ -77,7 +77,7 @@ class parallel_session {
 public:
     parallel_session(const std::string& udi, const std::string& serial) : m_program(target::program_launch())
     {
-        m_log += expected::announced;
+        m_log += expected::kAnnounced;
         m_program.connect(target::kStepLimit);
         expect_ok(m_program.open(udi, target::kStepLimit));
         m_log += expected::request(udi.size());
@@ -103,8 +103,8 @@ public:
         m_program.close(target::kStepLimit);
         EXPECT_EQ(m_program.finish(target::kStepLimit), tarvik::exit_status::exited(0));
         m_log += expected::request();
-        m_log += expected::closed;
-        m_log += expected::left;
+        m_log += expected::kClosed;
+        m_log += expected::kLeft;
         EXPECT_EQ(support::text(log_of(process)), m_log.text());
     }
 
@@ -162,7 +162,7 @@ TEST_F(endurance, programs_one_after_the_other_are_all_alike_and_leave_no_claim)
         request_close();
         ASSERT_EQ(wait_for_exit(), tarvik::exit_status::exited(0)) << "cycle " << cycle;
         ASSERT_EQ(target::claimed_interfaces(), names()) << "cycle " << cycle;
-        log() += expected::left;
+        log() += expected::kLeft;
     }
     EXPECT_EQ(std::count(descriptors.begin(), descriptors.end(), descriptors.front()), kPrograms);
     EXPECT_EQ(support::text(support::log_dialogue()), log().text());

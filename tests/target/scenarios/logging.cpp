@@ -31,14 +31,14 @@ protected:
     void SetUp() override
     {
         plug_in("plain");
-        fs::remove_all(support::log_directory);
-        m_without_log = bytes_of_a_session();
+        fs::remove_all(support::kLogDirectory);
+        m_withoutLog = bytes_of_a_session();
         log() = support::lines();
     }
 
     void expect_same_session(const tarvik::launch& how = target::program_launch())
     {
-        EXPECT_EQ(bytes_of_a_session(how), m_without_log);
+        EXPECT_EQ(bytes_of_a_session(how), m_withoutLog);
     }
 
     void expect_whole_log() { EXPECT_EQ(support::text(support::log_dialogue()), log().text()); }
@@ -47,7 +47,7 @@ protected:
     {
         char name[] = "tvkintif_yyyymmdd.log";
         std::strftime(name, sizeof name, "tvkintif_%Y%m%d.log", std::localtime(&day));
-        return fs::path(support::log_directory) / name;
+        return fs::path(support::kLogDirectory) / name;
     }
 
     /// A session in three parts; talk() may come in the middle of something else.
@@ -72,7 +72,7 @@ protected:
     {
         request_close();
         EXPECT_EQ(wait_for_exit(), tarvik::exit_status::exited(0));
-        log() += expected::left;
+        log() += expected::kLeft;
     }
 
     bytes bytes_of_a_session(const tarvik::launch& how = target::program_launch())
@@ -84,7 +84,7 @@ protected:
         return seen;
     }
 
-    const bytes& without_log() const { return m_without_log; }
+    const bytes& without_log() const { return m_withoutLog; }
     const bytes& seen() const { return m_seen; }
 
 private:
@@ -98,7 +98,7 @@ private:
     }
 
     bytes m_seen; ///< all that crossed the wire in a session, in both directions
-    bytes m_without_log;
+    bytes m_withoutLog;
 };
 
 tarvik::launch launch_with_captured_errors()
@@ -150,7 +150,7 @@ TEST_F(logging, full_disk_cuts_the_log_and_nothing_else)
 {
     constexpr std::size_t kRoom = 4096; // a page is the least that a file system in memory has
     support::make_log_directory();
-    target::cover(support::log_directory, "size=4k");
+    target::cover(support::kLogDirectory, "size=4k");
     expect_same_session();
     EXPECT_EQ(support::raw_log().size(), kRoom);
     std::vector<std::string> written = support::log_dialogue();
@@ -163,9 +163,9 @@ TEST_F(logging, full_disk_cuts_the_log_and_nothing_else)
 TEST_F(logging, read_only_directory_drops_the_lines_and_their_copies)
 {
     support::make_log_directory();
-    target::cover(support::log_directory);
-    std::ofstream(support::settings_file) << "loglevel=0\n";
-    target::make_read_only(support::log_directory);
+    target::cover(support::kLogDirectory);
+    std::ofstream(support::kSettingsFile) << "loglevel=0\n";
+    target::make_read_only(support::kLogDirectory);
     expect_same_session(launch_with_captured_errors());
     EXPECT_EQ(support::raw_log(), "");
     EXPECT_EQ(program().process().standard_error(), "");

@@ -30,7 +30,7 @@ protected:
     static constexpr tarvik::milliseconds kLimit{20'000};
     static constexpr int kNoRights = 22;
 
-    rights() { guest::give(support::log_directory); }
+    rights() { guest::give(support::kLogDirectory); }
 
     void TearDown() override
     {

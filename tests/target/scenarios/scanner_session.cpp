@@ -84,7 +84,7 @@ void scanner_session::start(tarvik::launch how)
 {
     how.environment.insert(m_environment.begin(), m_environment.end());
     m_program.emplace(how);
-    m_log += expected::announced;
+    m_log += expected::kAnnounced;
 }
 
 void scanner_session::request_open(const std::string& udi)
@@ -122,7 +122,7 @@ void scanner_session::request_close()
 {
     m_program->put(tarvik::request_code::close);
     m_log += expected::request();
-    m_log += expected::closed;
+    m_log += expected::kClosed;
 }
 
 // Hanging up first would hide a program that goes on, and overtake a signal that is on its way to it.
@@ -133,7 +133,7 @@ tarvik::exit_status scanner_session::wait_for_exit()
 
 void scanner_session::end_program()
 {
-    m_log += expected::left;
+    m_log += expected::kLeft;
     end_program(tarvik::exit_status::exited(0));
 }
 

@@ -85,7 +85,7 @@ std::string header(const std::string& level_name, const std::string& clock = "10
 
 std::string file_name(const std::string& date = "20261115")
 {
-    return support::log_directory + "/unit_logger_" + date + ".log";
+    return support::kLogDirectory + "/unit_logger_" + date + ".log";
 }
 
 std::string content(const fs::path& path)
@@ -104,7 +104,7 @@ void read_settings_anew(const std::string& program_name = "tvkintif")
 void open_log_with(const std::string& settings)
 {
     support::make_log_directory();
-    std::ofstream(support::settings_file, std::ios::binary) << settings;
+    std::ofstream(support::kSettingsFile, std::ios::binary) << settings;
     read_settings_anew();
 }
 
@@ -460,20 +460,20 @@ TEST_F(logger_test, date_in_the_file_name_is_local_and_has_leading_zeros)
 TEST_F(logger_test, file_that_cannot_be_opened_drops_the_line_and_its_copy)
 {
     support::open_log(0);
-    fs::remove_all(support::log_directory);
+    fs::remove_all(support::kLogDirectory);
     testing::internal::CaptureStderr();
     Logger("main", 1, kInfo)("text");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 TEST_F(logger_test, file_that_cannot_be_opened_leaves_the_header_pending)
 {
     {
         Logger record("main", 1, kInfo);
-        fs::remove_all(support::log_directory);
+        fs::remove_all(support::kLogDirectory);
         record("lost");
-        fs::create_directory(support::log_directory);
+        fs::create_directory(support::kLogDirectory);
         record("kept");
     }
     EXPECT_EQ(support::raw_log(), header("INFO") + "kept\n");
@@ -483,9 +483,9 @@ TEST_F(logger_test, file_that_cannot_be_opened_leaves_no_newline_due)
 {
     {
         Logger record("main", 1, kInfo);
-        fs::remove_all(support::log_directory);
+        fs::remove_all(support::kLogDirectory);
         record("lost");
-        fs::create_directory(support::log_directory);
+        fs::create_directory(support::kLogDirectory);
     }
     EXPECT_FALSE(fs::exists(file_name()));
 }
@@ -513,10 +513,10 @@ TEST_F(logger_test, fifo_in_place_of_the_file_drops_the_line_at_once)
 
 TEST_F(logger_test, file_with_another_name_where_others_may_write_drops_the_line)
 {
-    const std::string other = support::log_directory + "/key";
+    const std::string other = support::kLogDirectory + "/key";
     std::ofstream(other) << "key\n";
     fs::create_hard_link(other, file_name());
-    fs::permissions(support::log_directory, fs::perms::all);
+    fs::permissions(support::kLogDirectory, fs::perms::all);
     Logger("main", 1, kInfo)("text");
     EXPECT_EQ(content(other), "key\n");
 }
@@ -524,7 +524,7 @@ TEST_F(logger_test, file_with_another_name_where_others_may_write_drops_the_line
 TEST_F(logger_test, fifo_in_place_of_the_settings_turns_the_log_off_at_once)
 {
     support::make_log_directory();
-    ASSERT_EQ(mkfifo((support::settings_file).c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((support::kSettingsFile).c_str(), 0600), 0);
     read_settings_anew();
     EXPECT_EQ(lowest_enabled_level(), kNothing);
 }
@@ -543,7 +543,7 @@ TEST_F(logger_test, only_the_first_64_kibibytes_of_the_settings_count)
 TEST_F(logger_test, settings_without_end_turn_the_log_off)
 {
     support::make_log_directory();
-    fs::create_symlink("/dev/zero", support::settings_file);
+    fs::create_symlink("/dev/zero", support::kSettingsFile);
     read_settings_anew();
     EXPECT_EQ(lowest_enabled_level(), kNothing);
 }
@@ -551,9 +551,9 @@ TEST_F(logger_test, settings_without_end_turn_the_log_off)
 TEST_F(logger_test, line_is_dropped_before_the_log_has_a_path)
 {
     logConfigure::instance_ = logConfigure();
-    logConfigure::instance_.set_config_file(support::settings_file);
+    logConfigure::instance_.set_config_file(support::kSettingsFile);
     const fs::path before = fs::current_path();
-    fs::current_path(support::log_directory);
+    fs::current_path(support::kLogDirectory);
     Logger("main", 1, kInfo)("text");
     fs::current_path(before);
     EXPECT_EQ(logConfigure::instance_.output_logfile(), "");
@@ -583,7 +583,7 @@ TEST_P(log_folder, of_a_stranger_counts_as_not_there)
 TEST_P(log_folder, of_root_serves_another_user_when_everybody_may_write_there)
 {
     fs::permissions(GetParam(), fs::perms::all);
-    fs::permissions(support::log_directory, fs::perms::all);
+    fs::permissions(support::kLogDirectory, fs::perms::all);
     ASSERT_EQ(seteuid(12345), 0);
     read_settings_anew();
     Logger("main", 1, kInfo)("text");
@@ -591,9 +591,9 @@ TEST_P(log_folder, of_root_serves_another_user_when_everybody_may_write_there)
     EXPECT_EQ(support::raw_log(), header("INFO") + "text\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(logger_test, log_folder, testing::Values(support::log_root, support::log_directory),
+INSTANTIATE_TEST_SUITE_P(logger_test, log_folder, testing::Values(support::kLogRoot, support::kLogDirectory),
                          [](const auto& test) {
-                             return test.param == support::log_root ? "root" : "of_the_program";
+                             return test.param == support::kLogRoot ? "root" : "of_the_program";
                          });
 
 // No memory
@@ -698,7 +698,7 @@ TEST_F(logger_test, lock_is_free_again_after_a_write_and_after_a_file_that_could
     Logger record("main", 1, kInfo);
     record("text");
     EXPECT_TRUE(is_log_unlocked());
-    fs::remove_all(support::log_directory);
+    fs::remove_all(support::kLogDirectory);
     record("text");
     EXPECT_TRUE(is_log_unlocked());
 }
@@ -807,16 +807,16 @@ TEST_F(logger_test, missing_directory_is_silent_and_stays_missing)
     testing::internal::CaptureStderr();
     Logger("main", 1, ESeveryLevel::fatal)("text");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_FALSE(fs::exists(support::log_directory));
+    EXPECT_FALSE(fs::exists(support::kLogDirectory));
 }
 
 TEST_F(logger_test, file_in_place_of_the_directory_disables_every_level)
 {
     support::close_log();
-    std::ofstream(support::log_directory) << "no directory\n";
+    std::ofstream(support::kLogDirectory) << "no directory\n";
     read_settings_anew();
     EXPECT_EQ(lowest_enabled_level(), kNothing);
-    fs::remove(support::log_directory);
+    fs::remove(support::kLogDirectory);
 }
 
 TEST_F(logger_test, settings_path_without_a_slash_and_without_a_file_disables_every_level)
@@ -839,16 +839,16 @@ TEST_F(logger_test, absent_level_is_looked_up_again)
 {
     logConfigure settings;
     ASSERT_FALSE(settings.is_enabled(kInfo));
-    settings.set_config_file(support::settings_file);
+    settings.set_config_file(support::kSettingsFile);
     EXPECT_TRUE(settings.is_enabled(kInfo));
 }
 
 TEST_F(logger_test, level_is_never_computed_again_once_known)
 {
     logConfigure settings;
-    settings.set_config_file(support::settings_file); // level INFO
-    std::ofstream(support::log_directory + "/other.ini") << "loglevel=0\n";
-    settings.set_config_file(support::log_directory + "/other.ini");
+    settings.set_config_file(support::kSettingsFile); // level INFO
+    std::ofstream(support::kLogDirectory + "/other.ini") << "loglevel=0\n";
+    settings.set_config_file(support::kLogDirectory + "/other.ini");
     EXPECT_FALSE(settings.is_enabled(ESeveryLevel::trace));
     EXPECT_FALSE(settings.is_verbose());
 }
@@ -856,7 +856,7 @@ TEST_F(logger_test, level_is_never_computed_again_once_known)
 TEST_F(logger_test, level_survives_settings_that_have_none)
 {
     logConfigure settings;
-    settings.set_config_file(support::settings_file);
+    settings.set_config_file(support::kSettingsFile);
     settings.set_config_file("/nowhere/setting.ini");
     EXPECT_TRUE(settings.is_enabled(kInfo));
 }
@@ -884,7 +884,7 @@ TEST_F(logger_test, file_is_named_after_the_program_file_and_the_date)
 {
     const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
     EXPECT_EQ(logConfigure::instance_.output_logfile(),
-              support::log_directory + "/" + program + "_20261115.log");
+              support::kLogDirectory + "/" + program + "_20261115.log");
 }
 
 struct link_case {
@@ -900,7 +900,7 @@ TEST_P(program_link, gives_the_stem_of_the_log_file)
     log_calls::set_link(GetParam().link);
     read_settings_anew();
     EXPECT_EQ(logConfigure::instance_.output_logfile(),
-              support::log_directory + "/" + GetParam().base_name + "_20261115.log");
+              support::kLogDirectory + "/" + GetParam().base_name + "_20261115.log");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -919,11 +919,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(logger_test, empty_program_name_puts_log_and_settings_into_the_log_root_itself)
 {
-    std::ofstream(support::log_root + "/setting.ini") << "loglevel=3\n";
+    std::ofstream(support::kLogRoot + "/setting.ini") << "loglevel=3\n";
     read_settings_anew("");
-    fs::remove(support::log_root + "/setting.ini");
+    fs::remove(support::kLogRoot + "/setting.ini");
     EXPECT_EQ(lowest_enabled_level(), 3);
-    EXPECT_EQ(logConfigure::instance_.output_logfile(), support::log_root + "/unit_logger_20261115.log");
+    EXPECT_EQ(logConfigure::instance_.output_logfile(), support::kLogRoot + "/unit_logger_20261115.log");
 }
 
 struct path_case {

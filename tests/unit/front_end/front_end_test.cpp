@@ -85,16 +85,16 @@ bytes cut(bytes all, std::size_t size)
 /// A front-end that is connected to a peer which goes through `steps`.
 class talk {
 public:
-    explicit talk(std::vector<peer_step> steps) : m_peer(std::move(steps)), m_front_end(m_peer.port())
+    explicit talk(std::vector<peer_step> steps) : m_peer(std::move(steps)), m_frontEnd(m_peer.port())
     {
-        m_front_end.connect();
+        m_frontEnd.connect();
     }
 
-    front_end* operator->() { return &m_front_end; }
+    front_end* operator->() { return &m_frontEnd; }
 
 private:
     scripted_peer m_peer;
-    front_end m_front_end; ///< ends first, which is what the peer waits for
+    front_end m_frontEnd; ///< ends first, which is what the peer waits for
 };
 
 /// Receives into memory and counts the pieces.
@@ -278,10 +278,10 @@ TEST(front_end_recv, returns_a_payload_of_many_pieces_whole)
 
 TEST(front_end_send, payload_that_no_size_field_can_tell_is_refused)
 {
-    constexpr std::uint64_t size = std::uint64_t{1} << 32;
-    if (size > std::numeric_limits<std::size_t>::max())
+    constexpr std::uint64_t kSize = std::uint64_t{1} << 32;
+    if (kSize > std::numeric_limits<std::size_t>::max())
         GTEST_SKIP() << "no payload can be that large on this machine";
-    const byte_view huge(nullptr, static_cast<std::size_t>(size));
+    const byte_view huge(nullptr, static_cast<std::size_t>(kSize));
     EXPECT_THROW(tarvik::size_field(huge), std::length_error);
 }
 

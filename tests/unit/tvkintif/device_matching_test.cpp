@@ -49,16 +49,16 @@ struct match_case {
     std::pair<std::string, int> failure = {}; ///< of which function, with which error
 };
 
-const lines described = {"get_device_descriptor scanner -> 0"};
+const lines kDescribed = {"get_device_descriptor scanner -> 0"};
 
 /// How the serial is read, with what reading it tells.
 lines read_as(const std::string& answer)
 {
-    return described +
+    return kDescribed +
            lines{"open scanner -> 0", "get_string_descriptor_ascii scanner " + answer, "close scanner"};
 }
 
-const std::string longest(255, 'S');
+const std::string kLongest(255, 'S');
 
 class is_match_id : public device_matching, public testing::WithParamInterface<match_case> {};
 
@@ -84,8 +84,8 @@ INSTANTIATE_TEST_SUITE_P(
     , is_match_id,
     testing::Values(
         match_case{"same", "SN0042", 0x1a2b, 0x3c4d, "SN0042", true, read_as("3 -> 6")},
-        match_case{"another_vendor", "SN0042", 0x1a2c, 0x3c4d, "SN0042", false, described},
-        match_case{"another_product", "SN0042", 0x1a2b, 0x3c4e, "SN0042", false, described},
+        match_case{"another_vendor", "SN0042", 0x1a2c, 0x3c4d, "SN0042", false, kDescribed},
+        match_case{"another_product", "SN0042", 0x1a2b, 0x3c4e, "SN0042", false, kDescribed},
         match_case{"unreadable_device",
                    "SN0042",
                    0x1a2b,
@@ -100,12 +100,12 @@ INSTANTIATE_TEST_SUITE_P(
                    0x3c4d,
                    "another",
                    true,
-                   described + lines{"open scanner -> LIBUSB_ERROR_ACCESS"},
+                   kDescribed + lines{"open scanner -> LIBUSB_ERROR_ACCESS"},
                    {"open", LIBUSB_ERROR_ACCESS}},
         match_case{"other_letter_case", "SN0042", 0x1a2b, 0x3c4d, "sn0042", false, read_as("3 -> 6")},
         match_case{"begins_alike", "SN0042", 0x1a2b, 0x3c4d, "SN004", false, read_as("3 -> 6")},
         match_case{"with_its_terminator", "SN0042", 0x1a2b, 0x3c4d, "SN0042\0"s, true, read_as("3 -> 6")},
-        match_case{"of_255_letters", longest, 0x1a2b, 0x3c4d, longest, true, read_as("3 -> 255")},
+        match_case{"of_255_letters", kLongest, 0x1a2b, 0x3c4d, kLongest, true, read_as("3 -> 255")},
         match_case{"unreadable_serial_is_empty",
                    "SN0042",
                    0x1a2b,

@@ -51,7 +51,7 @@ namespace {
 static_assert(std::is_same_v<decltype(do_cleanup), std::atomic<int>>);
 static_assert(!std::is_copy_constructible_v<dispatch> && !std::is_copy_assignable_v<dispatch>);
 
-const int cleanup_at_start = do_cleanup;
+const int kCleanupAtStart = do_cleanup;
 
 constexpr std::uint32_t kOpen = 4;
 constexpr std::uint32_t kClose = 5;
@@ -166,8 +166,8 @@ protected:
         use_plugin("plugin_good");
         bus.plug(fake_usb::scanner_device());
         m_dispatch = std::make_unique<dispatch>();
-        m_front_end = std::make_unique<peer>(m_dispatch->port());
-        ASSERT_TRUE(m_front_end->is_connected()) << "the loop would wait for nobody";
+        m_frontEnd = std::make_unique<peer>(m_dispatch->port());
+        ASSERT_TRUE(m_frontEnd->is_connected()) << "the loop would wait for nobody";
     }
 
     void TearDown() override
@@ -186,8 +186,8 @@ protected:
     /// Has the front-end send these requests and end its stream, runs the loop, and returns the replies.
     std::string serve(const bytes& requests)
     {
-        m_front_end->send(requests);
-        m_front_end->end_stream();
+        m_frontEnd->send(requests);
+        m_frontEnd->end_stream();
         m_dispatch->run();
         return replies();
     }
@@ -195,7 +195,7 @@ protected:
     /// As serve(), for requests that have to end the loop by themselves: the stream stays open.
     std::string serve_open_ended(const bytes& requests)
     {
-        m_front_end->send(requests);
+        m_frontEnd->send(requests);
         m_dispatch->run();
         return replies();
     }
@@ -204,7 +204,7 @@ protected:
     std::string replies()
     {
         m_dispatch.reset();
-        return hex(m_front_end->receive_all());
+        return hex(m_frontEnd->receive_all());
     }
 
     /// What the plugin was asked for since the last look.
@@ -228,7 +228,7 @@ protected:
     }
 
     std::unique_ptr<dispatch> m_dispatch;
-    std::unique_ptr<peer> m_front_end;
+    std::unique_ptr<peer> m_frontEnd;
 };
 
 } // namespace
@@ -237,7 +237,7 @@ protected:
 
 TEST_F(dispatch_test, termination_flag_is_0_at_the_start_of_the_process)
 {
-    EXPECT_EQ(cleanup_at_start, 0);
+    EXPECT_EQ(kCleanupAtStart, 0);
 }
 
 TEST_F(dispatch_test, connect_opens_the_session_and_disconnect_closes_it)
@@ -252,8 +252,8 @@ TEST_F(dispatch_test, connect_opens_the_session_and_disconnect_closes_it)
 TEST_F(dispatch_test, destruction_closes_the_session_before_the_connection)
 {
     open_beforehand();
-    m_front_end->send(query_request(1));
-    m_front_end->end_stream();
+    m_frontEnd->send(query_request(1));
+    m_frontEnd->end_stream();
     {
         system_calls calls;
         calls.before("close", [] { support::record("socket closed"); });
@@ -279,7 +279,7 @@ TEST_F(dispatch_test, loop_does_not_read_when_the_flag_is_set_already)
 TEST_F(dispatch_test, end_of_the_connection_ends_the_loop_and_then_the_session)
 {
     open_beforehand();
-    m_front_end->end_stream();
+    m_frontEnd->end_stream();
     m_dispatch->run();
     EXPECT_EQ(do_cleanup, 1);
     EXPECT_EQ(plugin_calls_and_log(), kHungUp + kStopped);
@@ -295,7 +295,7 @@ TEST_F(dispatch_test, connection_that_ends_within_a_message_gets_no_reply)
 
 TEST_F(dispatch_test, failure_to_accept_repeats_until_a_signal_sets_the_flag)
 {
-    m_front_end->close();
+    m_frontEnd->close();
     const termination_handler handler;
     system_calls calls;
     fail_accepts(calls, EMFILE, 3);
@@ -308,7 +308,7 @@ TEST_F(dispatch_test, failure_to_accept_repeats_until_a_signal_sets_the_flag)
 
 TEST_F(dispatch_test, failures_that_follow_each_other_are_spaced_out)
 {
-    m_front_end->close();
+    m_frontEnd->close();
     const termination_handler handler;
     system_calls calls;
     fail_accepts(calls, EMFILE, 10);
@@ -329,7 +329,7 @@ TEST_F(dispatch_test, request_that_was_read_ends_a_row_of_failures)
 
 TEST_F(dispatch_test, loop_ends_when_nobody_came_in_time_and_nobody_reads_the_port)
 {
-    m_front_end->close();
+    m_frontEnd->close();
     system_calls calls;
     calls.fail("accept", EAGAIN, 0);
     const unread_output nobody;
@@ -574,7 +574,7 @@ TEST_F(dispatch_test, send_hands_its_payload_to_the_plugin_whatever_its_value)
 TEST_F(dispatch_test, receive_of_more_than_there_is_memory_leaves_the_loop_as_an_exception)
 {
     open_beforehand();
-    m_front_end->send(recv_request(0x7FFFFFFF));
+    m_frontEnd->send(recv_request(0x7FFFFFFF));
     {
         const unit::allocation_limit limit(0x1000000);
         EXPECT_THROW(m_dispatch->run(), std::bad_alloc);
@@ -585,7 +585,7 @@ TEST_F(dispatch_test, receive_of_more_than_there_is_memory_leaves_the_loop_as_an
 
 TEST_F(dispatch_test, payload_of_more_than_there_is_memory_leaves_the_loop_as_an_exception)
 {
-    m_front_end->send(bare_header(1, kSend, 0x7F000000));
+    m_frontEnd->send(bare_header(1, kSend, 0x7F000000));
     const unit::allocation_limit limit(0x1000000);
     EXPECT_THROW(m_dispatch->run(), std::bad_alloc);
 }
@@ -644,14 +644,14 @@ TEST_F(dispatch_test, receive_that_failed_leaves_its_length_all_the_same)
 TEST_F(dispatch_test, payload_of_which_a_part_came_before_a_read_failed_leaves_its_length_in_zeros)
 {
     open_beforehand();
-    m_front_end->send(bare_header(1, kSend, 5) + bytes(2, 0xAA));
+    m_frontEnd->send(bare_header(1, kSend, 5) + bytes(2, 0xAA));
     {
         system_calls calls;
         calls.before("read", [&, call = 0]() mutable {
             if (++call == 3)
-                m_front_end->send(frame(1, kSend));
+                m_frontEnd->send(frame(1, kSend));
             if (call == 4)
-                m_front_end->end_stream();
+                m_frontEnd->end_stream();
         });
         calls.fail("read", EAGAIN, 3);
         m_dispatch->run();

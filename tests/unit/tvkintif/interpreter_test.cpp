@@ -155,7 +155,7 @@ TEST_F(interpreter_test, dtor_stops_the_plugin_and_keeps_it_loaded)
 
 TEST_F(interpreter_test, file_that_is_no_library_is_refused_with_the_loader_s_message_in_the_log)
 {
-    const std::string file = support::plugin_directory + "/libqvintZ4.so";
+    const std::string file = support::kPluginDirectory + "/libqvintZ4.so";
     const auto expect_refusal = [this](const std::string& refused, const std::string& reason) {
         EXPECT_EQ(refusal_of(refused), "interpreter : load failed.");
         EXPECT_EQ(happened(), text({{"INFO interpreter load " + refused,

@@ -23,7 +23,7 @@ public:
     interruptions& operator=(const interruptions&) = delete;
     ~interruptions()
     {
-        m_is_over = true;
+        m_isOver = true;
         m_thread.join();
         std::signal(m_signal, m_previous);
     }
@@ -41,7 +41,7 @@ private:
         support::wait_until(std::chrono::seconds(30), [&] {
             pthread_kill(target, m_signal);
             ++m_sent;
-            return m_is_over.load();
+            return m_isOver.load();
         });
     }
 
@@ -50,7 +50,7 @@ private:
 
     int m_signal;
     void (*m_previous)(int);
-    std::atomic<bool> m_is_over = false;
+    std::atomic<bool> m_isOver = false;
     std::atomic<int> m_sent = 0;
     std::thread m_thread;
 };

@@ -141,8 +141,8 @@ protected:
     {
         SUPPORT_REQUIRE_PRIVATE_PATHS();
         support::open_log(1);
-        m_front_end = std::make_unique<peer>(m_connection->port());
-        ASSERT_TRUE(m_front_end->is_connected()) << "the first transfer would wait for nobody";
+        m_frontEnd = std::make_unique<peer>(m_connection->port());
+        ASSERT_TRUE(m_frontEnd->is_connected()) << "the first transfer would wait for nobody";
         std::fill_n(m_payload.data(), m_payload.size(), static_cast<unsigned char>(0xAA));
         m_calls.take_lines();
     }
@@ -161,12 +161,12 @@ protected:
     std::string received()
     {
         m_connection.reset();
-        return hex(m_front_end->receive_all());
+        return hex(m_frontEnd->receive_all());
     }
 
     system_calls m_calls; // of #1, which listened, #2, the front-end, and #3 once it is accepted
     std::unique_ptr<ipc_connection> m_connection = std::make_unique<ipc_connection>();
-    std::unique_ptr<peer> m_front_end;
+    std::unique_ptr<peer> m_frontEnd;
     ipc_header m_header = {};
     payload_buffer m_payload{1024};
 };
@@ -195,7 +195,7 @@ TEST_F(ipc_connection_test, port_can_be_asked_for_and_the_time_out_is_the_same)
 
 TEST_F(ipc_connection_test, read_of_a_message_without_payload_leaves_the_earlier_one_as_it_is)
 {
-    m_front_end->send(frame(1, 8, 2));
+    m_frontEnd->send(frame(1, 8, 2));
     EXPECT_EQ(read(), 0);
     EXPECT_EQ(read_payload(), bytes(1024, 0xAA));
 }
@@ -203,7 +203,7 @@ TEST_F(ipc_connection_test, read_of_a_message_without_payload_leaves_the_earlier
 TEST_F(ipc_connection_test, read_keeps_the_header_as_it_travelled)
 {
     const bytes wire = {1, 2, 3, 4, 5, 6, 7, 8, 0x90, 0x91, 0x92, 0x93, 0x00, 0x00, 0, 0, 9, 8, 7, 6};
-    m_front_end->send(wire);
+    m_frontEnd->send(wire);
     read();
     EXPECT_EQ(hex(memory_of(m_header)), hex(wire));
 }
@@ -212,7 +212,7 @@ class payload_length : public ipc_connection_test, public testing::WithParamInte
 
 TEST_P(payload_length, is_exactly_as_announced)
 {
-    m_front_end->send(frame(1, 6, 0, pattern(GetParam())));
+    m_frontEnd->send(frame(1, 6, 0, pattern(GetParam())));
     EXPECT_EQ(read(), static_cast<int>(GetParam()));
     EXPECT_EQ(read_payload(), pattern(GetParam()));
 }
@@ -223,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, payload_length,
 
 TEST_F(ipc_connection_test, read_stops_at_the_end_of_the_message)
 {
-    m_front_end->send(frame(1, 6, 0, bytes_of("one")) + frame(2, 7, 9, bytes_of("two")));
+    m_frontEnd->send(frame(1, 6, 0, bytes_of("one")) + frame(2, 7, 9, bytes_of("two")));
     read();
     EXPECT_EQ(read(), 3);
     EXPECT_EQ(hex(memory_of(m_header)), hex(bare_header(2, 7, 3, 9)));
@@ -232,15 +232,15 @@ TEST_F(ipc_connection_test, read_stops_at_the_end_of_the_message)
 
 TEST_F(ipc_connection_test, part_of_a_payload_that_never_came_is_zero)
 {
-    m_front_end->send(bare_header(1, 6, 6) + bytes_of("abc"));
-    m_front_end->close();
+    m_frontEnd->send(bare_header(1, 6, 6) + bytes_of("abc"));
+    m_frontEnd->close();
     EXPECT_EQ(read(), -2);
     EXPECT_EQ(read_payload(), bytes_of("abc") + bytes(3, 0));
 }
 
 TEST_F(ipc_connection_test, part_of_a_payload_behind_a_failed_read_is_zero)
 {
-    m_front_end->send(bare_header(1, 6, 6) + bytes_of("abc"));
+    m_frontEnd->send(bare_header(1, 6, 6) + bytes_of("abc"));
     m_calls.fail("read", EAGAIN, 3);
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(read_payload(), bytes_of("abc") + bytes(3, 0));
@@ -249,7 +249,7 @@ TEST_F(ipc_connection_test, part_of_a_payload_behind_a_failed_read_is_zero)
 TEST_F(ipc_connection_test, each_call_of_a_payload_of_a_million_bytes_is_logged)
 {
     constexpr int kSize = 1000000;
-    std::thread sending([&] { m_front_end->send(frame(1, 6, 0, pattern(kSize))); });
+    std::thread sending([&] { m_frontEnd->send(frame(1, 6, 0, pattern(kSize))); });
     EXPECT_EQ(read(), kSize);
     sending.join();
     EXPECT_TRUE(read_payload() == pattern(kSize)) << "some byte is not the one that was sent";
@@ -267,14 +267,14 @@ TEST_F(ipc_connection_test, each_call_of_a_payload_of_a_million_bytes_is_logged)
 
 TEST_F(ipc_connection_test, length_that_cannot_be_had_is_thrown)
 {
-    m_front_end->send(bare_header(1, 6, 0x7FFFFFFF));
+    m_frontEnd->send(bare_header(1, 6, 0x7FFFFFFF));
     const unit::allocation_limit limit(0x1000000);
     EXPECT_THROW(read(), std::bad_alloc);
 }
 
 TEST_F(ipc_connection_test, short_reads_are_continued_and_logged_call_by_call)
 {
-    m_front_end->send(frame(1, 6, 0, pattern(20)));
+    m_frontEnd->send(frame(1, 6, 0, pattern(20)));
     m_calls.limit("read", 8);
     EXPECT_EQ(read(), 20);
     EXPECT_EQ(read_payload(), pattern(20));
@@ -289,8 +289,8 @@ TEST_P(header_byte, before_which_the_peer_closes_makes_read_return_minus_2)
 {
     bytes wire = bare_header(1, 6, 4);
     wire.resize(GetParam());
-    m_front_end->send(wire);
-    m_front_end->close();
+    m_frontEnd->send(wire);
+    m_frontEnd->close();
     EXPECT_EQ(read(), -2);
     EXPECT_EQ(read_payload(), bytes(1024, 0xAA)) << "the payload is not to be touched without a header";
 }
@@ -300,8 +300,8 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, header_byte, testing::Range<std::s
 
 TEST_F(ipc_connection_test, peer_that_closes_half_way_through_the_header_is_logged_call_by_call)
 {
-    m_front_end->send(bytes(10, 1));
-    m_front_end->close();
+    m_frontEnd->send(bytes(10, 1));
+    m_frontEnd->close();
     read();
     EXPECT_EQ(support::log_dialogue(), read_walk(20, {10, 0}));
 }
@@ -310,8 +310,8 @@ class payload_byte : public ipc_connection_test, public testing::WithParamInterf
 
 TEST_P(payload_byte, before_which_the_peer_closes_makes_read_return_minus_2)
 {
-    m_front_end->send(bare_header(1, 6, 4) + bytes(GetParam(), 1));
-    m_front_end->close();
+    m_frontEnd->send(bare_header(1, 6, 4) + bytes(GetParam(), 1));
+    m_frontEnd->close();
     EXPECT_EQ(read(), -2);
 }
 
@@ -321,7 +321,7 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, payload_byte, testing::Range<std::
 TEST_F(ipc_connection_test, header_is_zero_when_nothing_came)
 {
     m_header = header_of(bytes(20, 0xAA));
-    m_front_end->close();
+    m_frontEnd->close();
     read();
     EXPECT_EQ(hex(memory_of(m_header)), hex(bytes(20, 0)));
 }
@@ -337,7 +337,7 @@ class failing_read : public ipc_connection_test, public testing::WithParamInterf
 
 TEST_P(failing_read, in_the_header_returns_minus_1_without_another_try)
 {
-    m_front_end->send(frame(1, 6, 0, pattern(4)));
+    m_frontEnd->send(frame(1, 6, 0, pattern(4)));
     m_calls.limit("read", 8);
     m_calls.fail("read", GetParam().error, 2);
     EXPECT_EQ(read(), -1);
@@ -348,7 +348,7 @@ TEST_P(failing_read, in_the_header_returns_minus_1_without_another_try)
 
 TEST_P(failing_read, in_the_payload_returns_minus_1_without_another_try)
 {
-    m_front_end->send(frame(1, 6, 0, pattern(4)));
+    m_frontEnd->send(frame(1, 6, 0, pattern(4)));
     m_calls.fail("read", GetParam().error, 2);
     EXPECT_EQ(read(), -1);
     EXPECT_EQ(support::log_dialogue(), read_walk(20, {20}) + failed_read(4, GetParam().error));
@@ -361,11 +361,11 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, failing_read,
 
 TEST_F(ipc_connection_test, read_after_a_failed_one_goes_on_in_the_middle_of_the_message)
 {
-    m_front_end->send(bytes(10, 1));
+    m_frontEnd->send(bytes(10, 1));
     m_calls.fail("read", EAGAIN, 2);
     ASSERT_EQ(read(), -1);
     const bytes rest = bytes(10, 1) + bytes{2, 3, 0, 0, 0, 0, 7, 8, 9, 10};
-    m_calls.before("read", [&] { m_front_end->send(rest); });
+    m_calls.before("read", [&] { m_frontEnd->send(rest); });
     EXPECT_EQ(read(), 0);
     EXPECT_EQ(hex(memory_of(m_header)), hex(rest));
 }
@@ -388,7 +388,7 @@ TEST_F(ipc_connection_test, read_after_a_failed_accept_waits_on_the_same_port_ag
 
 TEST_F(ipc_connection_test, termination_signals_are_blocked_around_each_read)
 {
-    m_front_end->send(frame(1, 6));
+    m_frontEnd->send(frame(1, 6));
     m_calls.limit("read", 10);
     read();
     const lines all = m_calls.lines();
@@ -400,7 +400,7 @@ TEST_F(ipc_connection_test, termination_signals_are_blocked_around_each_read)
 
 TEST_F(ipc_connection_test, termination_signals_are_blocked_around_each_write)
 {
-    m_front_end->send(frame(1, 6));
+    m_frontEnd->send(frame(1, 6));
     read();
     m_calls.take_lines();
     m_calls.limit("write", 10);
@@ -415,7 +415,7 @@ class termination_signal : public ipc_connection_test, public testing::WithParam
 TEST_P(termination_signal, stays_blocked_after_a_read_if_it_was_before)
 {
     change_mask(SIG_BLOCK, GetParam());
-    m_front_end->send(frame(1, 6));
+    m_frontEnd->send(frame(1, 6));
     read();
     EXPECT_TRUE(is_blocked(GetParam()));
     change_mask(SIG_UNBLOCK, GetParam());
@@ -426,7 +426,7 @@ INSTANTIATE_TEST_SUITE_P(ipc_connection_test, termination_signal, testing::Value
 
 TEST_F(ipc_connection_test, hangup_ends_a_read_that_waits)
 {
-    m_front_end->send(frame(1, 6));
+    m_frontEnd->send(frame(1, 6));
     read(); // the accept, which a signal would end, is behind us
     support::open_log(1);
     const interruptions hangups(SIGHUP);
@@ -520,7 +520,7 @@ std::vector<reply> headers_alone()
     };
 }
 
-const auto reply_name = [](const auto& test) { return test.param.name; };
+const auto name_of_reply = [](const auto& test) { return test.param.name; };
 
 } // namespace
 
@@ -534,8 +534,8 @@ TEST_P(any_reply, has_these_bytes_and_this_result)
     EXPECT_EQ(received(), GetParam().wire);
 }
 
-INSTANTIATE_TEST_SUITE_P(with_payload, any_reply, testing::ValuesIn(replies_with_payload()), reply_name);
-INSTANTIATE_TEST_SUITE_P(header_alone, any_reply, testing::ValuesIn(headers_alone()), reply_name);
+INSTANTIATE_TEST_SUITE_P(with_payload, any_reply, testing::ValuesIn(replies_with_payload()), name_of_reply);
+INSTANTIATE_TEST_SUITE_P(header_alone, any_reply, testing::ValuesIn(headers_alone()), name_of_reply);
 
 class reply_with_payload : public any_reply {};
 
@@ -573,7 +573,7 @@ TEST_P(reply_with_payload, is_not_tried_again_when_the_payload_fails)
 }
 
 INSTANTIATE_TEST_SUITE_P(ipc_connection_test, reply_with_payload, testing::ValuesIn(replies_with_payload()),
-                         reply_name);
+                         name_of_reply);
 
 TEST_F(ipc_connection_test, header_and_payload_are_logged_as_two_transfers)
 {
@@ -633,7 +633,7 @@ TEST_F(ipc_connection_test, every_line_names_its_unit)
     support::open_log(0);
     testing::internal::CaptureStderr();
     m_connection->send_ng(1);
-    m_front_end->close();
+    m_frontEnd->close();
     read();
     testing::internal::GetCapturedStderr();
     lines units;

@@ -33,8 +33,8 @@ TEST(plugin_name, is_the_one_under_which_packages_install_the_plugin_of_each_pro
 TEST(lib_path, joins_the_fixed_directory_libexec_and_the_name)
 {
     const std::string fixed = "/usr/lib/arm-linux-gnueabihf/tarvik/";
-    if (support::plugin_root != fixed)
-        GTEST_SKIP() << "this build was configured for another plugin directory: " << support::plugin_root;
+    if (support::kPluginRoot != fixed)
+        GTEST_SKIP() << "this build was configured for another plugin directory: " << support::kPluginRoot;
 
     EXPECT_EQ(lib_path("libryo-mora-hk-t210.so"),
               "/usr/lib/arm-linux-gnueabihf/tarvik/libexec/libryo-mora-hk-t210.so");

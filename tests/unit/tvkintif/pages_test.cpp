@@ -14,8 +14,8 @@
 
 namespace {
 
-const std::string plugins_page = SOURCE_FOLDER "/docs/plugins.md";
-const std::string protocol_page = SOURCE_FOLDER "/docs/protocol.md";
+const std::string kPluginsPage = SOURCE_FOLDER "/docs/plugins.md";
+const std::string kProtocolPage = SOURCE_FOLDER "/docs/protocol.md";
 
 std::string row(const std::string& first, const std::string& second)
 {
@@ -32,26 +32,26 @@ TEST(pages_of_constants, plugins_page_has_the_file_of_every_model)
     std::string rows = "| product id | file |\n|---|---|\n";
     for (const model& each : kModels)
         rows += row(code(tarvik::hexadecimal(each.product_id, 4)), code(each.plugin));
-    support::expect_on_page(support::part_named("models", plugins_page),
+    support::expect_on_page(support::part_named("models", kPluginsPage),
                             rows + row("any other", code(kDefaultPlugin)));
 }
 
 TEST(pages_of_constants, plugins_page_has_the_folder_from_which_the_program_loads)
 {
-    EXPECT_NE(support::read_file(plugins_page).find(code(lib_path(""))), std::string::npos) << lib_path("");
+    EXPECT_NE(support::read_file(kPluginsPage).find(code(lib_path(""))), std::string::npos) << lib_path("");
 }
 
 TEST(pages_of_constants, protocol_page_has_times_and_sizes)
 {
     const auto seconds = [](unsigned int number) { return std::to_string(number) + " s"; };
     const auto bytes = [](std::size_t number) { return tarvik::count_of(number, "byte"); };
-    constexpr unsigned int pauses = scanner::kConnectionAttempts - 1;
+    constexpr unsigned int kPauses = scanner::kConnectionAttempts - 1;
     support::expect_on_page(
-        support::part_named("times and sizes", protocol_page),
+        support::part_named("times and sizes", kProtocolPage),
         "| what | how much |\n|---|---|\n" +
             row("attempts of an open to reach the device", std::to_string(scanner::kConnectionAttempts)) +
             row("pause between two of them", seconds(scanner::kPauseSeconds)) +
-            row("all pauses of an open that fails", seconds(pauses * scanner::kPauseSeconds)) +
+            row("all pauses of an open that fails", seconds(kPauses * scanner::kPauseSeconds)) +
             row("time-out of the connection, reading and writing", seconds(ipc_connection::kTimeoutSeconds)) +
             row("time-out of a USB transfer", seconds(usb_transceiver::kTransferMilliseconds / 1000)) +
             row("header of a message", bytes(sizeof(ipc_header))) +

@@ -47,24 +47,24 @@ static_assert(scanner::kConnectionAttempts == 5 && scanner::kPauseSeconds == 3);
 
 static_assert(!std::is_copy_constructible_v<scanner> && !std::is_copy_assignable_v<scanner>);
 
-const std::string udi = "usb:1a2b:3c4d"; // of a product that is in no table
-const std::string other_udi = "usb:1a2b:0a71";
-const std::string plugin_file = kDefaultPlugin;
-const std::string other_plugin_file = plugin_name(0x0a71);
+const std::string kUdi = "usb:1a2b:3c4d"; // of a product that is in no table
+const std::string kOtherUdi = "usb:1a2b:0a71";
+const std::string kPluginFile = kDefaultPlugin;
+const std::string kOtherPluginFile = plugin_name(0x0a71);
 
-const std::vector<const char*> firmware_variables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
+const std::vector<const char*> kFirmwareVariables = {"GLIMMERON_FIRMWARE_DIR", "QUBAN_FIRMWARE_DIR",
                                                      "MORA_FIRMWARE_DIR", "QUBAN_FW_DIR"};
 
 // What always happens, step by step.
 
-lines plugin_loaded(const std::string& plugin, const std::string& file = plugin_file)
+lines plugin_loaded(const std::string& plugin, const std::string& file = kPluginFile)
 {
     return {"INFO interpName " + file, "INFO interpreter load " + lib_path(file), plugin + " loaded"};
 }
 
-const lines connection_made = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
+const lines kConnectionMade = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
 
-const lines attempt_begins = {"INFO usb_transceiver open start", "INFO usb_transceiver open "};
+const lines kAttemptBegins = {"INFO usb_transceiver open start", "INFO usb_transceiver open "};
 
 lines attempt_that_succeeds(const std::string& device = "scanner", const std::string& ids = "1a2b:3c4d")
 {
@@ -83,20 +83,20 @@ lines attempt_that_succeeds(const std::string& device = "scanner", const std::st
             "INFO break"};
 }
 
-const std::string pause_between_tries = "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds);
+const std::string kPauseBetweenTries = "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds);
 
 /// An attempt to find a device that is not there.
 lines attempt_in_vain()
 {
-    const lines one_try = {"open_device_with_vid_pid 1a2b:3c4d -> null", pause_between_tries};
-    return attempt_begins + support::repeated(usb_transceiver::kOpenTries, one_try) +
+    const lines one_try = {"open_device_with_vid_pid 1a2b:3c4d -> null", kPauseBetweenTries};
+    return kAttemptBegins + support::repeated(usb_transceiver::kOpenTries, one_try) +
            lines{"INFO usb_transceiver open fails", "INFO connection open isSuccess = 0"};
 }
 
 /// An open as far as the search for the device.
 lines search_begun(const std::string& plugin)
 {
-    return lines{"INFO open " + udi} + plugin_loaded(plugin) + connection_made;
+    return lines{"INFO open " + kUdi} + plugin_loaded(plugin) + kConnectionMade;
 }
 
 /// An open that finds the device at once and starts the plugin.
@@ -105,13 +105,13 @@ lines opened(const std::string& plugin)
     return search_begun(plugin) + attempt_that_succeeds() + lines{plugin + " ctor"};
 }
 
-const lines pause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
+const lines kPause = {"sleep " + std::to_string(scanner::kPauseSeconds)};
 
-const lines connection_closed = {"release_interface scanner 0 -> 0", "close scanner"};
+const lines kConnectionClosed = {"release_interface scanner 0 -> 0", "close scanner"};
 
-const lines connection_gone = connection_closed + lines{"exit"};
+const lines kConnectionGone = kConnectionClosed + lines{"exit"};
 
-const lines good_plugin_stopped = {"plugin_good dtor", "plugin_good unloaded"};
+const lines kGoodPluginStopped = {"plugin_good dtor", "plugin_good unloaded"};
 
 /// The one session of the process, brought back to its start after each test.
 class scanner_test : public watched_test {
@@ -121,7 +121,7 @@ protected:
         watched_test::SetUp();
         if (IsSkipped())
             return;
-        for (const char* variable : firmware_variables)
+        for (const char* variable : kFirmwareVariables)
             unsetenv(variable);
         plugin_s_reader = nullptr;
         plugin_s_writer = nullptr;
@@ -138,7 +138,7 @@ protected:
     static scanner& session() { return scanner::instance(); }
 
     /// Installs a plugin for products that are in no table.
-    static void install(const std::string& plugin) { support::install_plugin(plugin, plugin_file); }
+    static void install(const std::string& plugin) { support::install_plugin(plugin, kPluginFile); }
 
     /// Installs a plugin and plugs in the scanner that it is for.
     void install_and_plug(const std::string& plugin)
@@ -151,7 +151,7 @@ protected:
     void open_session(const std::string& plugin)
     {
         install_and_plug(plugin);
-        ASSERT_TRUE(session().open(udi)) << log();
+        ASSERT_TRUE(session().open(kUdi)) << log();
         forget_what_happened();
     }
 
@@ -184,7 +184,7 @@ TEST_F(scanner_test, open_loads_the_plugin_then_connects_the_device_then_starts_
 {
     install_and_plug("plugin_good");
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
     EXPECT_EQ(happened(), opened("plugin_good").text());
     ASSERT_TRUE(session().usb_con());
     EXPECT_TRUE(session().usb_con()->is_open());
@@ -194,7 +194,7 @@ TEST_F(scanner_test, plugin_reaches_the_device_from_its_start_on)
 {
     install_and_plug("plugin_talking");
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
     EXPECT_EQ(happened(), text({search_begun("plugin_talking"),
                                 attempt_that_succeeds(),
                                 {"plugin_talking ctor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
@@ -217,7 +217,7 @@ TEST_F(scanner_test, open_works_again_after_close)
     session().close();
     forget_what_happened();
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
     EXPECT_EQ(happened(), opened("plugin_good").text());
 }
 
@@ -227,14 +227,14 @@ TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_load
 {
     install_and_plug("plugin_telling_environment");
 
-    EXPECT_TRUE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+    EXPECT_TRUE(session().open(kUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kUdi},
                                 plugin_loaded("plugin_telling_environment"),
                                 {"plugin_telling_environment finds GLIMMERON_FIRMWARE_DIR=/usr/share/tarvik/",
                                  "plugin_telling_environment finds QUBAN_FIRMWARE_DIR=/usr/share/tarvik/",
                                  "plugin_telling_environment finds MORA_FIRMWARE_DIR=/usr/share/tarvik/",
                                  "plugin_telling_environment finds QUBAN_FW_DIR=/usr/share/tarvik/"},
-                                connection_made,
+                                kConnectionMade,
                                 attempt_that_succeeds(),
                                 {"plugin_telling_environment ctor"}}));
 }
@@ -242,7 +242,7 @@ TEST_F(scanner_test, firmware_directories_are_set_by_the_time_the_plugin_is_load
 TEST_F(scanner_test, firmware_directories_are_set_even_for_an_invalid_address)
 {
     EXPECT_FALSE(session().open("usb:1a2b:0"));
-    for (const char* variable : firmware_variables)
+    for (const char* variable : kFirmwareVariables)
         EXPECT_STREQ(std::getenv(variable), "/usr/share/tarvik/") << variable;
 }
 
@@ -260,11 +260,11 @@ TEST_F(scanner_test, open_of_an_invalid_address_fails_before_anything_is_loaded)
 TEST_F(scanner_test, open_without_the_plugin_s_file_fails_before_usb_is_touched)
 {
     bus.plug(scanner_device());
-    const std::string path = lib_path(plugin_file);
+    const std::string path = lib_path(kPluginFile);
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_EQ(happened(),
-              text({{"INFO open " + udi, "INFO interpName " + plugin_file, "INFO interpreter load " + path,
+              text({{"INFO open " + kUdi, "INFO interpName " + kPluginFile, "INFO interpreter load " + path,
                      "INFO interpreter load fails " + path +
                          ": cannot open shared object file: No such file or directory",
                      "INFO interpreter : load failed.", "INFO open fails"}}));
@@ -274,8 +274,8 @@ TEST_F(scanner_test, open_of_an_incomplete_plugin_fails_before_usb_is_touched_an
 {
     install_and_plug("plugin_without_writer");
 
-    EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+    EXPECT_FALSE(session().open(kUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kUdi},
                                 plugin_loaded("plugin_without_writer"),
                                 {"plugin_without_writer unloaded", "INFO interpreter function load errors",
                                  "INFO interpreter : invalid symboles.", "INFO open fails"}}));
@@ -286,9 +286,9 @@ TEST_F(scanner_test, open_without_a_device_makes_all_attempts_with_pauses_betwee
 {
     install("plugin_good");
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_EQ(happened(), text({search_begun("plugin_good"),
-                                support::repeated(scanner::kConnectionAttempts, attempt_in_vain(), pause),
+                                support::repeated(scanner::kConnectionAttempts, attempt_in_vain(), kPause),
                                 {"INFO retry finish", "INFO usb connection failer.", "exit",
                                  "plugin_good unloaded", "INFO open fails"}}));
     EXPECT_FALSE(session().usb_con());
@@ -301,10 +301,10 @@ TEST_F(scanner_test, open_connects_a_device_that_appears_before_the_third_attemp
     late.appears_at_search = 2 * usb_transceiver::kOpenTries + 1;
     bus.plug(late);
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
     EXPECT_EQ(happened(), text({search_begun("plugin_good"),
-                                support::repeated(2, attempt_in_vain(), pause),
-                                pause,
+                                support::repeated(2, attempt_in_vain(), kPause),
+                                kPause,
                                 attempt_that_succeeds(),
                                 {"plugin_good ctor"}}));
 }
@@ -316,7 +316,7 @@ TEST_F(scanner_test, open_connects_at_the_last_attempt)
     late.appears_at_search = scanner::kConnectionAttempts * usb_transceiver::kOpenTries;
     bus.plug(late);
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
 }
 
 TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
@@ -324,18 +324,18 @@ TEST_F(scanner_test, open_tries_again_when_the_interface_is_held_by_another)
     install_and_plug("plugin_good");
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
     EXPECT_EQ(
         happened(),
         text({search_begun("plugin_good"),
-              attempt_begins,
+              kAttemptBegins,
               {"open_device_with_vid_pid 1a2b:3c4d -> scanner", "INFO usb_transceiver set_bulk_endpoints",
                "get_device scanner -> scanner", "get_device_descriptor scanner -> 0",
                "get_configuration scanner -> 0 (1)", "get_config_descriptor scanner 0 -> 0",
                "kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY",
                "free_config_descriptor scanner 0", "close scanner",
                "INFO usb_transceiver set_bulk_endpoints fails", "INFO connection open isSuccess = 0"},
-              pause,
+              kPause,
               attempt_that_succeeds(),
               {"plugin_good ctor"}}));
 }
@@ -344,9 +344,9 @@ TEST_F(scanner_test, open_with_a_refusing_plugin_frees_the_device_before_the_log
 {
     install_and_plug("plugin_refusing");
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_EQ(happened(), text({opened("plugin_refusing"),
-                                connection_gone,
+                                kConnectionGone,
                                 {"INFO usb ctor failer.", "plugin_refusing unloaded"}}));
     EXPECT_FALSE(session().usb_con());
 }
@@ -355,18 +355,18 @@ TEST_F(scanner_test, refusing_plugin_reaches_the_device_before_it_refuses)
 {
     install_and_plug("plugin_refusing_after_talk");
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_EQ(bus.written("scanner", 0x02), std::vector<unsigned char>{1});
 }
 
 TEST_F(scanner_test, open_after_a_refusal_tries_anew)
 {
     install_and_plug("plugin_refusing");
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     expect_no_plugin();
     install("plugin_odd"); // starts with a result that is neither 0 nor 1
 
-    EXPECT_TRUE(session().open(udi));
+    EXPECT_TRUE(session().open(kUdi));
 }
 
 TEST_F(scanner_test, open_fails_when_libusb_cannot_be_initialised_and_unloads_the_plugin)
@@ -374,8 +374,8 @@ TEST_F(scanner_test, open_fails_when_libusb_cannot_be_initialised_and_unloads_th
     install_and_plug("plugin_good");
     bus.fail("init", LIBUSB_ERROR_OTHER);
 
-    EXPECT_FALSE(session().open(udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + udi},
+    EXPECT_FALSE(session().open(kUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kUdi},
                                 plugin_loaded("plugin_good"),
                                 {"INFO usb_transceiver start", "init -> LIBUSB_ERROR_OTHER",
                                  "INFO libusb error = LIBUSB_ERROR_OTHER", "plugin_good unloaded",
@@ -395,10 +395,10 @@ TEST_P(thrown_in_an_open, is_logged_and_all_is_undone)
     install("plugin_good");
     bus.before_call("open_device_with_vid_pid", 1, GetParam().action);
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_FALSE(session().usb_con());
     EXPECT_EQ(happened(), text({search_begun("plugin_good"),
-                                attempt_begins,
+                                kAttemptBegins,
                                 {"open_device_with_vid_pid 1a2b:3c4d -> throws", "exit",
                                  "plugin_good unloaded", "INFO " + GetParam().words, "INFO open fails"}}));
 }
@@ -531,7 +531,7 @@ TEST_F(scanner_test, close_stops_and_unloads_the_plugin_before_it_closes_the_dev
     open_session("plugin_good");
     session().close();
 
-    EXPECT_EQ(happened(), text({good_plugin_stopped, connection_gone}));
+    EXPECT_EQ(happened(), text({kGoodPluginStopped, kConnectionGone}));
     EXPECT_FALSE(session().usb_con());
     expect_no_plugin();
 }
@@ -543,7 +543,7 @@ TEST_F(scanner_test, plugin_reaches_the_device_while_it_is_stopped)
 
     EXPECT_EQ(happened(), text({{"plugin_talking dtor", "bulk_transfer scanner 0x02 1 60000 -> 0 (1)",
                                  "plugin_talking sent 1", "plugin_talking unloaded"},
-                                connection_gone}));
+                                kConnectionGone}));
 }
 
 TEST_F(scanner_test, close_leaves_the_connection_object_to_whoever_shares_it)
@@ -551,7 +551,7 @@ TEST_F(scanner_test, close_leaves_the_connection_object_to_whoever_shares_it)
     open_session("plugin_good");
     std::shared_ptr<usb_transceiver> shared = session().usb_con();
     session().close();
-    EXPECT_EQ(happened(), text({good_plugin_stopped, connection_closed}));
+    EXPECT_EQ(happened(), text({kGoodPluginStopped, kConnectionClosed}));
 
     EXPECT_FALSE(shared->is_open());
     shared.reset();
@@ -573,11 +573,11 @@ TEST_F(scanner_test, destruction_closes)
     install_and_plug("plugin_good");
     {
         scanner own;
-        ASSERT_TRUE(own.open(udi));
+        ASSERT_TRUE(own.open(kUdi));
         forget_what_happened();
     }
 
-    EXPECT_EQ(happened(), text({good_plugin_stopped, connection_gone}));
+    EXPECT_EQ(happened(), text({kGoodPluginStopped, kConnectionGone}));
 }
 
 TEST_F(scanner_test, end_of_the_process_closes_the_session)
@@ -621,11 +621,11 @@ TEST_F(scanner_test_of_reopening, replaces_connection_and_plugin_and_does_not_st
 {
     lose_device("plugin_good");
     plug_in_other();
-    support::install_plugin("plugin_odd", other_plugin_file);
+    support::install_plugin("plugin_odd", kOtherPluginFile);
 
-    EXPECT_TRUE(session().open(other_udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
-                                plugin_loaded("plugin_odd", other_plugin_file),
+    EXPECT_TRUE(session().open(kOtherUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kOtherUdi},
+                                plugin_loaded("plugin_odd", kOtherPluginFile),
                                 {"INFO usb_transceiver start"}, // the context is still there
                                 other_attempt,
                                 {"plugin_odd ctor", "plugin_good unloaded"}}));
@@ -636,11 +636,11 @@ TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_device_canno
     lose_device("plugin_good");
     const std::shared_ptr<usb_transceiver> before = session().usb_con();
 
-    EXPECT_FALSE(session().open(udi));
+    EXPECT_FALSE(session().open(kUdi));
     EXPECT_EQ(before, session().usb_con());
     forget_what_happened();
     session().close();
-    EXPECT_EQ(happened(), text({good_plugin_stopped}));
+    EXPECT_EQ(happened(), text({kGoodPluginStopped}));
 }
 
 TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_plugin_is_missing_or_the_address_invalid)
@@ -649,7 +649,7 @@ TEST_F(scanner_test_of_reopening, leaves_both_as_they_were_when_the_plugin_is_mi
     plug_in_other();
     const std::shared_ptr<usb_transceiver> before = session().usb_con();
 
-    EXPECT_FALSE(session().open(other_udi));
+    EXPECT_FALSE(session().open(kOtherUdi));
     EXPECT_FALSE(session().open("usb:"));
     EXPECT_EQ(before, session().usb_con());
 }
@@ -658,11 +658,11 @@ TEST_F(scanner_test_of_reopening, drops_the_old_connection_and_keeps_the_old_plu
 {
     lose_device("plugin_good");
     plug_in_other();
-    support::install_plugin("plugin_refusing", other_plugin_file);
+    support::install_plugin("plugin_refusing", kOtherPluginFile);
 
-    EXPECT_FALSE(session().open(other_udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
-                                plugin_loaded("plugin_refusing", other_plugin_file),
+    EXPECT_FALSE(session().open(kOtherUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kOtherUdi},
+                                plugin_loaded("plugin_refusing", kOtherPluginFile),
                                 {"INFO usb_transceiver start"},
                                 other_attempt,
                                 {"plugin_refusing ctor", "release_interface other 0 -> 0", "close other",
@@ -680,8 +680,8 @@ protected:
             return;
         lose_device("plugin_good");
         plug_in_other();
-        support::install_plugin("plugin_refusing", other_plugin_file);
-        ASSERT_FALSE(session().open(other_udi));
+        support::install_plugin("plugin_refusing", kOtherPluginFile);
+        ASSERT_FALSE(session().open(kOtherUdi));
         forget_what_happened();
     }
 };
@@ -691,18 +691,18 @@ TEST_F(half_open_session, moves_nothing_until_close_stops_its_plugin)
     EXPECT_EQ(send({1}), 200);
     EXPECT_EQ(happened(), "plugin_good writer 1\n");
     session().close();
-    EXPECT_EQ(happened(), text({good_plugin_stopped}));
+    EXPECT_EQ(happened(), text({kGoodPluginStopped}));
     expect_no_plugin();
 }
 
 TEST_F(half_open_session, can_be_opened_again_and_does_not_stop_its_plugin)
 {
-    support::install_plugin("plugin_odd", other_plugin_file);
+    support::install_plugin("plugin_odd", kOtherPluginFile);
 
-    EXPECT_TRUE(session().open(other_udi));
-    EXPECT_EQ(happened(), text({{"INFO open " + other_udi},
-                                plugin_loaded("plugin_odd", other_plugin_file),
-                                connection_made,
+    EXPECT_TRUE(session().open(kOtherUdi));
+    EXPECT_EQ(happened(), text({{"INFO open " + kOtherUdi},
+                                plugin_loaded("plugin_odd", kOtherPluginFile),
+                                kConnectionMade,
                                 other_attempt,
                                 {"plugin_odd ctor", "plugin_good unloaded"}}));
 }
@@ -714,17 +714,17 @@ TEST_F(scanner_test, its_lines_are_logged_as_coming_from_scanner)
     testing::internal::CaptureStderr(); // the verbose form is copied there
     support::open_log(0);
     session().open("usb:");
-    session().open(udi);
+    session().open(kUdi);
     install("plugin_good");
-    session().open(udi);
+    session().open(kUdi);
     install_and_plug("plugin_refusing");
-    session().open(udi);
+    session().open(kUdi);
     testing::internal::GetCapturedStderr();
 
     const std::set<std::string> own = {"open usb:",
                                        "get pid fails",
-                                       "open " + udi,
-                                       "interpName " + plugin_file,
+                                       "open " + kUdi,
+                                       "interpName " + kPluginFile,
                                        "interpreter : load failed.",
                                        "open fails",
                                        "connection open isSuccess = 0",

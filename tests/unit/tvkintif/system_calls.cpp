@@ -85,7 +85,7 @@ void system_calls::close_forgotten()
 
 system_calls* system_calls::watching()
 {
-    return current != nullptr && !current->m_is_acting ? current : nullptr;
+    return current != nullptr && !current->m_isActing ? current : nullptr;
 }
 
 bool system_calls::replaces(const std::string& function, int& result)
@@ -93,9 +93,9 @@ bool system_calls::replaces(const std::string& function, int& result)
     script& entry = m_scripts[function];
     const int call = ++entry.calls;
     if (entry.action) {
-        m_is_acting = true;
+        m_isActing = true;
         entry.action();
-        m_is_acting = false;
+        m_isActing = false;
     }
     if (!entry.answers.empty()) {
         result = entry.answers.front();

@@ -75,7 +75,7 @@ private:
     std::vector<std::string> m_lines;
     std::map<int, std::string> m_names;       ///< of the descriptors that are open
     std::map<std::string, int> m_descriptors; ///< of all that ever were
-    bool m_is_acting = false;
+    bool m_isActing = false;
 };
 
 } // namespace unit

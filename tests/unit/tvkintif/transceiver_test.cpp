@@ -617,13 +617,13 @@ struct transfer {
     bool (*make)(transceiver& end, char* buffer, unsigned int length);
 };
 
-const auto transfers = testing::Values(
+const auto kTransfers = testing::Values(
     transfer{"send", "write", [](transceiver& end, char* data, unsigned int n) { return end.send(data, n); }},
     transfer{"recv", "read",
              [](transceiver& end, char* data, unsigned int n) { return end.recv(data, n, false); }},
     transfer{"peek", "recv",
              [](transceiver& end, char* data, unsigned int n) { return end.recv(data, n, true); }});
-const auto transfer_name = [](const auto& test) { return std::string(test.param.name); };
+const auto name_of_transfer = [](const auto& test) { return std::string(test.param.name); };
 
 class transfer_of_nothing : public transceiver_test, public testing::WithParamInterface<transfer> {};
 
@@ -641,7 +641,7 @@ TEST_P(transfer_of_nothing, fails_without_a_connection)
     EXPECT_FALSE(GetParam().make(m_server, nullptr, 0));
 }
 
-INSTANTIATE_TEST_SUITE_P(transceiver_test, transfer_of_nothing, transfers, transfer_name);
+INSTANTIATE_TEST_SUITE_P(transceiver_test, transfer_of_nothing, kTransfers, name_of_transfer);
 
 class failing_transfer : public connected_transceiver, public testing::WithParamInterface<transfer> {
 protected:
@@ -674,7 +674,7 @@ TEST_P(failing_transfer, is_one_whose_call_moves_nothing)
     EXPECT_EQ(m_calls.lines_of(GetParam().call).size(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_transfer, transfers, transfer_name);
+INSTANTIATE_TEST_SUITE_P(transceiver_test, failing_transfer, kTransfers, name_of_transfer);
 
 TEST_F(connected_transceiver, send_goes_on_until_everything_is_written)
 {

@@ -23,18 +23,18 @@ using namespace std::string_literals;
 
 namespace {
 
-const std::string by_ids = "usb:1a2b:3c4d";
-const std::string by_serial = "usb:1a2b:3c4d:SN0042";
+const std::string kByIds = "usb:1a2b:3c4d";
+const std::string kBySerial = "usb:1a2b:3c4d:SN0042";
 
 // What always happens, step by step.
 
-const lines construction = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
+const lines kConstruction = {"INFO usb_transceiver start", "init -> 0", "set_debug 3"};
 
-const lines ids_search = {"INFO usb_transceiver open start", "INFO usb_transceiver open ",
+const lines kIdsSearch = {"INFO usb_transceiver open start", "INFO usb_transceiver open ",
                           "open_device_with_vid_pid 1a2b:3c4d -> scanner"};
 
-const lines try_in_vain = {"open_device_with_vid_pid 1a2b:3c4d -> null",
-                           "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds)};
+const lines kTryInVain = {"open_device_with_vid_pid 1a2b:3c4d -> null",
+                          "usleep " + std::to_string(usb_transceiver::kOpenPauseMicroseconds)};
 
 /// What is asked first of a device on which configuration number `active` is in use.
 lines questions(int active)
@@ -72,7 +72,7 @@ lines released(int interface)
 }
 
 /// As far as the first configuration, which is the active one.
-const lines searched = questions(1) + read(0);
+const lines kSearched = questions(1) + read(0);
 
 /// Shows what the class keeps to itself.
 class open_book : public usb_transceiver {
@@ -124,7 +124,7 @@ TEST_F(usb_test, construction_initialises_libusb_and_leaves_the_object_closed)
 {
     connect();
 
-    EXPECT_EQ(happened(), text({construction}));
+    EXPECT_EQ(happened(), text({kConstruction}));
     EXPECT_NE(open_book::sm_ctx, nullptr);
     EXPECT_TRUE(open_book::sm_isInitialized);
     EXPECT_EQ(open_book::sm_nConnectionCount, 1);
@@ -144,7 +144,7 @@ TEST_F(usb_test, two_objects_share_one_context_until_the_second_is_destroyed)
 {
     connect();
     auto second = std::make_unique<usb_transceiver>();
-    EXPECT_EQ(happened(), text({construction, {"INFO usb_transceiver start"}}));
+    EXPECT_EQ(happened(), text({kConstruction, {"INFO usb_transceiver start"}}));
     EXPECT_EQ(open_book::sm_nConnectionCount, 2);
 
     usb.reset();
@@ -165,7 +165,7 @@ TEST_F(usb_test, an_object_after_all_others_are_gone_initialises_a_fresh_context
     EXPECT_EQ(open_book::sm_nConnectionCount, 0);
 
     connect();
-    EXPECT_EQ(happened(), text({construction}));
+    EXPECT_EQ(happened(), text({kConstruction}));
 }
 
 TEST_F(usb_test, failed_initialisation_is_logged_and_leaves_nothing_behind)
@@ -184,7 +184,7 @@ TEST_F(usb_test, failed_initialisation_is_logged_and_leaves_nothing_behind)
     EXPECT_EQ(open_book::sm_nConnectionCount, 0);
 
     connect();
-    EXPECT_EQ(happened(), text({construction}));
+    EXPECT_EQ(happened(), text({kConstruction}));
     EXPECT_EQ(open_book::sm_nConnectionCount, 1);
 }
 
@@ -216,19 +216,19 @@ TEST_F(usb_test, open_without_a_serial_opens_the_first_device_with_the_ids)
 {
     connect_to(scanner_device());
 
-    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_TRUE(usb->open(kByIds));
     EXPECT_TRUE(usb->is_open());
-    EXPECT_EQ(happened(), text({ids_search, searched, claimed(0), freed(0)}));
+    EXPECT_EQ(happened(), text({kIdsSearch, kSearched, claimed(0), freed(0)}));
 }
 
 TEST_F(usb_test, open_without_a_serial_makes_all_tries_with_pauses_and_fails_when_there_is_no_device)
 {
     connect_to();
 
-    EXPECT_FALSE(usb->open(by_ids));
+    EXPECT_FALSE(usb->open(kByIds));
     EXPECT_FALSE(usb->is_open());
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
-                                support::repeated(usb_transceiver::kOpenTries, try_in_vain),
+                                support::repeated(usb_transceiver::kOpenTries, kTryInVain),
                                 {"INFO usb_transceiver open fails"}}));
 }
 
@@ -238,11 +238,11 @@ TEST_F(usb_test, open_without_a_serial_finds_a_device_that_appears_at_the_third_
     late.appears_at_search = 3;
     connect_to(late);
 
-    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_TRUE(usb->open(kByIds));
     EXPECT_EQ(happened(), text({{"INFO usb_transceiver open start", "INFO usb_transceiver open "},
-                                support::repeated(2, try_in_vain),
+                                support::repeated(2, kTryInVain),
                                 {"open_device_with_vid_pid 1a2b:3c4d -> scanner"},
-                                searched,
+                                kSearched,
                                 claimed(0),
                                 freed(0)}));
 }
@@ -288,12 +288,12 @@ lines chosen(const std::string& name)
             "claim_interface " + name + " 0 -> 0",       "free_config_descriptor " + name + " 0"};
 }
 
-const lines list_freed = {"free_device_list unref"};
+const lines kListFreed = {"free_device_list unref"};
 
 /// What the device of the serial is opened with, once examined.
 lines found(const std::string& name)
 {
-    return lines{"INFO found device", "open " + name + " -> 0"} + list_freed + chosen(name);
+    return lines{"INFO found device", "open " + name + " -> 0"} + kListFreed + chosen(name);
 }
 
 lines serial_search(const std::string& answer, const std::string& serial = "SN0042")
@@ -308,14 +308,14 @@ lines found_by_ids(const std::string& name)
     return lines{"INFO not found retry", "open_device_with_vid_pid 1a2b:3c4d -> " + name} + chosen(name);
 }
 
-const auto nothing_first = [](fake_usb::bus&) {};
+void nothing_first(fake_usb::bus&) {}
 const auto name_of_case = [](const auto& test) { return test.param.name; };
 
 struct search_case {
     const char* name;
     std::vector<fake_usb::device> devices;
     lines steps;
-    std::string address = by_serial;
+    std::string address = kBySerial;
     std::function<void(fake_usb::bus&)> before = nothing_first;
     bool is_opened = true;
 };
@@ -344,13 +344,13 @@ const std::vector<search_case> kSearches = {
     {"serial_with_its_terminator",
      {twin("left", "SN0041"), twin("right", "SN0042")},
      serial_search("2") + examined("left") + examined("right") + found("right"),
-     by_serial + "\0"s},
+     kBySerial + "\0"s},
     {"other_ids_are_not_even_opened",
      {of_another_product(twin("left", "SN0042")), twin("right", "SN0042")},
      serial_search("2") + lines{"get_device_descriptor left -> 0"} + examined("right") + found("right")},
     {"ids_when_nobody_has_the_serial",
      {twin("left", "SN0041"), twin("right", "SN0043")},
-     serial_search("2") + examined("left") + examined("right") + list_freed + found_by_ids("left")},
+     serial_search("2") + examined("left") + examined("right") + kListFreed + found_by_ids("left")},
     {"next_when_the_found_one_cannot_be_opened",
      {locked(twin("left", "SN0041")), twin("right", "SN0042")},
      serial_search("2") +
@@ -361,39 +361,39 @@ const std::vector<search_case> kSearches = {
      {twin("left", "SN0041"), twin("right", "SN0042")},
      serial_search("2") + lines{"get_device_descriptor left -> 0", "open left -> LIBUSB_ERROR_BUSY"} +
          found("left"),
-     by_serial,
+     kBySerial,
      [](fake_usb::bus& bus) { bus.fail("open", LIBUSB_ERROR_BUSY).of("left").times(1); }},
     {"next_when_an_open_succeeds_without_a_handle",
      {twin("left", "SN0042"), twin("right", "SN0042")},
      serial_search("2") + examined("left") + lines{"INFO found device", "open left -> 0"} +
          examined("right") + found("right"),
-     by_serial,
+     kBySerial,
      [](fake_usb::bus& bus) { bus.fail("open", LIBUSB_SUCCESS).of("left").from_call(2); }},
     {"ids_when_the_devices_cannot_be_listed",
      {twin("left", "SN0042")},
      serial_search("LIBUSB_ERROR_NO_MEM") + found_by_ids("left"),
-     by_serial,
+     kBySerial,
      [](fake_usb::bus& bus) { bus.fail("get_device_list", LIBUSB_ERROR_NO_MEM); }},
     {"bus_number_is_taken_for_a_serial",
      {twin("left", "SN0041")},
-     serial_search("1", "002") + examined("left") + list_freed + found_by_ids("left"),
+     serial_search("1", "002") + examined("left") + kListFreed + found_by_ids("left"),
      "usb:1a2b:3c4d:002:005"},
     {"empty_list_is_freed",
      {},
-     serial_search("0") + list_freed + lines{"INFO not found retry"} +
-         support::repeated(usb_transceiver::kOpenTries, try_in_vain) +
+     serial_search("0") + kListFreed + lines{"INFO not found retry"} +
+         support::repeated(usb_transceiver::kOpenTries, kTryInVain) +
          lines{"INFO usb_transceiver open fails"},
-     by_serial,
+     kBySerial,
      nothing_first,
      false},
     {"ids_are_not_tried_when_the_found_one_has_no_interface",
      {without_interfaces(twin("left", "SN0042")), twin("right", "SN0043")},
-     serial_search("2") + examined("left") + lines{"INFO found device", "open left -> 0"} + list_freed +
+     serial_search("2") + examined("left") + lines{"INFO found device", "open left -> 0"} + kListFreed +
          lines{"INFO usb_transceiver set_bulk_endpoints", "get_device left -> left",
                "get_device_descriptor left -> 0", "get_configuration left -> 0 (1)",
                "get_config_descriptor left 0 -> 0", "free_config_descriptor left 0", "close left",
                "INFO usb_transceiver set_bulk_endpoints fails"},
-     by_serial,
+     kBySerial,
      nothing_first,
      false},
 };
@@ -402,10 +402,10 @@ INSTANTIATE_TEST_SUITE_P(, search_by_serial, testing::ValuesIn(kSearches), name_
 
 // The choice of the interface.
 
-const endpoint bulk_in = {0x81};
-const endpoint bulk_out = {0x02};
+const endpoint kBulkIn = {0x81};
+const endpoint kBulkOut = {0x02};
 
-alt_setting setting(std::uint8_t number, std::vector<endpoint> endpoints = {bulk_in, bulk_out})
+alt_setting setting(std::uint8_t number, std::vector<endpoint> endpoints = {kBulkIn, kBulkOut})
 {
     alt_setting result;
     result.interface_number = number;
@@ -429,8 +429,8 @@ alt_setting with_null_endpoints()
 }
 
 using interfaces = std::vector<fake_usb::usb_interface>;
-const interfaces usable = scanner_device().configurations[0].interfaces;
-const interfaces useless = {{printer()}};
+const interfaces kUsable = scanner_device().configurations[0].interfaces;
+const interfaces kUseless = {{printer()}};
 
 fake_usb::device with_configurations(int active, std::vector<configuration> configurations)
 {
@@ -459,13 +459,13 @@ std::function<void(fake_usb::bus&)> fails(const std::string& function, int error
     return [=](fake_usb::bus& bus) { bus.fail(function, error).from_call(from_call).times(1); };
 }
 
-const lines driver_detached = {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0"};
-const lines driver_attached = {"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0"};
-const lines claimed_0 = {"claim_interface scanner 0 -> 0"};
-const lines configuration_1_set = {"set_configuration scanner 1 -> 0"};
-const lines device_asked = {"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner"};
-const lines open_refused = {"close scanner", "INFO usb_transceiver set_bulk_endpoints fails"};
-const lines closed = {"close scanner"};
+const lines kDriverDetached = {"kernel_driver_active scanner 0 -> 1", "detach_kernel_driver scanner 0 -> 0"};
+const lines kDriverAttached = {"release_interface scanner 0 -> 0", "attach_kernel_driver scanner 0 -> 0"};
+const lines kClaimed0 = {"claim_interface scanner 0 -> 0"};
+const lines kConfiguration1Set = {"set_configuration scanner 1 -> 0"};
+const lines kDeviceAsked = {"INFO usb_transceiver set_bulk_endpoints", "get_device scanner -> scanner"};
+const lines kOpenRefused = {"close scanner", "INFO usb_transceiver set_bulk_endpoints fails"};
+const lines kClosed = {"close scanner"};
 
 struct choice_case {
     const char* name;
@@ -483,23 +483,24 @@ TEST_P(choice_of_the_interface, takes_these_steps_and_close_takes_them_back)
     GetParam().before(bus);
     const bool is_opened = !GetParam().then.empty();
 
-    EXPECT_EQ(usb->open(by_ids), is_opened);
-    EXPECT_EQ(happened(), text({ids_search, GetParam().steps, is_opened ? lines() : open_refused}));
+    EXPECT_EQ(usb->open(kByIds), is_opened);
+    EXPECT_EQ(happened(), text({kIdsSearch, GetParam().steps, is_opened ? lines() : kOpenRefused}));
     EXPECT_EQ(usb->is_open(), is_opened);
     usb->close();
     EXPECT_EQ(happened(), text({GetParam().then}));
 }
 
 const std::vector<choice_case> kInterfaces = {
-    {"claimed_by_its_number", with_interfaces({{setting(4)}}), searched + claimed(4) + freed(0), released(4)},
-    {"with_the_greatest_number", with_interfaces({{setting(255)}}), searched + claimed(255) + freed(0),
+    {"claimed_by_its_number", with_interfaces({{setting(4)}}), kSearched + claimed(4) + freed(0),
+     released(4)},
+    {"with_the_greatest_number", with_interfaces({{setting(255)}}), kSearched + claimed(255) + freed(0),
      released(255)},
-    {"of_another_class", with_interfaces(useless), searched + freed(0)},
+    {"of_another_class", with_interfaces(kUseless), kSearched + freed(0)},
     {"behind_one_of_another_class", with_interfaces({{printer()}, {setting(1)}}),
-     searched + claimed(1) + freed(0), released(1)},
+     kSearched + claimed(1) + freed(0), released(1)},
     {"whose_first_setting_is_of_another_class", with_interfaces({{printer(), setting(0)}}),
-     searched + claimed(0) + freed(0), released(0)},
-    {"first_that_fits", with_interfaces({{setting(0)}, {setting(1)}}), searched + claimed(0) + freed(0),
+     kSearched + claimed(0) + freed(0), released(0)},
+    {"first_that_fits", with_interfaces({{setting(0)}, {setting(1)}}), kSearched + claimed(0) + freed(0),
      released(0)},
     {"with_ten_endpoints",
      with_interfaces({{setting(0, {{0x83, 3},
@@ -510,27 +511,27 @@ const std::vector<choice_case> kInterfaces = {
                                    {0x88, 3},
                                    {0x03, 3},
                                    {0x04, 3},
-                                   bulk_in,
-                                   bulk_out})}}),
-     searched + claimed(0) + freed(0), released(0)},
-    {"with_bulk_in_alone", with_interfaces({{setting(0, {bulk_in})}}), searched + given_up(0) + freed(0)},
-    {"with_bulk_out_alone", with_interfaces({{setting(0, {bulk_out})}}), searched + given_up(0) + freed(0)},
+                                   kBulkIn,
+                                   kBulkOut})}}),
+     kSearched + claimed(0) + freed(0), released(0)},
+    {"with_bulk_in_alone", with_interfaces({{setting(0, {kBulkIn})}}), kSearched + given_up(0) + freed(0)},
+    {"with_bulk_out_alone", with_interfaces({{setting(0, {kBulkOut})}}), kSearched + given_up(0) + freed(0)},
     {"whose_endpoint_array_is_null", with_interfaces({{with_null_endpoints()}}),
-     searched + given_up(0) + freed(0)},
-    {"endpoints_of_two", with_interfaces({{setting(0, {bulk_in})}, {setting(1, {bulk_out})}}),
-     searched + given_up(0) + given_up(1) + freed(0)},
-    {"whose_second_setting_fits", with_interfaces({{setting(0, {bulk_in}), setting(0)}}),
-     searched + given_up(0) + claimed(0) + freed(0), released(0)},
+     kSearched + given_up(0) + freed(0)},
+    {"endpoints_of_two", with_interfaces({{setting(0, {kBulkIn})}, {setting(1, {kBulkOut})}}),
+     kSearched + given_up(0) + given_up(1) + freed(0)},
+    {"whose_second_setting_fits", with_interfaces({{setting(0, {kBulkIn}), setting(0)}}),
+     kSearched + given_up(0) + claimed(0) + freed(0), released(0)},
     {"held_by_another_process",
      with_interfaces({{setting(0)}, {setting(1)}}),
-     searched +
+     kSearched +
          lines{"kernel_driver_active scanner 0 -> 0", "claim_interface scanner 0 -> LIBUSB_ERROR_BUSY"} +
          freed(0),
      {},
      fails("claim_interface", LIBUSB_ERROR_BUSY)},
     {"held_by_another_process_behind_one_without_endpoints",
-     with_interfaces({{setting(0, {bulk_in})}, {setting(1)}}),
-     searched + given_up(0) +
+     with_interfaces({{setting(0, {kBulkIn})}, {setting(1)}}),
+     kSearched + given_up(0) +
          lines{"kernel_driver_active scanner 1 -> 0", "claim_interface scanner 1 -> LIBUSB_ERROR_BUSY"} +
          freed(0),
      {},
@@ -538,32 +539,32 @@ const std::vector<choice_case> kInterfaces = {
 };
 
 const std::vector<choice_case> kKernelDrivers = {
-    {"away_for_the_session", with_driver(usable), searched + driver_detached + claimed_0 + freed(0),
-     driver_attached + closed},
-    {"back_when_an_endpoint_is_missing", with_driver({{setting(0, {bulk_in})}}),
-     searched + driver_detached + claimed_0 + driver_attached + freed(0)},
+    {"away_for_the_session", with_driver(kUsable), kSearched + kDriverDetached + kClaimed0 + freed(0),
+     kDriverAttached + kClosed},
+    {"back_when_an_endpoint_is_missing", with_driver({{setting(0, {kBulkIn})}}),
+     kSearched + kDriverDetached + kClaimed0 + kDriverAttached + freed(0)},
     {"back_between_two_settings", with_driver({{setting(0, {}), setting(0)}}),
-     searched + driver_detached + claimed_0 + driver_attached + driver_detached + claimed_0 + freed(0),
-     driver_attached + closed},
-    {"of_a_refused_interface_is_not_remembered", with_driver({{setting(0, {bulk_in})}, {setting(1)}}),
-     searched + driver_detached + claimed_0 + driver_attached + claimed(1) + freed(0), released(1)},
+     kSearched + kDriverDetached + kClaimed0 + kDriverAttached + kDriverDetached + kClaimed0 + freed(0),
+     kDriverAttached + kClosed},
+    {"of_a_refused_interface_is_not_remembered", with_driver({{setting(0, {kBulkIn})}, {setting(1)}}),
+     kSearched + kDriverDetached + kClaimed0 + kDriverAttached + claimed(1) + freed(0), released(1)},
     {"that_cannot_be_asked_for", scanner_device(),
-     searched + lines{"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED"} + claimed_0 + freed(0),
+     kSearched + lines{"kernel_driver_active scanner 0 -> LIBUSB_ERROR_NOT_SUPPORTED"} + kClaimed0 + freed(0),
      released(0), fails("kernel_driver_active", LIBUSB_ERROR_NOT_SUPPORTED)},
     {"answered_for_by_another_number", scanner_device(),
-     searched + lines{"kernel_driver_active scanner 0 -> 2"} + claimed_0 + freed(0), released(0),
+     kSearched + lines{"kernel_driver_active scanner 0 -> 2"} + kClaimed0 + freed(0), released(0),
      fails("kernel_driver_active", 2)},
     {"that_cannot_be_detached",
      with_driver({{setting(0)}, {setting(1)}}),
-     searched +
+     kSearched +
          lines{"kernel_driver_active scanner 0 -> 1",
                "detach_kernel_driver scanner 0 -> LIBUSB_ERROR_ACCESS"} +
          freed(0),
      {},
      fails("detach_kernel_driver", LIBUSB_ERROR_ACCESS)},
     {"back_after_a_failed_claim",
-     with_driver(usable),
-     searched + driver_detached +
+     with_driver(kUsable),
+     kSearched + kDriverDetached +
          lines{"claim_interface scanner 0 -> LIBUSB_ERROR_BUSY", "attach_kernel_driver scanner 0 -> 0"} +
          freed(0),
      {},
@@ -578,40 +579,40 @@ const std::vector<choice_case> kConfigurations = {
      fails("get_device", 0)},
     {"of_an_unreadable_device",
      scanner_device(),
-     device_asked + lines{"get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
+     kDeviceAsked + lines{"get_device_descriptor scanner -> LIBUSB_ERROR_IO"},
      {},
      fails("get_device_descriptor", LIBUSB_ERROR_IO)},
     {"unknown_which_is_active",
      scanner_device(),
-     device_asked +
+     kDeviceAsked +
          lines{"get_device_descriptor scanner -> 0", "get_configuration scanner -> LIBUSB_ERROR_NO_DEVICE"},
      {},
      fails("get_configuration", LIBUSB_ERROR_NO_DEVICE)},
     {"none", with_configurations(1, {}), questions(1)},
     {"unreadable_and_none_behind_it",
-     with_configurations(1, {{1, usable}, {2, usable}}),
+     with_configurations(1, {{1, kUsable}, {2, kUsable}}),
      questions(1) + lines{"get_config_descriptor scanner 0 -> LIBUSB_ERROR_IO"},
      {},
      fails("get_config_descriptor", LIBUSB_ERROR_IO)},
     {"set_to_1_whatever_the_first_one_s_value",
-     with_configurations(3, {{2, usable}, {1, usable}, {3, usable}}),
-     questions(3) + read(0) + configuration_1_set + claimed(0) + freed(0), released(0)},
-    {"set_to_1_when_none_is_active", with_configurations(0, {{1, usable}}),
-     questions(0) + read(0) + configuration_1_set + claimed(0) + freed(0), released(0)},
+     with_configurations(3, {{2, kUsable}, {1, kUsable}, {3, kUsable}}),
+     questions(3) + read(0) + kConfiguration1Set + claimed(0) + freed(0), released(0)},
+    {"set_to_1_when_none_is_active", with_configurations(0, {{1, kUsable}}),
+     questions(0) + read(0) + kConfiguration1Set + claimed(0) + freed(0), released(0)},
     {"compared_with_the_active_one_as_first_read",
-     with_configurations(2, {{1, useless}, {4, {}}, {2, usable}}),
-     questions(2) + read(0) + configuration_1_set + freed(0) + read(1) + configuration_1_set + freed(1) +
+     with_configurations(2, {{1, kUseless}, {4, {}}, {2, kUsable}}),
+     questions(2) + read(0) + kConfiguration1Set + freed(0) + read(1) + kConfiguration1Set + freed(1) +
          read(2) + claimed(0) + freed(2),
      released(0)},
     {"that_cannot_be_set_and_none_behind_it",
-     with_configurations(2, {{1, usable}, {2, usable}}),
+     with_configurations(2, {{1, kUsable}, {2, kUsable}}),
      questions(2) + read(0) + lines{"set_configuration scanner 1 -> LIBUSB_ERROR_BUSY"} + freed(0),
      {},
      fails("set_configuration", LIBUSB_ERROR_BUSY)},
-    {"sixth", with_configurations(2, {{2, {}}, {3, {}}, {4, {}}, {5, {}}, {6, {}}, {1, usable}}),
-     questions(2) + read(0) + freed(0) + read(1) + configuration_1_set + freed(1) + read(2) +
-         configuration_1_set + freed(2) + read(3) + configuration_1_set + freed(3) + read(4) +
-         configuration_1_set + freed(4) + read(5) + configuration_1_set + claimed(0) + freed(5),
+    {"sixth", with_configurations(2, {{2, {}}, {3, {}}, {4, {}}, {5, {}}, {6, {}}, {1, kUsable}}),
+     questions(2) + read(0) + freed(0) + read(1) + kConfiguration1Set + freed(1) + read(2) +
+         kConfiguration1Set + freed(2) + read(3) + kConfiguration1Set + freed(3) + read(4) +
+         kConfiguration1Set + freed(4) + read(5) + kConfiguration1Set + claimed(0) + freed(5),
      released(0)},
 };
 
@@ -624,7 +625,7 @@ TEST_F(usb_test, open_keeps_what_it_chose_and_close_forgets_it)
 {
     connect_to(with_configurations(1, {{1, {{printer(200)}}}, {2, {{setting(200, {{0x83}, {0x05}})}}}}));
 
-    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_TRUE(usb->open(kByIds));
     EXPECT_EQ(usb->m_nConfiguration, 2);
     EXPECT_EQ(usb->m_nInterface, 200);
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
@@ -644,8 +645,8 @@ TEST_F(usb_test, object_can_be_opened_after_a_failed_open)
     connect_to(scanner_device());
     bus.fail("claim_interface", LIBUSB_ERROR_BUSY).times(1);
 
-    EXPECT_FALSE(usb->open(by_ids));
-    EXPECT_TRUE(usb->open(by_ids));
+    EXPECT_FALSE(usb->open(kByIds));
+    EXPECT_TRUE(usb->open(kByIds));
 }
 
 // Transfers.
@@ -658,7 +659,7 @@ protected:
         if (IsSkipped())
             return;
         connect_to(scanner_device());
-        ASSERT_TRUE(usb->open(by_ids));
+        ASSERT_TRUE(usb->open(kByIds));
         forget_what_happened();
     }
 
@@ -810,7 +811,7 @@ TEST_F(usb_test_of_transfers, transfers_use_the_endpoints_of_the_chosen_setting)
     fake_usb::device other = with_interfaces({{setting(0, {{0x86}, {0x07}})}});
     other.name = "other";
     bus.plug(other);
-    ASSERT_TRUE(usb->open(by_ids));
+    ASSERT_TRUE(usb->open(kByIds));
     forget_what_happened();
 
     read(1);
@@ -823,16 +824,16 @@ TEST_F(usb_test_of_transfers, transfers_use_the_endpoints_of_the_chosen_setting)
 
 TEST_F(usb_test, close_keeps_the_flag_of_the_kernel_driver_and_the_next_open_rewrites_it)
 {
-    connect_to(with_driver(usable));
-    EXPECT_TRUE(usb->open(by_ids));
+    connect_to(with_driver(kUsable));
+    EXPECT_TRUE(usb->open(kByIds));
     usb->close();
     EXPECT_TRUE(usb->m_isKernelDriverDetached);
 
     bus.unplug("scanner");
-    fake_usb::device other = with_interfaces(useless);
+    fake_usb::device other = with_interfaces(kUseless);
     other.name = "other";
     bus.plug(other);
-    EXPECT_FALSE(usb->open(by_ids));
+    EXPECT_FALSE(usb->open(kByIds));
     EXPECT_FALSE(usb->m_isKernelDriverDetached);
 }
 
@@ -856,8 +857,8 @@ TEST_F(usb_test_of_transfers, closed_object_can_be_opened_again)
     usb->close();
     forget_what_happened();
 
-    EXPECT_TRUE(usb->open(by_ids));
-    EXPECT_EQ(happened(), text({ids_search, searched, claimed(0), freed(0)}));
+    EXPECT_TRUE(usb->open(kByIds));
+    EXPECT_EQ(happened(), text({kIdsSearch, kSearched, claimed(0), freed(0)}));
 }
 
 TEST_F(usb_test_of_transfers, open_does_not_fill_in_the_ids_so_that_close_resets_no_device)
@@ -899,7 +900,7 @@ TEST_F(usb_test, every_line_is_logged_as_coming_from_usb)
     bus.plug(scanner_device());
     bus.script("scanner", 0x81, ends_with(LIBUSB_ERROR_PIPE, 0));
     connect();
-    usb->open(by_serial);
+    usb->open(kBySerial);
     unsigned char byte = 0;
     usb->read(&byte, 1);
     usb_transceiver::getpid("");

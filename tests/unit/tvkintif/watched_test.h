@@ -55,10 +55,10 @@ private:
     lines new_log_lines()
     {
         const lines all = support::log_dialogue();
-        const lines fresh(all.begin() + m_log_lines_seen, all.end());
-        m_log_lines_seen = static_cast<lines::difference_type>(all.size());
+        const lines fresh(all.begin() + m_logLinesSeen, all.end());
+        m_logLinesSeen = static_cast<lines::difference_type>(all.size());
         return fresh;
     }
 
-    lines::difference_type m_log_lines_seen = 0;
+    lines::difference_type m_logLinesSeen = 0;
 };

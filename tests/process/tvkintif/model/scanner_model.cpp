@@ -95,7 +95,7 @@ std::string plugin_file_of(unsigned int product)
 }
 
 scanner_model::scanner_model(const plugin_kind* installed, std::string installed_file)
-    : m_installed(installed), m_installed_file(std::move(installed_file))
+    : m_installed(installed), m_installedFile(std::move(installed_file))
 {
 }
 
@@ -120,7 +120,7 @@ bool scanner_model::open(const std::string& udi)
     const std::string file = plugin_file_of(to.product);
     log("interpName " + file);
     const bool is_loaded =
-        load_plugin(std::string(TVKINTIF_PLUGIN_DIR) + "libexec/" + file, m_installed_file == file);
+        load_plugin(std::string(TVKINTIF_PLUGIN_DIR) + "libexec/" + file, m_installedFile == file);
     if (is_loaded && connect(to))
         return start_plugin();
     log("open fails");

@@ -80,7 +80,7 @@ private:
     int transfer(const char* direction, int endpoint, bytes& data);
 
     const plugin_kind* m_installed;
-    std::string m_installed_file;
+    std::string m_installedFile;
     bool m_isRunning = false; ///< the plugin
     bytes m_kept;             ///< by a plugin that echoes
     libusb_context* m_context = nullptr;

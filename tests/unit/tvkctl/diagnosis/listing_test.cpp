@@ -87,7 +87,7 @@ TEST_F(listing_test, an_unusable_device_is_listed_only_on_request)
 TEST_F(listing_test, a_file_that_is_not_a_library_is_not_loadable)
 {
     bus.plug(scanner());
-    const std::string path = support::plugin_directory + "/libryo-mora-hk-t210.so";
+    const std::string path = support::kPluginDirectory + "/libryo-mora-hk-t210.so";
     write_file(path, "no library");
     const auto plugin = list_devices(false, machine).at(0).plugin;
     std::filesystem::remove(path);

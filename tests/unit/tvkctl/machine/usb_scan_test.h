@@ -69,7 +69,7 @@ protected:
         std::filesystem::create_symlink(file, folder / "fd/3");
     }
 
-    const std::string root = support::log_root + "/machine";
+    const std::string root = support::kLogRoot + "/machine";
     host machine{root + "/dev", root + "/sys", root + "/proc", ""};
     fake_usb::checked_bus bus;
 };

@@ -258,9 +258,9 @@ TEST(elf_file, never_crashes_on_a_file_with_one_wrong_byte)
     const std::string whole = content_of("passing");
     const scratch_file neighbour("");
     const std::string path = neighbour.folder() / "changed.so";
-    constexpr std::size_t step = 31; // all bytes in turn would take long and find no more
+    constexpr std::size_t kStep = 31; // all bytes in turn would take long and find no more
     std::size_t tried = 0;
-    for (std::size_t position = 0; position < whole.size(); position += step) {
+    for (std::size_t position = 0; position < whole.size(); position += kStep) {
         std::string changed = whole;
         changed[position] = static_cast<char>(~changed[position]);
         std::ofstream(path, std::ios::binary | std::ios::trunc) << changed;

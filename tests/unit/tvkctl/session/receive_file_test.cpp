@@ -25,7 +25,7 @@ protected:
 
     std::string content() const { return support::read_file(path); }
 
-    const std::string path = support::log_root + "/received.raw";
+    const std::string path = support::kLogRoot + "/received.raw";
 };
 
 TEST_F(receive_file_test, a_piece_is_in_the_file_when_it_was_written)
@@ -59,13 +59,13 @@ TEST_F(receive_file_test, an_old_file_is_added_to_on_request)
 
 TEST_F(receive_file_test, a_file_of_more_than_2_gib_can_be_added_to)
 {
-    constexpr off64_t size = 3LL << 30;
+    constexpr off64_t kSize = 3LL << 30;
     receive_file(path, false).write("a");
-    ASSERT_EQ(truncate64(path.c_str(), size), 0);
+    ASSERT_EQ(truncate64(path.c_str(), kSize), 0);
     receive_file(path, true).write("b");
     struct stat64 status = {};
     ASSERT_EQ(stat64(path.c_str(), &status), 0);
-    EXPECT_EQ(status.st_size, size + 1);
+    EXPECT_EQ(status.st_size, kSize + 1);
 }
 
 TEST_F(receive_file_test, a_file_that_cannot_be_made_is_reported_by_name_and_reason)

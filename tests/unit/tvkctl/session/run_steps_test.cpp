@@ -44,7 +44,7 @@ class file_of_a_test {
 public:
     explicit file_of_a_test(const std::string& content) { std::ofstream(path()) << content; }
     ~file_of_a_test() { std::remove(path().c_str()); }
-    static std::string path() { return support::log_root + "/sent by a test.bin"; }
+    static std::string path() { return support::kLogRoot + "/sent by a test.bin"; }
 };
 
 TEST(run_steps, send_takes_bytes_and_texts_in_their_order_up_to_a_comment)
@@ -92,8 +92,8 @@ TEST(run_steps, a_step_keeps_its_text_as_written)
     EXPECT_EQ(parse_step("recv  512").text, "recv  512");
 }
 
-const std::string sizes = kSizeForms;
-const std::string times = std::string(kTimeForms) + ", at most a day";
+const std::string kSizes = kSizeForms;
+const std::string kTimes = std::string(kTimeForms) + ", at most a day";
 
 struct bad_step {
     const char* name;
@@ -129,11 +129,11 @@ INSTANTIATE_TEST_SUITE_P(
         bad_step{"send_to_a_file", "send 01 > a", "send receives nothing that could go to a file"},
         bad_step{"recv_nothing", "recv",
                  "expected the number of bytes and nothing else; put the whole step in quotes"},
-        bad_step{"recv_zero", "recv 0", "invalid size \"0\"; write " + sizes},
-        bad_step{"recv_negative", "recv -1", "invalid size \"-1\"; write " + sizes},
-        bad_step{"recv_unknown_unit", "recv 1MB", "invalid size \"1MB\"; write " + sizes},
+        bad_step{"recv_zero", "recv 0", "invalid size \"0\"; write " + kSizes},
+        bad_step{"recv_negative", "recv -1", "invalid size \"-1\"; write " + kSizes},
+        bad_step{"recv_unknown_unit", "recv 1MB", "invalid size \"1MB\"; write " + kSizes},
         bad_step{"recv_too_large", "recv 0x10000000000000000",
-                 "invalid size \"0x10000000000000000\"; write " + sizes},
+                 "invalid size \"0x10000000000000000\"; write " + kSizes},
         bad_step{"recv_two_sizes", "recv 1 2",
                  "expected the number of bytes and nothing else; put the whole step in quotes"},
         bad_step{"arrow_without_name", "recv 1 >",
@@ -144,9 +144,9 @@ INSTANTIATE_TEST_SUITE_P(
                  "expected a selector and nothing else; put the whole step in quotes"},
         bad_step{"query_too_large", "query 4294967296",
                  "invalid selector \"4294967296\"; write a number of 32 bits, such as 1 or 0x1"},
-        bad_step{"sleep_backwards", "sleep -1", "invalid time \"-1\"; write " + times},
-        bad_step{"sleep_of_two_points", "sleep 1.2.3", "invalid time \"1.2.3\"; write " + times},
-        bad_step{"sleep_for_years", "sleep 86401", "invalid time \"86401\"; write " + times}),
+        bad_step{"sleep_backwards", "sleep -1", "invalid time \"-1\"; write " + kTimes},
+        bad_step{"sleep_of_two_points", "sleep 1.2.3", "invalid time \"1.2.3\"; write " + kTimes},
+        bad_step{"sleep_for_years", "sleep 86401", "invalid time \"86401\"; write " + kTimes}),
     [](const auto& which) { return which.param.name; });
 
 TEST(run_steps, help_has_forms_and_meanings_in_columns)
@@ -168,7 +168,7 @@ TEST(run_steps, a_bad_line_of_a_script_is_named)
 {
     std::istringstream script("send 01\n\nrecv x\n");
     const auto error = support::caught<tool_error>([&] { read_script(script, "a.steps"); });
-    EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + sizes);
+    EXPECT_EQ(std::string(error.what()), "a.steps:3, \"recv x\": invalid size \"x\"; write " + kSizes);
 }
 
 TEST(run_steps, a_missing_file_to_send_is_an_unreadable_input)
