@@ -67,22 +67,35 @@ void wait_for_a_process_that_another_reaped()
     handle.wait(tarvik::deadline(10s));
 }
 
-/// The system refuses to look at more descriptors than a process may have.
-void wait_where_no_descriptor_is_allowed()
-{
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none = {0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    const auto error = support::caught<std::system_error>(
-        [] { tarvik::wait_until_ready(STDIN_FILENO, POLLIN, tarvik::deadline(0ms)); });
-    setrlimit(RLIMIT_NOFILE, &before);
-    throw std::system_error(error);
-}
+/// While it lives, this process may have no descriptor: the system then refuses to look at any.
+class no_descriptor_allowed {
+public:
+    no_descriptor_allowed()
+    {
+        getrlimit(RLIMIT_NOFILE, &m_before);
+        const rlimit none = {0, m_before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    no_descriptor_allowed(const no_descriptor_allowed&) = delete;
+    no_descriptor_allowed& operator=(const no_descriptor_allowed&) = delete;
+    ~no_descriptor_allowed() { setrlimit(RLIMIT_NOFILE, &m_before); }
+
+private:
+    rlimit m_before = {};
+};
 
 void collect_from_nowhere()
 {
     tarvik::output_collector collector{tarvik::unique_fd()};
+}
+
+void wait_where_no_descriptor_is_allowed()
+{
+    // The sanitizers' run-time needs descriptors itself when it sees an error of this type for the first
+    // time.
+    support::caught<std::system_error>(collect_from_nowhere);
+    const no_descriptor_allowed here;
+    tarvik::wait_until_ready(STDIN_FILENO, POLLIN, tarvik::deadline(0ms));
 }
 
 struct failing_call {
