@@ -5,7 +5,6 @@
 //     exchanges [PASSES]
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/tcp.h>
 #include <sched.h>
@@ -19,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -35,13 +33,14 @@
 #include "support/plugin_files.h"
 #include "support/private_paths.h"
 #include "support/proc_files.h"
+#include "support/wait_until.h"
 #include "tvkintif/src/models.h"
 
+using support::kPatience;
 using tarvik::request_code;
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{30};
 constexpr std::size_t kKiB = 1024;
 constexpr std::size_t kMiB = 1024 * kKiB;
 constexpr std::array<std::size_t, 9> kSizes = {20,         512,      4 * kKiB, 16 * kKiB, 64 * kKiB,
@@ -113,8 +112,6 @@ public:
         m_answer.resize(std::max(m_answer.size(), answer));
         take(m_answer.data(), answer);
     }
-
-    pid_t pid() const { return m_process.pid(); }
 
 private:
     void give(const unsigned char* next, std::size_t left)
